@@ -1,0 +1,62 @@
+// The three conversation parsers and the finishing steps they share.
+//
+// Each handler takes one packet of its flow and returns 0 to go on, or 1 when
+// it has finished with the flow (the flow limit was reached, or a POP3
+// retrieval was refused).
+#pragma once
+
+#include <cstdint>
+
+#include "flow/EmailFlowContext.h"
+#include "host/FlowInterfaces.h"
+
+namespace pelka {
+
+class CEmailFlowDataImpl;
+class CPelkaEmailModule;
+
+// Protocol numbers of the header extractor.
+enum : int {
+  kExtractSmtp = 0,
+  kExtractPop3 = 1,
+  kExtractImap4 = 2,
+};
+
+// Which receiver fields make a message worth recording. The full test, used at
+// an SMTP end marker, also accepts a Cc address.
+enum class ReceiverTest { kFull, kShort };
+
+struct PacketArgs {
+  const PacketRecord* packet;
+  IPelkaFlow* flow;
+  IPelkaFlowNode* node;
+  uint32_t direction;
+  const uint8_t* payload;
+  uint32_t length;
+};
+
+uint32_t HandleSmtpData(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
+                        const PacketArgs& args);
+uint32_t HandlePop3Data(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
+                        const PacketArgs& args);
+uint32_t HandleImapData(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
+                        const PacketArgs& args);
+
+// Whether the collected message holds the end marker CR LF "." CR LF. The
+// answer is that of a search over the whole collection; only the bytes added
+// since the last question (and the four before them) are read.
+bool IsMessageComplete(const CPelkaEmailModule& module, CEmailFlowContext& context);
+
+// True when the text is not empty and contains "@".
+bool HasMailAddress(const std::wstring& text);
+
+// Extracts the headers, records the message when it has a sender and a
+// receiver address (copy first, then the record) and empties the context for
+// the next message.
+void CompleteMessage(CPelkaEmailModule& module, CEmailFlowContext& context, const PacketArgs& args,
+                     int extract_protocol, ReceiverTest receiver_test);
+
+// The address test of the finishing step.
+bool QualifiesForRecord(const CEmailFlowContext& context, ReceiverTest receiver_test);
+
+}  // namespace pelka

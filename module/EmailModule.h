@@ -1,0 +1,133 @@
+// CPelkaEmailModule: the e-mail analysis module object.
+//
+// The host drives it through its interfaces: the flow client carries every
+// packet of every SMTP, POP3 and IMAP4 flow; the lifecycle operations
+// initialise it, let it register its log, statistics and diagnosis events, and
+// store its one option, max_flow_length.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "flow/EmailFlowContext.h"
+#include "flow/MultiPatternSearcher.h"
+#include "host/FlowInterfaces.h"
+
+namespace pelka {
+
+class IPelkaDiagnosisEvent;
+class IPelkaDiagnosisService;
+class IPelkaIconService;
+class IPelkaLog;
+class IPelkaLogService;
+class IPelkaStatCategory;
+class IPelkaStatRegistrar;
+class IPelkaStatService;
+struct ConnectionCounter;
+
+// Which mail protocol a packet or check belongs to.
+enum class MailProtocol { kSmtp, kPop3, kImap4 };
+
+// Number of keyed columns of the email log.
+constexpr int kEmailLogKeyedColumns = 20;
+constexpr uint16_t kNoColumn = 0xFFFF;
+
+// Default largest collected message per flow: 2 MiB.
+constexpr uint32_t kDefaultMaxFlowLength = 0x200000;
+
+class CPelkaEmailModule : public IPelkaFlowClient {
+ public:
+  CPelkaEmailModule();
+  virtual ~CPelkaEmailModule();
+  CPelkaEmailModule(const CPelkaEmailModule&) = delete;
+  CPelkaEmailModule& operator=(const CPelkaEmailModule&) = delete;
+
+  // --- Flow client: binding and packet dispatch -----------------------------
+  uint32_t BindFlow(IPelkaFlow* flow, IPelkaFlowStats* stats, IPelkaFlowBindContext** context) override;
+  uint32_t UnbindFlow(IPelkaFlow* flow, IPelkaFlowStats* stats, IPelkaFlowNode* node,
+                      IPelkaFlowBindContext* context) override;
+  uint32_t ProcessFlowData(IPelkaFlow* flow, const PacketRecord* packet, const uint8_t* payload, uint32_t length,
+                           uint32_t direction, IPelkaFlowNode* node, IPelkaFlowBindContext* context) override;
+
+  // --- Records and copies ----------------------------------------------------
+  // Posts one email log record for a finished message (and its summary entry).
+  void PostEmailRecord(IPelkaFlow* flow, CEmailFlowContext& context, IPelkaFlowNode* node);
+  // Writes the ".eml" copy of a finished message when the host asks for copies.
+  void SaveEmailCopy(CEmailFlowContext* context, const PacketRecord* packet);
+  // Local time "%Y-%m-%d %H.%M.%S" of whole seconds, held in the text holder.
+  const wchar_t* MakeCopyTimeText(uint64_t seconds);
+  // Creates the email log, its columns and identifiers.
+  void DefineEmailLog();
+
+  // --- Diagnosis -------------------------------------------------------------
+  void DefineDiagnosisEvents();
+  void CheckSlowResponse(CEmailFlowContext& context, const PacketRecord* packet, uint32_t direction,
+                         const uint8_t* payload, uint32_t length, IPelkaFlowNode* node, MailProtocol protocol);
+  void CheckDubiousConversation(CEmailFlowContext& context, const PacketRecord* packet, uint32_t direction,
+                                const uint8_t* payload, uint32_t length, IPelkaFlowNode* node, MailProtocol protocol);
+  void CheckSmtpServerError(const uint8_t* payload, uint32_t length, const PacketRecord* packet, IPelkaFlowNode* node);
+  void CheckPop3ServerError(const uint8_t* payload, uint32_t length, const PacketRecord* packet, IPelkaFlowNode* node);
+
+  // --- Connection statistics -------------------------------------------------
+  void DefineConnectionStatistics();
+  ConnectionCounter* AddConnectionCounter(IPelkaStatCategory* category, const char* name, const wchar_t* caption,
+                                          uint64_t scope);
+  void ClearConnectionCounters();
+  // Counts one bound flow of the protocol on the flow's statistics object.
+  void CountConnection(MailProtocol protocol, IPelkaFlowStats* stats);
+
+  // --- Settings and shared read-only state -----------------------------------
+  uint32_t max_flow_length() const { return max_flow_length_.load(std::memory_order_relaxed); }
+  void set_max_flow_length(uint32_t bytes) { max_flow_length_.store(bytes, std::memory_order_relaxed); }
+  const CMultiPatternSearcher& end_marker_searcher() const { return end_marker_searcher_; }
+  uint64_t last_email_number() const { return email_number_.load(); }
+  void ResetNumbering() { email_number_.store(0); }
+
+  // Host services; null when the host does not offer them.
+  IPelkaLogService* log_service() const { return log_service_; }
+  IPelkaLog* email_log() const { return email_log_; }
+  void set_log_service(IPelkaLogService* service) { log_service_ = service; }
+  void set_diagnosis_service(IPelkaDiagnosisService* service) { diagnosis_service_ = service; }
+  void set_stat_service(IPelkaStatService* service) { stat_service_ = service; }
+
+ protected:
+  // Host services and objects, obtained in Initialize.
+  IPelkaDiagnosisService* diagnosis_service_ = nullptr;
+  IPelkaIconService* icon_service_ = nullptr;
+  void* notify_ = nullptr;
+
+  // Diagnosis events and their threshold parameters.
+  IPelkaDiagnosisEvent* smtp_slow_event_ = nullptr;
+  uint32_t smtp_time_parameter_ = 0;
+  IPelkaDiagnosisEvent* smtp_dubious_event_ = nullptr;
+  IPelkaDiagnosisEvent* smtp_error_event_ = nullptr;
+  IPelkaDiagnosisEvent* pop3_slow_event_ = nullptr;
+  uint32_t pop3_time_parameter_ = 0;
+  IPelkaDiagnosisEvent* pop3_dubious_event_ = nullptr;
+  IPelkaDiagnosisEvent* pop3_error_event_ = nullptr;
+
+  // Connection statistics.
+  IPelkaStatService* stat_service_ = nullptr;
+  IPelkaStatRegistrar* stat_registrar_ = nullptr;
+  std::vector<ConnectionCounter*> connection_counters_;
+  ConnectionCounter* smtp_counter_ = nullptr;
+  ConnectionCounter* pop3_counter_ = nullptr;
+  ConnectionCounter* imap4_counter_ = nullptr;
+
+  // The email log.
+  IPelkaLogService* log_service_ = nullptr;
+  IPelkaLog* email_log_ = nullptr;
+  int32_t icon_index_ = -1;
+  uint16_t column_ids_[kEmailLogKeyedColumns];
+
+  // Sequence number of the last email record. Atomic so that flows analysed on
+  // several threads still number their records uniquely.
+  std::atomic<uint64_t> email_number_{0};
+  std::atomic<uint32_t> max_flow_length_{kDefaultMaxFlowLength};
+  std::wstring text_holder_;
+  CMultiPatternSearcher end_marker_searcher_;
+};
+
+}  // namespace pelka
