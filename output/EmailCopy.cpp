@@ -4,16 +4,24 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <ctime>
 #include <cwchar>
 #include <cwctype>
 
+#include "flow/EmailFlowContext.h"
+#include "flow/EmailFlowData.h"
 #include "host/CodePage.h"
+#include "host/LogInterfaces.h"
+#include "module/EmailModule.h"
 
 namespace pelka {
 namespace {
 
 constexpr size_t kTimeTextCapacity = 192;
+constexpr uint64_t kMicrosecondsPerSecond = 1000000;
+// Storage kinds are registered "log_email" first, then "email_copy".
+constexpr int32_t kCopyStorageIndex = 1;
 
 std::wstring_view Trim(std::wstring_view text) {
   while (!text.empty() && std::iswspace(text.front())) text.remove_prefix(1);
@@ -42,6 +50,22 @@ bool PathExists(const std::wstring& path) { return ::access(NativePath(path).c_s
 // An existing directory is no failure, and no failure is reported anyway.
 void MakeOneDirectory(std::wstring_view path) { ::mkdir(NativePath(path).c_str(), 0777); }
 
+// The copy folder below the storage root, ending with a separator; empty when
+// the host wants no copy of this message.
+std::wstring CopyFolderPath(IPelkaLogService* service, IPelkaLog* log, const PacketRecord* packet) {
+  if (!packet || !service || !log) return {};
+  if (log->GetSaveMode() != kLogSaveModeSaving) return {};
+  IPelkaLogStorage* storage = log->GetStorage(kCopyStorageIndex);
+  if (!storage || !storage->IsStorageEnabled()) return {};
+  const wchar_t* root = nullptr;
+  if (service->GetStorageRoot(&root) != 0) return {};
+
+  std::wstring folder = root ? root : L"";
+  if (const char* name = storage->GetFolderName()) folder += AnsiToWide(name);
+  folder += kPathSeparator;
+  return folder;
+}
+
 }  // namespace
 
 std::wstring FormatCopyTimeText(uint64_t seconds) {
@@ -53,10 +77,10 @@ std::wstring FormatCopyTimeText(uint64_t seconds) {
   return std::wstring(buffer, length);
 }
 
-std::wstring MakeCopyFileName(uint64_t microseconds) {
-  std::wstring name = FormatCopyTimeText(microseconds / 1000000);
+std::wstring MakeCopyFileName(std::wstring_view time_text, uint64_t microseconds) {
+  std::wstring name(time_text);
   name += L'.';
-  name += std::to_wstring(static_cast<uint32_t>(microseconds % 1000000));
+  name += std::to_wstring(static_cast<uint32_t>(microseconds % kMicrosecondsPerSecond));
   name += L".eml";
   return name;
 }
@@ -81,6 +105,32 @@ void CreateDirectoryPath(std::wstring_view text) {
     position = next;
   }
   MakeOneDirectory(path);
+}
+
+const wchar_t* CPelkaEmailModule::MakeCopyTimeText(uint64_t seconds) {
+  text_holder_ = FormatCopyTimeText(seconds);
+  return text_holder_.c_str();
+}
+
+void CPelkaEmailModule::SaveEmailCopy(CEmailFlowContext* context, const PacketRecord* packet) {
+  if (!context) return;
+  context->copy_path = CopyFolderPath(log_service_, email_log_, packet);
+  if (context->copy_path.empty()) return;
+
+  CreateDirectoryPath(context->copy_path);
+  const uint64_t time = GetPacketTime(packet);
+  context->copy_path += MakeCopyFileName(MakeCopyTimeText(time / kMicrosecondsPerSecond), time);
+
+  if (context->copy_file) std::fclose(context->copy_file);
+  // An existing file of the same name (same microsecond) is replaced.
+  context->copy_file = std::fopen(NativePath(context->copy_path).c_str(), "w+b");
+  if (!context->copy_file) return;
+  CEmailFlowDataImpl* data = context->flow_data.get();
+  const uint32_t length = data ? data->GetLength() : 0;
+  const uint8_t* bytes = length ? data->GetBuffer(0, length) : nullptr;
+  if (bytes) std::fwrite(bytes, 1, length, context->copy_file);
+  std::fclose(context->copy_file);
+  context->copy_file = nullptr;
 }
 
 }  // namespace pelka

@@ -30,7 +30,7 @@ std::wstring FormatCopyTimeText(uint64_t seconds);
 
 // The copy file name for a packet time in microseconds: the time text of its
 // whole seconds, a dot, the microseconds in plain decimal, ".eml".
-std::wstring MakeCopyFileName(uint64_t microseconds);
+std::wstring MakeCopyFileName(std::wstring_view time_text, uint64_t microseconds);
 
 // Creates the directory and every missing directory above it. Failures are
 // ignored: the caller finds out when it opens a file there.

@@ -42,7 +42,7 @@ TEST_F(CopyPathTest, TimeTextAndFileName) {
       {1709622489999999ull, L"2024-03-05 07.08.09.999999.eml"},
       {0, L"1970-01-01 00.00.00.0.eml"},
   };
-  for (const auto& c : cases) EXPECT_EQ(MakeCopyFileName(c.microseconds), c.name) << c.microseconds;
+  for (const auto& c : cases) EXPECT_EQ(MakeCopyFileName(FormatCopyTimeText(c.microseconds / 1000000), c.microseconds), c.name) << c.microseconds;
   EXPECT_EQ(FormatCopyTimeText(1709622489), L"2024-03-05 07.08.09");
   // A year beyond what local time can hold gives an empty time text.
   EXPECT_EQ(FormatCopyTimeText(1ull << 62), L"");

@@ -262,6 +262,7 @@ class InMemoryLogService final : public IPelkaLogService {
     ++create_log_calls;
     if (create_status != 0) return create_status;
     logs.push_back(std::make_unique<InMemoryLog>(name ? name : "", caption ? caption : L"", capacity, icon));
+    logs.back()->refuse_key = refuse_key;
     if (log) *log = logs.back().get();
     return 0;
   }
@@ -288,6 +289,7 @@ class InMemoryLogService final : public IPelkaLogService {
   std::wstring storage_root;
   uint32_t create_status = 0;
   uint32_t root_status = 0;
+  std::string refuse_key;  // handed to every log created from now on
   int create_log_calls = 0;
 };
 
