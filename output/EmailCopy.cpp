@@ -61,7 +61,13 @@ std::wstring CopyFolderPath(IPelkaLogService* service, IPelkaLog* log, const Pac
   if (service->GetStorageRoot(&root) != 0) return {};
 
   std::wstring folder = root ? root : L"";
-  if (const char* name = storage->GetFolderName()) folder += AnsiToWide(name);
+  if (const char* name = storage->GetFolderName()) {
+    // Backslashes in the folder name become separators, so that the file is
+    // opened in the directory CreateDirectoryPath makes for it.
+    std::wstring wide_name = AnsiToWide(name);
+    std::replace(wide_name.begin(), wide_name.end(), L'\\', kPathSeparator);
+    folder += wide_name;
+  }
   folder += kPathSeparator;
   return folder;
 }
