@@ -1,15 +1,9 @@
 // Operations whose subsystems are not built yet: each does nothing, as the
 // module does when the host service behind it is missing.
 #include "flow/SessionHandlers.h"
-#include "mail/HeaderExtractor.h"
 #include "module/EmailModule.h"
 
 namespace pelka {
-
-void ExtractMailHeaders(CEmailFlowContext&, int) {}
-
-uint32_t HandlePop3Data(CPelkaEmailModule&, CEmailFlowDataImpl&, CEmailFlowContext&, const PacketArgs&) { return 0; }
-uint32_t HandleImapData(CPelkaEmailModule&, CEmailFlowDataImpl&, CEmailFlowContext&, const PacketArgs&) { return 0; }
 
 void CPelkaEmailModule::DefineDiagnosisEvents() {}
 void CPelkaEmailModule::CheckSlowResponse(CEmailFlowContext&, const PacketRecord*, uint32_t, const uint8_t*, uint32_t,
