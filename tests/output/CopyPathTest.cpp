@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -30,23 +29,6 @@ class CopyPathTest : public ::testing::Test {
 
   std::string root_;
 };
-
-TEST_F(CopyPathTest, TimeTextAndFileName) {
-  struct Case {
-    uint64_t microseconds;
-    const wchar_t* name;
-  };
-  const std::vector<Case> cases = {
-      {1709622489000042ull, L"2024-03-05 07.08.09.42.eml"},  // no leading zeros
-      {1709622489000000ull, L"2024-03-05 07.08.09.0.eml"},
-      {1709622489999999ull, L"2024-03-05 07.08.09.999999.eml"},
-      {0, L"1970-01-01 00.00.00.0.eml"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(MakeCopyFileName(FormatCopyTimeText(c.microseconds / 1000000), c.microseconds), c.name) << c.microseconds;
-  EXPECT_EQ(FormatCopyTimeText(1709622489), L"2024-03-05 07.08.09");
-  // A year beyond what local time can hold gives an empty time text.
-  EXPECT_EQ(FormatCopyTimeText(1ull << 62), L"");
-}
 
 TEST_F(CopyPathTest, CreatesMissingLevels) {
   fs::create_directories(root_ + "/old/level");

@@ -354,4 +354,40 @@ class InMemoryRecordSet final : public IPelkaLogRecordSet, public IPelkaLogColum
   std::vector<std::unique_ptr<InMemoryColumn>> columns_;
 };
 
+// The records of a log as a record set, the way a host hands them to the
+// export: every declared column in position order; texts as set, numbers in
+// decimal, doubles with "%g"; the standard columns from the record's time
+// (seconds, decimal) and the flow's sides (dotted addresses, decimal ports).
+inline std::unique_ptr<InMemoryRecordSet> MakeRecordSet(const InMemoryLog& log) {
+  std::vector<std::pair<std::string, std::wstring>> column_list;
+  for (const auto& column : log.columns) column_list.emplace_back(column->key, column->caption);
+  auto set = std::make_unique<InMemoryRecordSet>(column_list);
+
+  auto dotted = [](uint32_t address) {
+    return std::to_wstring(address >> 24) + L"." + std::to_wstring((address >> 16) & 0xFF) + L"." +
+           std::to_wstring((address >> 8) & 0xFF) + L"." + std::to_wstring(address & 0xFF);
+  };
+  for (const auto& record : log.records) {
+    InMemoryRecordSet::Row row;
+    for (const auto& [key, value] : record.fields) {
+      if (const auto* text = std::get_if<std::wstring>(&value)) {
+        row[key] = *text;
+      } else if (const auto* number = std::get_if<uint64_t>(&value)) {
+        row[key] = std::to_wstring(*number);
+      } else {
+        wchar_t buffer[64];
+        std::swprintf(buffer, 64, L"%g", std::get<double>(value));
+        row[key] = buffer;
+      }
+    }
+    row["timestamp"] = std::to_wstring(record.seconds);
+    row["src_ip4"] = dotted(record.client_address);
+    row["src_port"] = std::to_wstring(record.client_port);
+    row["dst_ip4"] = dotted(record.server_address);
+    row["dst_port"] = std::to_wstring(record.server_port);
+    set->rows.push_back(std::move(row));
+  }
+  return set;
+}
+
 }  // namespace pelka::testing
