@@ -142,7 +142,8 @@ TEST_F(EmailLogExportTest, HeaderIsCachedAndBuiltWhenMissing) {
 TEST_F(EmailLogExportTest, EveryLookedUpKeyMustExist) {
   const std::vector<std::string> optional = {"src_mac",        "dst_mac",         "email_duration", "email_averagespeed",
                                              "email_file_path", "protocol_path", "group"};
-  for (const auto& [key, caption] : EmailLogColumns()) {
+  for (const auto& entry : EmailLogColumns()) {
+    const std::string& key = entry.first;
     auto columns = EmailLogColumns();
     std::erase_if(columns, [&](const auto& column) { return column.first == key; });
     InMemoryRecordSet set(columns);
