@@ -5,11 +5,6 @@
 
 namespace pelka {
 
-void CPelkaEmailModule::PostEmailRecord(IPelkaFlow*, CEmailFlowContext&, IPelkaFlowNode*) {}
-void CPelkaEmailModule::SaveEmailCopy(CEmailFlowContext*, const PacketRecord*) {}
-const wchar_t* CPelkaEmailModule::MakeCopyTimeText(uint64_t) { return text_holder_.c_str(); }
-void CPelkaEmailModule::DefineEmailLog() {}
-
 void CPelkaEmailModule::DefineDiagnosisEvents() {}
 void CPelkaEmailModule::CheckSlowResponse(CEmailFlowContext&, const PacketRecord*, uint32_t, const uint8_t*, uint32_t,
                                           IPelkaFlowNode*, MailProtocol) {}
