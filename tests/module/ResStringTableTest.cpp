@@ -1,7 +1,9 @@
 #include "module/ResStringTable.h"
 
+#include <atomic>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -142,6 +144,26 @@ TEST(ResStringTable, ReadsUtf8WithByteOrderMark) {
   ASSERT_EQ(loaded.loaded(), 1);
   std::wstring h;
   EXPECT_STREQ(loaded.table().GetString(h, L"A", L"x"), L"邮");
+}
+
+// Every request clears and refills the one replacer; concurrent requests must
+// not see each other's values.
+TEST(ResStringTable, ConcurrentRequestsKeepTheirOwnValues) {
+  CResStringTable table;
+  std::atomic<int> wrong{0};
+  auto worker = [&](uint64_t base) {
+    std::wstring holder;
+    for (uint64_t i = 0; i < 2000; ++i) {
+      const std::wstring expected = L"#" + std::to_wstring(base + i) + L"-" + std::to_wstring(i);
+      table.GetString(holder, L"X", L"%I64u_A%-%d_B%", base + i, static_cast<int>(i));
+      if (holder != expected) ++wrong;
+    }
+  };
+  std::thread first(worker, uint64_t{1000000});
+  std::thread second(worker, uint64_t{9000000});
+  first.join();
+  second.join();
+  EXPECT_EQ(wrong.load(), 0);
 }
 
 TEST(ResStringTable, TheProcessTableIsOneObject) {

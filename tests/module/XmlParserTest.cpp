@@ -25,6 +25,20 @@ TEST(XmlParser, WritesTheOptionsDocument) {
   EXPECT_EQ(reader.GetAttrib(L"absent"), L"");
 }
 
+TEST(XmlParser, ReadsWideTextWhateverItsDeclarationSays) {
+  const std::vector<const wchar_t*> docs = {
+      L"<?xml version=\"1.0\" encoding=\"UTF-16\"?>\r\n<options max_flow_length=\"5\"/>",
+      L"<?xml version=\"1.0\" encoding=\"UTF-8\"?><options max_flow_length=\"5\"></options>",
+      L"  <options max_flow_length='5'>\n</options>  ",
+  };
+  for (const wchar_t* doc : docs) {
+    CTQXmlParser parser;
+    ASSERT_TRUE(parser.SetDoc(doc)) << testing::PrintToString(std::wstring(doc));
+    ASSERT_TRUE(parser.FindElem(L"options"));
+    EXPECT_EQ(parser.GetAttrib(L"max_flow_length"), L"5");
+  }
+}
+
 TEST(XmlParser, EmptyDocuments) {
   CTQXmlParser parser;
   EXPECT_EQ(parser.GetDoc(), L"");
