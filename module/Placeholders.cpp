@@ -62,7 +62,8 @@ std::wstring FormatValue(const Placeholder& placeholder, va_list& args) {
   const wchar_t* format = conversion.c_str();
   switch (placeholder.type) {
     case PlaceholderType::kSigned64: return FormatWide(format, static_cast<long long>(va_arg(args, int64_t)));
-    case PlaceholderType::kUnsigned64: return FormatWide(format, static_cast<unsigned long long>(va_arg(args, uint64_t)));
+    case PlaceholderType::kUnsigned64:
+      return FormatWide(format, static_cast<unsigned long long>(va_arg(args, uint64_t)));
     case PlaceholderType::kInt32: return FormatWide(format, va_arg(args, int));
     case PlaceholderType::kWideChar: return FormatWide(format, static_cast<wint_t>(va_arg(args, int)));
     case PlaceholderType::kDouble: return FormatWide(format, va_arg(args, double));
