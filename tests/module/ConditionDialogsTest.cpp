@@ -72,6 +72,8 @@ TEST(ConditionSyntax, SizeAndDomainLists) {
       {Render(ParseSizeList(L" 120; 0 - 1024 ;")), L"120-120|0-1024"},
       {Render(ParseSizeList(L"00099999")), L"99999-99999"},
       {Render(ParseSizeList(L"1-100000")), L"error: size \"100000\" is above the maximum of 99999 KB"},
+      {Render(ParseSizeList(L"99999999999999999999")),
+       L"error: size \"99999999999999999999\" is above the maximum of 99999 KB"},
       {Render(ParseSizeList(L"120;+5")), L"error: size \"+5\" is not a number of KB"},
       {Render(ParseSizeList(L"-5")), L"error: range \"-5\" needs a value on each side of \"-\""},
       {Render(ParseSizeList(L"1-2-3")), L"error: size \"2-3\" is not a number of KB"},
