@@ -17,6 +17,7 @@ class RecordingSink : public FlowSink {
  public:
   bool take = true;
   bool swap_service_port = false;  // swap like the module: the service port's side becomes the server
+  bool with_time = false;          // add " @" and the record's time to packet lines
   std::vector<std::string> events;
 
   bool OnFlowStart(TrackedFlow& flow) override {
@@ -32,6 +33,7 @@ class RecordingSink : public FlowSink {
     std::string line = "#" + std::to_string(GetPacketNumber(&record)) + " " + std::to_string(direction) + " " +
                        std::string(reinterpret_cast<const char*>(payload), length);
     if (!FindTcpPorts(&record, &source, &destination)) line += " (no ports)";
+    if (with_time) line += " @" + std::to_string(GetPacketTime(&record));
     events.push_back(line);
   }
 
