@@ -143,10 +143,12 @@ std::vector<DecodeCase> Cases() {
   };
 }
 
-// Each frame lives in a buffer of exactly its size, so that a read past it is
-// caught by the address sanitizer.
+// Each frame lives in a heap buffer of exactly its size, so that a read past
+// it is caught by the address sanitizer. The last frame's buffer stays alive
+// for the payload pointer.
 DecodeStatus DecodeExact(PacketDecoder& decoder, int link_type, const Bytes& frame, DecodedPacket* out) {
-  auto copy = std::make_unique<uint8_t[]>(frame.size() + 1);
+  static std::unique_ptr<uint8_t[]> copy;
+  copy = std::make_unique<uint8_t[]>(frame.size());
   std::copy(frame.begin(), frame.end(), copy.get());
   return decoder.Decode(link_type, frame.empty() ? nullptr : copy.get(), frame.size(), out);
 }
