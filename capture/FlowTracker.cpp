@@ -79,16 +79,19 @@ struct FlowTracker::Flow {
 };
 
 size_t FlowTracker::KeyHash::operator()(const Key& key) const {
-  // FNV-1a over the key's fields.
-  uint64_t hash = 1469598103934665603ull;
-  auto mix = [&hash](const uint8_t* bytes, size_t count) {
-    for (size_t i = 0; i < count; ++i) hash = (hash ^ bytes[i]) * 1099511628211ull;
+  // Multiply-xorshift over the key's 64-bit words: a few cycles per packet.
+  auto mix = [](uint64_t hash, uint64_t word) {
+    hash = (hash ^ word) * 0x9E3779B97F4A7C15ull;
+    return hash ^ (hash >> 29);
   };
+  uint64_t hash = key.version;
   for (int side = 0; side < 2; ++side) {
-    mix(key.address[side].data(), key.address[side].size());
-    const uint8_t port[2] = {static_cast<uint8_t>(key.port[side]), static_cast<uint8_t>(key.port[side] >> 8)};
-    mix(port, 2);
+    uint64_t words[2];
+    std::memcpy(words, key.address[side].data(), sizeof(words));
+    hash = mix(hash, words[0]);
+    hash = mix(hash, words[1]);
   }
+  hash = mix(hash, (uint64_t{key.port[0]} << 16) | key.port[1]);
   return static_cast<size_t>(hash);
 }
 
