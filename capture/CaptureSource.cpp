@@ -113,7 +113,7 @@ ReadStatus CaptureSource::Fail(const std::string& message) {
   return ReadStatus::kError;
 }
 
-ReadStatus CaptureSource::Next(Frame* frame) {
+ReadStatus CaptureSource::Next(CapturedFrame* frame) {
   for (;;) {
     if (stopped_) return ReadStatus::kEnd;
     if (!handle_) {

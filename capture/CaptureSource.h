@@ -19,7 +19,7 @@ struct pcap;
 
 namespace pelka {
 
-struct Frame {
+struct CapturedFrame {
   const uint8_t* data = nullptr;
   uint32_t captured_length = 0;
   uint32_t wire_length = 0;
@@ -52,7 +52,7 @@ class CaptureSource {
 
   // The next frame. On kError, error() says what happened and in which input;
   // the damaged input is closed and a further call goes on with the next file.
-  ReadStatus Next(Frame* frame);
+  ReadStatus Next(CapturedFrame* frame);
 
   // Ends the run from any thread or a signal handler: the next call of Next
   // answers kEnd (a live capture's pending read returns at once).
