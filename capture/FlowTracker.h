@@ -31,6 +31,7 @@
 // delivery allocates nothing per packet; held segments reuse freed buffers.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
