@@ -1,0 +1,351 @@
+#include "flow/EmailFlowData.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <new>
+
+namespace pelka {
+namespace {
+
+constexpr uint8_t kCr = '\r';
+constexpr uint8_t kLf = '\n';
+
+bool IsBlank(uint8_t byte) { return byte == ' ' || byte == '\t'; }
+
+// Size of a grown buffer: the next multiple of 256 above n (a full 256 more
+// when n already is one), so that many small appends reallocate rarely.
+uint64_t GrownCapacity(uint64_t n) { return n + 256 - (n % 256); }
+
+struct ByteSet {
+  explicit ByteSet(const char* bytes) {
+    if (!bytes) return;
+    for (const char* p = bytes; *p; ++p) member[static_cast<uint8_t>(*p)] = true;
+  }
+  bool member[256] = {};
+};
+
+}  // namespace
+
+uint32_t CEmailFlowDataImpl::Reserve(uint32_t capacity) {
+  if (capacity <= capacity_) return 0;
+  std::unique_ptr<uint8_t[]> grown(new (std::nothrow) uint8_t[capacity]);
+  if (!grown) return 0;
+  if (retained_length_) std::memcpy(grown.get(), owned_.get() + start_offset_, retained_length_);
+  owned_ = std::move(grown);
+  capacity_ = capacity;
+  start_offset_ = 0;
+  return 0;
+}
+
+void CEmailFlowDataImpl::Append(const uint8_t* bytes, uint32_t length) {
+  if (!bytes || length == 0) return;
+  Commit();
+  staged_ = bytes;
+  staged_length_ = length;
+}
+
+void CEmailFlowDataImpl::Commit() {
+  if (!staged_) return;
+  const uint64_t free_room = uint64_t{capacity_} - start_offset_ - retained_length_;
+  if (free_room < staged_length_) {
+    const uint64_t needed = GrownCapacity(uint64_t{retained_length_} + staged_length_);
+    std::unique_ptr<uint8_t[]> grown;
+    if (needed <= UINT32_MAX) grown.reset(new (std::nothrow) uint8_t[needed]);
+    if (!grown) {  // without memory the staged block is dropped
+      staged_ = nullptr;
+      staged_length_ = 0;
+      return;
+    }
+    if (retained_length_) std::memcpy(grown.get(), owned_.get() + start_offset_, retained_length_);
+    owned_ = std::move(grown);
+    capacity_ = static_cast<uint32_t>(needed);
+    start_offset_ = 0;
+  }
+  std::memcpy(owned_.get() + start_offset_ + retained_length_, staged_, staged_length_);
+  retained_length_ += staged_length_;
+  staged_ = nullptr;
+  staged_length_ = 0;
+}
+
+void CEmailFlowDataImpl::Consume(uint32_t count) {
+  if (count >= retained_length_) {
+    count -= retained_length_;
+    retained_length_ = 0;
+    start_offset_ = 0;
+  } else {
+    retained_length_ -= count;
+    start_offset_ += count;
+    return;
+  }
+  if (count >= staged_length_) {
+    staged_ = nullptr;
+    staged_length_ = 0;
+  } else {
+    staged_ += count;
+    staged_length_ -= count;
+  }
+}
+
+uint32_t CEmailFlowDataImpl::ClearData() {
+  retained_length_ = 0;
+  start_offset_ = 0;
+  staged_ = nullptr;
+  staged_length_ = 0;
+  return 0;
+}
+
+uint8_t CEmailFlowDataImpl::GetByte(uint32_t index) {
+  if (index < retained_length_) return owned_[start_offset_ + index];
+  const uint64_t staged_index = uint64_t{index} - retained_length_;
+  return staged_index < staged_length_ ? staged_[staged_index] : 0;
+}
+
+uint32_t CEmailFlowDataImpl::Reserved19(uint32_t* out) {
+  if (out) *out = 0;
+  return kStatusNotImplemented;
+}
+
+uint32_t CEmailFlowDataImpl::RangeEnd(uint32_t start, int32_t limit) {
+  const uint32_t length = GetLength();
+  if (start > length) return start;
+  if (limit < 0) return length;
+  return static_cast<uint32_t>(std::min<uint64_t>(uint64_t{start} + static_cast<uint32_t>(limit), length));
+}
+
+const uint8_t* CEmailFlowDataImpl::ContiguousRange(uint32_t start, uint32_t end) const {
+  if (end <= retained_length_) return owned_.get() + start_offset_ + start;
+  if (start >= retained_length_) return staged_ + (start - retained_length_);
+  return nullptr;
+}
+
+void CEmailFlowDataImpl::CopyRange(uint32_t start, uint32_t end, uint8_t* destination) {
+  if (start >= end) return;
+  if (start < retained_length_) {
+    const uint32_t retained_end = std::min(end, retained_length_);
+    std::memcpy(destination, owned_.get() + start_offset_ + start, retained_end - start);
+    destination += retained_end - start;
+    start = retained_end;
+  }
+  if (start < end) std::memcpy(destination, staged_ + (start - retained_length_), end - start);
+}
+
+bool CEmailFlowDataImpl::EnsureScratch(uint32_t size) {
+  if (size <= scratch_capacity_) return true;
+  std::unique_ptr<uint8_t[]> grown(new (std::nothrow) uint8_t[size]);
+  if (!grown) return false;
+  scratch_ = std::move(grown);
+  scratch_capacity_ = size;
+  return true;
+}
+
+const uint8_t* CEmailFlowDataImpl::CopyToScratch(uint32_t start, uint32_t end, uint32_t zeros) {
+  const uint64_t count = end > start ? end - start : 0;
+  // Room for at least a wide terminator, so the empty text is always valid.
+  const uint64_t size = std::max<uint64_t>(count + zeros, sizeof(wchar_t));
+  if (size > UINT32_MAX || !EnsureScratch(static_cast<uint32_t>(size))) {
+    static const uint8_t kEmpty[sizeof(wchar_t)] = {};
+    return kEmpty;
+  }
+  std::memset(scratch_.get(), 0, size);
+  CopyRange(start, end, scratch_.get());
+  return scratch_.get();
+}
+
+const uint8_t* CEmailFlowDataImpl::GetCopy(uint32_t start, int32_t limit) {
+  return CopyToScratch(start, RangeEnd(start, limit), 0);
+}
+
+const wchar_t* CEmailFlowDataImpl::GetStringW(uint32_t start, int32_t limit) {
+  // The bytes are followed by a whole wide terminator of this platform.
+  const uint32_t end = RangeEnd(start, limit);
+  return reinterpret_cast<const wchar_t*>(CopyToScratch(start, end, sizeof(wchar_t)));
+}
+
+const char* CEmailFlowDataImpl::GetStringA(uint32_t start, int32_t limit) {
+  return reinterpret_cast<const char*>(CopyToScratch(start, RangeEnd(start, limit), 1));
+}
+
+const uint8_t* CEmailFlowDataImpl::GetBuffer(uint32_t start, uint32_t count) {
+  if (count == 0 || uint64_t{start} + count > GetLength()) return nullptr;
+  const uint32_t end = start + count;
+  if (const uint8_t* contiguous = ContiguousRange(start, end)) return contiguous;
+  return CopyToScratch(start, end, 0);
+}
+
+uint32_t CEmailFlowDataImpl::CopyOut(uint32_t start, uint8_t* destination, int32_t limit) {
+  if (destination) CopyRange(start, RangeEnd(start, limit), destination);
+  return 0;
+}
+
+uint32_t CEmailFlowDataImpl::FindBytes(uint32_t start, const uint8_t* needle, int32_t needle_length, int32_t limit) {
+  if (!needle) return kNotFound;
+  const uint64_t pattern_length =
+      needle_length < 0 ? std::strlen(reinterpret_cast<const char*>(needle)) : static_cast<uint64_t>(needle_length);
+  const uint32_t end = RangeEnd(start, limit);
+  // A match must end before the range's last byte.
+  if (uint64_t{start} + pattern_length + 1 > end) return kNotFound;
+  const uint32_t search_end = end - 1;
+  if (const uint8_t* bytes = ContiguousRange(start, search_end)) {
+    const void* found = memmem(bytes, search_end - start, needle, pattern_length);
+    return found ? start + static_cast<uint32_t>(static_cast<const uint8_t*>(found) - bytes) : kNotFound;
+  }
+  for (uint32_t p = start; p + pattern_length <= search_end; ++p) {
+    uint64_t i = 0;
+    while (i < pattern_length && GetByte(static_cast<uint32_t>(p + i)) == needle[i]) ++i;
+    if (i == pattern_length) return p;
+  }
+  return kNotFound;
+}
+
+uint32_t CEmailFlowDataImpl::FindText(const char* text, uint32_t start, int32_t limit) {
+  return FindBytes(start, reinterpret_cast<const uint8_t*>(text), -1, limit);
+}
+
+uint32_t CEmailFlowDataImpl::FindByte(uint8_t byte, uint32_t start, int32_t limit) {
+  return FindBytes(start, &byte, 1, limit);
+}
+
+uint32_t CEmailFlowDataImpl::ScanForByte(uint32_t start, uint8_t byte, int32_t limit) {
+  const uint32_t end = RangeEnd(start, limit);
+  for (uint32_t p = start; p < end; ++p) {
+    if (GetByte(p) == byte) return p;
+  }
+  return kNotFound;
+}
+
+uint32_t CEmailFlowDataImpl::FindAnyOf(uint32_t start, const char* set, int32_t limit) {
+  const ByteSet members(set);
+  const uint32_t end = RangeEnd(start, limit);
+  for (uint32_t p = start; p < end; ++p) {
+    if (members.member[GetByte(p)]) return p;
+  }
+  return kNotFound;
+}
+
+uint32_t CEmailFlowDataImpl::GetLineLength(int with_line_break, uint32_t start, int32_t limit) {
+  const uint32_t end = RangeEnd(start, limit);
+  uint32_t p = start;
+  while (p < end && GetByte(p) != kCr && GetByte(p) != kLf && GetByte(p) != 0) ++p;
+  if (p >= end) return kNotFound;
+  if (!with_line_break) return p;
+  while (p < end && (GetByte(p) == kCr || GetByte(p) == 0)) ++p;
+  if (p >= end) return end - start;
+  return GetByte(p) == kLf ? p - start + 1 : p - start;
+}
+
+int CEmailFlowDataImpl::CompareNoCase(const char* text, int32_t length, uint32_t start) {
+  if (!text) return 1;
+  const uint64_t count = length < 0 ? std::strlen(text) : static_cast<uint64_t>(length);
+  if (uint64_t{start} + count > GetLength()) return 1;
+  for (uint64_t i = 0; i < count; ++i) {
+    const int stored = std::tolower(GetByte(static_cast<uint32_t>(start + i)));
+    if (stored != std::tolower(static_cast<uint8_t>(text[i]))) return 1;
+  }
+  return 0;
+}
+
+int CEmailFlowDataImpl::Compare(const char* text, int32_t length, uint32_t start) {
+  if (length < 1) return 0;
+  if (!text || uint64_t{start} + static_cast<uint32_t>(length) > GetLength()) return 1;
+  for (int32_t i = 0; i < length; ++i) {
+    if (GetByte(start + i) != static_cast<uint8_t>(text[i])) return 1;
+  }
+  return 0;
+}
+
+uint32_t CEmailFlowDataImpl::Tokenize(uint32_t start, const char* delimiters, int32_t limit) {
+  const ByteSet delimiter(delimiters);
+  const uint32_t end = RangeEnd(start, limit);
+  token_count_ = 0;
+  uint32_t p = start;
+  while (token_count_ < kMaxTokens) {
+    while (p < end && delimiter.member[GetByte(p)]) ++p;
+    if (p >= end) break;
+    const uint32_t token_start = p;
+    while (p < end && !delimiter.member[GetByte(p)]) ++p;
+    tokens_[token_count_++] = {token_start, p - token_start};
+    if (p < end) ++p;  // the delimiter that ended the token
+  }
+  return token_count_;
+}
+
+const char* CEmailFlowDataImpl::GetToken(uint32_t index) {
+  if (index >= token_count_) return "";
+  return GetStringA(tokens_[index].offset, static_cast<int32_t>(tokens_[index].length));
+}
+
+uint32_t CEmailFlowDataImpl::SkipContinuation(uint32_t p, uint32_t end) {
+  while (p + 1 < end) {
+    if (GetByte(p) == kCr && GetByte(p + 1) == kLf && (p + 2 >= end || GetByte(p + 2) != '\t')) return p + 2;
+    ++p;
+  }
+  return end;
+}
+
+uint32_t CEmailFlowDataImpl::IndexHeader(uint32_t start, int32_t limit, uint32_t* out) {
+  const uint32_t end = RangeEnd(start, limit);
+  header_count_ = 0;
+  uint32_t p = start;
+  uint32_t result = end;
+  for (;;) {
+    while (p < end && IsBlank(GetByte(p))) ++p;
+    if (p >= end) break;
+    const uint32_t name_start = p;
+    while (p < end && GetByte(p) != ':' && GetByte(p) != kLf) ++p;
+    if (p >= end) break;
+    if (GetByte(p) == kLf) {  // a line without a field
+      ++p;
+      if (p < end && GetByte(p) == '\t') p = SkipContinuation(p, end);
+      continue;
+    }
+    const uint32_t name_length = p - name_start;
+    ++p;
+    while (p < end && IsBlank(GetByte(p))) ++p;
+    if (p >= end) break;
+    const uint32_t value_start = p;
+    while (p < end && GetByte(p) != kLf) ++p;
+    if (p >= end) break;
+    ++p;
+    if (end - p >= 3 && IsBlank(GetByte(p))) p = SkipContinuation(p, end);
+    if (p >= end) break;
+    if (header_count_ < kMaxIndexedHeaders) {
+      headers_[header_count_++] = {name_start, name_length, value_start, p - value_start};
+    }
+    const uint8_t current = GetByte(p);
+    if (current == kCr || current == kLf) {
+      if (end - p < 5) break;
+      if (GetByte(p) == kCr && GetByte(p + 1) == kLf && GetByte(p + 2) == kCr && GetByte(p + 3) == kLf) {
+        result = p - start + 1;
+        break;
+      }
+    }
+  }
+  if (out) *out = std::min(p, end);
+  return result;
+}
+
+const char* CEmailFlowDataImpl::GetHeaderName(uint32_t index) {
+  if (index >= header_count_) return nullptr;
+  return GetStringA(headers_[index].name_offset, static_cast<int32_t>(headers_[index].name_length));
+}
+
+const char* CEmailFlowDataImpl::GetHeaderValue(uint32_t index) {
+  if (index >= header_count_) return nullptr;
+  return GetStringA(headers_[index].value_offset, static_cast<int32_t>(headers_[index].value_length));
+}
+
+const char* CEmailFlowDataImpl::FindHeaderValue(const char* name) {
+  if (!name) return nullptr;
+  const size_t name_length = std::strlen(name);
+  for (uint32_t i = 0; i < header_count_; ++i) {
+    const HeaderEntry& entry = headers_[i];
+    if (entry.name_length == name_length &&
+        CompareNoCase(name, static_cast<int32_t>(name_length), entry.name_offset) == 0) {
+      return GetHeaderValue(i);
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace pelka

@@ -1,0 +1,52 @@
+#include "flow/EmailFlowData.h"
+#include "flow/SessionHandlers.h"
+#include "mail/HeaderExtractor.h"
+#include "module/EmailModule.h"
+
+namespace pelka {
+namespace {
+
+// The end marker is five bytes; four of the bytes searched before may start it.
+constexpr uint64_t kMarkerOverlap = 4;
+
+}  // namespace
+
+bool HasMailAddress(const std::wstring& text) { return text.find(L'@') != std::wstring::npos; }
+
+bool IsMessageComplete(const CPelkaEmailModule& module, CEmailFlowContext& context) {
+  CEmailFlowDataImpl& data = *context.flow_data;
+  const uint64_t total = data.GetLength();
+  if (total < 3) return false;
+
+  // Every earlier question over the front of the collection answered "no", so
+  // a marker can only lie in the new bytes or straddle into them.
+  uint64_t checked = context.end_search.marker_free_length;
+  if (checked > total) checked = 0;
+  const uint64_t start = checked > kMarkerOverlap ? checked - kMarkerOverlap : 0;
+  const uint64_t count = total - start;
+  const uint8_t* bytes = data.GetBuffer(static_cast<uint32_t>(start), static_cast<uint32_t>(count));
+  const bool found = bytes && module.end_marker_searcher().Search(bytes, count);
+  if (!found) context.end_search.marker_free_length = total;
+  return found;
+}
+
+bool QualifiesForRecord(const CEmailFlowContext& context, ReceiverTest receiver_test) {
+  const bool sender = HasMailAddress(context.sender_address) || HasMailAddress(context.return_path);
+  bool receiver = HasMailAddress(context.receiver_address) || HasMailAddress(context.envelope_to);
+  if (receiver_test == ReceiverTest::kFull) receiver = receiver || HasMailAddress(context.cc);
+  return sender && receiver;
+}
+
+void CompleteMessage(CPelkaEmailModule& module, CEmailFlowContext& context, const PacketArgs& args,
+                     int extract_protocol, ReceiverTest receiver_test) {
+  ExtractMailHeaders(context, extract_protocol);
+  if (QualifiesForRecord(context, receiver_test)) {
+    module.SaveEmailCopy(&context, args.packet);
+    module.PostEmailRecord(args.flow, context, args.node);
+  }
+  context.in_body = 0;
+  context.DiscardCollectedBytes();
+  context.ResetMessage();
+}
+
+}  // namespace pelka

@@ -1,0 +1,107 @@
+// The SMTP conversation: AUTH LOGIN names, DATA and BDAT bodies up to the end
+// marker or the flow limit.
+#include "flow/EmailFlowData.h"
+#include "flow/SessionHandlers.h"
+#include "host/CodePage.h"
+#include "module/EmailModule.h"
+
+#include <cstring>
+#include <strings.h>
+
+namespace pelka {
+namespace {
+
+constexpr char kLineEnd[] = "\r\n";
+
+bool StartsWithNoCase(const uint8_t* payload, uint32_t length, const char* word) {
+  const size_t word_length = std::strlen(word);
+  return length >= word_length && strncasecmp(reinterpret_cast<const char*>(payload), word, word_length) == 0;
+}
+
+// A client line that starts a message body: "DATA" or "BDAT" in any letter
+// case, on a line of at least four characters. The command packet itself is
+// not collected.
+void ParseSmtpCommand(CEmailFlowContext& context, const uint8_t* payload, uint32_t length) {
+  if (length < 4) return;
+  context.section.Set(payload, length);
+  const int32_t line_end = context.section.Find(kLineEnd, 2);
+  if (line_end < 4) return;
+  if (StartsWithNoCase(payload, length, "DATA") || StartsWithNoCase(payload, length, "BDAT")) {
+    context.in_body = 1;
+  }
+}
+
+// Server packets are searched for the AUTH LOGIN prompts; a username prompt
+// wins over a password prompt in the same packet.
+void ParseSmtpReply(CEmailFlowContext& context, const uint8_t* payload, uint32_t length) {
+  static constexpr const char* kUserPrompts[] = {"334 dXNlcm5hbWU6", "334 VXNlcm5hbWU6"};
+  static constexpr const char* kPasswordPrompts[] = {"334 UGFzc3dvcmQ6", "334 cGFzc3dvcmQ6"};
+  context.section.Set(payload, length);
+  for (const char* prompt : kUserPrompts) {
+    if (context.section.Find(prompt, 16) >= 0) {
+      context.await_auth_user = 1;
+      return;
+    }
+  }
+  for (const char* prompt : kPasswordPrompts) {
+    if (context.section.Find(prompt, 16) >= 0) {
+      context.await_auth_pass = 1;
+      return;
+    }
+  }
+}
+
+// The base64 login name, without its line end.
+void TakeLoginName(CEmailFlowContext& context, const uint8_t* payload, uint32_t length) {
+  if (length > 2) {
+    const std::wstring encoded = AnsiToWide(std::string_view(reinterpret_cast<const char*>(payload), length - 2));
+    const wchar_t* decoded = context.base64_coder.DecodeString(encoded.c_str());
+    context.account = decoded ? decoded : L"";
+  }
+  context.await_auth_user = 0;
+}
+
+void CollectBodyPacket(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
+                       const PacketArgs& args) {
+  const uint64_t time = GetPacketTime(args.packet);
+  if (context.body_start_time == 0) context.body_start_time = time;
+  data.Append(args.payload, args.length);
+  data.Commit();
+  if (IsMessageComplete(module, context)) {
+    context.body_end_time = time;
+    CompleteMessage(module, context, args, kExtractSmtp, ReceiverTest::kFull);
+  }
+}
+
+}  // namespace
+
+uint32_t HandleSmtpData(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
+                        const PacketArgs& args) {
+  // Equal is still within the limit; the packet that finds it passed is
+  // neither parsed nor collected.
+  if (data.GetLength() > module.max_flow_length()) {
+    context.body_end_time = GetPacketTime(args.packet);
+    CompleteMessage(module, context, args, kExtractSmtp, ReceiverTest::kShort);
+    return 1;
+  }
+  if (args.direction != kFromClient) {
+    ParseSmtpReply(context, args.payload, args.length);
+    return 0;
+  }
+  if (context.in_body) {
+    CollectBodyPacket(module, data, context, args);
+    return 0;
+  }
+  if (context.await_auth_user) {
+    TakeLoginName(context, args.payload, args.length);
+    return 0;
+  }
+  if (context.await_auth_pass) {
+    context.await_auth_pass = 0;  // the password is never kept
+    return 0;
+  }
+  ParseSmtpCommand(context, args.payload, args.length);
+  return 0;
+}
+
+}  // namespace pelka

@@ -1,0 +1,35 @@
+// Operations whose subsystems are not built yet: each does nothing, as the
+// module does when the host service behind it is missing.
+#include "flow/SessionHandlers.h"
+#include "mail/HeaderExtractor.h"
+#include "module/EmailModule.h"
+
+namespace pelka {
+
+void ExtractMailHeaders(CEmailFlowContext&, int) {}
+
+uint32_t HandlePop3Data(CPelkaEmailModule&, CEmailFlowDataImpl&, CEmailFlowContext&, const PacketArgs&) { return 0; }
+uint32_t HandleImapData(CPelkaEmailModule&, CEmailFlowDataImpl&, CEmailFlowContext&, const PacketArgs&) { return 0; }
+
+void CPelkaEmailModule::PostEmailRecord(IPelkaFlow*, CEmailFlowContext&, IPelkaFlowNode*) {}
+void CPelkaEmailModule::SaveEmailCopy(CEmailFlowContext*, const PacketRecord*) {}
+const wchar_t* CPelkaEmailModule::MakeCopyTimeText(uint64_t) { return text_holder_.c_str(); }
+void CPelkaEmailModule::DefineEmailLog() {}
+
+void CPelkaEmailModule::DefineDiagnosisEvents() {}
+void CPelkaEmailModule::CheckSlowResponse(CEmailFlowContext&, const PacketRecord*, uint32_t, const uint8_t*, uint32_t,
+                                          IPelkaFlowNode*, MailProtocol) {}
+void CPelkaEmailModule::CheckDubiousConversation(CEmailFlowContext&, const PacketRecord*, uint32_t, const uint8_t*,
+                                                 uint32_t, IPelkaFlowNode*, MailProtocol) {}
+void CPelkaEmailModule::CheckSmtpServerError(const uint8_t*, uint32_t, const PacketRecord*, IPelkaFlowNode*) {}
+void CPelkaEmailModule::CheckPop3ServerError(const uint8_t*, uint32_t, const PacketRecord*, IPelkaFlowNode*) {}
+
+void CPelkaEmailModule::DefineConnectionStatistics() {}
+ConnectionCounter* CPelkaEmailModule::AddConnectionCounter(IPelkaStatCategory*, const char*, const wchar_t*,
+                                                           uint64_t) {
+  return nullptr;
+}
+void CPelkaEmailModule::ClearConnectionCounters() {}
+void CPelkaEmailModule::CountConnection(MailProtocol, IPelkaFlowStats*) {}
+
+}  // namespace pelka

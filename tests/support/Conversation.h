@@ -1,0 +1,69 @@
+// Drives one flow through the module's flow client packet by packet, the way
+// the capture host does.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "flow/EmailFlowContext.h"
+#include "module/EmailModule.h"
+#include "support/FakeFlow.h"
+
+namespace pelka::testing {
+
+class Conversation {
+ public:
+  Conversation(CPelkaEmailModule& module, uint16_t service_port, uint16_t application,
+               PacketRecordBuilder::Layout layout = PacketRecordBuilder::Layout::kInline)
+      : module_(module),
+        flow_(0x0A000002, 40001, 0x0A000001, service_port, application),
+        builder_(layout),
+        service_port_(service_port) {
+    bound_ = module_.BindFlow(&flow_, &stats_, &bind_context_) == 0;
+  }
+  ~Conversation() {
+    if (bound_) module_.UnbindFlow(&flow_, &stats_, &node_, bind_context_);
+  }
+  Conversation(const Conversation&) = delete;
+  Conversation& operator=(const Conversation&) = delete;
+
+  bool bound() const { return bound_; }
+  CEmailFlowContext& context() { return *dynamic_cast<CEmailFlowContext*>(bind_context_); }
+  FakeFlow& flow() { return flow_; }
+  FakeFlowNode& node() { return node_; }
+  FakeFlowStats& stats() { return stats_; }
+  uint64_t last_packet_number() const { return packet_number_; }
+
+  // Sends one packet; the time is in microseconds. Returns the module's answer.
+  uint32_t Client(std::string_view payload, uint64_t time_us) { return Send(kFromClient, payload, time_us); }
+  uint32_t Server(std::string_view payload, uint64_t time_us) { return Send(kFromServer, payload, time_us); }
+
+  uint32_t Send(uint32_t direction, std::string_view payload, uint64_t time_us) {
+    const bool from_client = direction == kFromClient;
+    const uint16_t client_port = 40001;
+    const PacketRecord* packet = builder_.Build(++packet_number_, time_us, from_client ? client_port : service_port_,
+                                                from_client ? service_port_ : client_port);
+    return module_.ProcessFlowData(&flow_, packet, reinterpret_cast<const uint8_t*>(payload.data()),
+                                   static_cast<uint32_t>(payload.size()), direction, &node_, bind_context_);
+  }
+
+  // Ends the flow now, as the host does at FIN, RST or idle timeout.
+  void Unbind() {
+    if (bound_) module_.UnbindFlow(&flow_, &stats_, &node_, bind_context_);
+    bound_ = false;
+  }
+
+ private:
+  CPelkaEmailModule& module_;
+  FakeFlow flow_;
+  FakeFlowNode node_;
+  FakeFlowStats stats_;
+  PacketRecordBuilder builder_;
+  IPelkaFlowBindContext* bind_context_ = nullptr;
+  uint16_t service_port_;
+  uint64_t packet_number_ = 0;
+  bool bound_ = false;
+};
+
+}  // namespace pelka::testing
