@@ -16,20 +16,4 @@ void CPelkaEmailModule::SaveEmailCopy(CEmailFlowContext*, const PacketRecord*) {
 const wchar_t* CPelkaEmailModule::MakeCopyTimeText(uint64_t) { return text_holder_.c_str(); }
 void CPelkaEmailModule::DefineEmailLog() {}
 
-void CPelkaEmailModule::DefineDiagnosisEvents() {}
-void CPelkaEmailModule::CheckSlowResponse(CEmailFlowContext&, const PacketRecord*, uint32_t, const uint8_t*, uint32_t,
-                                          IPelkaFlowNode*, MailProtocol) {}
-void CPelkaEmailModule::CheckDubiousConversation(CEmailFlowContext&, const PacketRecord*, uint32_t, const uint8_t*,
-                                                 uint32_t, IPelkaFlowNode*, MailProtocol) {}
-void CPelkaEmailModule::CheckSmtpServerError(const uint8_t*, uint32_t, const PacketRecord*, IPelkaFlowNode*) {}
-void CPelkaEmailModule::CheckPop3ServerError(const uint8_t*, uint32_t, const PacketRecord*, IPelkaFlowNode*) {}
-
-void CPelkaEmailModule::DefineConnectionStatistics() {}
-ConnectionCounter* CPelkaEmailModule::AddConnectionCounter(IPelkaStatCategory*, const char*, const wchar_t*,
-                                                           uint64_t) {
-  return nullptr;
-}
-void CPelkaEmailModule::ClearConnectionCounters() {}
-void CPelkaEmailModule::CountConnection(MailProtocol, IPelkaFlowStats*) {}
-
 }  // namespace pelka
