@@ -83,10 +83,14 @@ TEST_F(ConnectionStatisticsTest, CountsEachBoundFlowOnItsProtocolsCounter) {
   for (const auto& values : counted.added_values) EXPECT_EQ(values, (std::vector<uint64_t>{1, 1, 1}));
 }
 
-TEST_F(ConnectionStatisticsTest, CountsWithMinusOneBeforeIndexesAreAssigned) {
+TEST_F(ConnectionStatisticsTest, CountsWithMinusOneWhileUnnumbered) {
   module_.DefineStatistics(&stats_, &stats_);
-  const InMemoryFlowStats counted = BindOneOfEach();
-  EXPECT_EQ(counted.used, (std::vector<int32_t>{-1, -1, -1}));
+  EXPECT_EQ(BindOneOfEach().used, (std::vector<int32_t>{-1, -1, -1})) << "before indexes are assigned";
+
+  stats_.refused_counters = {"SMTP"};
+  DefineAndNumber();
+  EXPECT_EQ(BindOneOfEach().used, (std::vector<int32_t>{-1, stats_.IndexOf("POP3"), stats_.IndexOf("IMAP4")}))
+      << "a refused counter keeps its item unnumbered";
 }
 
 TEST_F(ConnectionStatisticsTest, CountsNothingAfterDetach) {
@@ -106,13 +110,6 @@ TEST_F(ConnectionStatisticsTest, ARefusedItemLeavesTheOtherProtocolsCounted) {
   EXPECT_EQ(counted.used, (std::vector<int32_t>{stats_.IndexOf("SMTP"), stats_.IndexOf("IMAP4")}));
 }
 
-TEST_F(ConnectionStatisticsTest, ARefusedCounterKeepsItsItemUnnumbered) {
-  stats_.refused_counters = {"SMTP"};
-  DefineAndNumber();
-  const InMemoryFlowStats counted = BindOneOfEach();
-  EXPECT_EQ(counted.used, (std::vector<int32_t>{-1, stats_.IndexOf("POP3"), stats_.IndexOf("IMAP4")}));
-}
-
 TEST_F(ConnectionStatisticsTest, NoCategoryOrForeignServiceDefinesNothing) {
   InMemoryStats other;
   module_.DefineStatistics(&other, &other);
@@ -128,17 +125,9 @@ TEST_F(ConnectionStatisticsTest, ASecondDefineRepointsTheCounters) {
   DefineAndNumber();
   DefineAndNumber();
   ASSERT_EQ(stats_.categories.size(), 2u);
-  const InMemoryFlowStats counted = BindOneOfEach();
-  EXPECT_EQ(counted.used, (std::vector<int32_t>{stats_.IndexOf("SMTP"), stats_.IndexOf("POP3"), stats_.IndexOf("IMAP4")}));
+  EXPECT_EQ(BindOneOfEach().used,
+            (std::vector<int32_t>{stats_.IndexOf("SMTP"), stats_.IndexOf("POP3"), stats_.IndexOf("IMAP4")}));
   EXPECT_NE(stats_.IndexOf("SMTP"), stats_.categories[0]->items[0]->counters[0]->index);
-}
-
-TEST(ConnectionStatistics, AnUnregisteredModuleIgnoresTheDefineCall) {
-  // The module never registered: the host's define call is not for it.
-  CPelkaEmailModule module;
-  InMemoryStats stats;
-  module.DefineStatistics(&stats, &stats);
-  EXPECT_TRUE(stats.categories.empty());
 }
 
 }  // namespace

@@ -12,7 +12,6 @@ namespace {
 
 using testing::DiagnosedModule;
 using testing::DiagnosisBench;
-using testing::InMemoryDiagnosisEvent;
 using testing::InMemoryDiagnosisService;
 using testing::kPop3Slow;
 using testing::kSmtpDubious;
@@ -22,7 +21,7 @@ using testing::kSmtpSlow;
 struct ExpectedEvent {
   std::string key;
   std::wstring title;
-  uint32_t codes[3];
+  std::vector<uint32_t> codes;
   std::string parameter;  // empty: none
 };
 
@@ -35,82 +34,61 @@ TEST(DefineDiagnosisEvents, DefinesSixEventsInOrderWithDefaultTitles) {
       {"POP3ServerSlowResponseTime", L"POP3 服务器慢响应", {2, 6, 2}, "pop3_time"},
       {"POP3ServerReturnedError", L"POP3 服务器返回错误", {3, 6, 1}, ""},
   };
-  InMemoryDiagnosisService service;
-  DiagnosedModule module;
-  module.Attach(&service);
-  module.DefineDiagnosisEvents();
-
-  ASSERT_EQ(service.events().size(), expected.size());
+  DiagnosisBench bench;
+  const auto& events = bench.service().events();
+  ASSERT_EQ(events.size(), expected.size());
   for (size_t i = 0; i < expected.size(); ++i) {
-    const InMemoryDiagnosisEvent& event = *service.events()[i];
+    const auto& event = *events[i];
     EXPECT_EQ(event.key, expected[i].key);
     EXPECT_EQ(event.title, expected[i].title) << event.key;
-    EXPECT_EQ(std::vector<uint32_t>(event.codes, event.codes + 3),
-              std::vector<uint32_t>(expected[i].codes, expected[i].codes + 3))
-        << event.key;
+    EXPECT_EQ(std::vector<uint32_t>(event.codes, event.codes + 3), expected[i].codes) << event.key;
     EXPECT_EQ(event.flags, 1u);
-    if (expected[i].parameter.empty()) {
-      EXPECT_TRUE(event.parameters.empty()) << event.key;
-      continue;
-    }
-    ASSERT_EQ(event.parameters.size(), 1u) << event.key;
+    ASSERT_EQ(event.parameters.size(), expected[i].parameter.empty() ? 0u : 1u) << event.key;
+    if (event.parameters.empty()) continue;
     const auto& parameter = event.parameters[0];
     EXPECT_EQ(parameter.key, expected[i].parameter);
     EXPECT_EQ(parameter.caption, L"响应时间(ms)");
-    EXPECT_EQ(parameter.default_value, 200);
-    EXPECT_EQ(parameter.lowest, 1);
-    EXPECT_EQ(parameter.highest, 100000);
+    EXPECT_EQ(std::vector<int32_t>({parameter.default_value, parameter.lowest, parameter.highest}),
+              std::vector<int32_t>({200, 1, 100000}));
   }
-  EXPECT_EQ(module.smtp_slow_event(), service.Event("SMTPServerSlowResponseTime"));
-  EXPECT_EQ(module.pop3_error_event(), service.Event("POP3ServerReturnedError"));
-  EXPECT_EQ(module.smtp_time_parameter(), service.events()[0]->parameters[0].id);
-  EXPECT_EQ(module.pop3_time_parameter(), service.events()[4]->parameters[0].id);
+  EXPECT_EQ(bench.module().smtp_time_parameter(), events[0]->parameters[0].id);
+  EXPECT_EQ(bench.module().pop3_time_parameter(), events[4]->parameters[0].id);
 }
 
-TEST(DefineDiagnosisEvents, NothingWithoutNotificationObject) {
+TEST(DefineDiagnosisEvents, NothingWithoutNotificationObjectOrService) {
   InMemoryDiagnosisService service;
-  DiagnosedModule module;
-  module.Attach(&service);
-  module.DetachNotify();
-  module.DefineDiagnosisEvents();
+  DiagnosedModule without_notify;
+  without_notify.Attach(&service);
+  without_notify.DetachNotify();
+  without_notify.DefineDiagnosisEvents();
   EXPECT_TRUE(service.defined_keys.empty());
-  EXPECT_EQ(module.smtp_slow_event(), nullptr);
+
+  DiagnosedModule without_service;
+  without_service.Attach(nullptr);
+  without_service.DefineDiagnosisEvents();
+  for (auto* event : {without_service.smtp_slow_event(), without_service.smtp_dubious_event(),
+                      without_service.smtp_error_event(), without_service.pop3_slow_event(),
+                      without_service.pop3_dubious_event(), without_service.pop3_error_event()}) {
+    EXPECT_EQ(event, nullptr);
+  }
+  EXPECT_EQ(without_service.smtp_time_parameter(), 0u);
+  EXPECT_EQ(without_service.pop3_time_parameter(), 0u);
 }
 
 TEST(DefineDiagnosisEvents, AFailedDefinitionSkipsOnlyItsParameter) {
-  DiagnosisBench smtp;  // defines once; the second definition below overwrites
-  InMemoryDiagnosisService& service = smtp.service();
+  DiagnosisBench smtp;  // a second definition below overwrites the first
+  auto& service = smtp.service();
   service.refused_keys = {kSmtpSlow};
-  const size_t events_before = service.events().size();
   smtp.module().DefineDiagnosisEvents();
-
-  EXPECT_EQ(service.events().size(), events_before + 5);
+  EXPECT_EQ(service.events().size(), 6u + 5u);
   EXPECT_EQ(smtp.module().smtp_slow_event(), nullptr);
-  EXPECT_NE(smtp.module().smtp_dubious_event(), nullptr);
   EXPECT_EQ(service.Event(kPop3Slow)->parameters.size(), 1u);
 
-  // The SMTP checks without their slow event: errors and dubious
-  // conversations are still found, slow responses never.
+  // Without their slow event the SMTP checks still find errors, never slowness.
   smtp.Client(1, 0, "HELO a\r\n");
   smtp.Server(2, 9'000'000, "550 no\r\n");
-  const auto& reports = service.reports;
-  ASSERT_EQ(reports.size(), 1u);
-  EXPECT_EQ(reports[0].event, kSmtpError);
-  EXPECT_EQ(smtp.context().request_packet, 0u);
-}
-
-TEST(DefineDiagnosisEvents, NoServiceLeavesEveryFieldEmptyAndChecksQuiet) {
-  DiagnosedModule module;
-  module.Attach(nullptr);
-  module.DefineDiagnosisEvents();
-  EXPECT_EQ(module.smtp_slow_event(), nullptr);
-  EXPECT_EQ(module.smtp_dubious_event(), nullptr);
-  EXPECT_EQ(module.smtp_error_event(), nullptr);
-  EXPECT_EQ(module.pop3_slow_event(), nullptr);
-  EXPECT_EQ(module.pop3_dubious_event(), nullptr);
-  EXPECT_EQ(module.pop3_error_event(), nullptr);
-  EXPECT_EQ(module.smtp_time_parameter(), 0u);
-  EXPECT_EQ(module.pop3_time_parameter(), 0u);
+  ASSERT_EQ(service.reports.size(), 1u);
+  EXPECT_EQ(service.reports[0].event, kSmtpError);
 }
 
 TEST(ReleaseDiagnosisEvents, ReleasesEachDefinedEventOnce) {
@@ -121,10 +99,8 @@ TEST(ReleaseDiagnosisEvents, ReleasesEachDefinedEventOnce) {
   smtp.module().ReleaseDiagnosisEvents();
   EXPECT_EQ(smtp.module().smtp_slow_event(), nullptr);
   EXPECT_EQ(smtp.module().pop3_error_event(), nullptr);
-  // The second round of definitions: five events, each released once.
-  for (size_t i = 6; i < smtp.service().events().size(); ++i) {
-    EXPECT_EQ(smtp.service().events()[i]->releases, 1) << smtp.service().events()[i]->key;
-  }
+  const auto& events = smtp.service().events();
+  for (size_t i = 6; i < events.size(); ++i) EXPECT_EQ(events[i]->releases, 1) << events[i]->key;
   EXPECT_NE(smtp.module().smtp_time_parameter(), 0u) << "parameter identifiers are left as they are";
 }
 
