@@ -41,9 +41,11 @@ class CSectionString {
 struct EndSearchProgress {
   // SMTP/POP3: bytes at the front of flow_data known to hold no end marker.
   uint64_t marker_free_length = 0;
-  // IMAP4: next character boundary at which the completion marker is tried,
-  // and whether a zero byte ended the text the completion test may see.
+  // IMAP4: next character boundary at which the completion marker is tried;
+  // bytes known to hold no zero byte, and whether a zero byte ended the text
+  // the completion test may see.
   uint64_t fetch_scan_position = 0;
+  uint64_t zero_free_length = 0;
   bool fetch_text_ended = false;
 };
 

@@ -42,6 +42,28 @@ uint32_t HandlePop3Data(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEm
 uint32_t HandleImapData(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
                         const PacketArgs& args);
 
+// Client packet parsers of POP3 and IMAP4.
+void ParsePop3Command(CEmailFlowContext& context, const uint8_t* payload, uint32_t length);
+void ParseImapCommand(CEmailFlowContext& context, const uint8_t* payload, uint32_t length);
+
+// True when the payload is a short "-ERR" status line: CR LF at index 4 or 5.
+// Points the context's section at the payload.
+bool IsPop3ErrorReply(CEmailFlowContext& context, const uint8_t* payload, uint32_t length);
+
+// IMAP4: whether the fetch tag followed by " OK" occurs in the collected
+// response, read as text up to its first zero byte and searched character by
+// character in the ANSI code page. Only bytes added since the last question
+// are read.
+bool IsFetchComplete(CEmailFlowContext& context);
+
+// IMAP4: cuts the collected response into its literals and records each one.
+void SplitFetchResponse(CPelkaEmailModule& module, CEmailFlowContext& context, const PacketArgs& args);
+
+// IMAP4: records one fetched message through a temporary context that shares
+// the session's first packet time and login name.
+void RecordFetchedMessage(CPelkaEmailModule& module, const uint8_t* message, uint32_t length,
+                          const CEmailFlowContext& session, const PacketArgs& args);
+
 // Whether the collected message holds the end marker CR LF "." CR LF. The
 // answer is that of a search over the whole collection; only the bytes added
 // since the last question (and the four before them) are read.

@@ -1,15 +1,9 @@
 // Operations whose subsystems are not built yet: each does nothing, as the
 // module does when the host service behind it is missing.
 #include "flow/SessionHandlers.h"
-#include "mail/HeaderExtractor.h"
 #include "module/EmailModule.h"
 
 namespace pelka {
-
-void ExtractMailHeaders(CEmailFlowContext&, int) {}
-
-uint32_t HandlePop3Data(CPelkaEmailModule&, CEmailFlowDataImpl&, CEmailFlowContext&, const PacketArgs&) { return 0; }
-uint32_t HandleImapData(CPelkaEmailModule&, CEmailFlowDataImpl&, CEmailFlowContext&, const PacketArgs&) { return 0; }
 
 void CPelkaEmailModule::PostEmailRecord(IPelkaFlow*, CEmailFlowContext&, IPelkaFlowNode*) {}
 void CPelkaEmailModule::SaveEmailCopy(CEmailFlowContext*, const PacketRecord*) {}

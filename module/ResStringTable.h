@@ -8,6 +8,7 @@
 // of the default text filled (see module/Placeholders.h).
 #pragma once
 
+#include <cstdarg>
 #include <map>
 #include <memory>
 #include <string>
@@ -39,6 +40,8 @@ class CResStringTable {
   // The result is written into `holder`; the returned pointer is the holder's
   // characters, valid until the holder is next written.
   const wchar_t* GetString(std::wstring& holder, const wchar_t* id, const wchar_t* default_text, ...);
+  const wchar_t* GetStringV(std::wstring& holder, const wchar_t* id, const wchar_t* default_text,
+                            va_list values);
 
   // Process-wide flag: the first module initialisation that finds the host's
   // notification object sets it before loading, so a missing or bad file is
@@ -52,6 +55,5 @@ class CResStringTable {
   std::map<std::wstring, std::wstring> texts_;
   bool loaded_once_ = false;
 };
-
 
 }  // namespace pelka

@@ -10,16 +10,9 @@
 namespace pelka {
 namespace {
 
+using testing::CollectedBytes;
 using testing::Conversation;
 using testing::PacketRecordBuilder;
-
-std::string CollectedBytes(CEmailFlowContext& context) {
-  CEmailFlowDataImpl& data = *context.flow_data;
-  const uint32_t length = data.GetLength();
-  if (length == 0) return {};
-  const uint8_t* bytes = data.GetBuffer(0, length);
-  return std::string(reinterpret_cast<const char*>(bytes), length);
-}
 
 class SmtpConversationTest : public ::testing::TestWithParam<PacketRecordBuilder::Layout> {};
 

@@ -7,10 +7,19 @@
 #include <string_view>
 
 #include "flow/EmailFlowContext.h"
+#include "flow/EmailFlowData.h"
 #include "module/EmailModule.h"
 #include "support/FakeFlow.h"
 
 namespace pelka::testing {
+
+// The bytes a context has collected so far.
+inline std::string CollectedBytes(CEmailFlowContext& context) {
+  CEmailFlowDataImpl& data = *context.flow_data;
+  const uint32_t length = data.GetLength();
+  const uint8_t* bytes = length ? data.GetBuffer(0, length) : nullptr;
+  return bytes ? std::string(reinterpret_cast<const char*>(bytes), length) : std::string();
+}
 
 class Conversation {
  public:

@@ -1,0 +1,192 @@
+// The IMAP4 conversation: LOGIN names and UID FETCH BODY.PEEK responses, cut
+// into their literal messages once the tagged completion arrives.
+#include <cctype>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "flow/EmailFlowData.h"
+#include "flow/SessionHandlers.h"
+#include "host/CodePage.h"
+#include "mail/HeaderExtractor.h"
+#include "module/EmailModule.h"
+
+namespace pelka {
+namespace {
+
+constexpr std::string_view kFetchKeyword = "Fetch (uid";
+
+// Lead bytes of the double-byte code pages: a character that starts with one
+// takes two bytes, and no match may start on its second byte.
+bool IsLeadByte(unsigned code_page, uint8_t byte) {
+  switch (code_page) {
+    case 936:
+    case 949:
+    case 950:
+      return byte >= 0x81 && byte <= 0xFE;
+    case 932:
+      return (byte >= 0x81 && byte <= 0x9F) || (byte >= 0xE0 && byte <= 0xFC);
+    default:
+      return false;
+  }
+}
+
+// Length of the collected response read as text: up to its first zero byte.
+uint32_t TextLength(const uint8_t* bytes, uint32_t length) {
+  const void* zero = std::memchr(bytes, 0, length);
+  return zero ? static_cast<uint32_t>(static_cast<const uint8_t*>(zero) - bytes) : length;
+}
+
+const uint8_t* FindNoCase(const uint8_t* text, const uint8_t* end, std::string_view needle) {
+  for (const uint8_t* p = text; end - p >= static_cast<ptrdiff_t>(needle.size()); ++p) {
+    size_t i = 0;
+    while (i < needle.size() && std::tolower(p[i]) == std::tolower(static_cast<uint8_t>(needle[i]))) ++i;
+    if (i == needle.size()) return p;
+  }
+  return nullptr;
+}
+
+const uint8_t* FindByte(const uint8_t* text, const uint8_t* end, uint8_t byte) {
+  return static_cast<const uint8_t*>(std::memchr(text, byte, static_cast<size_t>(end - text)));
+}
+
+// The literal's length between its braces, read as a decimal number after
+// optional blanks and sign. A negative or huge number stands for "longer than
+// any text": the caller cuts it to what is there.
+uint64_t ParseLiteralLength(const uint8_t* p, const uint8_t* end) {
+  while (p < end && std::isspace(*p)) ++p;
+  bool negative = false;
+  if (p < end && (*p == '+' || *p == '-')) negative = *p++ == '-';
+  uint64_t value = 0;
+  for (; p < end && std::isdigit(*p); ++p) {
+    value = value * 10 + static_cast<uint64_t>(*p - '0');
+    if (value > UINT32_MAX) return UINT64_MAX;
+  }
+  return negative && value > 0 ? UINT64_MAX : value;
+}
+
+void ToUpperAscii(std::wstring& text) {
+  for (wchar_t& c : text) {
+    if (c >= L'a' && c <= L'z') c = static_cast<wchar_t>(c - L'a' + L'A');
+  }
+}
+
+}  // namespace
+
+void ParseImapCommand(CEmailFlowContext& context, const uint8_t* payload, uint32_t length) {
+  if (length < 3) return;
+  const auto* text = reinterpret_cast<const char*>(payload);
+  const std::wstring line = AnsiToWide(std::string_view(text, TextLength(payload, length)));
+  if (line.find(L"\r\n") == std::wstring::npos) return;
+  std::wstring upper = line;
+  ToUpperAscii(upper);
+
+  if (const size_t login = upper.find(L"LOGIN"); login != std::wstring::npos) {
+    const size_t name_start = login + 6;
+    const size_t blank = name_start <= line.size() ? line.find(L' ', name_start) : std::wstring::npos;
+    context.account = blank == std::wstring::npos ? L"" : line.substr(name_start, blank - name_start);
+    context.in_body = 0;
+    return;
+  }
+  const size_t fetch = upper.find(L"UID FETCH");
+  if (fetch == std::wstring::npos || fetch + 10 > upper.size()) return;
+  if (upper.find(L"BODY.PEEK", fetch + 10) == std::wstring::npos) return;
+  context.in_body = 1;
+  context.fetch_tag = WideToAnsi(line.substr(0, fetch > 0 ? fetch - 1 : 0));
+  // The completion marker changed: the collected bytes are searched anew.
+  context.end_search.fetch_scan_position = 0;
+}
+
+bool IsFetchComplete(CEmailFlowContext& context) {
+  CEmailFlowDataImpl& data = *context.flow_data;
+  const uint32_t total = data.GetLength();
+  if (total == 0) return false;
+  EndSearchProgress& progress = context.end_search;
+  if (progress.zero_free_length > total) progress = EndSearchProgress{};
+
+  if (!progress.fetch_text_ended && progress.zero_free_length < total) {
+    const uint32_t from = static_cast<uint32_t>(progress.zero_free_length);
+    const uint8_t* fresh = data.GetBuffer(from, total - from);
+    if (!fresh) return false;
+    const uint32_t visible = TextLength(fresh, total - from);
+    progress.zero_free_length = from + visible;
+    progress.fetch_text_ended = visible < total - from;
+  }
+  const uint64_t text_length = progress.zero_free_length;
+  const std::string marker = context.fetch_tag + " OK";
+  const uint8_t* text = text_length ? data.GetBuffer(0, static_cast<uint32_t>(text_length)) : nullptr;
+  if (!text) return false;
+
+  const unsigned code_page = GetAnsiCodePage();
+  uint64_t position = progress.fetch_scan_position;
+  while (position + marker.size() <= text_length) {
+    if (std::memcmp(text + position, marker.data(), marker.size()) == 0) return true;
+    position += IsLeadByte(code_page, text[position]) ? 2 : 1;
+  }
+  progress.fetch_scan_position = position;
+  return false;
+}
+
+void RecordFetchedMessage(CPelkaEmailModule& module, const uint8_t* message, uint32_t length,
+                          const CEmailFlowContext& session, const PacketArgs& args) {
+  CEmailFlowContext fetched(&module, args.flow);
+  if (!fetched.flow_data) return;
+  fetched.first_packet_time = session.first_packet_time;
+  fetched.flow_data->Append(message, length);
+  fetched.flow_data->Commit();
+  ExtractMailHeaders(fetched, kExtractImap4);
+  if (!session.account.empty()) fetched.account = session.account;
+  if (!QualifiesForRecord(fetched, ReceiverTest::kShort)) return;
+  module.SaveEmailCopy(&fetched, args.packet);
+  module.PostEmailRecord(args.flow, fetched, args.node);
+}
+
+void SplitFetchResponse(CPelkaEmailModule& module, CEmailFlowContext& context, const PacketArgs& args) {
+  CEmailFlowDataImpl& data = *context.flow_data;
+  const uint32_t total = data.GetLength();
+  const uint8_t* bytes = total ? data.GetBuffer(0, total) : nullptr;
+  if (!bytes) return;
+  const uint8_t* remaining = bytes;
+  const uint8_t* end = bytes + TextLength(bytes, total);
+  // The keyword only decides whether to go on; the braces are searched from
+  // the start of what remains.
+  while (FindNoCase(remaining, end, kFetchKeyword)) {
+    const uint8_t* open = FindByte(remaining, end, '{');
+    const uint8_t* close = FindByte(remaining, end, '}');
+    if (!open || !close) return;
+    const uint64_t declared = ParseLiteralLength(open + 1, end);
+    const uint64_t available = end - close > 3 ? static_cast<uint64_t>(end - close - 3) : 0;
+    const uint8_t* literal = close + 3 < end ? close + 3 : end;
+    const uint64_t literal_length = declared < available ? declared : available;
+    RecordFetchedMessage(module, literal, static_cast<uint32_t>(literal_length), context, args);
+    if (static_cast<uint64_t>(end - literal) <= literal_length + 2) return;
+    remaining = literal + literal_length + 2;
+  }
+}
+
+uint32_t HandleImapData(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
+                        const PacketArgs& args) {
+  if (data.GetLength() > module.max_flow_length()) {
+    // The whole raw response, FETCH lines included, is taken as one message.
+    context.body_end_time = GetPacketTime(args.packet);
+    CompleteMessage(module, context, args, kExtractImap4, ReceiverTest::kShort);
+    return 1;
+  }
+  if (args.direction == kFromClient) {
+    ParseImapCommand(context, args.payload, args.length);
+    return 0;
+  }
+  if (!context.in_body) return 0;
+  if (context.body_start_time == 0) context.body_start_time = GetPacketTime(args.packet);
+  data.Append(args.payload, args.length);
+  data.Commit();
+  if (IsFetchComplete(context)) {
+    SplitFetchResponse(module, context, args);
+    context.in_body = 0;
+    context.DiscardCollectedBytes();
+    context.ResetMessage();
+  }
+  return 0;
+}
+
+}  // namespace pelka

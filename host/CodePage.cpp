@@ -1,0 +1,232 @@
+#include "host/CodePage.h"
+
+#include <iconv.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <unordered_map>
+
+namespace pelka {
+namespace {
+
+static_assert(sizeof(wchar_t) == 4, "wide text is UTF-32 on this platform");
+
+constexpr wchar_t kReplacementChar = 0xFFFD;
+constexpr char kUnmappableChar = '?';
+constexpr const char* kWideName = "WCHAR_T";
+
+struct CodePageName {
+  unsigned code_page;
+  const char* iconv_name;
+};
+
+// Only code pages in which every byte below 0x80 stands for itself, with no
+// shift states, are listed: the ASCII fast path relies on that.
+constexpr CodePageName kCodePageNames[] = {
+    {437, "CP437"},         {737, "CP737"},         {775, "CP775"},         {850, "CP850"},
+    {852, "CP852"},         {855, "CP855"},         {857, "CP857"},         {860, "CP860"},
+    {861, "CP861"},         {862, "CP862"},         {863, "CP863"},         {864, "CP864"},
+    {865, "CP865"},         {866, "CP866"},         {869, "CP869"},         {874, "CP874"},
+    {932, "CP932"},         {936, "CP936"},         {949, "CP949"},         {950, "CP950"},
+    {1250, "CP1250"},       {1251, "CP1251"},       {1252, "CP1252"},       {1253, "CP1253"},
+    {1254, "CP1254"},       {1255, "CP1255"},       {1256, "CP1256"},       {1257, "CP1257"},
+    {1258, "CP1258"},       {10000, "MACINTOSH"},   {20127, "ASCII"},       {20866, "KOI8-R"},
+    {20932, "EUC-JP"},      {21866, "KOI8-U"},      {28591, "ISO-8859-1"},  {28592, "ISO-8859-2"},
+    {28593, "ISO-8859-3"},  {28594, "ISO-8859-4"},  {28595, "ISO-8859-5"},  {28596, "ISO-8859-6"},
+    {28597, "ISO-8859-7"},  {28598, "ISO-8859-8"},  {28599, "ISO-8859-9"},  {28603, "ISO-8859-13"},
+    {28605, "ISO-8859-15"}, {51932, "EUC-JP"},      {51936, "EUC-CN"},      {51949, "EUC-KR"},
+    {54936, "GB18030"},     {65001, "UTF-8"},
+};
+
+std::atomic<unsigned> g_ansi_code_page{kCodePageGbk};
+
+const char* IconvName(unsigned code_page) {
+  for (const CodePageName& entry : kCodePageNames) {
+    if (entry.code_page == code_page) return entry.iconv_name;
+  }
+  return nullptr;
+}
+
+unsigned ResolveCodePage(unsigned code_page) {
+  if (code_page == kCodePageAnsi || code_page == kCodePageThreadAnsi) {
+    return g_ansi_code_page.load(std::memory_order_relaxed);
+  }
+  return code_page;
+}
+
+enum class Direction : unsigned { kToWide = 0, kFromWide = 1 };
+
+const iconv_t kNoHandle = reinterpret_cast<iconv_t>(-1);
+
+class IconvHandle {
+ public:
+  explicit IconvHandle(iconv_t handle) : handle_(handle) {}
+  IconvHandle(const IconvHandle&) = delete;
+  IconvHandle& operator=(const IconvHandle&) = delete;
+  ~IconvHandle() {
+    if (handle_ != kNoHandle) iconv_close(handle_);
+  }
+  iconv_t get() const { return handle_; }
+
+ private:
+  iconv_t handle_;
+};
+
+// Handles of one thread, opened at first use and kept until the thread ends.
+// A code page that iconv cannot open is remembered as such, so that it is not
+// tried again on every call.
+iconv_t ThreadConverter(unsigned code_page, Direction direction) {
+  thread_local std::unordered_map<uint64_t, IconvHandle> handles;
+  const uint64_t key = (uint64_t{code_page} << 1) | static_cast<unsigned>(direction);
+  auto found = handles.find(key);
+  if (found != handles.end()) return found->second.get();
+
+  iconv_t handle = kNoHandle;
+  if (const char* name = IconvName(code_page)) {
+    handle = direction == Direction::kToWide ? iconv_open(kWideName, name) : iconv_open(name, kWideName);
+  }
+  handles.try_emplace(key, handle);
+  return handle;
+}
+
+bool IsAscii(std::string_view bytes) {
+  return std::all_of(bytes.begin(), bytes.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+bool IsAscii(std::wstring_view text) {
+  return std::all_of(text.begin(), text.end(), [](wchar_t c) { return c >= 0 && c < 0x80; });
+}
+
+// Without a converter only ASCII can be read; everything else is marked
+// rather than dropped.
+void WidenWithoutConverter(std::string_view bytes, std::wstring& out) {
+  for (char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    out.push_back(byte < 0x80 ? static_cast<wchar_t>(byte) : kReplacementChar);
+  }
+}
+
+// Values that are no Unicode scalar (surrogates, beyond U+10FFFF) are not
+// always rejected by the converter underneath; they become '?' beforehand.
+bool IsScalarValue(wchar_t c) { return c >= 0 && c <= 0x10FFFF && (c < 0xD800 || c > 0xDFFF); }
+
+std::wstring_view WithoutNonScalars(std::wstring_view text, std::wstring& storage) {
+  if (std::all_of(text.begin(), text.end(), IsScalarValue)) return text;
+  storage.assign(text);
+  std::replace_if(storage.begin(), storage.end(), [](wchar_t c) { return !IsScalarValue(c); }, L'?');
+  return storage;
+}
+
+void NarrowWithoutConverter(std::wstring_view text, std::string& out) {
+  for (wchar_t c : text) out.push_back(c >= 0 && c < 0x80 ? static_cast<char>(c) : kUnmappableChar);
+}
+
+// Runs iconv over the input into `out`. Input that iconv rejects (invalid, incomplete or unmappable) costs one input unit
+// of `unit` bytes, which `on_bad_input` replaces; the conversion then goes on
+// with the next unit. `out` grows as needed and is cut to the written size.
+template <typename Text, typename OnBadInput>
+void RunIconv(iconv_t handle, const char* input, size_t input_length, size_t unit, Text& out,
+              OnBadInput on_bad_input) {
+  using Char = typename Text::value_type;
+  size_t out_used = 0;
+  iconv(handle, nullptr, nullptr, nullptr, nullptr);  // fresh shift state
+
+  char* in = const_cast<char*>(input);
+  size_t in_left = input_length;
+  bool flushing = false;
+  for (;;) {
+    if (out.size() - out_used < 8) out.resize(out.size() * 2 + 16);
+    char* out_start = reinterpret_cast<char*>(out.data() + out_used);
+    char* out_ptr = out_start;
+    size_t out_left = (out.size() - out_used) * sizeof(Char);
+    const size_t result = flushing ? iconv(handle, nullptr, nullptr, &out_ptr, &out_left)
+                                   : iconv(handle, &in, &in_left, &out_ptr, &out_left);
+    out_used += static_cast<size_t>(out_ptr - out_start) / sizeof(Char);
+    if (result != static_cast<size_t>(-1)) {
+      if (flushing) break;
+      flushing = true;
+      continue;
+    }
+    if (errno == E2BIG) {
+      out.resize(out.size() * 2 + 16);
+      continue;
+    }
+    if (flushing || in_left == 0 || (errno != EILSEQ && errno != EINVAL)) break;
+    if (out_used == out.size()) out.resize(out.size() * 2 + 16);
+    out[out_used++] = on_bad_input();
+    const size_t skip = std::min(unit, in_left);
+    in += skip;
+    in_left -= skip;
+    iconv(handle, nullptr, nullptr, nullptr, nullptr);
+  }
+  out.resize(out_used);
+}
+
+}  // namespace
+
+bool SetAnsiCodePage(unsigned code_page) {
+  if (code_page == kCodePageAnsi || code_page == kCodePageThreadAnsi) return false;
+  if (!IsCodePageSupported(code_page)) return false;
+  g_ansi_code_page.store(code_page, std::memory_order_relaxed);
+  return true;
+}
+
+unsigned GetAnsiCodePage() { return g_ansi_code_page.load(std::memory_order_relaxed); }
+
+bool IsCodePageSupported(unsigned code_page) {
+  code_page = ResolveCodePage(code_page);
+  return ThreadConverter(code_page, Direction::kToWide) != kNoHandle &&
+         ThreadConverter(code_page, Direction::kFromWide) != kNoHandle;
+}
+
+void MultiByteToWide(unsigned code_page, std::string_view bytes, std::wstring& out) {
+  out.clear();
+  if (bytes.empty()) return;
+  if (IsAscii(bytes)) {
+    out.assign(bytes.begin(), bytes.end());
+    return;
+  }
+  iconv_t handle = ThreadConverter(ResolveCodePage(code_page), Direction::kToWide);
+  if (handle == kNoHandle) {
+    WidenWithoutConverter(bytes, out);
+    return;
+  }
+  // One wide character per input byte is enough for every listed code page.
+  out.resize(bytes.size());
+  RunIconv(handle, bytes.data(), bytes.size(), 1, out, [] { return kReplacementChar; });
+}
+
+std::wstring MultiByteToWide(unsigned code_page, std::string_view bytes) {
+  std::wstring out;
+  MultiByteToWide(code_page, bytes, out);
+  return out;
+}
+
+void WideToMultiByte(unsigned code_page, std::wstring_view text, std::string& out) {
+  out.clear();
+  if (text.empty()) return;
+  if (IsAscii(text)) {
+    out.assign(text.begin(), text.end());
+    return;
+  }
+  iconv_t handle = ThreadConverter(ResolveCodePage(code_page), Direction::kFromWide);
+  if (handle == kNoHandle) {
+    NarrowWithoutConverter(text, out);
+    return;
+  }
+  std::wstring sanitized;
+  text = WithoutNonScalars(text, sanitized);
+  out.resize(text.size() * 2);
+  RunIconv(handle, reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t), sizeof(wchar_t), out,
+           [] { return kUnmappableChar; });
+}
+
+std::string WideToMultiByte(unsigned code_page, std::wstring_view text) {
+  std::string out;
+  WideToMultiByte(code_page, text, out);
+  return out;
+}
+
+}  // namespace pelka

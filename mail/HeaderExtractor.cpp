@@ -1,0 +1,171 @@
+#include "mail/HeaderExtractor.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "flow/EmailFlowData.h"
+#include "host/CodePage.h"
+#include "mail/EncodedWords.h"
+#include "mail/NameAddress.h"
+
+namespace pelka {
+namespace {
+
+using namespace std::string_view_literals;
+
+constexpr int kProtocolPop3Extract = 1;
+constexpr double kMicrosecondsPerSecond = 1000000.0;
+constexpr std::string_view kAttachmentMarker = "Content-Disposition: attachment"sv;
+constexpr std::string_view kPartHeaderEnd = "\r\n\r\n"sv;
+constexpr std::wstring_view kFileNameStart = L"filename=\""sv;
+
+enum class Field { kFrom, kReturnPath, kEnvelopeTo, kTo, kCc, kSubject, kDate, kMailer, kOther };
+
+Field FieldOf(std::wstring name) {
+  for (wchar_t& c : name) {
+    if (c >= L'a' && c <= L'z') c = static_cast<wchar_t>(c - L'a' + L'A');
+  }
+  if (name == L"FROM") return Field::kFrom;
+  if (name == L"RETURN-PATH") return Field::kReturnPath;
+  if (name == L"ENVELOPE-TO") return Field::kEnvelopeTo;
+  if (name == L"TO") return Field::kTo;
+  if (name == L"CC") return Field::kCc;
+  if (name == L"SUBJECT") return Field::kSubject;
+  if (name == L"DATE") return Field::kDate;
+  if (name == L"X-MAILER") return Field::kMailer;
+  return Field::kOther;
+}
+
+// True when a header of this kind has nothing left to fill: the first header
+// that supplies a value wins. Unrecognised names count as filled.
+bool IsFilled(const CEmailFlowContext& c, Field field) {
+  switch (field) {
+    case Field::kFrom: return !c.sender_name.empty() && !c.sender_address.empty();
+    case Field::kTo: return !c.receiver_name.empty() && !c.receiver_address.empty();
+    case Field::kReturnPath: return !c.return_path.empty();
+    case Field::kEnvelopeTo: return !c.envelope_to.empty();
+    case Field::kCc: return !c.cc.empty();
+    case Field::kSubject: return !c.subject.empty();
+    case Field::kDate: return !c.sent_time.empty();
+    case Field::kMailer: return !c.mailer.empty();
+    case Field::kOther: return true;
+  }
+  return true;
+}
+
+// Wide text back to the multi-byte form that the encoded-word decoder reads.
+std::string ToAnsiBytes(std::wstring_view text) { return WideToMultiByte(kCodePageThreadAnsi, text); }
+
+std::wstring Decoded(std::wstring_view text) {
+  std::string bytes = ToAnsiBytes(text);
+  std::wstring decoded;
+  DecodeEncodedWords(bytes, decoded);
+  return decoded;
+}
+
+void SetIfEmpty(std::wstring& field, std::wstring value) {
+  if (field.empty()) field = std::move(value);
+}
+
+void FillField(CEmailFlowContext& c, Field field, const std::wstring& name, const std::wstring& address) {
+  switch (field) {
+    case Field::kFrom:
+      SetIfEmpty(c.sender_name, Decoded(name));
+      SetIfEmpty(c.sender_address, Decoded(address));
+      return;
+    case Field::kTo:
+      SetIfEmpty(c.receiver_name, Decoded(name));
+      SetIfEmpty(c.receiver_address, Decoded(address));
+      return;
+    case Field::kCc:
+      c.cc = name.empty() ? Decoded(address) : L"\"" + Decoded(name) + L"\"<" + Decoded(address) + L">";
+      return;
+    case Field::kReturnPath: c.return_path = Decoded(address); return;
+    case Field::kEnvelopeTo: c.envelope_to = Decoded(address); return;
+    case Field::kSubject: c.subject = Decoded(address); return;
+    case Field::kDate: c.sent_time = address; return;
+    case Field::kMailer: c.mailer = address; return;
+    case Field::kOther: return;
+  }
+}
+
+void ExtractHeaderField(CEmailFlowContext& context, CEmailFlowDataImpl& data, uint32_t index) {
+  const char* raw_name = data.GetHeaderName(index);
+  if (!raw_name) return;
+  const Field field = FieldOf(AnsiToWide(raw_name));
+  if (IsFilled(context, field)) return;
+  // The name's copy is gone once the value is asked for.
+  const char* raw_value = data.GetHeaderValue(index);
+  if (!raw_value) return;
+  std::wstring name;
+  std::wstring address;
+  SplitNameAndAddress(context, AnsiToWide(raw_value), name, address);
+  FillField(context, field, name, address);
+}
+
+void MeasureMessage(CEmailFlowContext& context, CEmailFlowDataImpl& data) {
+  context.message_size = data.GetLength();
+  if (context.body_end_time != 0) {
+    const uint64_t start = context.body_start_time;
+    const uint64_t end = context.body_end_time;
+    context.duration = static_cast<double>(end > start ? end - start : start - end) / kMicrosecondsPerSecond;
+  }
+  context.average_speed =
+      context.duration != 0.0 ? static_cast<double>(context.message_size) / context.duration : 0.0;
+}
+
+// The quoted file name of one attachment's part header, split like a header
+// value so that GB2312/GBK encoded names come out decoded.
+void RecordAttachment(CEmailFlowContext& context, std::wstring_view part_header) {
+  const size_t start = part_header.find(kFileNameStart);
+  if (start == std::wstring_view::npos) return;
+  std::wstring_view file_name = part_header.substr(start + kFileNameStart.size());
+  file_name = file_name.substr(0, file_name.find(L'"'));
+  std::wstring name;
+  std::wstring address;
+  SplitNameAndAddress(context, file_name, name, address);
+  context.attachments += address;
+  context.attachments += L';';
+}
+
+// Every "Content-Disposition: attachment" in the whole message, matched
+// exactly; the part header runs to the next empty line. The scan only moves
+// forward.
+void ScanAttachments(CEmailFlowContext& context, CEmailFlowDataImpl& data) {
+  const uint32_t size = data.GetLength();
+  const auto* marker = reinterpret_cast<const uint8_t*>(kAttachmentMarker.data());
+  const auto* part_end = reinterpret_cast<const uint8_t*>(kPartHeaderEnd.data());
+  uint32_t position = 0;
+  while (position < size) {
+    const uint32_t found = data.FindBytes(position, marker, static_cast<int32_t>(kAttachmentMarker.size()), -1);
+    if (found == kNotFound) return;
+    uint32_t end = data.FindBytes(found, part_end, static_cast<int32_t>(kPartHeaderEnd.size()), -1);
+    if (end == kNotFound) end = size;
+    const uint32_t header_start = found + static_cast<uint32_t>(kAttachmentMarker.size());
+    const char* part_header = data.GetStringA(header_start, static_cast<int32_t>(end - header_start));
+    if (part_header) RecordAttachment(context, AnsiToWide(part_header));
+    position = end == size ? end : end + static_cast<uint32_t>(kPartHeaderEnd.size());
+  }
+}
+
+}  // namespace
+
+void ExtractMailHeaders(CEmailFlowContext& context, int protocol) {
+  if (!context.flow_data) return;
+  CEmailFlowDataImpl& data = *context.flow_data;
+  if (protocol == kProtocolPop3Extract) {
+    // The reply's status line; data without any line end is all status line.
+    const uint32_t line = data.GetLineLength(1, 0, -1);
+    data.Consume(line == kNotFound ? data.GetLength() : line);
+  }
+  MeasureMessage(context, data);
+  if (context.message_size == 0) return;
+
+  data.IndexHeader(0, -1, nullptr);
+  const uint32_t count = data.GetHeaderCount();
+  for (uint32_t i = 0; i < count; ++i) ExtractHeaderField(context, data, i);
+  ScanAttachments(context, data);
+}
+
+}  // namespace pelka

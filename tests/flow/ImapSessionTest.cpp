@@ -1,0 +1,122 @@
+// The IMAP4 conversation, packet by packet through the flow client.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "flow/SessionHandlers.h"
+#include "host/CodePage.h"
+#include "support/Conversation.h"
+
+namespace pelka {
+namespace {
+
+using testing::CollectedBytes;
+using testing::Conversation;
+
+TEST(ImapCommandTest, LoginAndFetchLines) {
+  struct Case {
+    const char* line;
+    const wchar_t* account;
+    uint32_t in_body;
+    const char* tag;
+  } cases[] = {
+      {"A1 LOGIN bob secret\r\n", L"bob", 0, "old"},
+      {"a1 login bob secret\r\n", L"bob", 0, "old"},
+      {"A1 LOGIN bob\r\n", L"", 0, "old"},  // no blank after the name
+      {"A1 LOGIN bob secret", L"old", 1, "old"},  // no line end: ignored
+      {"A2 UID FETCH 1:* (BODY.PEEK[])\r\n", L"old", 1, "A2"},
+      {"tag7 uid fetch 5 (body.peek[header])\r\n", L"old", 1, "tag7"},
+      {"A3 UID FETCH 1:* (FLAGS)\r\n", L"old", 1, "old"},  // changes nothing
+      {"A4 FETCH 1 (BODY.PEEK[])\r\n", L"old", 1, "old"},
+      {"\r\n", L"old", 1, "old"},
+  };
+  for (const Case& c : cases) {
+    CPelkaEmailModule module;
+    Conversation imap(module, 143, kProtocolImap4);
+    imap.context().account = L"old";
+    imap.context().fetch_tag = "old";
+    imap.context().in_body = 1;
+    imap.Client(c.line, 1);
+    EXPECT_EQ(imap.context().account, c.account) << c.line;
+    EXPECT_EQ(imap.context().in_body, c.in_body) << c.line;
+    EXPECT_EQ(imap.context().fetch_tag, c.tag) << c.line;
+  }
+}
+
+std::string Literal(const std::string& message, const std::string& uid) {
+  return "* " + uid + " FETCH (UID " + uid + " BODY[] {" + std::to_string(message.size()) + "}\r\n" + message +
+         ")\r\n";
+}
+
+TEST(ImapSessionTest, ResponseCompletesAtTheTaggedOk) {
+  CPelkaEmailModule module;
+  Conversation imap(module, 143, kProtocolImap4);
+  imap.Client("A1 LOGIN bob secret\r\n", 1);
+  imap.Server("A1 OK LOGIN completed\r\n", 2);
+  imap.Client("A3 UID FETCH 1:* (BODY.PEEK[])\r\n", 3);
+  const std::string response = Literal("From: a@x\r\nTo: b@y\r\n\r\none\r\n", "1") +
+                               Literal("From: a@x\r\nTo: c@y\r\n\r\ntwo\r\n", "2");
+  imap.Server(response.substr(0, 30), 4);
+  imap.Server(response.substr(30), 5);
+  EXPECT_EQ(imap.context().in_body, 1u);
+  EXPECT_EQ(imap.context().body_start_time, 4u);
+  imap.Server("A3 O", 6);
+  EXPECT_EQ(imap.context().in_body, 1u) << "the marker is not whole yet";
+  imap.Server("K UID FETCH completed\r\n", 7);
+  EXPECT_EQ(imap.context().in_body, 0u);
+  EXPECT_EQ(CollectedBytes(imap.context()), "");
+  EXPECT_EQ(imap.context().account, L"bob");
+}
+
+TEST(ImapCompletionTest, MarkerRules) {
+  struct Case {
+    std::string collected;
+    bool complete;
+  } cases[] = {
+      {"* 1 FETCH ...\r\nA3 OK done\r\n", true},
+      {"message text mentions A3 OK inside\r\n", true},  // completes early
+      {"A3 ok\r\n", false},                              // the marker is case-sensitive
+      {std::string("abc\0A3 OK\r\n", 11), false},        // hidden behind a zero byte
+      {"\x81" "A3 OK", false},                           // second byte of a GBK character
+      {"\x81\x40" "A3 OK", true},
+  };
+  for (const Case& c : cases) {
+    CPelkaEmailModule module;
+    Conversation imap(module, 143, kProtocolImap4);
+    imap.Client("A3 UID FETCH 1 (BODY.PEEK[])\r\n", 1);
+    imap.Server(c.collected, 2);
+    EXPECT_EQ(imap.context().in_body == 0, c.complete) << ::testing::PrintToString(c.collected);
+  }
+}
+
+TEST(ImapCompletionTest, AnswerDoesNotDependOnHowBytesArrive) {
+  const std::string response = std::string(300, 'x') + "\x81" "A3 OK " + std::string(50, 'y') + "A3 OK\r\n";
+  // The first marker starts on the second byte of a GBK character.
+  const size_t marker_end = response.rfind("A3 OK") + 5;
+  for (size_t step : {1u, 2u, 3u, 7u, 64u}) {
+    CPelkaEmailModule module;
+    Conversation imap(module, 143, kProtocolImap4);
+    imap.Client("A3 UID FETCH 1 (BODY.PEEK[])\r\n", 1);
+    size_t sent = 0;
+    while (imap.context().in_body && sent < response.size()) {
+      imap.Server(response.substr(sent, step), 2);
+      sent += step;
+    }
+    EXPECT_TRUE(sent >= marker_end && sent - step < marker_end) << "completes with the packet that ends the marker, step " << step;
+    EXPECT_EQ(imap.context().in_body, 0u) << step;
+  }
+}
+
+TEST(ImapSessionTest, FlowLimitTakesTheRawResponse) {
+  CPelkaEmailModule module;
+  module.set_max_flow_length(64);
+  Conversation imap(module, 143, kProtocolImap4);
+  imap.Client("A3 UID FETCH 1 (BODY.PEEK[])\r\n", 1);
+  imap.Server(std::string(100, 'x'), 2);
+  EXPECT_EQ(imap.Server("more", 3), 1u);
+  EXPECT_EQ(imap.context().in_body, 0u);
+  EXPECT_EQ(CollectedBytes(imap.context()), "");
+}
+
+}  // namespace
+}  // namespace pelka

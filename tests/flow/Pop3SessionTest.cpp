@@ -1,0 +1,135 @@
+// The POP3 conversation, packet by packet through the flow client.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "support/Conversation.h"
+
+namespace pelka {
+namespace {
+
+using testing::CollectedBytes;
+using testing::Conversation;
+
+TEST(Pop3CommandTest, CommandsStartAndEndRetrievals) {
+  struct Case {
+    const char* line;
+    uint32_t in_body_before;
+    uint32_t in_body_after;
+  } cases[] = {
+      {"RETR 1\r\n", 0, 1},  {"retr 1\r\n", 0, 1},  {"RETR", 0, 0},     {"RETR 1", 0, 0},
+      {"TOP 1 10\r\n", 1, 0}, {"top 1 10\r\n", 1, 0}, {"QUIT\r\n", 1, 0}, {"LIST\r\n", 1, 0},
+      {"UIDL\r\n", 1, 0},     {"AUTH PLAIN\r\n", 1, 0}, {"CAPA\r\n", 1, 1}, {"XTND\r\n", 1, 1},
+      {"\r\nQUIT\r\n", 1, 1},  // the line end stands before index 4
+      {"TOP\r\n", 1, 1},       // too short: ignored before the list is looked at
+  };
+  for (const Case& c : cases) {
+    CPelkaEmailModule module;
+    Conversation pop3(module, 110, kProtocolPop3);
+    pop3.context().in_body = c.in_body_before;
+    pop3.Client(c.line, 1);
+    EXPECT_EQ(pop3.context().in_body, c.in_body_after) << c.line;
+  }
+}
+
+TEST(Pop3CommandTest, UserLinesSetTheLoginName) {
+  struct Case {
+    const char* line;
+    const wchar_t* account;
+  } cases[] = {
+      {"USER alice\r\n", L"alice"},
+      {"user bob@example.org\r\n", L"bob@example.org"},
+      {"USER\r\n", L""},
+      {"USER alice", L"old"},  // no line end: ignored
+  };
+  for (const Case& c : cases) {
+    CPelkaEmailModule module;
+    Conversation pop3(module, 110, kProtocolPop3);
+    pop3.context().account = L"old";
+    pop3.Client(c.line, 1);
+    EXPECT_EQ(pop3.context().account, c.account) << c.line;
+  }
+}
+
+TEST(Pop3ErrorReplyTest, OnlyShortErrLinesRefuseARetrieval) {
+  struct Case {
+    const char* reply;
+    bool refused;
+  } cases[] = {
+      {"-ERR\r\n", true},
+      {"-err\r\n", true},
+      {"-ERRx\r\n", true},
+      {"-ERR no such message\r\n", false},
+      {"-ERR", false},
+      {"+OK\r\n", false},
+  };
+  for (const Case& c : cases) {
+    CPelkaEmailModule module;
+    Conversation pop3(module, 110, kProtocolPop3);
+    pop3.Client("RETR 9\r\n", 1);
+    EXPECT_EQ(pop3.Server(c.reply, 2), c.refused ? 1u : 0u) << c.reply;
+    EXPECT_EQ(CollectedBytes(pop3.context()), c.refused ? "" : c.reply) << c.reply;
+    EXPECT_EQ(pop3.context().reply_seen, c.refused ? 0u : 1u) << c.reply;
+    EXPECT_EQ(pop3.context().in_body, 1u) << c.reply;
+  }
+}
+
+TEST(Pop3SessionTest, RetrievalsAcrossPacketsAndInOnePacket) {
+  CPelkaEmailModule module;
+  Conversation pop3(module, 110, kProtocolPop3);
+  pop3.Server("+OK POP3 ready\r\n", 1'000'000);
+  pop3.Client("USER alice\r\n", 1'100'000);
+  pop3.Server("+OK\r\n", 1'200'000);
+  pop3.Client("PASS secret\r\n", 1'300'000);
+  pop3.Server("+OK logged in\r\n", 1'400'000);
+  pop3.Client("LIST\r\n", 1'500'000);
+  pop3.Server("+OK 2 messages\r\n1 120\r\n2 80\r\n.\r\n", 1'600'000);
+  EXPECT_EQ(CollectedBytes(pop3.context()), "") << "a LIST reply is not collected";
+
+  pop3.Client("RETR 1\r\n", 2'000'000);
+  pop3.Server("+OK 120 octets\r\nFrom: a@x\r\n", 2'100'000);
+  EXPECT_EQ(pop3.context().body_start_time, 2'100'000u);
+  pop3.Server("-ERR\r\n", 2'200'000);  // only the first packet is checked
+  pop3.Server("To: b@y\r\n\r\nbody\r\n.\r\n", 2'300'000);
+  EXPECT_EQ(pop3.context().in_body, 0u);
+  EXPECT_EQ(CollectedBytes(pop3.context()), "");
+
+  pop3.Client("RETR 2\r\n", 3'000'000);
+  EXPECT_EQ(pop3.Server("+OK\r\nFrom: a@x\r\nTo: b@y\r\n\r\nhi\r\n.\r\n", 3'100'000), 0u);
+  EXPECT_EQ(pop3.context().in_body, 0u) << "status line, message and end marker in one packet";
+
+  pop3.Client("RETR 9\r\n", 4'000'000);
+  EXPECT_EQ(pop3.Server("-ERR\r\n", 4'100'000), 1u);
+  pop3.Client("TOP 1 5\r\n", 4'200'000);
+  EXPECT_EQ(pop3.context().in_body, 0u);
+  pop3.Server("+OK\r\nFrom: a@x\r\n\r\n.\r\n", 4'300'000);
+  EXPECT_EQ(CollectedBytes(pop3.context()), "") << "a TOP reply is not collected";
+  pop3.Client("QUIT\r\n", 4'400'000);
+  EXPECT_EQ(pop3.context().account, L"alice");
+}
+
+TEST(Pop3SessionTest, AnEndingCommandKeepsTheUnfinishedBytes) {
+  CPelkaEmailModule module;
+  Conversation pop3(module, 110, kProtocolPop3);
+  pop3.Client("RETR 1\r\n", 1);
+  pop3.Server("+OK\r\npartial", 2);
+  pop3.Client("NOOP\r\n", 3);
+  EXPECT_EQ(pop3.context().in_body, 0u);
+  EXPECT_EQ(CollectedBytes(pop3.context()), "+OK\r\npartial");
+  pop3.Client("RETR 2\r\n", 4);
+  pop3.Server("-ERR\r\n", 5);  // no new status-line check: reply_seen stayed set
+  EXPECT_EQ(CollectedBytes(pop3.context()), "+OK\r\npartial-ERR\r\n");
+}
+
+TEST(Pop3SessionTest, FlowLimitCompletesAndEndsTheFlow) {
+  CPelkaEmailModule module;
+  module.set_max_flow_length(100);
+  Conversation pop3(module, 110, kProtocolPop3);
+  pop3.Client("RETR 1\r\n", 1);
+  pop3.Server("+OK\r\n" + std::string(200, 'x'), 2);
+  EXPECT_EQ(pop3.Client("NOOP\r\n", 3), 1u) << "any packet finds the limit passed";
+  EXPECT_EQ(CollectedBytes(pop3.context()), "");
+}
+
+}  // namespace
+}  // namespace pelka
