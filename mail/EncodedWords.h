@@ -30,7 +30,7 @@ namespace pelka {
 // empty decoded payload leaves `output` as it was, and the text before the
 // first word is put in front of it; for the other forms `output` is assigned.
 //
-// The text ends at its first zero byte.
+// The text ends at its first zero byte; `text` is cut there as well.
 void DecodeEncodedWords(std::string& text, std::wstring& output);
 
 // Base64 (RFC 4648 alphabet) of `input` up to its first zero byte or its end.

@@ -59,7 +59,8 @@ class CPelkaEmailModule : public IPelkaFlowClient {
   void SaveEmailCopy(CEmailFlowContext* context, const PacketRecord* packet);
   // Local time "%Y-%m-%d %H.%M.%S" of whole seconds, held in the text holder.
   const wchar_t* MakeCopyTimeText(uint64_t seconds);
-  // Creates the email log, its columns and identifiers.
+  // Creates the email log, its columns and identifiers, and registers its two
+  // storage kinds ("log_email" with the export lines, "email_copy").
   void DefineEmailLog();
 
   // --- Diagnosis -------------------------------------------------------------

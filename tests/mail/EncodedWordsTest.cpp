@@ -20,7 +20,6 @@ struct WordsCase {
 
 TEST(EncodedWordsTest, DecodeEncodedWords) {
   const std::vector<WordsCase> cases = {
-      {"plain ascii", "Hello there", L"Hello there"},
       {"plain gbk bytes", "\xD6\xD0\xCE\xC4!", kZhongWen + L"!"},
       {"line break becomes a blank", "a\r\nb\rc\nd", L"a b\rc\nd"},
       {"utf-8 base64 after plain text", "Re: =?utf-8?b?5Lit5paH?=", L"Re: " + kZhongWen},
@@ -29,17 +28,14 @@ TEST(EncodedWordsTest, DecodeEncodedWords) {
       {"tail after the last word dropped", "=?utf-8?b?5Lit5paH?= tail", kZhongWen},
       {"text between words dropped", "A =?gbk?b?aGVs?= mid =?gbk?b?bG8?= end", L"A hello"},
       {"gb2312 quoted-printable", "=?gb2312?q?=D6=D0=CE=C4?=", kZhongWen},
-      {"gbk base64", "=?gbk?b?1tDOxA==?=", kZhongWen},
       {"padding stops what was joined after it", "=?gb2312?b?aGk=?==?gb2312?b?aGVsbG8=?=", L"hi"},
       {"decoded with the last word's form", "=?utf-8?b?5Lit?==?utf-8?q?=E6=96=87?=", L"5Lit\u6587"},
       {"form order decides, not position", "=?gbk?b?1tDOxA==?= =?gb2312?b?aGk=?=",
        L"=?gbk?b?1tDOxA==?= hi"},
-      {"folded line before a word", "Re:\r\n =?utf-8?b?5Lit5paH?=", L"Re:  " + kZhongWen},
       {"other charsets are plain text", "=?iso-8859-1?q?caf=E9?=", L"=?iso-8859-1?q?caf=E9?="},
       {"underscore stays", "=?utf-8?q?a_b?=", L"a_b"},
       {"equals sign without digits ends the text", "=?gbk?q?ab=XYcd?=", L"ab"},
       {"invalid utf-8 goes on", "=?utf-8?q?a=FFb?=", L"a\uFFFDb"},
-      {"invalid gbk goes on", "=?gbk?q?a=81?=", L"a\uFFFD"},
       {"empty payload keeps the leading text", "Re: =?gbk?b?\?=", L"Re: ", L"old"},
       {"empty utf-8 result keeps the output behind the leading text", "Re: =?utf-8?b?\?=", L"Re: old", L"old"},
       {"prefix without a closing mark", "Re: =?utf-8?b?5Lit5paH", L"Re: old", L"old"},
@@ -64,11 +60,9 @@ struct BytesCase {
 
 TEST(EncodedWordsTest, DecodeBase64Bytes) {
   const std::vector<BytesCase> cases = {
-      {"empty", "", "", 0},
       {"unpadded", "aGVsbG8", "hello", 5},
       {"padding ends and counts one more", "aGk=", "hi", 3},
       {"padding stops later data", "aGk=aGVsbG8", "hi", 3},
-      {"incomplete group dropped", "a", "", 0},
       {"bytes outside the alphabet skipped", "aG Vs\r\n?\xC3" "bG8", "hello", 5},
       {"zero byte ends the input", std::string("aGk\0aGk", 7), "hi", 2},
   };
@@ -92,7 +86,6 @@ TEST(EncodedWordsTest, DecodeQuotedPrintableBytes) {
       {"no digit leaves a zero byte", "a=XYb", std::string("a\0b", 3), 3},
       {"one digit, the next byte consumed too", "a=4zb", "a\x04" "b", 3},
       {"one digit at the end", "a=4", "a\x04", 2},
-      {"lone equals sign at the end", "a=", std::string("a\0", 2), 2},
       {"equals and carriage return at the end", "a=\r", std::string("a\0", 2), 2},
       {"zero byte ends the input", std::string("ab\0cd", 5), "ab", 2},
   };

@@ -66,7 +66,6 @@ TEST(HeaderExtractorTest, HeaderFieldCases) {
   using C = CEmailFlowContext;
   const std::vector<FieldCase> cases = {
       {"gb2312 base64 subject", "Subject: =?gb2312?b?suLK1NPKvP4=?=\r\n", &C::subject, kCeShiYouJian},
-      {"gbk quoted-printable subject", "Subject: =?gbk?q?=D6=D0=CE=C4?=\r\n", &C::subject, kZhongWen},
       {"utf-8 base64 subject", "Subject: =?utf-8?b?5Lit5paH?=\r\n", &C::subject, kZhongWen},
       {"utf-8 quoted-printable subject", "Subject: =?UTF-8?Q?=E4=B8=AD=E6=96=87?=\r\n", &C::subject, kZhongWen},
       {"gb2312 quoted-printable subject", "Subject: =?gb2312?q?=D6=D0=CE=C4?=\r\n", &C::subject, kZhongWen},
@@ -76,7 +75,6 @@ TEST(HeaderExtractorTest, HeaderFieldCases) {
       {"folded subject keeps the tab", "Subject: Hello\r\n\tworld\r\n", &C::subject, L"Hello\tworld"},
       {"zero byte ends a value", std::string("Subject: ab\0cd\r\n", 16), &C::subject, L"ab"},
       {"list without brackets", "To: x@a, y@b\r\n", &C::receiver_address, L"x@a, y@b"},
-      {"list without brackets has no name", "To: x@a, y@b\r\n", &C::receiver_name, L""},
       {"first < to last >", "To: N <x@a>, M <y@b>\r\n", &C::receiver_address, L"x@a>, M <y@b"},
       {"name before the first <", "To: N <x@a>, M <y@b>\r\n", &C::receiver_name, L"N "},
       {"first To gives the address", "To: x@a\r\nTo: N <y@b>\r\n", &C::receiver_address, L"x@a"},
@@ -88,7 +86,6 @@ TEST(HeaderExtractorTest, HeaderFieldCases) {
       {"cc without a name", "Cc: x@a\r\n", &C::cc, L"x@a"},
       {"cc with a quoted name", "Cc: \"N\" <x@a>\r\n", &C::cc, L"\"N\"<x@a>"},
       {"cc with an encoded name", "Cc: =?gbk?b?1tDOxA==?= <x@a>\r\n", &C::cc, L"\"" + kZhongWen + L"\"<x@a>"},
-      {"return path", "Return-Path: <r@x>\r\n", &C::return_path, L"r@x"},
       {"date not decoded", "Date: =?utf-8?b?5Lit?=\r\n", &C::sent_time, L"=?utf-8?b?5Lit?="},
       // U+FFFD has no GBK form, so the round trip through ANSI bytes makes it '?'.
       {"invalid gbk goes on", "Subject: a\xFFz\r\n", &C::subject, L"a?z"},
@@ -175,7 +172,6 @@ TEST(HeaderExtractorTest, SizeDurationAndSpeed) {
       {"two seconds", m, 1000000, 3000000, 2.0, 500.0},
       {"times the wrong way round", m, 3000000, 1000000, 2.0, 500.0},
       {"no end time", m, 1000000, 0, 0.0, 0.0},
-      {"same times", m, 5, 5, 0.0, 0.0},
       {"empty message", "", 1000000, 1500000, 0.5, 0.0},
   };
   for (const TimingCase& c : cases) {
