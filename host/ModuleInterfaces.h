@@ -66,7 +66,8 @@ class CPAEBaseModule : public CTQObject {
   virtual IPelkaHost* GetHost() = 0;
   virtual void Initialize() = 0;
   virtual uint32_t RegisterOutputs() = 0;
-  virtual void Reserved11() = 0;
+  // The host hands over its host object before Initialize.
+  virtual void SetHost(IPelkaHost* host) = 0;
   virtual void Reserved12() = 0;
   virtual void Reserved13() = 0;
   virtual void Uninitialize() = 0;
