@@ -48,7 +48,8 @@ void Print(const char* name, uint64_t value) { std::printf("%s %" PRIu64 "\n", n
 int main(int argc, char** argv) {
   pelka::TrafficOptions options;
   std::string path;
-  for (int i = 1; i < argc; ++i) {
+  // Every option takes a value.
+  for (int i = 1; i < argc; i += 2) {
     const std::string_view arg = argv[i];
     const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
     uint64_t number = 0;
@@ -68,7 +69,6 @@ int main(int argc, char** argv) {
       Usage();
       return 2;
     }
-    ++i;
   }
   if (path.empty() || (options.message_count && options.message_size == 0) || options.flow_limit < (64u << 10)) {
     Usage();
