@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "bench/TrafficGenerator.h"
 
@@ -75,12 +76,15 @@ int main(int argc, char** argv) {
     return 2;
   }
 
+  // glibc ignores setvbuf's size unless it is given the buffer, which must
+  // outlive the file.
+  std::vector<char> buffer(kOutputBuffer);
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> out(std::fopen(path.c_str(), "wb"), &std::fclose);
   if (!out) {
     std::fprintf(stderr, "pelka-traffic-gen: cannot open %s: %s\n", path.c_str(), std::strerror(errno));
     return 1;
   }
-  std::setvbuf(out.get(), nullptr, _IOFBF, kOutputBuffer);
+  std::setvbuf(out.get(), buffer.data(), _IOFBF, buffer.size());
   const pelka::TrafficSummary summary = pelka::GenerateTraffic(options, out.get());
   if (!summary.write_ok || std::fclose(out.release()) != 0) {
     std::fprintf(stderr, "pelka-traffic-gen: writing %s failed\n", path.c_str());

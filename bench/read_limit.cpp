@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+#include <vector>
 
 namespace {
 
@@ -41,6 +42,9 @@ int main(int argc, char** argv) {
     return 2;
   }
 
+  // glibc ignores setvbuf's size unless it is given the buffer; this one
+  // outlives the file, which pcap_close closes.
+  std::vector<char> buffer(kReadBuffer);
   const auto start = std::chrono::steady_clock::now();
   char error[PCAP_ERRBUF_SIZE] = "";
   pcap_t* pcap = nullptr;
@@ -48,7 +52,7 @@ int main(int argc, char** argv) {
   if (buffered) {
     file = std::fopen(path, "rb");
     if (file) {
-      std::setvbuf(file, nullptr, _IOFBF, kReadBuffer);
+      std::setvbuf(file, buffer.data(), _IOFBF, buffer.size());
       pcap = pcap_fopen_offline(file, error);  // owns the file from here on
       if (!pcap) std::fclose(file);
     } else {
