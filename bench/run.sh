@@ -15,6 +15,7 @@
 #   PELKA_BENCH_SIZE    size of the mixed capture (default 1G; K/M/G suffixes)
 #   PELKA_BENCH_LARGE   number of 2 MiB messages of the second capture (default 500)
 #   PELKA_BENCH_SEED    seed of the mixed capture (default 1)
+#   PELKA_BENCH_EMAIL   the pelka-email program (default <build>/capture/pelka-email)
 #
 # Exit status: 0 when every check that could run passed, 1 otherwise.
 set -euo pipefail
@@ -30,7 +31,7 @@ flow_limit_mib=2                # the module's default max_flow_length
 
 generator=$build/bench/pelka-traffic-gen
 read_limit=$build/bench/pelka-read-limit
-pelka=$build/capture/pelka-email
+pelka=${PELKA_BENCH_EMAIL:-$build/capture/pelka-email}
 failed=0
 
 say() { printf '%s\n' "$*"; }
