@@ -50,6 +50,41 @@ TEST(TrafficMessage, HasTheAskedSizeAndMailShape) {
   }
 }
 
+// The sessions' own account of what the module will record, for plans at
+// and past the flow limit.
+TEST(TrafficSession, CountsWhatTheModuleRecords) {
+  constexpr uint64_t kLimit = 2u << 20;
+  struct Case {
+    const char* name;
+    MailProtocol protocol;
+    std::vector<size_t> sizes;
+    bool bdat;
+    uint32_t messages, bdat_messages, records;
+  };
+  const Case cases[] = {
+      {"SMTP message past the limit ends the session", MailProtocol::kSmtp, {3000000, 10000}, false, 1, 0, 1},
+      {"SMTP messages within the limit", MailProtocol::kSmtp, {kLimit - 4096, 10000, 2048}, false, 3, 0, 3},
+      {"POP3 message past the limit ends the session", MailProtocol::kPop3, {10000, 3000000, 10000}, false, 2, 0, 2},
+      {"BDAT messages are never completed", MailProtocol::kSmtp, {10000, 20000}, true, 2, 2, 0},
+      {"BDAT past the limit falls back to DATA", MailProtocol::kSmtp, {1500000, 1000000}, true, 2, 0, 2},
+      {"IMAP messages are shortened to fit a response", MailProtocol::kImap, {1500000, 1500000, 3000000}, false, 3,
+       0, 3},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TrafficRandom random(17);
+    const Session session = BuildSession(random, {c.protocol, c.sizes, c.bdat, kLimit});
+    EXPECT_EQ(session.counts.messages, c.messages);
+    EXPECT_EQ(session.counts.bdat_messages, c.bdat_messages);
+    EXPECT_EQ(session.counts.expected_records, c.records);
+    for (const Turn& turn : session.turns) {
+      if (turn.side == Side::kServer && turn.bytes.find(" BODY[] {") != std::string::npos) {
+        EXPECT_TRUE(EndsWithinLimit(turn.bytes.size(), kLimit)) << "a FETCH response passes the limit";
+      }
+    }
+  }
+}
+
 // What a capture holds, found by decoding it independently of the generator.
 struct CaptureContents {
   std::map<uint16_t, uint64_t> flows_by_port;  // SYNs without ACK, by destination port
