@@ -32,8 +32,7 @@ class CPAEBaseModuleImpl : public CTQObjectImplT<CPAEBaseModule, CTQMultiThreadM
   IPelkaHost* GetHost() override { return host_; }
   void Initialize() override {}
   uint32_t RegisterOutputs() override { return 1; }
-  // The host fills the host pointer through this slot before Initialize.
-  void Reserved11() override {}
+  void SetHost(IPelkaHost* host) override { host_ = host; }
   void Reserved12() override {}
   void Reserved13() override {}
   void Uninitialize() override {}
@@ -61,9 +60,6 @@ class CPAEBaseModuleImpl : public CTQObjectImplT<CPAEBaseModule, CTQMultiThreadM
     static const InterfaceMapRecord record = {nullptr, 0, entries};
     return &record;
   }
-
-  // The host object. The host sets it before Initialize; the module only reads it.
-  void AttachHost(IPelkaHost* host) { host_ = host; }
 
  protected:
   IPelkaHost* host_ = nullptr;

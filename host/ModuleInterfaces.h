@@ -24,7 +24,6 @@ inline constexpr Guid kStatClientId = {0x784FF1FF, 0x57D4, 0x4794, {0xA5, 0xE7, 
 inline constexpr Guid kDiagnosisClientId = {0xB2E9B696, 0xA479, 0x438F, {0x90, 0x62, 0xB7, 0xBB, 0xA0, 0xC9, 0x73, 0x5A}};
 inline constexpr Guid kIconServiceId = {0xB64B632F, 0x37FB, 0x46DC, {0xA1, 0x5C, 0x0E, 0xAD, 0x06, 0x9F, 0x78, 0x5C}};
 inline constexpr Guid kLogServiceId = {0x1D75EF4F, 0xFAC8, 0x452A, {0xB1, 0x46, 0xD4, 0x02, 0x77, 0x65, 0x3B, 0x07}};
-inline constexpr Guid kDiagnosisServiceId = {0x48C5FC53, 0x45A1, 0x49FB, {0xAC, 0xC7, 0x6B, 0x69, 0x86, 0x22, 0xEF, 0xFB}};
 
 // The host object: the door to the host's services.
 class IPelkaHost {
@@ -66,7 +65,8 @@ class CPAEBaseModule : public CTQObject {
   virtual IPelkaHost* GetHost() = 0;
   virtual void Initialize() = 0;
   virtual uint32_t RegisterOutputs() = 0;
-  virtual void Reserved11() = 0;
+  // The host hands over its host object before Initialize.
+  virtual void SetHost(IPelkaHost* host) = 0;
   virtual void Reserved12() = 0;
   virtual void Reserved13() = 0;
   virtual void Uninitialize() = 0;
