@@ -10,6 +10,7 @@
 #include "capture/CaptureSource.h"
 #include "capture/FlowTracker.h"
 #include "capture/HostServices.h"
+#include "capture/MessageFilter.h"
 #include "capture/ModuleLoader.h"
 #include "capture/PacketDecoder.h"
 #include "capture/Progress.h"
@@ -187,6 +188,9 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
     err << kProgramName << ": " << services.error() << "\n";
     return kExitInputProblem;
   }
+  // Declared before the module it stands in front of: the module may use it
+  // until the module object is released.
+  std::unique_ptr<MessageFilter> filter;
   std::string error;
   std::unique_ptr<LoadedModule> module = LoadedModule::Load(library_path, &error);
   if (!module) {
@@ -194,7 +198,12 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
     services.FinishRun(nullptr);
     return kExitInputProblem;
   }
-  services.StartModule(module->main_table());
+  CPAEBaseModule* main_table = module->main_table();
+  if (options.conditions) {
+    filter = std::make_unique<MessageFilter>(*options.conditions, main_table);
+    main_table = filter->main_table();
+  }
+  services.StartModule(main_table);
   if (!module->ApplyOptions(options.max_flow_length_mib, &error)) err << kProgramName << ": " << error << "\n";
 
   Pipeline pipeline;
@@ -210,7 +219,7 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
     progress.Clear();
   }
   pipeline.tracker->Finish();
-  const bool outputs_ok = services.FinishRun(module->main_table());
+  const bool outputs_ok = services.FinishRun(main_table);
   if (!outputs_ok) err << kProgramName << ": " << services.error() << "\n";
 
   if (!options.quiet) {

@@ -176,12 +176,12 @@ CommandLineOutcome ParseCommandLine(int argc, const char* const* argv) {
 
   CLI::App app(kDescription, kProgramName);
   app.footer(kFooter);
-  app.get_formatter()->column_width(34);
+  app.get_formatter()->column_width(30);
   app.set_version_flag("--version", std::string(kProgramName) + " " + kProgramVersion);
 
   const std::string input_group = "Input";
-  app.add_option("captures", options.inputs, "capture files (pcap or pcapng), read in order as one capture; - reads standard input")
-      ->type_name("CAPTURE...")
+  app.add_option("CAPTURE", options.inputs, "capture files (pcap or pcapng), read in order as one capture; - reads standard input")
+      ->type_name("")
       ->group(input_group);
   app.add_option("-i,--interface", options.interface_name, "capture live from this network interface (needs privilege)")
       ->type_name("IFACE")
@@ -199,15 +199,15 @@ CommandLineOutcome ParseCommandLine(int argc, const char* const* argv) {
 
   const std::string analysis_group = "Analysis";
   app.add_option("--max-flow-length", options.max_flow_length_mib,
-                 "largest message collected on one connection, in MiB; longer ones are cut")
+                 "largest message collected on one connection, in MiB (0 to 4095); longer ones are cut")
       ->type_name("MIB")
       ->capture_default_str()
-      ->check(CLI::Range(0u, 4095u))
+      ->check(CLI::Range(0u, 4095u).description(""))
       ->group(analysis_group);
   app.add_option("--lang", language, "language of the module's texts: en, zh, or none for its built-in texts")
       ->type_name("en|zh|none")
       ->capture_default_str()
-      ->check(CLI::IsMember({"en", "zh", "none"}))
+      ->check(CLI::IsMember({"en", "zh", "none"}).description(""))
       ->group(analysis_group);
   app.add_option("--codepage", options.code_page,
                  "code page of message bytes that declare no character set (936 = GBK, 65001 = UTF-8)")
@@ -226,16 +226,16 @@ CommandLineOutcome ParseCommandLine(int argc, const char* const* argv) {
 
   const std::string diagnosis_group = "Diagnosis";
   app.add_option("--smtp-threshold", options.smtp_threshold_ms,
-                 "report an SMTP server slower than this to answer, in milliseconds")
+                 "report an SMTP server slower than this to answer, in milliseconds (1 to 100000)")
       ->type_name("MS")
       ->capture_default_str()
-      ->check(CLI::Range(1, 100000))
+      ->check(CLI::Range(1, 100000).description(""))
       ->group(diagnosis_group);
   app.add_option("--pop3-threshold", options.pop3_threshold_ms,
-                 "report a POP3 server slower than this to answer, in milliseconds")
+                 "report a POP3 server slower than this to answer, in milliseconds (1 to 100000)")
       ->type_name("MS")
       ->capture_default_str()
-      ->check(CLI::Range(1, 100000))
+      ->check(CLI::Range(1, 100000).description(""))
       ->group(diagnosis_group);
   app.add_flag("--no-diagnosis", no_diagnosis, "switch every diagnosis event off")->group(diagnosis_group);
 

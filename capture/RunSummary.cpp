@@ -1,5 +1,6 @@
 #include "capture/RunSummary.h"
 
+#include <algorithm>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <ostream>
@@ -40,10 +41,20 @@ std::string Count(uint64_t value, const char* one, const char* many) {
 void PrintMessages(std::ostream& out, const RunFacts& facts, const MessageDigest& messages) {
   out << "Messages: " << messages.total;
   if (!messages.by_protocol.empty()) {
+    // The module's protocol names first, in port order, then anything else.
+    static const char* const kKnown[] = {"SMTP", "POP3", "IMAPv4"};
+    std::vector<std::pair<std::string, uint64_t>> ordered;
+    for (const char* name : kKnown) {
+      if (const auto found = messages.by_protocol.find(name); found != messages.by_protocol.end())
+        ordered.emplace_back(*found);
+    }
+    for (const auto& entry : messages.by_protocol) {
+      if (std::find(std::begin(kKnown), std::end(kKnown), entry.first) == std::end(kKnown)) ordered.push_back(entry);
+    }
     out << " (";
     const char* separator = "";
-    for (const auto& [protocol, count] : messages.by_protocol) {
-      out << separator << protocol << " " << count;
+    for (const auto& [protocol, count] : ordered) {
+      out << separator << (protocol.empty() ? "?" : protocol) << " " << count;
       separator = ", ";
     }
     out << ")";
