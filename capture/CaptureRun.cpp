@@ -123,6 +123,8 @@ bool ReadAll(Pipeline& pipeline, Progress& progress, std::ostream& err) {
         progress.Poll();
         break;
       case ReadStatus::kError:
+        // A read cut short by the stop signal is the stop, not damage.
+        if (g_stop_requested.load()) break;
         progress.Clear();
         err << kProgramName << ": " << pipeline.source.error() << "\n";
         inputs_ok = false;

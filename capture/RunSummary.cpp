@@ -72,14 +72,15 @@ void PrintMessages(std::ostream& out, const RunFacts& facts, const MessageDigest
       {"From", 26, &MessageRow::from},      {"To", 26, &MessageRow::to},
       {"Subject", 30, &MessageRow::subject}, {"Attachments", 24, &MessageRow::attachments},
   };
-  out << "\n ";
-  for (const Column& column : kColumns) out << " " << FitToWidth(column.title, column.width);
+  const auto print_row = [&out](const auto& cell) {
+    std::string line = " ";
+    for (const Column& column : kColumns) line += " " + FitToWidth(cell(column), column.width);
+    line.erase(line.find_last_not_of(' ') + 1);
+    out << line << "\n";
+  };
   out << "\n";
-  for (const MessageRow& row : messages.first) {
-    out << " ";
-    for (const Column& column : kColumns) out << " " << FitToWidth(row.*column.field, column.width);
-    out << "\n";
-  }
+  print_row([](const Column& column) { return std::string(column.title); });
+  for (const MessageRow& row : messages.first) print_row([&row](const Column& column) { return row.*column.field; });
   if (messages.total > messages.first.size()) {
     out << "  ... and " << messages.total - messages.first.size() << " more in " << facts.out_dir
         << "/emails.jsonl\n";

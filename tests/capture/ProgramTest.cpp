@@ -6,7 +6,11 @@
 // README counts the messages of each conversation.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
 
 #include <filesystem>
 #include <fstream>
@@ -280,6 +284,44 @@ TEST_F(ProgramTest, UnwritableOutputFolderGivesOne) {
   const RunResult result = Run({"-o", (blocker / "out").string(), kSample.string()});
   EXPECT_EQ(result.status, kExitInputProblem);
   EXPECT_FALSE(result.err.empty());
+}
+
+// Ctrl-C while the input is still open: the run ends cleanly, with status 0
+// and complete files holding everything found until then.
+TEST_F(ProgramTest, InterruptEndsTheRunCleanlyAndKeepsTheOutputs) {
+  int input[2];
+  ASSERT_EQ(::pipe(input), 0);
+  const std::string out = Out();
+  const std::string stdout_path = (dir_ / "stdout").string();
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::dup2(input[0], STDIN_FILENO);
+    ::close(input[0]);
+    ::close(input[1]);
+    const int log = ::open(stdout_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ::dup2(log, STDOUT_FILENO);
+    ::execl(kProgram.c_str(), "pelka-email", "-o", out.c_str(), "-", static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  ::close(input[0]);
+  const std::string sample = ReadAll(kSample);
+  ASSERT_EQ(::write(input[1], sample.data(), sample.size()), static_cast<ssize_t>(sample.size()));
+
+  // The three records are posted while the input is still open.
+  for (int i = 0; i < 100 && Records(out).size() < 3; ++i) ::usleep(50 * 1000);
+  ::kill(child, SIGINT);
+  int raw = 0;
+  ASSERT_EQ(::waitpid(child, &raw, 0), child);
+  ::close(input[1]);
+
+  ASSERT_TRUE(WIFEXITED(raw));
+  EXPECT_EQ(WEXITSTATUS(raw), kExitDone);
+  EXPECT_THAT(ReadAll(dir_ / "stdout"), HasSubstr("Stopped before the end of the input"));
+  EXPECT_EQ(Records(out).size(), 3u);
+  const std::string csv = ReadAll(fs::path(out) / "email_log.csv");
+  EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 4);
+  EXPECT_THAT(ReadAll(fs::path(out) / "statistics.json"), HasSubstr("\"Count\": 1"));
 }
 
 // ---------------------------------------------------------------------------
