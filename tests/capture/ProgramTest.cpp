@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "capture/CommandLine.h"
+#include "capture/ModuleLoader.h"
 #include "capture/RunSummary.h"
 
 namespace pelka {
@@ -216,6 +217,62 @@ TEST_F(ProgramTest, NoDiagnosisAndThresholdsDecideTheSlowReplyReport) {
     for (std::string line; std::getline(in, line);) slow += line.find("POP3ServerSlowResponseTime") != std::string::npos;
     EXPECT_EQ(slow, c.reports);
   }
+}
+
+// The language picks the string table beside the library; "none" loads none,
+// so the module's built-in texts (and their quirks) show.
+TEST_F(ProgramTest, LanguageChoosesTheModulesTexts) {
+  struct Case {
+    const char* language;
+    const char* header_start;
+    const char* diagnosis_text;
+  };
+  const std::vector<Case> cases = {
+      {"en", "Date and Time, Client Address", "\"POP3 Server Slow Response ("},
+      {"zh", "日期时间, 客户端地址", "\"POP3 服务器慢响应("},
+      {"none", "日期时间, 客户端地址", "\"POP3 服务器慢响应#("},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.language);
+    fs::remove_all(Out());
+    ASSERT_EQ(Run({"-q", "--lang", c.language, "-o", Out(), kSample.string()}).status, kExitDone);
+    EXPECT_EQ(ReadAll(fs::path(Out()) / "email_log.csv").rfind(c.header_start, 0), 0u);
+    EXPECT_THAT(ReadAll(fs::path(Out()) / "diagnosis.jsonl"), HasSubstr(c.diagnosis_text));
+  }
+}
+
+TEST_F(ProgramTest, MissingOrForeignModuleLibraryIsReportedClearly) {
+  const fs::path not_a_library = dir_ / "libPelkaEmail.so";
+  std::ofstream(not_a_library) << "not a library";
+  struct Case {
+    std::string module;
+    const char* message;
+  };
+  std::vector<Case> cases = {{not_a_library.string(), "cannot load the e-mail module"}};
+  // Any shared library of the system that is not the module.
+  for (const char* path : {"/usr/lib/x86_64-linux-gnu/libpcap.so", "/usr/lib/aarch64-linux-gnu/libpcap.so"}) {
+    if (fs::exists(path)) cases.push_back({path, "it has no RegisterDomObjects"});
+  }
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.module);
+    ::setenv("PELKA_MODULE", c.module.c_str(), 1);
+    const RunResult result = Run({"-o", Out(), kSample.string()});
+    ::unsetenv("PELKA_MODULE");
+    EXPECT_EQ(result.status, kExitInputProblem);
+    EXPECT_THAT(result.err, HasSubstr(c.message));
+  }
+}
+
+TEST(ModuleSearch, LooksInTheNamedPlaceThenBesideAndAboveTheProgram) {
+  EXPECT_THAT(ModuleCandidates("/opt/pelka/bin", ""),
+              ::testing::ElementsAre("/opt/pelka/bin/libPelkaEmail.so", "/opt/pelka/libPelkaEmail.so",
+                                     "/opt/pelka/lib/pelka/libPelkaEmail.so"));
+  EXPECT_THAT(ModuleCandidates("/opt/pelka/bin", "/tmp/mine.so").front(), "/tmp/mine.so");
+  // A folder in $PELKA_MODULE means the library inside it.
+  EXPECT_EQ(ModuleCandidates("/x", fs::temp_directory_path().string()).front(),
+            (fs::temp_directory_path() / "libPelkaEmail.so").string());
+  EXPECT_EQ(FindModuleLibrary({"/nonexistent/libPelkaEmail.so", kSample.string()}), kSample.string());
+  EXPECT_EQ(FindModuleLibrary({"/nonexistent/libPelkaEmail.so"}), "");
 }
 
 // Conditions: only messages that meet all of them leave anything behind.
