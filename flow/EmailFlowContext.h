@@ -41,7 +41,7 @@ class CSectionString {
 struct EndSearchProgress {
   // SMTP/POP3: bytes at the front of flow_data known to hold no end marker.
   uint64_t marker_free_length = 0;
-  // IMAP4: next character boundary at which the completion marker is tried;
+  // IMAP4: first position at which the completion marker has not been tried;
   // bytes known to hold no zero byte, and whether a zero byte ended the text
   // the completion test may see.
   uint64_t fetch_scan_position = 0;

@@ -287,47 +287,63 @@ const char* CEmailFlowDataImpl::GetToken(uint32_t index) {
   return GetStringA(tokens_[index].offset, static_cast<int32_t>(tokens_[index].length));
 }
 
-uint32_t CEmailFlowDataImpl::SkipContinuation(uint32_t p, uint32_t end) {
+namespace {
+
+// On to the first CR LF not followed by a tab, and past it; the end when none.
+uint32_t SkipContinuation(const uint8_t* bytes, uint32_t p, uint32_t end) {
   while (p + 1 < end) {
-    if (GetByte(p) == kCr && GetByte(p + 1) == kLf && (p + 2 >= end || GetByte(p + 2) != '\t')) return p + 2;
+    if (bytes[p] == kCr && bytes[p + 1] == kLf && (p + 2 >= end || bytes[p + 2] != '\t')) return p + 2;
     ++p;
   }
   return end;
 }
 
+}  // namespace
+
 uint32_t CEmailFlowDataImpl::IndexHeader(uint32_t start, int32_t limit, uint32_t* out) {
   const uint32_t end = RangeEnd(start, limit);
   header_count_ = 0;
+  if (start >= end) {
+    if (out) *out = end;
+    return end;
+  }
+  // The walk reads the range as one block, offset so that positions stay
+  // absolute; the store only splits a range while a block is staged.
+  const uint8_t* block = ContiguousRange(start, end);
+  if (!block) block = CopyToScratch(start, end, 0);
+  const uint8_t* bytes = block - start;
   uint32_t p = start;
   uint32_t result = end;
   for (;;) {
-    while (p < end && IsBlank(GetByte(p))) ++p;
+    while (p < end && IsBlank(bytes[p])) ++p;
     if (p >= end) break;
     const uint32_t name_start = p;
-    while (p < end && GetByte(p) != ':' && GetByte(p) != kLf) ++p;
+    while (p < end && bytes[p] != ':' && bytes[p] != kLf) ++p;
     if (p >= end) break;
-    if (GetByte(p) == kLf) {  // a line without a field
+    if (bytes[p] == kLf) {  // a line without a field
       ++p;
-      if (p < end && GetByte(p) == '\t') p = SkipContinuation(p, end);
+      if (p < end && bytes[p] == '\t') p = SkipContinuation(bytes, p, end);
       continue;
     }
     const uint32_t name_length = p - name_start;
     ++p;
-    while (p < end && IsBlank(GetByte(p))) ++p;
+    while (p < end && IsBlank(bytes[p])) ++p;
     if (p >= end) break;
     const uint32_t value_start = p;
-    while (p < end && GetByte(p) != kLf) ++p;
-    if (p >= end) break;
-    ++p;
-    if (end - p >= 3 && IsBlank(GetByte(p))) p = SkipContinuation(p, end);
+    const void* line_end = std::memchr(bytes + p, kLf, end - p);
+    if (!line_end) {
+      p = end;
+      break;
+    }
+    p = static_cast<uint32_t>(static_cast<const uint8_t*>(line_end) - bytes) + 1;
+    if (end - p >= 3 && IsBlank(bytes[p])) p = SkipContinuation(bytes, p, end);
     if (p >= end) break;
     if (header_count_ < kMaxIndexedHeaders) {
       headers_[header_count_++] = {name_start, name_length, value_start, p - value_start};
     }
-    const uint8_t current = GetByte(p);
-    if (current == kCr || current == kLf) {
+    if (bytes[p] == kCr || bytes[p] == kLf) {
       if (end - p < 5) break;
-      if (GetByte(p) == kCr && GetByte(p + 1) == kLf && GetByte(p + 2) == kCr && GetByte(p + 3) == kLf) {
+      if (bytes[p] == kCr && bytes[p + 1] == kLf && bytes[p + 2] == kCr && bytes[p + 3] == kLf) {
         result = p - start + 1;
         break;
       }

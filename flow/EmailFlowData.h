@@ -84,9 +84,6 @@ class CEmailFlowDataImpl final : public CTQObjectImplT<CPAEFlowData, CTQMultiThr
   // Makes the owned buffer hold `capacity` bytes with the retained part at
   // its front. False without memory (nothing changes then).
   bool MakeRoom(uint64_t capacity);
-  // Skips continuation lines: on to the first CR LF not followed by a tab,
-  // and past it.
-  uint32_t SkipContinuation(uint32_t position, uint32_t end);
 
   uint32_t user_value_ = 0;
   // The capacity the store reports grows in 256-byte steps, each step a new

@@ -97,6 +97,17 @@ void ParseImapCommand(CEmailFlowContext& context, const uint8_t* payload, uint32
   context.end_search.fetch_scan_position = 0;
 }
 
+// Whether a match may start at `position`: in a double-byte code page the
+// position must begin a character. Every byte below the lead range ends a
+// character, so the characters before `position` are settled by the run of
+// lead-range bytes right before it: an odd run leaves `position` on a second
+// byte.
+bool StartsACharacter(unsigned code_page, const uint8_t* text, uint64_t position) {
+  uint64_t run = 0;
+  while (run < position && IsLeadByte(code_page, text[position - run - 1])) ++run;
+  return run % 2 == 0;
+}
+
 bool IsFetchComplete(CEmailFlowContext& context) {
   CEmailFlowDataImpl& data = *context.flow_data;
   const uint32_t total = data.GetLength();
@@ -115,15 +126,20 @@ bool IsFetchComplete(CEmailFlowContext& context) {
   const uint64_t text_length = progress.zero_free_length;
   const std::string marker = context.fetch_tag + " OK";
   const uint8_t* text = text_length ? data.GetBuffer(0, static_cast<uint32_t>(text_length)) : nullptr;
-  if (!text) return false;
+  if (!text || text_length < marker.size()) return false;
 
+  // Every match that starts before the scan position was refused earlier, and
+  // a later one needs bytes that had not arrived yet.
   const unsigned code_page = GetAnsiCodePage();
   uint64_t position = progress.fetch_scan_position;
   while (position + marker.size() <= text_length) {
-    if (std::memcmp(text + position, marker.data(), marker.size()) == 0) return true;
-    position += IsLeadByte(code_page, text[position]) ? 2 : 1;
+    const void* found = memmem(text + position, text_length - position, marker.data(), marker.size());
+    if (!found) break;
+    const uint64_t at = static_cast<const uint8_t*>(found) - text;
+    if (StartsACharacter(code_page, text, at)) return true;
+    position = at + 1;
   }
-  progress.fetch_scan_position = position;
+  progress.fetch_scan_position = text_length - marker.size() + 1;
   return false;
 }
 
@@ -132,8 +148,9 @@ void RecordFetchedMessage(CPelkaEmailModule& module, const uint8_t* message, uin
   CEmailFlowContext fetched(&module, args.flow);
   if (!fetched.flow_data) return;
   fetched.first_packet_time = session.first_packet_time;
+  // The literal stays where it is: staged bytes read like committed ones, and
+  // the context ends before the response's bytes do.
   fetched.flow_data->Append(message, length);
-  fetched.flow_data->Commit();
   ExtractMailHeaders(fetched, kExtractImap4);
   if (!session.account.empty()) fetched.account = session.account;
   if (!QualifiesForRecord(fetched, ReceiverTest::kShort)) return;

@@ -46,15 +46,22 @@ struct ClassInfoRecord {
 uint32_t DomInternalQueryInterface(const InterfaceMapRecord* record, const Guid& interface_id, void* object,
                                    void** out);
 
-// Byte offset of the Interface subobject within a Class object. Every level
-// of a module's class stack keeps its base at offset 0, so the offset holds
-// for the whole object.
-template <typename Class, typename Interface>
-uintptr_t InterfaceOffset() {
-  // Only the address arithmetic of the up-cast is used; no object is touched.
-  alignas(Class) static const unsigned char probe[1] = {};
-  const auto* object = reinterpret_cast<const Class*>(probe);
-  return reinterpret_cast<uintptr_t>(static_cast<const Interface*>(object)) - reinterpret_cast<uintptr_t>(object);
+// One level's map: its single entry, the end entry and its record. The
+// entry's offset is filled from the first object of the level (a level cannot
+// be looked up before an object exists); the record is complete before that.
+struct LevelInterfaceMap {
+  InterfaceMapEntry entries[2];
+  InterfaceMapRecord record;
+
+  LevelInterfaceMap(const Guid* interface_id, const wchar_t* name, const InterfaceMapRecord* base)
+      : entries{{interface_id, 0, name}, {nullptr, kEndOfEntries, nullptr}}, record{base, 0, entries} {}
+  LevelInterfaceMap(const LevelInterfaceMap&) = delete;
+  LevelInterfaceMap& operator=(const LevelInterfaceMap&) = delete;
+};
+
+// Byte distance from an object's start to one of its interface subobjects.
+inline uintptr_t SubobjectOffset(const void* object, const void* interface) {
+  return reinterpret_cast<uintptr_t>(interface) - reinterpret_cast<uintptr_t>(object);
 }
 
 // The registrar the host hands to RegisterDomObjects.

@@ -66,22 +66,34 @@ class CPAEBaseModuleImpl : public CTQObjectImplT<CPAEBaseModule, CTQMultiThreadM
 };
 
 // Defines the level's map record: one entry for `Interface`, based on the
-// record of `Base`.
-#define PELKA_LEVEL_INTERFACE_MAP(Self, Interface, interface_id, name)                                        \
-  uint32_t QueryInterface(const Guid& id, void** out) override {                                            \
-    return DomInternalQueryInterface(InterfaceMap(), id, static_cast<CPAEBaseModule*>(this), out);          \
-  }                                                                                                         \
-  static const InterfaceMapRecord* InterfaceMap() {                                                         \
-    static const InterfaceMapEntry entries[] = {{&(interface_id), InterfaceOffset<Self, Interface>(), name}, \
-                                                {nullptr, kEndOfEntries, nullptr}};                         \
-    static const InterfaceMapRecord record = {Base::InterfaceMap(), 0, entries};                            \
-    return &record;                                                                                         \
-  }
+// record of `Base`. The entry's offset is taken from the level's first object.
+#define PELKA_LEVEL_INTERFACE_MAP(Self, Interface, interface_id, name)                                  \
+  uint32_t QueryInterface(const Guid& id, void** out) override {                                      \
+    return DomInternalQueryInterface(InterfaceMap(), id, static_cast<CPAEBaseModule*>(this), out);    \
+  }                                                                                                   \
+  static const InterfaceMapRecord* InterfaceMap() { return &LevelMap().record; }                      \
+                                                                                                      \
+ private:                                                                                             \
+  static LevelInterfaceMap& LevelMap() {                                                              \
+    static LevelInterfaceMap map(&(interface_id), name, Base::InterfaceMap());                        \
+    return map;                                                                                       \
+  }                                                                                                   \
+  void RecordInterfaceOffset() {                                                                      \
+    static const bool recorded = [this] {                                                             \
+      LevelMap().entries[0].offset =                                                                  \
+          SubobjectOffset(static_cast<CPAEBaseModule*>(this), static_cast<Interface*>(this));         \
+      return true;                                                                                    \
+    }();                                                                                              \
+    (void)recorded;                                                                                   \
+  }                                                                                                   \
+                                                                                                      \
+ public:
 
 template <typename Base>
 class CPelkaPluginModuleImplT : public Base, public IPelkaPluginModule {
  public:
   PELKA_LEVEL_INTERFACE_MAP(CPelkaPluginModuleImplT, IPelkaPluginModule, kPluginModuleId, L"IPelkaPluginModule")
+  CPelkaPluginModuleImplT() { RecordInterfaceOffset(); }
 
   const char* GetClassName() override { return Base::GetClassName(); }
   const wchar_t* GetClassId() override { return L""; }
@@ -100,6 +112,7 @@ template <typename Base>
 class CPelkaModuleNotifyImplT : public Base, public IPelkaModuleNotify {
  public:
   PELKA_LEVEL_INTERFACE_MAP(CPelkaModuleNotifyImplT, IPelkaModuleNotify, kModuleNotifyId, L"IPelkaModuleNotify")
+  CPelkaModuleNotifyImplT() { RecordInterfaceOffset(); }
 
   void SetNotify(IPelkaNotify* notify) override { host_notify_ = notify; }
   IPelkaNotify* GetNotify() override { return host_notify_; }
@@ -112,6 +125,7 @@ template <typename Base>
 class CPelkaFlowClientImplT : public Base, public IPelkaFlowClient {
  public:
   PELKA_LEVEL_INTERFACE_MAP(CPelkaFlowClientImplT, IPelkaFlowClient, kFlowClientId, L"IPelkaFlowClient")
+  CPelkaFlowClientImplT() { RecordInterfaceOffset(); }
 
   uint32_t BindFlow(IPelkaFlow*, IPelkaFlowStats*, IPelkaFlowBindContext**) override { return 1; }
   uint32_t UnbindFlow(IPelkaFlow*, IPelkaFlowStats*, IPelkaFlowNode*, IPelkaFlowBindContext*) override { return 0; }
@@ -128,6 +142,7 @@ template <typename Base>
 class CPelkaStatClientImplT : public Base, public IPelkaStatClient {
  public:
   PELKA_LEVEL_INTERFACE_MAP(CPelkaStatClientImplT, IPelkaStatClient, kStatClientId, L"IPelkaStatClient")
+  CPelkaStatClientImplT() { RecordInterfaceOffset(); }
 
   void DefineStatistics(IPelkaStatService* service, IPelkaStatRegistrar* registrar) override {
     if (service && service == stat_service_) OnDefineStatistics(registrar);
@@ -185,6 +200,7 @@ class CPelkaDiagnosisClientImplT : public Base, public IPelkaDiagnosisClient {
  public:
   PELKA_LEVEL_INTERFACE_MAP(CPelkaDiagnosisClientImplT, IPelkaDiagnosisClient, kDiagnosisClientId,
                             L"IPelkaDiagnosisClient")
+  CPelkaDiagnosisClientImplT() { RecordInterfaceOffset(); }
 
   void DefineDiagnosisEvents() override {}
 };
