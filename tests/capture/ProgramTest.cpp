@@ -21,6 +21,7 @@
 
 #include "capture/CommandLine.h"
 #include "capture/ModuleLoader.h"
+#include "capture/Progress.h"
 #include "capture/RunSummary.h"
 
 namespace pelka {
@@ -335,6 +336,12 @@ TEST_F(ProgramTest, DamagedCaptureGivesOneAndKeepsItsOutputs) {
   EXPECT_TRUE(fs::exists(fs::path(Out()) / "statistics.json"));
 }
 
+TEST_F(ProgramTest, MissingInterfaceGivesOneAndSaysSo) {
+  const RunResult result = Run({"-q", "-i", "nosuchiface0", "-o", Out()});
+  EXPECT_EQ(result.status, kExitInputProblem);
+  EXPECT_THAT(result.err, HasSubstr("nosuchiface0"));
+}
+
 TEST_F(ProgramTest, UnwritableOutputFolderGivesOne) {
   const fs::path blocker = dir_ / "file";
   std::ofstream(blocker) << "x";
@@ -443,6 +450,22 @@ TEST(RunSummaryText, FitsTextToColumnsCountingWideCharacters) {
     EXPECT_EQ(FitToWidth(c.text, c.width), c.fitted) << c.text;
   }
   EXPECT_EQ(DisplayWidth("下周"), 4u);
+}
+
+TEST(ProgressText, ShowsBytesOfTheTotalPacketsMessagesAndRate) {
+  struct Case {
+    ProgressFigures figures;
+    double seconds;
+    const char* line;
+  };
+  const std::vector<Case> cases = {
+      {{512 * 1024, 1024 * 1024, 10, 2}, 2.0, "512.0 KiB of 1.0 MiB (50%), 10 packets, 2 messages, 256.0 KiB/s"},
+      {{5, 0, 1, 0}, 0.0, "5 B, 1 packets, 0 messages"},
+      {{3ull << 30, 2ull << 30, 7, 1}, 0.0, "3.0 GiB of 2.0 GiB (100%), 7 packets, 1 messages"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(FormatProgress(c.figures, c.seconds), c.line);
+  EXPECT_EQ(FormatBytes(1023), "1023 B");
+  EXPECT_EQ(FormatBytes(1536), "1.5 KiB");
 }
 
 }  // namespace
