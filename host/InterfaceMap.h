@@ -52,7 +52,7 @@ uint32_t DomInternalQueryInterface(const InterfaceMapRecord* record, const Guid&
 template <typename Class, typename Interface>
 uintptr_t InterfaceOffset() {
   // Only the address arithmetic of the up-cast is used; no object is touched.
-  alignas(Class) static const unsigned char probe[1] = {};
+  alignas(Class) static const unsigned char probe[sizeof(Class)] = {};
   const auto* object = reinterpret_cast<const Class*>(probe);
   return reinterpret_cast<uintptr_t>(static_cast<const Interface*>(object)) - reinterpret_cast<uintptr_t>(object);
 }
