@@ -46,13 +46,16 @@ void HostFlow::SwapSides() { flow_.SwapSides(); }
 uint16_t HostFlow::GetApplicationProtocol() { return flow_.application_protocol(); }
 uint16_t HostFlow::GetTransportProtocol() { return kProtocolTcp; }
 
-HostFlowNode::HostFlowNode(const HostFlow& flow) : flow_(flow) {
-  const TrackedFlow& tracked = flow.tracked();
+HostFlowNode::HostFlowNode(const HostFlow& flow) : flow_(flow) {}
+
+const wchar_t* HostFlowNode::GetProtocolPath() {
+  const TrackedFlow& tracked = flow_.tracked();
   std::wstring path;
   if (tracked.client().has_mac || tracked.server().has_mac) path += L"ETH/";
   path += tracked.ip_version() == 6 ? L"IPv6/TCP/" : L"IPv4/TCP/";
   for (const char* name = ApplicationName(tracked.application_protocol()); *name; ++name) path += wchar_t(*name);
   protocol_path_ = path;
+  return protocol_path_.c_str();
 }
 
 }  // namespace pelka

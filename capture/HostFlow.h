@@ -44,13 +44,14 @@ class HostFlow final : public IPelkaFlow {
 
 // The flow's node: its group (the host has no groups: empty), its protocol
 // path, e.g. "ETH/IPv4/TCP/SMTP" ("ETH/" only when the flow's frames carried
-// MAC addresses), and the mark a module may set.
+// MAC addresses; they may show up after the flow started, so the path is
+// made when asked), and the mark a module may set.
 class HostFlowNode final : public IPelkaFlowNode {
  public:
   explicit HostFlowNode(const HostFlow& flow);
 
   const wchar_t* GetGroup() override { return group_.c_str(); }
-  const wchar_t* GetProtocolPath() override { return protocol_path_.c_str(); }
+  const wchar_t* GetProtocolPath() override;
   uint32_t GetMark() override { return mark_; }
   void SetMark(uint32_t mark) override { mark_ = mark; }
 
