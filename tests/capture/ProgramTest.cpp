@@ -12,6 +12,7 @@
 
 #include <csignal>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -429,6 +430,90 @@ TEST_F(ProgramTest, SameTrafficGivesTheSameRecordsWhateverTheFileForm) {
   };
   EXPECT_EQ(records_of("pop3-gb2312-retr.pcap"), records_of("pop3-gb2312-retr-nsec.pcap"));
   EXPECT_EQ(records_of("pop3-7conns-retr.pcap"), records_of("pop3-7conns-sll.pcap"));
+}
+
+// ---------------------------------------------------------------------------
+// One capture in other forms: split in two files, as pcapng, from standard input.
+
+struct PcapFrame {
+  uint32_t seconds, microseconds;
+  std::string bytes;
+};
+
+// Frames of a little-endian microsecond pcap file.
+std::vector<PcapFrame> PcapFrames(const std::string& file) {
+  std::vector<PcapFrame> frames;
+  for (size_t at = 24; at + 16 <= file.size();) {
+    uint32_t header[4];
+    std::memcpy(header, file.data() + at, sizeof header);
+    frames.push_back({header[0], header[1], file.substr(at + 16, header[2])});
+    at += 16 + header[2];
+  }
+  return frames;
+}
+
+std::string Pcap(const std::string& file_header, const std::vector<PcapFrame>& frames) {
+  std::string out = file_header;
+  for (const PcapFrame& frame : frames) {
+    const uint32_t header[4] = {frame.seconds, frame.microseconds, static_cast<uint32_t>(frame.bytes.size()),
+                                static_cast<uint32_t>(frame.bytes.size())};
+    out.append(reinterpret_cast<const char*>(header), sizeof header);
+    out += frame.bytes;
+  }
+  return out;
+}
+
+template <typename... Words>
+std::string Words32(Words... words) {
+  std::string out;
+  for (uint32_t word : {static_cast<uint32_t>(words)...}) out.append(reinterpret_cast<const char*>(&word), 4);
+  return out;
+}
+
+// The same frames as pcapng: a section header, one Ethernet interface with
+// microsecond stamps, one enhanced packet block per frame.
+std::string Pcapng(const std::vector<PcapFrame>& frames) {
+  std::string out = Words32(0x0A0D0D0A, 28, 0x1A2B3C4D, 1, 0xFFFFFFFF, 0xFFFFFFFF, 28);  // version 1.0
+  out += Words32(1, 20, 1, 65535, 20);  // link type 1, snap length
+  for (const PcapFrame& frame : frames) {
+    const uint64_t stamp = uint64_t{frame.seconds} * 1000000 + frame.microseconds;
+    std::string data = frame.bytes;
+    data.resize((data.size() + 3) / 4 * 4, '\0');
+    const auto total = static_cast<uint32_t>(32 + data.size());
+    out += Words32(6, total, 0, stamp >> 32, stamp & 0xFFFFFFFF, frame.bytes.size(), frame.bytes.size());
+    out += data + Words32(total);
+  }
+  return out;
+}
+
+TEST_F(ProgramTest, SameCaptureGivesTheSameRecordsSplitAsPcapngOrFromStandardInput) {
+  const std::string sample = ReadAll(kSample);
+  const std::vector<PcapFrame> frames = PcapFrames(sample);
+  ASSERT_EQ(frames.size(), 82u);
+  const std::string file_header = sample.substr(0, 24);
+  const auto half = frames.begin() + 41;  // in the middle of the POP3 conversation
+  const auto write = [this](const char* name, const std::string& bytes) {
+    std::ofstream(dir_ / name, std::ios::binary) << bytes;
+    return (dir_ / name).string();
+  };
+  const std::string first = write("first.pcap", Pcap(file_header, {frames.begin(), half}));
+  const std::string second = write("second.pcap", Pcap(file_header, {half, frames.end()}));
+  const std::string pcapng = write("sample.pcapng", Pcapng(frames));
+
+  const auto records_of = [this](std::vector<std::string> arguments, const std::string& stdin_file = "") {
+    fs::remove_all(Out());
+    arguments.insert(arguments.begin(), {"-q", "-o", Out()});
+    std::string command = Quote(kProgram.string());
+    for (const std::string& argument : arguments) command += " " + Quote(argument);
+    if (!stdin_file.empty()) command += " <" + Quote(stdin_file);
+    EXPECT_EQ(std::system(command.c_str()), 0) << command;
+    return ReadAll(fs::path(Out()) / "emails.jsonl");
+  };
+  const std::string whole = records_of({kSample.string()});
+  EXPECT_EQ(std::count(whole.begin(), whole.end(), '\n'), 3);
+  EXPECT_EQ(records_of({first, second}), whole);
+  EXPECT_EQ(records_of({pcapng}), whole);
+  EXPECT_EQ(records_of({"-"}, kSample.string()), whole);
 }
 
 // ---------------------------------------------------------------------------
