@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "capture/CommandLine.h"
+#include "capture/MessageFilter.h"
 #include "capture/ModuleLoader.h"
 #include "capture/Progress.h"
 #include "capture/RunSummary.h"
@@ -535,6 +536,54 @@ TEST(RunSummaryText, FitsTextToColumnsCountingWideCharacters) {
     EXPECT_EQ(FitToWidth(c.text, c.width), c.fitted) << c.text;
   }
   EXPECT_EQ(DisplayWidth("下周"), 4u);
+}
+
+TEST(RunSummaryText, DigestCountsEveryRecordAndKeepsTheFirstRows) {
+  const fs::path path = fs::temp_directory_path() / ("pelka-digest-" + std::to_string(::getpid()) + ".jsonl");
+  {
+    std::ofstream out(path);
+    for (int i = 0; i < 12; ++i) {
+      const char* protocol = i % 3 == 0 ? "SMTP" : i % 3 == 1 ? "POP3" : "IMAPv4";
+      // Both spacings of JSON, and the protocol_path key before the protocol.
+      if (i % 2) {
+        out << R"({"protocol_path":"IPv4/TCP","protocol":")" << protocol << R"(","email_subject":"s)" << i << "\"}\n";
+      } else {
+        out << R"({"protocol_path": "IPv4/TCP", "protocol": ")" << protocol << R"(", "email_subject": "s)" << i
+            << "\"}\n";
+      }
+    }
+    out << "not json\n";
+  }
+  const MessageDigest digest = ReadMessageDigest(path.string(), 2);
+  fs::remove(path);
+  EXPECT_EQ(digest.total, 12u);
+  EXPECT_EQ(digest.by_protocol, (std::map<std::string, uint64_t>{{"IMAPv4", 4}, {"POP3", 4}, {"SMTP", 4}}));
+  ASSERT_EQ(digest.first.size(), 2u);
+  EXPECT_EQ(digest.first[1].protocol, "POP3");
+  EXPECT_EQ(digest.first[1].subject, "s1");
+  EXPECT_EQ(ReadMessageDigest("/nonexistent/emails.jsonl", 10).total, 0u);
+}
+
+TEST(MessageFilterFacts, ReadTheRecordFieldsTheConditionsLookAt) {
+  struct Case {
+    const wchar_t* attachments;
+    const wchar_t* receivers;
+    bool has_attachments;
+    std::vector<std::wstring> receiver_addresses;
+  };
+  const std::vector<Case> cases = {
+      {L"", L"bob@example.com", false, {L"bob@example.com"}},
+      {L"report.txt;", L"a@example.com; b@example.org", true, {L"a@example.com", L"b@example.org"}},
+      {L" ; ", L"a@example.com,b@example.org", false, {L"a@example.com", L"b@example.org"}},
+      {L"x.zip", L"", true, {}},
+  };
+  for (const Case& c : cases) {
+    const EmailFacts facts = FactsFromRecord(c.attachments, 2048, L"alice@example.org", c.receivers);
+    EXPECT_EQ(facts.has_attachments, c.has_attachments) << c.attachments;
+    EXPECT_EQ(facts.receiver_addresses, c.receiver_addresses) << c.receivers;
+    EXPECT_EQ(facts.size_bytes, 2048u);
+    EXPECT_EQ(facts.sender_address, L"alice@example.org");
+  }
 }
 
 TEST(ProgressText, ShowsBytesOfTheTotalPacketsMessagesAndRate) {
