@@ -66,6 +66,9 @@ class HostServices::Impl final : public FlowSink {
   }
 
   bool FinishRun(CPAEBaseModule* module) {
+    // A second call would export and uninitialise twice.
+    if (finished_) return error_.empty();
+    finished_ = true;
     if (log_) log_->Finish();
     if (!statistics_file_.is_open() && !root().empty() && statistics_file_.Open(root() + "statistics.json"))
       statistics_file_.Write(statistics_.ToJson() + "\n");
@@ -130,6 +133,7 @@ class HostServices::Impl final : public FlowSink {
   IPelkaFlowClient* client_ = nullptr;
   HostRunCounts counts_;
   std::string error_;
+  bool finished_ = false;
 
  private:
   std::vector<std::pair<OutputFile*, const char*>> Files() {

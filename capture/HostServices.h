@@ -35,7 +35,9 @@ struct HostOptions {
   // Write the ".eml" copies under <out_dir>/email_copy/.
   bool copies = false;
   // Directory of the module's resources (string table "PelkaEmailRes.cst",
-  // "email.ico"), ending with '/'. Empty: the module finds no string table.
+  // "email.ico"), ending with '/' (added when missing). Empty: the module
+  // gets an empty path and looks for its files by bare name in the working
+  // directory; give a directory without the files to be sure of no table.
   std::string resource_dir;
   // False switches every diagnosis event off.
   bool diagnosis_enabled = true;
@@ -91,7 +93,8 @@ class HostServices {
   // not yet exported, the statistics client's DetachStatistics (after
   // statistics.json is written), the module's Uninitialize, and the files
   // closed. `module` may be null (then only the host's side is finished).
-  // False, with error(), when any write of the run failed.
+  // Only the first call acts. False, with error(), when any write of the run
+  // failed.
   bool FinishRun(CPAEBaseModule* module);
 
   // The first failure of the run (open or write); empty while all is well.
