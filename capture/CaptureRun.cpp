@@ -1,11 +1,15 @@
 #include "capture/CaptureRun.h"
 
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "capture/CaptureSource.h"
 #include "capture/FlowTracker.h"
@@ -145,6 +149,18 @@ bool OpenInputs(const ProgramOptions& options, CaptureSource& source, std::ostre
   return false;
 }
 
+// Opens the inputs and reads them to the end or to a stop signal; false when
+// an input could not be opened or read.
+bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, std::ostream& err) {
+  if (!OpenInputs(options, pipeline.source, err)) return false;
+  SignalScope signals(&pipeline.source);
+  Progress progress(Progress::Wanted(options.quiet), [&pipeline, &services] {
+    return ProgressFigures{pipeline.source.bytes_read(), pipeline.source.total_bytes(), pipeline.source.frames_read(),
+                           services.counts().records};
+  });
+  return ReadAll(pipeline, progress, err);
+}
+
 HostOptions MakeHostOptions(const ProgramOptions& options, const std::string& library_path) {
   HostOptions host;
   host.out_dir = options.out_dir;
@@ -210,16 +226,7 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
 
   Pipeline pipeline;
   pipeline.tracker = std::make_unique<FlowTracker>(services.flow_sink());
-  bool inputs_ok = OpenInputs(options, pipeline.source, err);
-  if (inputs_ok) {
-    SignalScope signals(&pipeline.source);
-    Progress progress(Progress::Wanted(options.quiet), [&pipeline, &services] {
-      return ProgressFigures{pipeline.source.bytes_read(), pipeline.source.total_bytes(),
-                             pipeline.source.frames_read(), services.counts().records};
-    });
-    inputs_ok = ReadAll(pipeline, progress, err);
-    progress.Clear();
-  }
+  const bool inputs_ok = ReadCaptures(options, pipeline, services, err);
   pipeline.tracker->Finish();
   const bool outputs_ok = services.FinishRun(main_table);
   if (!outputs_ok) err << kProgramName << ": " << services.error() << "\n";

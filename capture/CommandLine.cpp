@@ -28,7 +28,8 @@ constexpr const char* kFooter =
     "\n"
     "Exit status:\n"
     "  0  the run finished (also after Ctrl-C, which ends it cleanly)\n"
-    "  1  an input could not be read or is damaged; what was found before is kept\n"
+    "  1  an input could not be read or is damaged (what was found before is kept),\n"
+    "     or the output folder or the module library could not be used\n"
     "  2  the command line is wrong; nothing was read\n"
     "\n"
     "Examples:\n"
@@ -128,6 +129,80 @@ void AddConditionOptions(CLI::App& app, ConditionTexts& texts) {
       ->group(group);
 }
 
+// Option values that are turned into ProgramOptions after parsing.
+struct RawChoices {
+  std::string language = "en";
+  bool no_diagnosis = false;
+  ConditionTexts conditions;
+};
+
+void AddInputOutputOptions(CLI::App& app, ProgramOptions& options) {
+  const std::string input = "Input";
+  app.add_option("CAPTURE", options.inputs, "capture files (pcap or pcapng), read in order as one capture; - reads standard input")
+      ->type_name("")
+      ->group(input);
+  app.add_option("-i,--interface", options.interface_name, "capture live from this network interface (needs privilege)")
+      ->type_name("IFACE")
+      ->group(input);
+
+  const std::string output = "Output";
+  app.add_option("-o,--out", options.out_dir, "folder for the output files (created if missing)")
+      ->type_name("DIR")
+      ->capture_default_str()
+      ->group(output);
+  app.add_flag("--copies", options.copies, "also save every message as an .eml file under DIR/email_copy/")
+      ->group(output);
+  app.add_flag("-q,--quiet", options.quiet, "no progress and no summary; only errors are printed")->group(output);
+}
+
+std::string CheckCodePage(const std::string& text) {
+  unsigned long value = 0;
+  try {
+    value = std::stoul(text);
+  } catch (const std::exception&) {
+    return "code page \"" + text + "\" is not a number";
+  }
+  return IsCodePageSupported(static_cast<unsigned>(value)) ? "" : "code page " + text + " is not supported";
+}
+
+void AddAnalysisOptions(CLI::App& app, ProgramOptions& options, RawChoices& raw) {
+  const std::string group = "Analysis";
+  app.add_option("--max-flow-length", options.max_flow_length_mib,
+                 "largest message collected on one connection, in MiB (0 to 4095); longer ones are cut")
+      ->type_name("MIB")
+      ->capture_default_str()
+      ->check(CLI::Range(0u, 4095u).description(""))
+      ->group(group);
+  app.add_option("--lang", raw.language, "language of the module's texts: en, zh, or none for its built-in texts")
+      ->type_name("en|zh|none")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"en", "zh", "none"}).description(""))
+      ->group(group);
+  app.add_option("--codepage", options.code_page,
+                 "code page of message bytes that declare no character set (936 = GBK, 65001 = UTF-8)")
+      ->type_name("N")
+      ->capture_default_str()
+      ->check(CheckCodePage)
+      ->group(group);
+}
+
+void AddDiagnosisOptions(CLI::App& app, ProgramOptions& options, RawChoices& raw) {
+  const std::string group = "Diagnosis";
+  app.add_option("--smtp-threshold", options.smtp_threshold_ms,
+                 "report an SMTP server slower than this to answer, in milliseconds (1 to 100000)")
+      ->type_name("MS")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 100000).description(""))
+      ->group(group);
+  app.add_option("--pop3-threshold", options.pop3_threshold_ms,
+                 "report a POP3 server slower than this to answer, in milliseconds (1 to 100000)")
+      ->type_name("MS")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 100000).description(""))
+      ->group(group);
+  app.add_flag("--no-diagnosis", raw.no_diagnosis, "switch every diagnosis event off")->group(group);
+}
+
 std::string UsageError(const std::string& message) {
   return std::string(kProgramName) + ": " + message + "\nRun '" + kProgramName + " --help' for the options.\n";
 }
@@ -170,76 +245,16 @@ const char* LanguageFolder(TextLanguage language) {
 
 CommandLineOutcome ParseCommandLine(int argc, const char* const* argv) {
   ProgramOptions options;
-  ConditionTexts conditions;
-  std::string language = "en";
-  bool no_diagnosis = false;
+  RawChoices raw;
 
   CLI::App app(kDescription, kProgramName);
   app.footer(kFooter);
   app.get_formatter()->column_width(30);
   app.set_version_flag("--version", std::string(kProgramName) + " " + kProgramVersion);
-
-  const std::string input_group = "Input";
-  app.add_option("CAPTURE", options.inputs, "capture files (pcap or pcapng), read in order as one capture; - reads standard input")
-      ->type_name("")
-      ->group(input_group);
-  app.add_option("-i,--interface", options.interface_name, "capture live from this network interface (needs privilege)")
-      ->type_name("IFACE")
-      ->group(input_group);
-
-  const std::string output_group = "Output";
-  app.add_option("-o,--out", options.out_dir, "folder for the output files (created if missing)")
-      ->type_name("DIR")
-      ->capture_default_str()
-      ->group(output_group);
-  app.add_flag("--copies", options.copies, "also save every message as an .eml file under DIR/email_copy/")
-      ->group(output_group);
-  app.add_flag("-q,--quiet", options.quiet, "no progress and no summary; only errors are printed")
-      ->group(output_group);
-
-  const std::string analysis_group = "Analysis";
-  app.add_option("--max-flow-length", options.max_flow_length_mib,
-                 "largest message collected on one connection, in MiB (0 to 4095); longer ones are cut")
-      ->type_name("MIB")
-      ->capture_default_str()
-      ->check(CLI::Range(0u, 4095u).description(""))
-      ->group(analysis_group);
-  app.add_option("--lang", language, "language of the module's texts: en, zh, or none for its built-in texts")
-      ->type_name("en|zh|none")
-      ->capture_default_str()
-      ->check(CLI::IsMember({"en", "zh", "none"}).description(""))
-      ->group(analysis_group);
-  app.add_option("--codepage", options.code_page,
-                 "code page of message bytes that declare no character set (936 = GBK, 65001 = UTF-8)")
-      ->type_name("N")
-      ->capture_default_str()
-      ->check([](const std::string& text) -> std::string {
-        unsigned long value = 0;
-        try {
-          value = std::stoul(text);
-        } catch (const std::exception&) {
-          return "code page \"" + text + "\" is not a number";
-        }
-        return IsCodePageSupported(static_cast<unsigned>(value)) ? "" : "code page " + text + " is not supported";
-      })
-      ->group(analysis_group);
-
-  const std::string diagnosis_group = "Diagnosis";
-  app.add_option("--smtp-threshold", options.smtp_threshold_ms,
-                 "report an SMTP server slower than this to answer, in milliseconds (1 to 100000)")
-      ->type_name("MS")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 100000).description(""))
-      ->group(diagnosis_group);
-  app.add_option("--pop3-threshold", options.pop3_threshold_ms,
-                 "report a POP3 server slower than this to answer, in milliseconds (1 to 100000)")
-      ->type_name("MS")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 100000).description(""))
-      ->group(diagnosis_group);
-  app.add_flag("--no-diagnosis", no_diagnosis, "switch every diagnosis event off")->group(diagnosis_group);
-
-  AddConditionOptions(app, conditions);
+  AddInputOutputOptions(app, options);
+  AddAnalysisOptions(app, options, raw);
+  AddDiagnosisOptions(app, options, raw);
+  AddConditionOptions(app, raw.conditions);
 
   try {
     app.parse(argc, argv);
@@ -252,10 +267,10 @@ CommandLineOutcome ParseCommandLine(int argc, const char* const* argv) {
   }
 
   if (std::string problem = CheckInputs(options); !problem.empty()) return Failure(problem);
-  options.language = LanguageFromName(language);
-  options.diagnosis = !no_diagnosis;
+  options.language = LanguageFromName(raw.language);
+  options.diagnosis = !raw.no_diagnosis;
 
-  const std::string expression = ConditionExpression(conditions);
+  const std::string expression = ConditionExpression(raw.conditions);
   if (!expression.empty()) {
     Parsed<EmailConditions> parsed = ParseConditions(Utf8ToWideText(expression));
     if (!parsed) return Failure("bad condition: " + WideToUtf8(parsed.error) + "\n" + kConditionSyntax);

@@ -17,7 +17,8 @@ namespace pelka {
 // Exit statuses of the program, also listed in --help and the README.
 enum ExitStatus : int {
   kExitDone = 0,          // the run finished (also --help and --version)
-  kExitInputProblem = 1,  // an input could not be read or is damaged; outputs are kept
+  kExitInputProblem = 1,  // an input is unreadable or damaged (outputs kept), or the output
+                          // folder or the module library cannot be used
   kExitUsage = 2,         // the command line is wrong; nothing was read
 };
 

@@ -12,6 +12,7 @@
 
 #include <csignal>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -20,7 +21,9 @@
 #include <vector>
 
 #include "capture/CommandLine.h"
+#include "capture/MessageFilter.h"
 #include "capture/ModuleLoader.h"
+#include "capture/Progress.h"
 #include "capture/RunSummary.h"
 
 namespace pelka {
@@ -335,6 +338,12 @@ TEST_F(ProgramTest, DamagedCaptureGivesOneAndKeepsItsOutputs) {
   EXPECT_TRUE(fs::exists(fs::path(Out()) / "statistics.json"));
 }
 
+TEST_F(ProgramTest, MissingInterfaceGivesOneAndSaysSo) {
+  const RunResult result = Run({"-q", "-i", "nosuchiface0", "-o", Out()});
+  EXPECT_EQ(result.status, kExitInputProblem);
+  EXPECT_THAT(result.err, HasSubstr("nosuchiface0"));
+}
+
 TEST_F(ProgramTest, UnwritableOutputFolderGivesOne) {
   const fs::path blocker = dir_ / "file";
   std::ofstream(blocker) << "x";
@@ -425,6 +434,90 @@ TEST_F(ProgramTest, SameTrafficGivesTheSameRecordsWhateverTheFileForm) {
 }
 
 // ---------------------------------------------------------------------------
+// One capture in other forms: split in two files, as pcapng, from standard input.
+
+struct PcapFrame {
+  uint32_t seconds, microseconds;
+  std::string bytes;
+};
+
+// Frames of a little-endian microsecond pcap file.
+std::vector<PcapFrame> PcapFrames(const std::string& file) {
+  std::vector<PcapFrame> frames;
+  for (size_t at = 24; at + 16 <= file.size();) {
+    uint32_t header[4];
+    std::memcpy(header, file.data() + at, sizeof header);
+    frames.push_back({header[0], header[1], file.substr(at + 16, header[2])});
+    at += 16 + header[2];
+  }
+  return frames;
+}
+
+std::string Pcap(const std::string& file_header, const std::vector<PcapFrame>& frames) {
+  std::string out = file_header;
+  for (const PcapFrame& frame : frames) {
+    const uint32_t header[4] = {frame.seconds, frame.microseconds, static_cast<uint32_t>(frame.bytes.size()),
+                                static_cast<uint32_t>(frame.bytes.size())};
+    out.append(reinterpret_cast<const char*>(header), sizeof header);
+    out += frame.bytes;
+  }
+  return out;
+}
+
+template <typename... Words>
+std::string Words32(Words... words) {
+  std::string out;
+  for (uint32_t word : {static_cast<uint32_t>(words)...}) out.append(reinterpret_cast<const char*>(&word), 4);
+  return out;
+}
+
+// The same frames as pcapng: a section header, one Ethernet interface with
+// microsecond stamps, one enhanced packet block per frame.
+std::string Pcapng(const std::vector<PcapFrame>& frames) {
+  std::string out = Words32(0x0A0D0D0A, 28, 0x1A2B3C4D, 1, 0xFFFFFFFF, 0xFFFFFFFF, 28);  // version 1.0
+  out += Words32(1, 20, 1, 65535, 20);  // link type 1, snap length
+  for (const PcapFrame& frame : frames) {
+    const uint64_t stamp = uint64_t{frame.seconds} * 1000000 + frame.microseconds;
+    std::string data = frame.bytes;
+    data.resize((data.size() + 3) / 4 * 4, '\0');
+    const auto total = static_cast<uint32_t>(32 + data.size());
+    out += Words32(6, total, 0, stamp >> 32, stamp & 0xFFFFFFFF, frame.bytes.size(), frame.bytes.size());
+    out += data + Words32(total);
+  }
+  return out;
+}
+
+TEST_F(ProgramTest, SameCaptureGivesTheSameRecordsSplitAsPcapngOrFromStandardInput) {
+  const std::string sample = ReadAll(kSample);
+  const std::vector<PcapFrame> frames = PcapFrames(sample);
+  ASSERT_EQ(frames.size(), 82u);
+  const std::string file_header = sample.substr(0, 24);
+  const auto half = frames.begin() + 41;  // in the middle of the POP3 conversation
+  const auto write = [this](const char* name, const std::string& bytes) {
+    std::ofstream(dir_ / name, std::ios::binary) << bytes;
+    return (dir_ / name).string();
+  };
+  const std::string first = write("first.pcap", Pcap(file_header, {frames.begin(), half}));
+  const std::string second = write("second.pcap", Pcap(file_header, {half, frames.end()}));
+  const std::string pcapng = write("sample.pcapng", Pcapng(frames));
+
+  const auto records_of = [this](std::vector<std::string> arguments, const std::string& stdin_file = "") {
+    fs::remove_all(Out());
+    arguments.insert(arguments.begin(), {"-q", "-o", Out()});
+    std::string command = Quote(kProgram.string());
+    for (const std::string& argument : arguments) command += " " + Quote(argument);
+    if (!stdin_file.empty()) command += " <" + Quote(stdin_file);
+    EXPECT_EQ(std::system(command.c_str()), 0) << command;
+    return ReadAll(fs::path(Out()) / "emails.jsonl");
+  };
+  const std::string whole = records_of({kSample.string()});
+  EXPECT_EQ(std::count(whole.begin(), whole.end(), '\n'), 3);
+  EXPECT_EQ(records_of({first, second}), whole);
+  EXPECT_EQ(records_of({pcapng}), whole);
+  EXPECT_EQ(records_of({"-"}, kSample.string()), whole);
+}
+
+// ---------------------------------------------------------------------------
 // Pieces of the summary that need no run.
 
 TEST(RunSummaryText, FitsTextToColumnsCountingWideCharacters) {
@@ -443,6 +536,70 @@ TEST(RunSummaryText, FitsTextToColumnsCountingWideCharacters) {
     EXPECT_EQ(FitToWidth(c.text, c.width), c.fitted) << c.text;
   }
   EXPECT_EQ(DisplayWidth("下周"), 4u);
+}
+
+TEST(RunSummaryText, DigestCountsEveryRecordAndKeepsTheFirstRows) {
+  const fs::path path = fs::temp_directory_path() / ("pelka-digest-" + std::to_string(::getpid()) + ".jsonl");
+  {
+    std::ofstream out(path);
+    for (int i = 0; i < 12; ++i) {
+      const char* protocol = i % 3 == 0 ? "SMTP" : i % 3 == 1 ? "POP3" : "IMAPv4";
+      // Both spacings of JSON, and the protocol_path key before the protocol.
+      if (i % 2) {
+        out << R"({"protocol_path":"IPv4/TCP","protocol":")" << protocol << R"(","email_subject":"s)" << i << "\"}\n";
+      } else {
+        out << R"({"protocol_path": "IPv4/TCP", "protocol": ")" << protocol << R"(", "email_subject": "s)" << i
+            << "\"}\n";
+      }
+    }
+    out << "not json\n";
+  }
+  const MessageDigest digest = ReadMessageDigest(path.string(), 2);
+  fs::remove(path);
+  EXPECT_EQ(digest.total, 12u);
+  EXPECT_EQ(digest.by_protocol, (std::map<std::string, uint64_t>{{"IMAPv4", 4}, {"POP3", 4}, {"SMTP", 4}}));
+  ASSERT_EQ(digest.first.size(), 2u);
+  EXPECT_EQ(digest.first[1].protocol, "POP3");
+  EXPECT_EQ(digest.first[1].subject, "s1");
+  EXPECT_EQ(ReadMessageDigest("/nonexistent/emails.jsonl", 10).total, 0u);
+}
+
+TEST(MessageFilterFacts, ReadTheRecordFieldsTheConditionsLookAt) {
+  struct Case {
+    const wchar_t* attachments;
+    const wchar_t* receivers;
+    bool has_attachments;
+    std::vector<std::wstring> receiver_addresses;
+  };
+  const std::vector<Case> cases = {
+      {L"", L"bob@example.com", false, {L"bob@example.com"}},
+      {L"report.txt;", L"a@example.com; b@example.org", true, {L"a@example.com", L"b@example.org"}},
+      {L" ; ", L"a@example.com,b@example.org", false, {L"a@example.com", L"b@example.org"}},
+      {L"x.zip", L"", true, {}},
+  };
+  for (const Case& c : cases) {
+    const EmailFacts facts = FactsFromRecord(c.attachments, 2048, L"alice@example.org", c.receivers);
+    EXPECT_EQ(facts.has_attachments, c.has_attachments) << c.attachments;
+    EXPECT_EQ(facts.receiver_addresses, c.receiver_addresses) << c.receivers;
+    EXPECT_EQ(facts.size_bytes, 2048u);
+    EXPECT_EQ(facts.sender_address, L"alice@example.org");
+  }
+}
+
+TEST(ProgressText, ShowsBytesOfTheTotalPacketsMessagesAndRate) {
+  struct Case {
+    ProgressFigures figures;
+    double seconds;
+    const char* line;
+  };
+  const std::vector<Case> cases = {
+      {{512 * 1024, 1024 * 1024, 10, 2}, 2.0, "512.0 KiB of 1.0 MiB (50%), 10 packets, 2 messages, 256.0 KiB/s"},
+      {{5, 0, 1, 0}, 0.0, "5 B, 1 packets, 0 messages"},
+      {{3ull << 30, 2ull << 30, 7, 1}, 0.0, "3.0 GiB of 2.0 GiB (100%), 7 packets, 1 messages"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(FormatProgress(c.figures, c.seconds), c.line);
+  EXPECT_EQ(FormatBytes(1023), "1023 B");
+  EXPECT_EQ(FormatBytes(1536), "1.5 KiB");
 }
 
 }  // namespace
