@@ -122,8 +122,4 @@ bool CTQXmlParser::AddAttrib(const wchar_t* name, const wchar_t* value) {
   return attribute && attribute.set_value(Utf8(value).c_str());
 }
 
-bool CTQXmlParser::AddAttrib(const wchar_t* name, uint64_t value) {
-  return AddAttrib(name, std::to_wstring(value).c_str());
-}
-
 }  // namespace pelka

@@ -11,7 +11,7 @@
 // characters. All texts at the interface are wide.
 #pragma once
 
-#include <cstdint>
+#include <concepts>
 #include <string>
 
 #include <pugixml.hpp>
@@ -61,7 +61,11 @@ class CTQXmlParser {
 
   // Sets an attribute of the current element. False without one.
   bool AddAttrib(const wchar_t* name, const wchar_t* value);
-  bool AddAttrib(const wchar_t* name, uint64_t value);
+  // A number in decimal.
+  template <std::integral Number>
+  bool AddAttrib(const wchar_t* name, Number value) {
+    return AddAttrib(name, std::to_wstring(value).c_str());
+  }
 
  private:
   void ResetPosition();

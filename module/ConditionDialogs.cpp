@@ -123,14 +123,13 @@ std::optional<uint32_t> ParseKb(std::wstring_view digits, std::wstring& error) {
     error = L"size " + Quoted(value) + L" is not a number of KB";
     return std::nullopt;
   }
-  // Leading zeros are harmless; count the significant digits only.
+  // Leading zeros are harmless; more significant digits than the maximum
+  // has cannot be a valid size and need not be summed.
   const std::wstring_view significant = value.substr(std::min(value.find_first_not_of(L'0'), value.size()));
   uint32_t kb = 0;
-  if (significant.size() <= 5) {
-    for (wchar_t c : significant) kb = kb * 10 + static_cast<uint32_t>(c - L'0');
-  }
-  if (significant.size() > 5 || kb > kMaxSizeKb) {
-    error = L"size " + Quoted(value) + L" is above the maximum of 99999 KB";
+  for (wchar_t c : significant.substr(0, 6)) kb = kb * 10 + static_cast<uint32_t>(c - L'0');
+  if (significant.size() > 6 || kb > kMaxSizeKb) {
+    error = L"size " + Quoted(value) + L" is above the maximum of " + std::to_wstring(kMaxSizeKb) + L" KB";
     return std::nullopt;
   }
   return kb;

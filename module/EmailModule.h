@@ -8,12 +8,14 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "flow/EmailFlowContext.h"
 #include "flow/MultiPatternSearcher.h"
 #include "host/FlowInterfaces.h"
+#include "output/ConnectionCounter.h"
 
 namespace pelka {
 
@@ -25,7 +27,6 @@ class IPelkaLogService;
 class IPelkaStatCategory;
 class IPelkaStatRegistrar;
 class IPelkaStatService;
-struct ConnectionCounter;
 
 // Which mail protocol a packet or check belongs to.
 enum class MailProtocol { kSmtp, kPop3, kImap4 };
@@ -58,11 +59,14 @@ class CPelkaEmailModule : public IPelkaFlowClient {
   void SaveEmailCopy(CEmailFlowContext* context, const PacketRecord* packet);
   // Local time "%Y-%m-%d %H.%M.%S" of whole seconds, held in the text holder.
   const wchar_t* MakeCopyTimeText(uint64_t seconds);
-  // Creates the email log, its columns and identifiers.
+  // Creates the email log, its columns and identifiers, and registers its two
+  // storage kinds ("log_email" with the export lines, "email_copy").
   void DefineEmailLog();
 
   // --- Diagnosis -------------------------------------------------------------
   void DefineDiagnosisEvents();
+  // Gives every defined event back to the host (at Uninitialize).
+  void ReleaseDiagnosisEvents();
   void CheckSlowResponse(CEmailFlowContext& context, const PacketRecord* packet, uint32_t direction,
                          const uint8_t* payload, uint32_t length, IPelkaFlowNode* node, MailProtocol protocol);
   void CheckDubiousConversation(CEmailFlowContext& context, const PacketRecord* packet, uint32_t direction,
@@ -77,6 +81,11 @@ class CPelkaEmailModule : public IPelkaFlowClient {
   void ClearConnectionCounters();
   // Counts one bound flow of the protocol on the flow's statistics object.
   void CountConnection(MailProtocol protocol, IPelkaFlowStats* stats);
+  // The statistics client's operations. Each acts only when `service` is the
+  // statistics service the module registered with.
+  void DefineStatistics(IPelkaStatService* service, IPelkaStatRegistrar* registrar);
+  void AssignStatisticIndexes(IPelkaStatService* service);
+  void DetachStatistics(IPelkaStatService* service);
 
   // --- Settings and shared read-only state -----------------------------------
   uint32_t max_flow_length() const { return max_flow_length_.load(std::memory_order_relaxed); }
@@ -111,7 +120,7 @@ class CPelkaEmailModule : public IPelkaFlowClient {
   // Connection statistics.
   IPelkaStatService* stat_service_ = nullptr;
   IPelkaStatRegistrar* stat_registrar_ = nullptr;
-  std::vector<ConnectionCounter*> connection_counters_;
+  std::vector<std::unique_ptr<ConnectionCounter>> connection_counters_;
   ConnectionCounter* smtp_counter_ = nullptr;
   ConnectionCounter* pop3_counter_ = nullptr;
   ConnectionCounter* imap4_counter_ = nullptr;

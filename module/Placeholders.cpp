@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cwctype>
+#include <optional>
 
 #include "host/WideFormat.h"
 
@@ -23,17 +24,17 @@ bool EqualsIgnoreCase(std::wstring_view a, std::wstring_view b) {
   return true;
 }
 
-// The type of value a format part asks for; false when it asks for none.
-bool TypeOfFormat(std::wstring_view format, PlaceholderType& type) {
-  if (EqualsIgnoreCase(format, L"%I64d")) return type = PlaceholderType::kSigned64, true;
-  if (EqualsIgnoreCase(format, L"%I64u")) return type = PlaceholderType::kUnsigned64, true;
+// The type of value a format part asks for; none when it asks for none.
+std::optional<PlaceholderType> TypeOfFormat(std::wstring_view format) {
+  // Only the whole part "%I64d" or "%I64u" is 64-bit; "%5I64u" is not.
+  if (EqualsIgnoreCase(format, L"%I64d")) return PlaceholderType::kSigned64;
+  if (EqualsIgnoreCase(format, L"%I64u")) return PlaceholderType::kUnsigned64;
   switch (format.back()) {
-    case L'd': case L'u': case L'o': case L'x': case L'X':
-      return type = PlaceholderType::kInt32, true;
-    case L'c': return type = PlaceholderType::kWideChar, true;
-    case L'f': return type = PlaceholderType::kDouble, true;
-    case L's': return type = PlaceholderType::kWideText, true;
-    default: return false;
+    case L'd': case L'u': case L'o': case L'x': case L'X': return PlaceholderType::kInt32;
+    case L'c': return PlaceholderType::kWideChar;
+    case L'f': return PlaceholderType::kDouble;
+    case L's': return PlaceholderType::kWideText;
+    default: return std::nullopt;
   }
 }
 
@@ -62,7 +63,8 @@ std::wstring FormatValue(const Placeholder& placeholder, va_list& args) {
   const wchar_t* format = conversion.c_str();
   switch (placeholder.type) {
     case PlaceholderType::kSigned64: return FormatWide(format, static_cast<long long>(va_arg(args, int64_t)));
-    case PlaceholderType::kUnsigned64: return FormatWide(format, static_cast<unsigned long long>(va_arg(args, uint64_t)));
+    case PlaceholderType::kUnsigned64:
+      return FormatWide(format, static_cast<unsigned long long>(va_arg(args, uint64_t)));
     case PlaceholderType::kInt32: return FormatWide(format, va_arg(args, int));
     case PlaceholderType::kWideChar: return FormatWide(format, static_cast<wint_t>(va_arg(args, int)));
     case PlaceholderType::kDouble: return FormatWide(format, va_arg(args, double));
@@ -81,7 +83,9 @@ bool ParseCandidate(std::wstring_view candidate, Placeholder& placeholder) {
   const size_t underscore = candidate.substr(0, scan).find(L'_');
   if (underscore == std::wstring_view::npos) return false;
   const std::wstring_view format = candidate.substr(0, underscore);
-  if (!TypeOfFormat(format, placeholder.type)) return false;
+  const std::optional<PlaceholderType> type = TypeOfFormat(format);
+  if (!type) return false;
+  placeholder.type = *type;
   placeholder.text.assign(candidate);
   placeholder.format.assign(format);
   placeholder.name.assign(candidate.substr(underscore + 1, candidate.size() - underscore - 2));

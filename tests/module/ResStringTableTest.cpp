@@ -1,7 +1,9 @@
 #include "module/ResStringTable.h"
 
+#include <atomic>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -47,11 +49,7 @@ TEST(ResStringTable, WithoutAFileEveryTextIsItsDefault) {
 }
 
 TEST(ResStringTable, RejectsDocumentsThatAreNotStringTables) {
-  const std::vector<std::string> bad = {
-      "", "not xml at all", "<StringTable><String id=\"A\">x</String>",
-      "<?xml version=\"1.0\"?><Other><String id=\"A\">x</String></Other>",
-  };
-  for (const std::string& bytes : bad) {
+  for (const std::string bytes : {"not xml", "<StringTable><String id=\"A\">x</String>", "<Other/>"}) {
     LoadedTable loaded(bytes);
     std::wstring holder;
     EXPECT_EQ(loaded.loaded(), 0) << bytes;
@@ -77,11 +75,7 @@ TEST(ResStringTable, TranslatedTextsBindValuesByName) {
   ASSERT_EQ(loaded.loaded(), 1);
   CResStringTable& table = loaded.table();
   std::wstring h;
-  struct Case {
-    std::wstring got;
-    const wchar_t* expected;
-  };
-  const std::vector<Case> cases = {
+  const std::vector<std::pair<std::wstring, const wchar_t*>> cases = {
       {table.GetString(h, L"IDS_EMAIL_LOG", L"邮件日志"), L"Email Log"},
       {table.GetString(h, L"ids_email_log", L"邮件日志"), L"lower case"},
       {table.GetString(h, L"Ids_Email_Log", L"邮件日志"), L"邮件日志"},
@@ -104,17 +98,13 @@ TEST(ResStringTable, TranslatedTextsBindValuesByName) {
       {table.GetString(h, L"IDS_OTHER", L"default"), L"default"},
       {table.GetString(h, L"IDS_MISSING", L"%s_T% is %d_N%", L"x", 3), L"#x is 3"},
   };
-  for (const Case& c : cases) EXPECT_EQ(c.got, c.expected);
+  for (const auto& [got, expected] : cases) EXPECT_EQ(got, expected);
 }
 
 TEST(ResStringTable, DefaultTextEdgeCases) {
   CResStringTable table;
   std::wstring h;
-  struct Case {
-    std::wstring got;
-    const wchar_t* expected;
-  };
-  const std::vector<Case> cases = {
+  const std::vector<std::pair<std::wstring, const wchar_t*>> cases = {
       // The lone sign hides the placeholder, which takes no value; the next
       // one still gets the first value.
       {table.GetString(h, L"X", L"50% [%d_A%] 1% %d_B%", 7), L"#50% [%d_A%] 1% 7"},
@@ -122,7 +112,7 @@ TEST(ResStringTable, DefaultTextEdgeCases) {
       {table.GetString(h, L"X", L"[%s_T%]", L""), L"#[]"},
       {table.GetString(h, L"X", L"100%%"), L"#100%"},
   };
-  for (const Case& c : cases) EXPECT_EQ(c.got, c.expected);
+  for (const auto& [got, expected] : cases) EXPECT_EQ(got, expected);
 }
 
 TEST(ResStringTable, ReadsUtf16WithByteOrderMark) {
@@ -137,15 +127,24 @@ TEST(ResStringTable, ReadsUtf16WithByteOrderMark) {
                L"相隔3ms");
 }
 
-TEST(ResStringTable, ReadsUtf8WithByteOrderMark) {
-  LoadedTable loaded("\xEF\xBB\xBF" + Utf8Table("<String id=\"A\">\xE9\x82\xAE</String>"));
-  ASSERT_EQ(loaded.loaded(), 1);
-  std::wstring h;
-  EXPECT_STREQ(loaded.table().GetString(h, L"A", L"x"), L"邮");
-}
-
-TEST(ResStringTable, TheProcessTableIsOneObject) {
-  EXPECT_EQ(&CResStringTable::Instance(), &CResStringTable::Instance());
+// Every request clears and refills the one replacer; concurrent requests must
+// not see each other's values.
+TEST(ResStringTable, ConcurrentRequestsKeepTheirOwnValues) {
+  CResStringTable table;
+  std::atomic<int> wrong{0};
+  auto worker = [&](uint64_t base) {
+    std::wstring holder;
+    for (uint64_t i = 0; i < 2000; ++i) {
+      const std::wstring expected = L"#" + std::to_wstring(base + i) + L"-" + std::to_wstring(i);
+      table.GetString(holder, L"X", L"%I64u_A%-%d_B%", base + i, static_cast<int>(i));
+      if (holder != expected) ++wrong;
+    }
+  };
+  std::thread first(worker, uint64_t{1000000});
+  std::thread second(worker, uint64_t{9000000});
+  first.join();
+  second.join();
+  EXPECT_EQ(wrong.load(), 0);
 }
 
 }  // namespace

@@ -1,0 +1,168 @@
+#include "capture/CaptureSource.h"
+
+#include <pcap/pcap.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace pelka {
+
+namespace {
+
+constexpr size_t kFileBufferSize = 1 << 20;
+constexpr int kLiveSnapLength = 262144;
+constexpr int kLiveBufferSize = 8 << 20;
+constexpr uint64_t kRecordHeaderBytes = 16;  // a classic pcap record header, for inputs without a position
+
+std::string LiveError(const std::string& name, int status, pcap_t* handle) {
+  switch (status) {
+    case PCAP_ERROR_NO_SUCH_DEVICE:
+      return "no such interface: " + name;
+    case PCAP_ERROR_PERM_DENIED:
+      return "no permission to capture on " + name +
+             ": run as root or give the program the CAP_NET_RAW and CAP_NET_ADMIN capabilities";
+    case PCAP_ERROR_IFACE_NOT_UP:
+      return "interface " + name + " is not up";
+    default:
+      return "cannot capture on " + name + ": " + pcap_geterr(handle);
+  }
+}
+
+}  // namespace
+
+CaptureSource::CaptureSource() = default;
+
+CaptureSource::~CaptureSource() { CloseCurrent(); }
+
+void CaptureSource::OpenFiles(std::vector<std::string> paths) {
+  CloseCurrent();
+  paths_ = std::move(paths);
+  next_path_ = 0;
+  live_ = false;
+}
+
+bool CaptureSource::OpenLive(const std::string& interface_name, int read_timeout_ms) {
+  CloseCurrent();
+  paths_.clear();
+  char message[PCAP_ERRBUF_SIZE] = {};
+  pcap_t* handle = pcap_create(interface_name.c_str(), message);
+  if (!handle) {
+    error_ = "cannot capture on " + interface_name + ": " + message;
+    return false;
+  }
+  pcap_set_snaplen(handle, kLiveSnapLength);
+  pcap_set_promisc(handle, 1);
+  pcap_set_timeout(handle, read_timeout_ms);
+  pcap_set_buffer_size(handle, kLiveBufferSize);
+  pcap_set_tstamp_precision(handle, PCAP_TSTAMP_PRECISION_NANO);
+  const int status = pcap_activate(handle);
+  if (status < 0) {
+    error_ = LiveError(interface_name, status, handle);
+    pcap_close(handle);
+    return false;
+  }
+  handle_ = handle;
+  live_ = true;
+  nanosecond_ = pcap_get_tstamp_precision(handle) == PCAP_TSTAMP_PRECISION_NANO;
+  current_name_ = interface_name;
+  return true;
+}
+
+bool CaptureSource::OpenNextFile() {
+  if (next_path_ >= paths_.size()) return false;
+  const std::string& path = paths_[next_path_++];
+  current_name_ = path == "-" ? "standard input" : path;
+  current_bytes_ = 0;
+  FILE* file = path == "-" ? stdin : std::fopen(path.c_str(), "rb");
+  if (!file) {
+    error_ = "cannot open " + path + ": " + std::strerror(errno);
+    return false;
+  }
+  file_buffer_.resize(kFileBufferSize);
+  std::setvbuf(file, file_buffer_.data(), _IOFBF, file_buffer_.size());
+  char message[PCAP_ERRBUF_SIZE] = {};
+  // Nanosecond precision keeps both kinds of file exact; times are rounded
+  // down to microseconds when a frame is handed out.
+  pcap_t* handle = pcap_fopen_offline_with_tstamp_precision(file, PCAP_TSTAMP_PRECISION_NANO, message);
+  if (!handle) {
+    if (file != stdin) std::fclose(file);
+    error_ = "cannot read " + current_name_ + ": " + message;
+    return false;
+  }
+  handle_ = handle;
+  file_ = file;
+  nanosecond_ = true;
+  return true;
+}
+
+void CaptureSource::CloseCurrent() {
+  if (!handle_) return;
+  const long position = file_ ? std::ftell(file_) : -1;
+  finished_bytes_ += position >= 0 ? static_cast<uint64_t>(position) : current_bytes_;
+  pcap_close(handle_);  // closes the file too
+  handle_ = nullptr;
+  file_ = nullptr;
+  current_bytes_ = 0;
+  current_name_.clear();
+}
+
+ReadStatus CaptureSource::Fail(const std::string& message) {
+  error_ = message;
+  CloseCurrent();
+  return ReadStatus::kError;
+}
+
+ReadStatus CaptureSource::Next(CapturedFrame* frame) {
+  for (;;) {
+    if (stopped_) return ReadStatus::kEnd;
+    if (!handle_) {
+      if (live_) return ReadStatus::kEnd;
+      error_.clear();
+      if (OpenNextFile()) continue;
+      return error_.empty() ? ReadStatus::kEnd : ReadStatus::kError;
+    }
+    pcap_pkthdr* header = nullptr;
+    const u_char* data = nullptr;
+    const int status = pcap_next_ex(handle_, &header, &data);
+    if (status == 1) {
+      frame->data = data;
+      frame->captured_length = header->caplen;
+      frame->wire_length = header->len;
+      frame->number = ++frames_;
+      const uint64_t fraction = static_cast<uint64_t>(header->ts.tv_usec);
+      frame->time_us = static_cast<uint64_t>(header->ts.tv_sec) * 1000000 + (nanosecond_ ? fraction / 1000 : fraction);
+      frame->link_type = pcap_datalink(handle_);
+      current_bytes_ += header->caplen + kRecordHeaderBytes;
+      return ReadStatus::kFrame;
+    }
+    if (status == 0) return ReadStatus::kTimeout;
+    if (status == PCAP_ERROR_BREAK) {
+      if (live_) return ReadStatus::kEnd;
+      CloseCurrent();
+      continue;
+    }
+    return Fail(current_name_ + ": " + pcap_geterr(handle_) + " (after frame " + std::to_string(frames_) + ")");
+  }
+}
+
+void CaptureSource::Stop() {
+  stopped_ = true;
+  if (handle_ && live_) pcap_breakloop(handle_);
+}
+
+uint64_t CaptureSource::bytes_read() const {
+  const long position = file_ ? std::ftell(file_) : -1;
+  return finished_bytes_ + (position >= 0 ? static_cast<uint64_t>(position) : current_bytes_);
+}
+
+uint64_t CaptureSource::total_bytes() const {
+  uint64_t total = 0;
+  for (const std::string& path : paths_) {
+    struct stat info {};
+    if (path != "-" && ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) total += info.st_size;
+  }
+  return total;
+}
+
+}  // namespace pelka

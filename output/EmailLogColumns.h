@@ -1,0 +1,34 @@
+// Slots of the email log's keyed columns in the module's column identifier
+// table, in declaration order. DefineEmailLog fills the slots; the record
+// builder addresses fields through them.
+#pragma once
+
+#include <cstddef>
+
+namespace pelka {
+
+enum EmailLogColumn : size_t {
+  kColumnNumber,          // email_number
+  kColumnProtocol,        // protocol
+  kColumnServer,          // email_server
+  kColumnClient,          // email_client
+  kColumnSender,          // email_sender
+  kColumnSenderAddress,   // email_sender_email
+  kColumnReceiver,        // email_receiver
+  kColumnReceiverAddress, // email_receive_email
+  kColumnCc,              // email_cc
+  kColumnSubject,         // email_subject
+  kColumnSentTime,        // email_sent_time
+  kColumnMailer,          // email_emailclient
+  kColumnAccount,         // email_account
+  kColumnAttachments,     // email_attachment
+  kColumnFileSize,        // email_filesize
+  kColumnDuration,        // email_duration
+  kColumnAverageSpeed,    // email_averagespeed
+  kColumnCopyPath,        // email_file_path
+  kColumnProtocolPath,    // protocol_path
+  kColumnGroup,           // group
+  kEmailLogColumnCount,
+};
+
+}  // namespace pelka

@@ -1,0 +1,109 @@
+// The email log: its columns, their identifiers and its two storage kinds.
+#include <array>
+
+#include "host/LogInterfaces.h"
+#include "module/EmailModule.h"
+#include "module/ResStringTable.h"
+#include "output/EmailLogColumns.h"
+#include "output/EmailLogExport.h"
+
+namespace pelka {
+namespace {
+
+constexpr uint32_t kEmailLogCapacity = 0x200000;
+
+// Column flags, as the host defines them.
+enum : uint32_t {
+  kFlagsPlain = 0x001,
+  kFlagsHidden = 0x010,
+  kFlagsEndpoint = 0x021,
+  kFlagsAttachment = 0x081,
+  kFlagsText = 0x0A1,
+  kFlagsStandard = 0x201,
+  kFlagsCopyPath = 0x2C1,
+};
+
+struct ColumnSpec {
+  const char* key;               // null for a standard column
+  uint32_t standard_field;       // kLogField..., for a standard column
+  const wchar_t* caption_id;     // null: empty caption
+  const wchar_t* default_caption;
+  uint32_t value_kind;           // keyed columns only
+  uint32_t width;
+  uint32_t flags;
+};
+
+// The 27 columns in position order; keyed ones in the order of EmailLogColumn.
+constexpr std::array<ColumnSpec, 27> kColumns = {{
+    {"email_number", 0, L"IDS_SN", L"序号", kLogValueNumber, 80, kFlagsPlain},
+    {nullptr, kLogFieldDateTime, L"IDS_DATE_TIME", L"日期时间", 0, 140, kFlagsPlain},
+    {"protocol", 0, L"IDS_PTL", L"协议", kLogValueText, 80, kFlagsEndpoint},
+    {nullptr, kLogFieldClientMac, L"IDS_CLIENT_MAC", L"客户端物理地址", 0, 120, kFlagsStandard},
+    {nullptr, kLogFieldClientAddress, L"IDS_CLIENT_ADDR", L"客户端地址", 0, 120, kFlagsStandard},
+    {nullptr, kLogFieldClientPort, L"IDS_CLIENT_PORT", L"客户端端口", 0, 80, kFlagsStandard},
+    {nullptr, kLogFieldServerMac, L"IDS_SERVER_MAC", L"服务器物理地址", 0, 120, kFlagsStandard},
+    {nullptr, kLogFieldServerAddress, L"IDS_SERVER_ADDR", L"服务器地址", 0, 120, kFlagsStandard},
+    {nullptr, kLogFieldServerPort, L"IDS_SERVER_POT", L"服务器端口", 0, 80, kFlagsStandard},
+    {"email_server", 0, L"IDS_SERVER", L"服务端", kLogValueText, 150, kFlagsEndpoint},
+    {"email_client", 0, L"IDS_CLIENT", L"客户端", kLogValueText, 150, kFlagsEndpoint},
+    {"email_sender", 0, L"IDS_SENDER", L"发送者", kLogValueText, 80, kFlagsText},
+    {"email_sender_email", 0, L"IDS_SEND_ADDR", L"发送邮件地址", kLogValueText, 200, kFlagsText},
+    {"email_receiver", 0, L"IDS_RECEIVER", L"接收者", kLogValueText, 80, kFlagsText},
+    {"email_receive_email", 0, L"IDS_RECV_ADDR", L"接收邮件地址", kLogValueText, 200, kFlagsText},
+    {"email_cc", 0, L"IDS_COPYTO", L"抄送", kLogValueText, 300, kFlagsText},
+    {"email_subject", 0, L"IDS_TITLE", L"标题", kLogValueText, 200, kFlagsText},
+    {"email_sent_time", 0, L"IDS_SEND_TIME", L"发送时间", kLogValueText, 180, kFlagsPlain},
+    {"email_emailclient", 0, L"IDS_EMAIL_CLIENT", L"邮件客户端", kLogValueText, 100, kFlagsPlain},
+    {"email_account", 0, L"IDS_ACCOUNT", L"帐户", kLogValueText, 100, kFlagsText},
+    {"email_attachment", 0, L"IDS_ADDITIONAL", L"附件", kLogValueText, 300, kFlagsAttachment},
+    {"email_filesize", 0, L"IDS_FILE_SIZE", L"文件大小(字节)", kLogValueNumber, 100, kFlagsPlain},
+    {"email_duration", 0, L"IDS_DURATION_TIME", L"持续时间(s)", kLogValueDouble, 100, kFlagsPlain},
+    {"email_averagespeed", 0, L"IDS_AVG_SPEED", L"平均速度(B/S)", kLogValueDouble, 100, kFlagsPlain},
+    {"email_file_path", 0, L"IDS_MAIL_COPY_PATH", L"存放邮件副本路径", kLogValueText, 200, kFlagsCopyPath},
+    {"protocol_path", 0, nullptr, nullptr, kLogValueText, 0, kFlagsHidden},
+    {"group", 0, nullptr, nullptr, kLogValueText, 0, kFlagsHidden},
+}};
+
+static_assert(kEmailLogKeyedColumns == kEmailLogColumnCount);
+
+// The hidden columns close the declaration; the host marks them so.
+bool IsFinalColumn(const ColumnSpec& spec) { return spec.caption_id == nullptr; }
+
+}  // namespace
+
+void CPelkaEmailModule::DefineEmailLog() {
+  if (!log_service_) return;
+  CResStringTable& strings = CResStringTable::Instance();
+  std::wstring caption;
+
+  IPelkaLog* log = nullptr;
+  strings.GetString(caption, L"IDS_EMAIL_INFO", L"Email信息");
+  if (log_service_->CreateLog("email_flow", caption.c_str(), kEmailLogCapacity, icon_index_, &log) != 0) return;
+  if (!log) return;
+  email_log_ = log;
+
+  size_t slot = 0;
+  uint16_t combined = 0;
+  for (const ColumnSpec& spec : kColumns) {
+    caption.clear();
+    if (spec.caption_id) strings.GetString(caption, spec.caption_id, spec.default_caption);
+    if (!spec.key) {
+      log->AddStandardColumn(caption.c_str(), spec.standard_field, spec.width, spec.flags);
+      continue;
+    }
+    const uint16_t id =
+        log->AddColumn(spec.key, caption.c_str(), spec.value_kind, spec.width, spec.flags, IsFinalColumn(spec));
+    column_ids_[slot++] = id;
+    combined |= id;
+  }
+  // A refused column comes back with the top bit set (0xFFFF): the
+  // declaration is then left open.
+  if (static_cast<int16_t>(combined) >= 0) log->EndColumns();
+
+  strings.GetString(caption, L"IDS_EMAIL_LOG", L"邮件日志");
+  log->AddStorage("log_email", "log_email", "email", caption.c_str(), &FormatEmailLogLines);
+  strings.GetString(caption, L"IDS_EMAIL_COPY", L"Email Copy");
+  log->AddStorage("email_copy", "email_copy", "-", caption.c_str(), nullptr);
+}
+
+}  // namespace pelka

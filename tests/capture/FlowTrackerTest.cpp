@@ -1,0 +1,196 @@
+#include "capture/FlowTracker.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "TrackerHarness.h"
+
+namespace pelka {
+namespace {
+
+using test::Step;
+using test::TrackerHarness;
+using ::testing::ElementsAreArray;
+
+constexpr uint8_t A = kTcpAck;
+constexpr uint8_t S = kTcpSyn;
+constexpr uint8_t SA = kTcpSyn | kTcpAck;
+constexpr uint8_t PA = kTcpPsh | kTcpAck;
+constexpr uint8_t FA = kTcpFin | kTcpAck;
+constexpr uint8_t R = kTcpRst;
+
+struct FlowCase {
+  const char* name;
+  std::vector<Step> steps;
+  std::vector<std::string> events;  // after Finish
+};
+
+const std::vector<FlowCase>& Cases() {
+  static const std::vector<FlowCase> cases = {
+      {"handshake, data, FINs, last ACK ends; a later packet is dropped",
+       {{'c', 100, S},
+        {'s', 500, SA},
+        {'c', 101, A},
+        {'s', 501, PA, "220 hi\r\n"},
+        {'c', 101, PA, "QUIT\r\n"},
+        {'c', 107, FA},
+        {'s', 509, FA},
+        {'c', 108, A},
+        {'s', 510, A}},
+       {"start 630 10.0.0.1:40000", "#1 1 ", "#2 2 ", "#3 1 ", "#4 2 220 hi\r\n", "#5 1 QUIT\r\n", "#6 1 ", "#7 2 ",
+        "#8 1 ", "end closed"}},
+      {"retransmission and overlap are trimmed",
+       {{'c', 101, PA, "HELO\r\n"}, {'c', 101, PA, "HELO\r\n"}, {'c', 105, PA, "\r\nMAIL"}, {'c', 100, PA, "xHELO\r\nMAIL:"}},
+       {"start 630 10.0.0.1:40000", "#1 1 HELO\r\n", "#2 1 ", "#3 1 MAIL", "#4 1 :", "end end of input"}},
+      {"segment ahead is held until the gap fills, then in sequence order",
+       {{'c', 101, PA, "abc"}, {'c', 110, PA, "jkl"}, {'c', 107, PA, "ghi"}, {'s', 1, A}, {'c', 104, PA, "def"}},
+       {"start 630 10.0.0.1:40000", "#1 1 abc", "#4 2 ", "#5 1 def", "#3 1 ghi", "#2 1 jkl", "end end of input"}},
+      {"held segment overlapped by the filling packet comes trimmed",
+       {{'c', 101, PA, "abc"}, {'c', 106, PA, "fgh"}, {'c', 104, PA, "defgh"}},
+       {"start 630 10.0.0.1:40000", "#1 1 abc", "#3 1 defgh", "#2 1 ", "end end of input"}},
+      {"held segments at flow end: gaps skipped, before the end",
+       {{'c', 101, PA, "abc"}, {'c', 120, PA, "xyz"}, {'c', 110, PA, "mno"}},
+       {"start 630 10.0.0.1:40000", "#1 1 abc", "#3 1 mno", "#2 1 xyz", "end end of input"}},
+      {"RST is delivered, held segments follow, then the end",
+       {{'c', 101, PA, "abc"}, {'c', 110, PA, "xyz"}, {'s', 900, R}, {'c', 113, PA, "late"}},
+       {"start 630 10.0.0.1:40000", "#1 1 abc", "#3 2 ", "#2 1 xyz", "end reset"}},
+      {"without a SYN the first packet's sender is the client",
+       {{'s', 501, PA, "220 hi\r\n"}, {'c', 101, PA, "EHLO\r\n"}},
+       {"start 630 10.0.0.2:25", "#1 1 220 hi\r\n", "#2 2 EHLO\r\n", "end end of input"}},
+      {"a SYN-ACK first: its sender is taken for the client",
+       {{'s', 500, SA}, {'c', 101, A}},
+       {"start 630 10.0.0.2:25", "#1 1 ", "#2 2 ", "end end of input"}},
+      {"a retransmitted SYN stays in its flow",
+       {{'c', 100, S}, {'c', 100, S}, {'s', 500, SA}},
+       {"start 630 10.0.0.1:40000", "#1 1 ", "#2 1 ", "#3 2 ", "end end of input"}},
+      {"a SYN captured after its SYN-ACK stays in the flow",
+       {{'s', 500, SA, "", -1, 0, 40000, 25, false, 100}, {'c', 99, S}},
+       {"start 630 10.0.0.2:25", "#1 1 ", "#2 2 ", "end end of input"}},
+      {"a new SYN on the same ports replaces a live flow",
+       {{'c', 100, S}, {'c', 101, PA, "HELO\r\n"}, {'c', 7000, S}, {'c', 7001, PA, "EHLO\r\n"}},
+       {"start 630 10.0.0.1:40000", "#1 1 ", "#2 1 HELO\r\n", "end replaced", "start 630 10.0.0.1:40000", "#3 1 ",
+        "#4 1 EHLO\r\n", "end end of input"}},
+      {"a new SYN after the close starts a new flow",
+       {{'c', 101, FA}, {'s', 501, FA}, {'c', 102, A}, {'s', 502, A}, {'c', 9000, S}},
+       {"start 630 10.0.0.1:40000", "#1 1 ", "#2 2 ", "#3 1 ", "end closed", "start 630 10.0.0.1:40000", "#5 1 ",
+        "end end of input"}},
+      {"idle timeout ends a flow and its later packets are dropped",
+       {{'c', 101, PA, "a", -1, 1}, {'c', 102, PA, "b", -1, 700}, {'c', 103, PA, "c", -1, 701}},
+       {"start 630 10.0.0.1:40000", "#1 1 a", "end idle"}},
+      {"the ended entry is forgotten after another idle timeout",
+       {{'c', 101, PA, "a", -1, 1}, {'c', 102, PA, "b", -1, 700}, {'c', 103, PA, "c", -1, 1400}},
+       {"start 630 10.0.0.1:40000", "#1 1 a", "end idle", "start 630 10.0.0.1:40000", "#3 1 c", "end end of input"}},
+      {"payload cut by the snap length still moves the sequence",
+       {{'c', 101, PA, "HELO\r\n", 0}, {'c', 107, PA, "MAIL\r\n", 2}, {'c', 113, PA, "RCPT\r\n"}},
+       {"start 630 10.0.0.1:40000", "#1 1 ", "#2 1 MA", "#3 1 RCPT\r\n", "end end of input"}},
+      {"sequence numbers wrap",
+       {{'c', 0xFFFFFFFE, PA, "abcd"}, {'c', 6, PA, "ij"}, {'c', 2, PA, "efgh"}},
+       {"start 630 10.0.0.1:40000", "#1 1 abcd", "#3 1 efgh", "#2 1 ij", "end end of input"}},
+      {"classification: 25 before 110 before 143",
+       {{'c', 1, A, "", -1, 0, 110, 25}, {'c', 1, A, "", -1, 0, 143, 110}, {'c', 1, A, "", -1, 0, 40001, 143},
+        {'c', 1, A, "", -1, 0, 40002, 80}},
+       {"start 630 10.0.0.1:110", "#1 1 ", "start 626 10.0.0.1:143", "#2 1 ", "start 614 10.0.0.1:40001", "#3 1 ",
+        "end end of input", "end end of input", "end end of input"}},
+      {"IPv6 flows are tracked",
+       {{'c', 100, S, "", -1, 0, 40000, 143, true}, {'c', 101, PA, "a1 LOGIN\r\n", -1, 0, 40000, 143, true}},
+       {"start 614 [v6]:40000", "#1 1 ", "#2 1 a1 LOGIN\r\n", "end end of input"}},
+  };
+  return cases;
+}
+
+TEST(FlowTrackerTest, FollowsTheDeliveryRules) {
+  for (const FlowCase& c : Cases()) {
+    SCOPED_TRACE(c.name);
+    TrackerHarness harness;
+    harness.FeedAll(c.steps);
+    harness.tracker.Finish();
+    EXPECT_THAT(harness.sink.events, ElementsAreArray(c.events));
+    for (const std::string& event : harness.sink.events) EXPECT_EQ(event.find("(no ports)"), std::string::npos);
+  }
+}
+
+TEST(FlowTrackerTest, DirectionsFollowTheSwapAtStart) {
+  TrackerHarness harness;
+  harness.sink.swap_service_port = true;
+  harness.FeedAll({{'s', 501, PA, "220\r\n"}, {'c', 101, PA, "EHLO\r\n"}});
+  harness.tracker.Finish();
+  EXPECT_THAT(harness.sink.events,
+              ElementsAreArray({"start 630 10.0.0.2:25", "#1 2 220\r\n", "#2 1 EHLO\r\n", "end end of input"}));
+}
+
+TEST(FlowTrackerTest, DeclinedFlowsGetNoPackets) {
+  TrackerHarness harness;
+  harness.sink.take = false;
+  harness.FeedAll({{'c', 100, S}, {'c', 101, PA, "x"}, {'c', 102, R}, {'c', 500, S}});
+  harness.tracker.Finish();
+  EXPECT_THAT(harness.sink.events, ElementsAreArray({"start 630 10.0.0.1:40000", "start 630 10.0.0.1:40000"}));
+  EXPECT_EQ(harness.tracker.counters().flows_declined, 2u);
+  EXPECT_EQ(harness.tracker.counters().packets_ignored, 4u);
+}
+
+TEST(FlowTrackerTest, HoldsAtMost64SegmentsThenDeliversTheLowestAfterItsGap) {
+  TrackerHarness harness;
+  harness.Feed({'c', 100, PA, "a"});
+  for (uint32_t i = 0; i < FlowTracker::kMaxHeldSegments; ++i) harness.Feed({'c', 200 + 2 * i, PA, "h"});
+  EXPECT_EQ(harness.sink.events.size(), 2u);  // start and the first packet; 64 held
+  harness.Feed({'c', 1000, PA, "z"});         // the 65th: the lowest (#2 at 200) goes out after its gap
+  ASSERT_EQ(harness.sink.events.size(), 3u);
+  EXPECT_EQ(harness.sink.events[2], "#2 1 h");
+  EXPECT_EQ(harness.tracker.counters().gaps_skipped, 1u);
+  harness.tracker.Finish();
+  // Every packet was delivered exactly once: start + 66 packets + end.
+  EXPECT_EQ(harness.sink.events.size(), 1u + 66u + 1u);
+  EXPECT_EQ(harness.sink.events[66], "#66 1 z");
+}
+
+TEST(FlowTrackerTest, HoldsAtMostOneMebibyteThenDeliversTheLowestAfterItsGap) {
+  TrackerHarness harness;
+  const std::string big(60000, 'x');
+  harness.Feed({'c', 100, PA, "a"});
+  uint32_t sequence = 200;
+  size_t held = 0;
+  for (; held + big.size() <= FlowTracker::kMaxHeldBytes; held += big.size()) {
+    harness.Feed({'c', sequence, PA, big});
+    sequence += static_cast<uint32_t>(big.size()) + 10;  // a gap before each
+  }
+  EXPECT_EQ(harness.sink.events.size(), 2u);
+  harness.Feed({'c', sequence, PA, big});
+  ASSERT_EQ(harness.sink.events.size(), 3u);
+  EXPECT_EQ(harness.sink.events[2].substr(0, 5), "#2 1 ");
+  EXPECT_EQ(harness.tracker.counters().gaps_skipped, 1u);
+}
+
+TEST(FlowTrackerTest, LiveFlowBoundEndsTheLeastRecentlyActive) {
+  FlowTracker::Options options;
+  options.max_flows = 2;
+  TrackerHarness harness(options);
+  harness.Feed({'c', 1, PA, "a", -1, 0, 40001});
+  harness.Feed({'c', 1, PA, "b", -1, 0, 40002});
+  harness.Feed({'c', 2, PA, "c", -1, 0, 40001});  // 40002 is now the least recently active
+  harness.Feed({'c', 1, PA, "d", -1, 0, 40003});
+  EXPECT_THAT(harness.sink.events,
+              ElementsAreArray({"start 630 10.0.0.1:40001", "#1 1 a", "start 630 10.0.0.1:40002", "#2 1 b", "#3 1 c",
+                                "end evicted", "start 630 10.0.0.1:40003", "#4 1 d"}));
+  EXPECT_EQ(harness.tracker.tracked_connections(), 2u);
+  EXPECT_EQ(harness.tracker.counters().flows_evicted, 1u);
+}
+
+TEST(FlowTrackerTest, AdvanceEndsIdleFlowsWithoutPackets) {
+  TrackerHarness harness;
+  harness.Feed({'c', 1, PA, "a", -1, 10});
+  harness.tracker.Advance(500ull * 1000000);
+  EXPECT_EQ(harness.sink.events.size(), 2u);
+  harness.tracker.Advance(611ull * 1000000);
+  EXPECT_EQ(harness.sink.events.back(), "end idle");
+}
+
+TEST(FlowTrackerTest, NonMailPortsCostNoState) {
+  TrackerHarness harness;
+  harness.Feed({'c', 1, PA, "GET /", -1, 0, 40000, 80});
+  EXPECT_TRUE(harness.sink.events.empty());
+  EXPECT_EQ(harness.tracker.tracked_connections(), 0u);
+  EXPECT_EQ(harness.tracker.counters().not_mail, 1u);
+}
+
+}  // namespace
+}  // namespace pelka

@@ -1,0 +1,111 @@
+// The checks as the flow client runs them: every packet of an SMTP or POP3
+// flow, before the parsers, with or without payload.
+#include <gtest/gtest.h>
+
+#include "DiagnosisBench.h"
+#include "support/Conversation.h"
+#include "support/InMemoryStats.h"
+
+namespace pelka {
+namespace {
+
+using testing::Conversation;
+using testing::DiagnosedModule;
+using testing::InMemoryDiagnosisService;
+using testing::InMemoryStats;
+using testing::kPop3Error;
+using testing::kSmtpDubious;
+using testing::kSmtpError;
+using testing::kSmtpSlow;
+
+class FlowDiagnosisTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    module_.Attach(&service_);
+    module_.DefineDiagnosisEvents();
+  }
+  InMemoryDiagnosisService service_;
+  DiagnosedModule module_;
+};
+
+TEST_F(FlowDiagnosisTest, SmtpSessionReportsSlowRepliesAndServerErrorsOnly) {
+  Conversation smtp(module_, kSmtpPort, kProtocolSmtp);
+  smtp.Server("220 mail.example.com ESMTP\r\n", 1'000'000);         // 1
+  smtp.Client("550 is no command from a client\r\n", 1'010'000);    // 2: never tested
+  smtp.Client("EHLO client.example.com\r\n", 1'020'000);            // 3
+  smtp.Server("", 1'030'000);                                       // 4: an acknowledgement
+  smtp.Server("250-mail.example.com\r\n250 SIZE\r\n", 1'400'000);   // 5: a continuation line first
+  smtp.Server("250 SIZE\r\n", 1'500'000);                           // 6: 480 ms after packet 3
+  smtp.Client("MAIL FROM:<a@example.com>\r\n", 2'000'000);          // 7
+  smtp.Server("550 5.1.0 sender rejected\r\n", 2'010'000);          // 8
+
+  ASSERT_EQ(service_.reports.size(), 2u);
+  EXPECT_EQ(service_.reports[0].event, kSmtpSlow);
+  EXPECT_EQ(service_.reports[0].packet, 6u);
+  EXPECT_EQ(service_.reports[0].related_packet, 3u);
+  EXPECT_EQ(service_.reports[0].text, L"SMTP Server  Slow Response#(数据包 [3] 与数据包 [6] 相隔480ms)");
+  EXPECT_EQ(service_.reports[1].event, kSmtpError);
+  EXPECT_EQ(service_.reports[1].packet, 8u);
+  EXPECT_EQ(service_.reports[1].target, &smtp.node());
+  EXPECT_EQ(smtp.node().mark, 0u);
+}
+
+TEST_F(FlowDiagnosisTest, AForeignProtocolOnTheSmtpPortIsDubiousOnce) {
+  Conversation smtp(module_, kSmtpPort, kProtocolSmtp);
+  smtp.Server("SSH-2.0-OpenSSH_9.6\r\n", 1);
+  smtp.Client("SSH-2.0-PuTTY\r\n", 2);
+  smtp.Server("\x16\x03\x01", 3);
+  smtp.Server("", 4);
+  smtp.Server("", 5);  // the fourth non-reply of the server
+  smtp.Server("", 6);
+  ASSERT_EQ(service_.reports.size(), 1u);
+  EXPECT_EQ(service_.reports[0].event, kSmtpDubious);
+  EXPECT_EQ(service_.reports[0].packet, 5u);
+  EXPECT_EQ(smtp.node().mark, 1u);
+}
+
+TEST_F(FlowDiagnosisTest, Pop3FlowReportsItsBareErrorLine) {
+  Conversation pop3(module_, kPop3Port, kProtocolPop3);
+  pop3.Server("+OK POP3 ready\r\n", 1);
+  pop3.Client("USER bob\r\n", 2);
+  pop3.Server("-ERR\r\n", 3);
+  pop3.Client("PASS x\r\n", 4);
+  pop3.Server("-ERR authentication failed\r\n", 5);
+  ASSERT_EQ(service_.reports.size(), 1u);
+  EXPECT_EQ(service_.reports[0].event, kPop3Error);
+  EXPECT_EQ(service_.reports[0].packet, 3u);
+}
+
+TEST_F(FlowDiagnosisTest, AnImapFlowRunsNoCheck) {
+  Conversation imap(module_, kImapPort, kProtocolImap4);
+  for (int i = 0; i < 6; ++i) imap.Server("550 garbage", 1'000'000 * i);
+  EXPECT_TRUE(service_.reports.empty());
+  EXPECT_EQ(imap.context().conversation_unconfirmed, 1u);
+}
+
+TEST(FlowWithoutDiagnosis, TheConversationIsFollowedAndCountedAsUsual) {
+  InMemoryStats stats;
+  DiagnosedModule module;
+  module.Attach(nullptr);
+  module.DefineDiagnosisEvents();
+  module.set_stat_service(&stats);
+  module.DefineStatistics(&stats, &stats);
+  module.AssignStatisticIndexes(&stats);
+
+  Conversation smtp(module, kSmtpPort, kProtocolSmtp);
+  EXPECT_EQ(smtp.stats().added, std::vector<int32_t>{stats.IndexOf("SMTP")});
+  smtp.Server("220 hi\r\n", 1'000'000);
+  smtp.Client("AUTH LOGIN\r\n", 1'010'000);
+  smtp.Server("334 VXNlcm5hbWU6\r\n", 1'020'000);
+  smtp.Client("YWxpY2VAZXhhbXBsZS5jb20=\r\n", 1'030'000);
+  smtp.Client("DATA\r\n", 2'000'000);
+  EXPECT_EQ(smtp.context().in_body, 1u);
+  smtp.Client("Subject: x\r\n\r\nbody\r\n.\r\n", 9'000'000);
+  EXPECT_EQ(smtp.context().in_body, 0u);
+  EXPECT_EQ(smtp.context().account, L"alice@example.com");
+  EXPECT_EQ(smtp.context().request_packet, 0u) << "no check keeps state without its event";
+  EXPECT_EQ(smtp.context().conversation_unconfirmed, 1u);
+}
+
+}  // namespace
+}  // namespace pelka

@@ -1,0 +1,179 @@
+// Slow responses, dubious conversations and server errors, packet by packet
+// through the module's checks. The process loads no string table, so every
+// text is its default ("#" marks a text with placeholders).
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "DiagnosisBench.h"
+
+namespace pelka {
+namespace {
+
+using testing::DiagnosisBench;
+using testing::kPop3Error;
+using testing::kPop3Slow;
+using testing::kSmtpDubious;
+using testing::kSmtpError;
+using testing::kSmtpSlow;
+
+struct SlowCase {
+  MailProtocol protocol;
+  int32_t threshold_ms;
+  uint64_t reply_time_us;
+  std::wstring text;  // empty: nothing reported
+};
+
+TEST(SlowResponse, ReportsWholeMillisecondsAboveTheThreshold) {
+  const std::vector<SlowCase> cases = {
+      {MailProtocol::kSmtp, 200, 1'250'000, L"SMTP Server  Slow Response#(数据包 [5] 与数据包 [6] 相隔250ms)"},
+      {MailProtocol::kSmtp, 250, 1'250'000, L""},  // not strictly above
+      {MailProtocol::kSmtp, 200, 1'200'999, L""},  // 200 999 us is 200 ms
+      {MailProtocol::kPop3, 1000, 2'500'000, L"POP3 服务器慢响应#(数据包 [5] 与数据包 [6] 相隔1500ms)"},
+  };
+  for (const SlowCase& c : cases) {
+    DiagnosisBench bench(c.protocol);
+    const bool smtp = c.protocol == MailProtocol::kSmtp;
+    bench.Event(smtp ? kSmtpSlow : kPop3Slow)->SetThreshold(c.threshold_ms);
+    bench.Event(smtp ? kPop3Slow : kSmtpSlow)->SetThreshold(1);  // must not be the one read
+    bench.Client(5, 1'000'000, smtp ? "EHLO client.example.com\r\n" : "RETR 1\r\n");
+    bench.Server(6, c.reply_time_us, smtp ? "250 mail.example.com\r\n" : "+OK 120 octets\r\n");
+    EXPECT_EQ(bench.context().request_packet, 0u) << "the reply closes the request either way";
+
+    if (c.text.empty()) {
+      EXPECT_TRUE(bench.service().reports.empty()) << c.threshold_ms << " " << c.reply_time_us;
+      continue;
+    }
+    ASSERT_EQ(bench.service().reports.size(), 1u);
+    const auto& report = bench.service().reports[0];
+    EXPECT_EQ(report.event, smtp ? kSmtpSlow : kPop3Slow);
+    EXPECT_EQ(report.text, c.text);
+    EXPECT_EQ(report.code1, 1u);
+    EXPECT_EQ(report.code2, 1u);
+    EXPECT_EQ(report.packet, 6u);
+    EXPECT_EQ(report.related_packet, 5u);
+    EXPECT_EQ(report.target, &bench.node());
+  }
+}
+
+TEST(SlowResponse, ReadsSwitchAndThresholdForEveryPacket) {
+  DiagnosisBench smtp;
+  smtp.Event(kSmtpSlow)->enabled = false;
+  smtp.Client(1, 0, "HELO a\r\n");
+  EXPECT_EQ(smtp.context().request_packet, 0u) << "no request is kept while switched off";
+  smtp.Event(kSmtpSlow)->enabled = true;
+  smtp.Client(2, 0, "HELO a\r\n");
+  smtp.Client(3, 100'000, "NOOP\r\n");  // does not replace the pending request
+  smtp.Event(kSmtpSlow)->SetThreshold(500);
+  smtp.Server(4, 400'000, "250 hi\r\n");
+  smtp.Event(kSmtpSlow)->SetThreshold(100);
+  smtp.Client(5, 1'000'000, "MAIL FROM:<a@b>\r\n");
+  smtp.Event(kSmtpSlow)->parameter_read_fails = true;
+  smtp.Server(6, 1'400'000, "250 OK\r\n");
+  EXPECT_TRUE(smtp.service().reports.empty());
+  smtp.Event(kSmtpSlow)->parameter_read_fails = false;
+  smtp.Server(7, 1'400'000, "250 OK\r\n");
+  ASSERT_EQ(smtp.service().reports.size(), 1u);
+  EXPECT_EQ(smtp.service().reports[0].related_packet, 5u);
+}
+
+// The probation is kept by the slow-response check while that event is on,
+// else by the dubious-conversation check itself.
+class DubiousConversation : public ::testing::TestWithParam<bool> {
+ protected:
+  void SetUp() override { smtp_.Event(kSmtpSlow)->enabled = GetParam(); }
+  DiagnosisBench smtp_;
+};
+
+TEST_P(DubiousConversation, ReportsOnceAtTheFourthNonReply) {
+  smtp_.Server(1, 0, "SSH-2.0-OpenSSH_9.0\r\n");
+  smtp_.Server(2, 0, "220 a reply does not count\r\n");
+  smtp_.Server(3, 0, "HTTP/1.1 200 OK\r\n");
+  smtp_.Server(4, 0, "\x16\x03\x01");
+  EXPECT_TRUE(smtp_.service().reports.empty());
+  smtp_.Server(5, 0, "<html>");
+
+  ASSERT_EQ(smtp_.service().reports.size(), 1u);
+  const auto& report = smtp_.service().reports[0];
+  EXPECT_EQ(report.event, kSmtpDubious);
+  EXPECT_EQ(report.text, L"可疑的SMTP会话# (数据包序号 [5])");
+  EXPECT_EQ(report.code1, 1u);
+  EXPECT_EQ(report.code2, 1u);
+  EXPECT_EQ(report.related_packet, 0u);
+  EXPECT_EQ(smtp_.node().mark, 1u);
+
+  for (uint64_t number = 6; number < 12; ++number) smtp_.Server(number, 0, "garbage");
+  EXPECT_EQ(smtp_.service().reports.size(), 1u) << "never again on this flow";
+}
+
+TEST_P(DubiousConversation, AClientCommandEndsTheProbation) {
+  for (uint64_t number = 1; number < 4; ++number) smtp_.Server(number, 0, "garbage");
+  smtp_.Client(4, 0, "QUIT\r\n");
+  for (uint64_t number = 5; number < 12; ++number) smtp_.Server(number, 0, "garbage");
+  EXPECT_TRUE(smtp_.service().reports.empty());
+}
+
+TEST_P(DubiousConversation, EmptyPacketsCountOnlyWithTheSlowCheck) {
+  for (uint64_t number = 1; number < 5; ++number) smtp_.Server(number, 0, "");
+  EXPECT_EQ(smtp_.service().reports.size(), GetParam() ? 1u : 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(WithAndWithoutSlowCheck, DubiousConversation, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return info.param ? "SlowCheckOn" : "SlowCheckOff";
+                         });
+
+TEST(DubiousConversation, SwitchedOnLaterTakesUpTheCount) {
+  DiagnosisBench smtp;
+  smtp.Event(kSmtpDubious)->enabled = false;
+  for (uint64_t number = 1; number < 6; ++number) smtp.Server(number, 0, "garbage");
+  EXPECT_TRUE(smtp.service().reports.empty());
+  smtp.Event(kSmtpDubious)->enabled = true;
+  smtp.Server(6, 0, "garbage");
+  EXPECT_EQ(smtp.service().ReportsOf(kSmtpDubious).size(), 1u);
+}
+
+struct ErrorCase {
+  MailProtocol protocol;
+  std::string payload;
+  std::wstring text;  // empty: nothing reported
+};
+
+TEST(ServerError, ReportsSmtpCodes400To599AndBarePop3ErrorLines) {
+  // SMTP's default text names POP3 as well.
+  const std::wstring text = L"#POP3 Server Returned Error(See Packet 7)";
+  const std::vector<ErrorCase> cases = {
+      {MailProtocol::kSmtp, "550 mailbox unavailable\r\n", text},
+      {MailProtocol::kSmtp, "421-closing\r\n", text},  // every packet of a multi-line error
+      {MailProtocol::kSmtp, "250 OK\r\n", L""},
+      {MailProtocol::kSmtp, "354 go ahead\r\n", L""},
+      {MailProtocol::kSmtp, "600 x\r\n", L""},
+      {MailProtocol::kSmtp, "550", L""},  // shorter than four characters
+      {MailProtocol::kPop3, "-ERR\r\n", text},
+      {MailProtocol::kPop3, "-ERR no such message\r\n", L""},
+      {MailProtocol::kPop3, "550 x\r\n", L""},
+  };
+  for (const ErrorCase& c : cases) {
+    DiagnosisBench bench(c.protocol);
+    bench.Server(7, 0, c.payload);
+    const auto reports = bench.service().ReportsOf(c.protocol == MailProtocol::kSmtp ? kSmtpError : kPop3Error);
+    ASSERT_EQ(reports.size(), c.text.empty() ? 0u : 1u) << c.payload;
+    if (c.text.empty()) continue;
+    EXPECT_EQ(reports[0].text, c.text);
+    EXPECT_EQ(reports[0].code1, 0u);
+    EXPECT_EQ(reports[0].code2, 1u);
+    EXPECT_EQ(reports[0].packet, 7u);
+    EXPECT_EQ(reports[0].related_packet, 0u);
+  }
+}
+
+TEST(ServerError, SwitchedOffReportsNothing) {
+  DiagnosisBench smtp;
+  smtp.Event(kSmtpError)->enabled = false;
+  smtp.Server(1, 0, "550 no\r\n");
+  EXPECT_TRUE(smtp.service().ReportsOf(kSmtpError).empty());
+}
+
+}  // namespace
+}  // namespace pelka

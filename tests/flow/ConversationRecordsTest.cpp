@@ -1,0 +1,201 @@
+// Whole SMTP, POP3 and IMAP4 conversations through the flow client, checked
+// at the records they leave in an in-memory email log.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "support/Conversation.h"
+#include "support/InMemoryLog.h"
+
+namespace pelka {
+namespace {
+
+using testing::Conversation;
+using testing::InMemoryLog;
+using testing::InMemoryLogService;
+using testing::InMemoryRecord;
+
+class ConversationRecordsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    module_.set_log_service(&service_);
+    module_.DefineEmailLog();
+    ASSERT_NE(service_.log(), nullptr);
+  }
+  const std::vector<InMemoryRecord>& records() const { return service_.log()->records; }
+
+  InMemoryLogService service_;
+  CPelkaEmailModule module_;
+};
+
+// "你好" in the three encodings an encoded word may carry.
+const char kGb2312Base64[] = "=?gb2312?B?xOO6ww==?=";
+const char kGbkQuotedPrintable[] = "=?gbk?Q?=C4=E3=BA=C3?=";
+const char kUtf8Base64[] = "=?utf-8?B?5L2g5aW9?=";
+const wchar_t kHello[] = L"\x4F60\x597D";
+
+std::string SmtpMessage(const std::string& subject) {
+  return "Return-Path: <bounce@example.com>\r\n"
+         "Envelope-To: env@example.org\r\n"
+         "From: =?gb2312?B?1cXI/Q==?= <zhang@example.com>\r\n"
+         "To: Bob <bob@example.org>\r\n"
+         "Cc: \"Carl\" <carl@example.org>\r\n"
+         "Subject: " + subject + "\r\n"
+         "Date: Tue, 1 Jan 2013 10:00:00 +0800\r\n"
+         "X-Mailer: Mail Client 7\r\n"
+         "MIME-Version: 1.0\r\n"
+         "Content-Type: multipart/mixed; boundary=\"b\"\r\n"
+         "\r\n--b\r\nContent-Type: text/plain\r\n\r\nhello\r\n"
+         "--b\r\nContent-Disposition: attachment; filename=\"report.pdf\"\r\n\r\nAAAA\r\n"
+         "--b\r\nContent-Disposition: attachment; filename=\"=?gb2312?B?0rvUwg==?=.doc\"\r\n\r\nBBBB\r\n"
+         "--b\r\nContent-Disposition: attachment\r\n\r\nCCCC\r\n"
+         "--b--\r\n.\r\n";
+}
+
+TEST_F(ConversationRecordsTest, SmtpMessagesCarryEveryHeaderField) {
+  Conversation smtp(module_, 25, kProtocolSmtp);
+  smtp.Server("220 ready\r\n", 10'000'000);
+  smtp.Client("AUTH LOGIN\r\n", 10'100'000);
+  smtp.Server("334 VXNlcm5hbWU6\r\n", 10'200'000);
+  smtp.Client("emhhbmc=\r\n", 10'300'000);  // "zhang"
+  smtp.Server("334 UGFzc3dvcmQ6\r\n", 10'400'000);
+  smtp.Client("c2VjcmV0\r\n", 10'500'000);
+  uint64_t time = 20'000'000;
+  for (const char* subject : {kGb2312Base64, kGbkQuotedPrintable, kUtf8Base64}) {
+    smtp.Client("DATA\r\n", time);
+    smtp.Server("354 go on\r\n", time + 100'000);
+    const std::string message = SmtpMessage(subject);
+    const size_t half = message.size() / 2;
+    smtp.Client(message.substr(0, half), time + 1'000'000);
+    smtp.Client(message.substr(half), time + 3'000'000);  // two seconds later
+    smtp.Server("250 queued\r\n", time + 3'100'000);
+    time += 10'000'000;
+  }
+
+  ASSERT_EQ(records().size(), 3u);
+  const char* subjects[] = {kGb2312Base64, kGbkQuotedPrintable, kUtf8Base64};
+  for (int i = 0; i < 3; ++i) {
+    const InMemoryRecord& record = records()[i];
+    const size_t size = SmtpMessage(subjects[i]).size();
+    EXPECT_EQ(record.Text("email_subject"), kHello);
+    EXPECT_EQ(record.Text("email_sender"), L"\x5F20\x4E09");  // text after the encoded word is dropped
+    EXPECT_EQ(record.Text("email_sender_email"), L"zhang@example.com");
+    EXPECT_EQ(record.Text("email_receiver"), L"Bob ");
+    EXPECT_EQ(record.Text("email_receive_email"), L"bob@example.org");
+    EXPECT_EQ(record.Text("email_cc"), L"\"Carl\"<carl@example.org>");
+    EXPECT_EQ(record.Text("email_sent_time"), L"Tue, 1 Jan 2013 10:00:00 +0800");
+    EXPECT_EQ(record.Text("email_emailclient"), L"Mail Client 7");
+    EXPECT_EQ(record.Text("email_account"), L"zhang");
+    EXPECT_EQ(record.Text("email_attachment"), L"report.pdf;\x4E00\x6708.doc;");
+    EXPECT_EQ(record.Text("protocol"), L"SMTP");
+    EXPECT_EQ(record.Number("email_filesize"), size);
+    EXPECT_EQ(record.Double("email_duration"), 2.0);
+    EXPECT_EQ(record.Double("email_averagespeed"), size / 2.0);
+  }
+  EXPECT_EQ(records()[0].Number("email_number"), 1u);
+  EXPECT_EQ(records()[2].Number("email_number"), 3u);
+}
+
+TEST_F(ConversationRecordsTest, SmtpMessageWithoutAddressesLeavesNoRecord) {
+  Conversation smtp(module_, 25, kProtocolSmtp);
+  smtp.Client("DATA\r\n", 1);
+  smtp.Client("From: nobody\r\nTo: bob@example.org\r\n\r\nx\r\n.\r\n", 2);
+  smtp.Client("DATA\r\n", 3);
+  smtp.Client("From: a@example.org\r\nCc: c@example.org\r\n\r\nx\r\n.\r\n", 4);  // Cc counts at the end marker
+  ASSERT_EQ(records().size(), 1u);
+  EXPECT_EQ(records()[0].Text("email_sender_email"), L"a@example.org");
+}
+
+TEST_F(ConversationRecordsTest, Pop3RetrievalsBecomeRecordsWithoutTheStatusLine) {
+  const std::string first = "From: a@example.org\r\nTo: alice@example.org\r\nSubject: one\r\n\r\nbody one\r\n.\r\n";
+  const std::string second = "From: b@example.org\r\nTo: alice@example.org\r\nSubject: two\r\n\r\nbody two\r\n.\r\n";
+  Conversation pop3(module_, 110, kProtocolPop3);
+  pop3.Server("+OK ready\r\n", 1'000'000);
+  pop3.Client("USER alice\r\n", 1'100'000);
+  pop3.Server("+OK\r\n", 1'200'000);
+  pop3.Client("PASS secret\r\n", 1'300'000);
+  pop3.Server("+OK\r\n", 1'400'000);
+  pop3.Client("LIST\r\n", 1'500'000);
+  pop3.Server("+OK\r\n1 10\r\n.\r\n", 1'600'000);
+  pop3.Client("RETR 1\r\n", 2'000'000);
+  pop3.Server("+OK message follows\r\n" + first.substr(0, 20), 2'100'000);
+  pop3.Server(first.substr(20, 30), 2'600'000);
+  pop3.Server(first.substr(50), 3'100'000);
+  pop3.Client("RETR 2\r\n", 4'000'000);
+  pop3.Server("+OK\r\n" + second, 4'100'000);  // status line, message and end marker at once
+  pop3.Client("RETR 9\r\n", 5'000'000);
+  EXPECT_EQ(pop3.Server("-ERR\r\n", 5'100'000), 1u);
+  pop3.Client("TOP 1 0\r\n", 5'200'000);
+  pop3.Server("+OK\r\nFrom: a@example.org\r\nTo: alice@example.org\r\n\r\n.\r\n", 5'300'000);
+  pop3.Client("QUIT\r\n", 5'400'000);
+
+  ASSERT_EQ(records().size(), 2u);
+  EXPECT_EQ(records()[0].Text("email_subject"), L"one");
+  EXPECT_EQ(records()[0].Number("email_filesize"), first.size());
+  EXPECT_EQ(records()[0].Double("email_duration"), 1.0);
+  EXPECT_EQ(records()[1].Number("email_filesize"), second.size());
+  EXPECT_EQ(records()[1].Double("email_duration"), 0.0);
+  for (const InMemoryRecord& record : records()) {
+    EXPECT_EQ(record.Text("email_account"), L"alice");
+    EXPECT_EQ(record.Text("protocol"), L"POP3");
+  }
+}
+
+TEST_F(ConversationRecordsTest, Pop3LongErrReplyIsCollectedAsTheMessage) {
+  Conversation pop3(module_, 110, kProtocolPop3);
+  pop3.Client("RETR 3\r\n", 1);
+  EXPECT_EQ(pop3.Server("-ERR no such message\r\nFrom: a@x.org\r\nTo: b@y.org\r\n\r\n.\r\n", 2), 0u);
+  EXPECT_EQ(records().size(), 1u);
+}
+
+std::string Literal(const std::string& message, int uid) {
+  return "* " + std::to_string(uid) + " FETCH (UID " + std::to_string(uid) + " BODY[] {" +
+         std::to_string(message.size()) + "}\r\n" + message + ")\r\n";
+}
+
+TEST_F(ConversationRecordsTest, ImapFetchLiteralsBecomeOneRecordEach) {
+  Conversation imap(module_, 143, kProtocolImap4);
+  imap.Server("* OK IMAP4 ready\r\n", 1'000'000);
+  imap.Client("A1 LOGIN bob secret\r\n", 1'100'000);
+  imap.Server("A1 OK LOGIN completed\r\n", 1'200'000);
+  imap.Client("A2 SELECT INBOX\r\n", 1'300'000);
+  imap.Server("* 3 EXISTS\r\nA2 OK SELECT completed\r\n", 1'400'000);
+  imap.Client("A3 UID FETCH 1:* (FLAGS)\r\n", 1'500'000);
+  imap.Server("* 1 FETCH (UID 1 FLAGS (\\Seen))\r\nA3 OK done\r\n", 1'600'000);
+  EXPECT_TRUE(records().empty()) << "a FLAGS fetch collects nothing";
+
+  imap.Client("A4 UID FETCH 1:* (BODY.PEEK[])\r\n", 2'000'000);
+  std::string response;
+  for (int uid = 1; uid <= 3; ++uid) {
+    response += Literal("From: s" + std::to_string(uid) + "@example.org\r\nTo: bob@example.org\r\nSubject: m" +
+                            std::to_string(uid) + "\r\n\r\ntext\r\n",
+                        uid);
+  }
+  for (size_t at = 0; at < response.size(); at += 40) imap.Server(response.substr(at, 40), 2'100'000 + at);
+  EXPECT_TRUE(records().empty()) << "nothing before the tagged completion";
+  imap.Server("A4 OK UID FETCH completed\r\n", 3'000'000);
+
+  ASSERT_EQ(records().size(), 3u);
+  for (int i = 0; i < 3; ++i) {
+    const InMemoryRecord& record = records()[i];
+    EXPECT_EQ(record.Text("email_subject"), L"m" + std::to_wstring(i + 1));
+    EXPECT_EQ(record.Text("email_account"), L"bob");
+    EXPECT_EQ(record.Text("protocol"), L"IMAPv4");
+    EXPECT_EQ(record.Double("email_duration"), 0.0);
+    EXPECT_EQ(record.Double("email_averagespeed"), 0.0);
+    EXPECT_EQ(record.seconds, 1u) << "every literal shares the session's first packet time";
+  }
+}
+
+TEST_F(ConversationRecordsTest, ImapMarkerInsideAMessageCompletesEarly) {
+  Conversation imap(module_, 143, kProtocolImap4);
+  imap.Client("A5 UID FETCH 7 (BODY.PEEK[])\r\n", 1);
+  const std::string message = "From: a@example.org\r\nTo: b@example.org\r\n\r\nquoting A5 OK here\r\n";
+  imap.Server(Literal(message, 7).substr(0, 60), 2);
+  imap.Server(Literal(message, 7).substr(60), 3);
+  EXPECT_EQ(imap.context().in_body, 0u);
+  ASSERT_EQ(records().size(), 1u) << "the literal was whole when the marker was seen";
+}
+
+}  // namespace
+}  // namespace pelka

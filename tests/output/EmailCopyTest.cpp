@@ -1,0 +1,144 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "flow/EmailFlowContext.h"
+#include "flow/EmailFlowData.h"
+#include "module/EmailModule.h"
+#include "support/FakeFlow.h"
+#include "support/InMemoryLog.h"
+
+namespace pelka {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::FakeFlow;
+using testing::FakeFlowNode;
+using testing::InMemoryLog;
+using testing::InMemoryLogService;
+using testing::PacketRecordBuilder;
+
+constexpr uint64_t kCompletedAt = 1709622489000042ull;  // 2024-03-05 07:08:09 UTC + 42 us
+
+std::string ReadFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+class EmailCopyTest : public ::testing::Test {
+ protected:
+  EmailCopyTest() : flow_(0x0A000002, 40001, 0x0A000001, 25), context_(&module_, &flow_) {}
+
+  void SetUp() override {
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+    char pattern[] = "/tmp/pelka-copy-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    root_ = std::string(pattern) + "/";
+    module_.set_log_service(&service_);
+    module_.DefineEmailLog();
+    service_.EnableCopies(std::wstring(root_.begin(), root_.end()));
+  }
+  void TearDown() override { fs::remove_all(root_); }
+
+  void Collect(const std::string& bytes) {
+    context_.flow_data->Append(reinterpret_cast<const uint8_t*>(bytes.data()), static_cast<uint32_t>(bytes.size()));
+    context_.flow_data->Commit();
+  }
+  void Save(uint64_t time_us) { module_.SaveEmailCopy(&context_, builder_.Build(9, time_us, 40001, 25)); }
+  std::wstring Wide(const std::string& text) { return std::wstring(text.begin(), text.end()); }
+
+  CPelkaEmailModule module_;
+  InMemoryLogService service_;
+  FakeFlow flow_;
+  FakeFlowNode node_;
+  CEmailFlowContext context_;
+  PacketRecordBuilder builder_;
+  std::string root_;
+};
+
+TEST_F(EmailCopyTest, WritesTheCollectedBytesUnderTheCopyFolder) {
+  const std::string message("From: a@x\r\nTo: b@y\r\n\r\nline\r\n\0binary\xff\r\n.\r\n", 42);
+  Collect(message);
+  Save(kCompletedAt);
+
+  const std::string expected = root_ + "email_copy/2024-03-05 07.08.09.42.eml";
+  EXPECT_EQ(context_.copy_path, Wide(expected));
+  EXPECT_EQ(ReadFile(expected), message);
+  EXPECT_EQ(context_.copy_file, nullptr);
+
+}
+
+TEST_F(EmailCopyTest, EachMessageGetsItsOwnFileAndSameNameReplaces) {
+  const std::vector<std::pair<uint64_t, std::string>> messages = {
+      {kCompletedAt, std::string(5000, 'a')},
+      {kCompletedAt + 1000000 - 42, "second"},  // 07:08:10 and 0 us
+      {kCompletedAt, "short"},                  // same microsecond as the first
+      {kCompletedAt + 7, ""},                   // nothing collected: an empty file
+  };
+  for (const auto& [time, bytes] : messages) {
+    context_.DiscardCollectedBytes();
+    if (!bytes.empty()) Collect(bytes);
+    Save(time);
+    ASSERT_FALSE(context_.copy_path.empty());
+  }
+  const std::string folder = root_ + "email_copy/";
+  EXPECT_EQ(ReadFile(folder + "2024-03-05 07.08.09.42.eml"), "short");
+  EXPECT_EQ(ReadFile(folder + "2024-03-05 07.08.10.0.eml"), "second");
+  EXPECT_TRUE(fs::exists(folder + "2024-03-05 07.08.09.49.eml"));
+  EXPECT_EQ(fs::file_size(folder + "2024-03-05 07.08.09.49.eml"), 0u);
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 3);
+}
+
+TEST_F(EmailCopyTest, NoCopyUnlessTheHostAsksForOne) {
+  struct Case {
+    const char* name;
+    void (*arrange)(InMemoryLog& log, InMemoryLogService& service);
+    bool with_packet;
+  };
+  const std::vector<Case> cases = {
+      {"no packet record", [](InMemoryLog&, InMemoryLogService&) {}, false},
+      {"log not saving", [](InMemoryLog& log, InMemoryLogService&) { log.save_mode = 1; }, true},
+      {"copies off", [](InMemoryLog& log, InMemoryLogService&) { log.storages[1]->enabled = 0; }, true},
+      {"no copy storage", [](InMemoryLog& log, InMemoryLogService&) { log.storages.pop_back(); }, true},
+      {"no storage root", [](InMemoryLog&, InMemoryLogService& service) { service.root_status = 1; }, true},
+  };
+  Collect("bytes");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    InMemoryLogService service;
+    CPelkaEmailModule module;
+    module.set_log_service(&service);
+    module.DefineEmailLog();
+    service.EnableCopies(Wide(root_));
+    c.arrange(*service.log(), service);
+    context_.copy_path = L"left over from the last message";
+    module.SaveEmailCopy(&context_, c.with_packet ? builder_.Build(1, kCompletedAt, 40001, 25) : nullptr);
+    EXPECT_EQ(context_.copy_path, L"");
+  }
+  EXPECT_TRUE(fs::is_empty(root_));
+}
+
+TEST_F(EmailCopyTest, FolderNameIsCreatedAndAFailedOpenKeepsThePath) {
+  service_.log()->storages[1]->folder = "mail\\copies";
+  Collect("x");
+  Save(kCompletedAt);
+  EXPECT_EQ(ReadFile(root_ + "mail/copies/2024-03-05 07.08.09.42.eml"), "x");
+
+  // A file where the folder should be: the directory cannot be made, the open
+  // fails, and the record still shows the path it would have had.
+  std::ofstream(root_ + "blocked").put('!');
+  service_.log()->storages[1]->folder = "blocked";
+  Save(kCompletedAt);
+  EXPECT_EQ(context_.copy_path, Wide(root_ + "blocked/2024-03-05 07.08.09.42.eml"));
+  EXPECT_TRUE(fs::is_regular_file(root_ + "blocked"));
+}
+
+}  // namespace
+}  // namespace pelka

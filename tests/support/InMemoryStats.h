@@ -1,0 +1,164 @@
+// An in-memory stand-in for the host's statistics service and registrar: it
+// keeps the categories, items and counters the module defines, numbers the
+// counters, and can refuse any of them by name. InMemoryFlowStats adds up what
+// bound flows count.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "host/FlowInterfaces.h"
+#include "host/StatInterfaces.h"
+
+namespace pelka::testing {
+
+struct StatDefinition {
+  std::string name;
+  std::wstring caption;
+  uint64_t scope = 0;
+  std::string owner;
+};
+
+class InMemoryStatCounter final : public IPelkaStatCounter {
+ public:
+  explicit InMemoryStatCounter(uint16_t index) : index(index) {}
+  uint16_t GetIndex() override { return index; }
+
+  std::string name;
+  int32_t kind = 0;
+  int32_t width = 0;
+  uint64_t scope = 0;
+  std::string owner;
+  uint16_t index;
+};
+
+class InMemoryStatItem final : public IPelkaStatItem {
+ public:
+  InMemoryStatItem(StatDefinition definition, uint16_t* next_index, bool refuse_counters)
+      : definition(std::move(definition)), next_index_(next_index), refuse_counters_(refuse_counters) {}
+
+  IPelkaStatCounter* AddCounter(const char* name, int32_t kind, int32_t width, uint64_t scope,
+                                const char* owner) override {
+    if (refuse_counters_) return nullptr;
+    auto counter = std::make_unique<InMemoryStatCounter>((*next_index_)++);
+    counter->name = name;
+    counter->kind = kind;
+    counter->width = width;
+    counter->scope = scope;
+    counter->owner = owner ? owner : "";
+    counters.push_back(std::move(counter));
+    return counters.back().get();
+  }
+
+  StatDefinition definition;
+  std::vector<std::unique_ptr<InMemoryStatCounter>> counters;
+
+ private:
+  uint16_t* next_index_;
+  bool refuse_counters_;
+};
+
+class InMemoryStatCategory final : public IPelkaStatCategory {
+ public:
+  InMemoryStatCategory(StatDefinition definition, const std::set<std::string>* refused_items,
+                       const std::set<std::string>* refused_counters, uint16_t* next_index)
+      : definition(std::move(definition)),
+        refused_items_(refused_items),
+        refused_counters_(refused_counters),
+        next_index_(next_index) {}
+
+  IPelkaStatItem* AddItem(const char* name, const wchar_t* caption, uint64_t scope, const char* owner) override {
+    if (refused_items_->count(name)) return nullptr;
+    items.push_back(std::make_unique<InMemoryStatItem>(
+        StatDefinition{name, caption ? caption : L"", scope, owner ? owner : ""}, next_index_,
+        refused_counters_->count(name) != 0));
+    return items.back().get();
+  }
+
+  StatDefinition definition;
+  std::vector<std::unique_ptr<InMemoryStatItem>> items;
+
+ private:
+  const std::set<std::string>* refused_items_;
+  const std::set<std::string>* refused_counters_;
+  uint16_t* next_index_;
+};
+
+// Both the service and the registrar it hands to its clients.
+class InMemoryStats final : public IPelkaStatService, public IPelkaStatRegistrar {
+ public:
+  static constexpr uint64_t kScope = 0x0B;  // what ParseScopes answers
+
+  uint32_t RegisterClient(IPelkaStatClient* client) override {
+    clients.push_back(client);
+    return 0;
+  }
+  uint32_t WithdrawClient(IPelkaStatClient* client) override {
+    withdrawn.push_back(client);
+    return 0;
+  }
+  uint64_t ParseScopes(const char* scopes) override {
+    parsed_scopes.push_back(scopes ? scopes : "");
+    return kScope;
+  }
+  IPelkaStatCategory* AddCategory(const char* name, const wchar_t* caption, uint64_t scope,
+                                  const char* owner) override {
+    if (refuse_categories) return nullptr;
+    categories.push_back(std::make_unique<InMemoryStatCategory>(
+        StatDefinition{name, caption ? caption : L"", scope, owner ? owner : ""}, &refused_items,
+        &refused_counters, &next_index_));
+    return categories.back().get();
+  }
+
+  // The latest item defined under the name, or null.
+  InMemoryStatItem* Item(const std::string& name) const {
+    for (auto category = categories.rbegin(); category != categories.rend(); ++category) {
+      for (const auto& item : (*category)->items) {
+        if (item->definition.name == name) return item.get();
+      }
+    }
+    return nullptr;
+  }
+  // The index of the item's first counter, or -1.
+  int32_t IndexOf(const std::string& name) const {
+    InMemoryStatItem* item = Item(name);
+    return item && !item->counters.empty() ? item->counters.front()->index : -1;
+  }
+
+  bool refuse_categories = false;
+  std::set<std::string> refused_items;     // AddItem fails for these names
+  std::set<std::string> refused_counters;  // AddCounter fails on these items
+  std::vector<IPelkaStatClient*> clients;
+  std::vector<IPelkaStatClient*> withdrawn;
+  std::vector<std::string> parsed_scopes;
+  std::vector<std::unique_ptr<InMemoryStatCategory>> categories;
+
+ private:
+  uint16_t next_index_ = 7;  // counters are numbered from here
+};
+
+// Per-flow statistics: the value of each counter index after AddToCounter,
+// and the order of UseCounter calls.
+class InMemoryFlowStats final : public IPelkaFlowStats {
+ public:
+  void UseCounter(int32_t index) override { used.push_back(index); }
+  void AddToCounter(int32_t index, uint64_t a, uint64_t b, uint64_t c) override {
+    counts[index] += a;
+    added_values.push_back({a, b, c});
+  }
+
+  uint64_t CountOf(int32_t index) const {
+    auto found = counts.find(index);
+    return found == counts.end() ? 0 : found->second;
+  }
+
+  std::vector<int32_t> used;
+  std::map<int32_t, uint64_t> counts;
+  std::vector<std::vector<uint64_t>> added_values;
+};
+
+}  // namespace pelka::testing
