@@ -1,9 +1,11 @@
 // CPelkaEmailModule: the e-mail analysis module object.
 //
-// The host drives it through its interfaces: the flow client carries every
-// packet of every SMTP, POP3 and IMAP4 flow; the lifecycle operations
-// initialise it, let it register its log, statistics and diagnosis events, and
-// store its one option, max_flow_length.
+// The host drives it through its interfaces: the main table's lifecycle
+// operations initialise it, let it register its icon and email log, and store
+// its one option, max_flow_length; the diagnosis and statistics clients define
+// its events and counters; the flow client carries every packet of every
+// SMTP, POP3 and IMAP4 flow. The object is reference counted: the factory
+// makes it with a count of 1 and the last Release destroys it.
 #pragma once
 
 #include <atomic>
@@ -15,6 +17,7 @@
 #include "flow/EmailFlowContext.h"
 #include "flow/MultiPatternSearcher.h"
 #include "host/FlowInterfaces.h"
+#include "host/ModuleFramework.h"
 #include "output/ConnectionCounter.h"
 
 namespace pelka {
@@ -38,12 +41,39 @@ constexpr uint16_t kNoColumn = 0xFFFF;
 // Default largest collected message per flow: 2 MiB.
 constexpr uint32_t kDefaultMaxFlowLength = 0x200000;
 
-class CPelkaEmailModule : public IPelkaFlowClient {
+// The framework stack the module stands on, the graph client at its top.
+using CPelkaEmailModuleBase = CPelkaGraphClientImplT<CPelkaDiagnosisClientImplT<
+    CPelkaStatClientImplT<CPelkaFlowClientImplT<CPelkaModuleNotifyImplT<CPelkaPluginModuleImplT<CPAEBaseModuleImpl>>>>>>;
+
+class CPelkaEmailModule : public CPelkaEmailModuleBase {
  public:
   CPelkaEmailModule();
-  virtual ~CPelkaEmailModule();
+  ~CPelkaEmailModule() override;
   CPelkaEmailModule(const CPelkaEmailModule&) = delete;
   CPelkaEmailModule& operator=(const CPelkaEmailModule&) = delete;
+
+  // --- Identity --------------------------------------------------------------
+  const char* GetClassName() override { return "CPelkaEmailModule"; }
+  const wchar_t* GetClassId() override { return L"{0F212197-DB95-43e9-BCB8-06C68B8A5EE6}"; }
+  const wchar_t* GetName() override { return L"Email"; }
+  // The translated description, held in the text holder until its next use.
+  const wchar_t* GetDescription() override;
+
+  // --- Lifecycle and options -------------------------------------------------
+  // Takes the host services and the notification object, loads the string
+  // table once per process and registers the statistics client.
+  void Initialize() override;
+  // Registers the icon and defines the email log; returns 1.
+  uint32_t RegisterOutputs() override;
+  // Releases the diagnosis events and withdraws the statistics client.
+  void Uninitialize() override;
+  // The next email record is number 1 again.
+  void ResetNumbering() override { email_number_.store(0); }
+  // <options max_flow_length="N"/> with N in MiB, rounded down; returns 1.
+  uint32_t SaveOptions(std::wstring* options) override;
+  // Reads the options document; 1 when it held the "options" element, else 0
+  // (and max_flow_length stays).
+  uint32_t LoadOptions(const wchar_t* options) override;
 
   // --- Flow client: binding and packet dispatch -----------------------------
   uint32_t BindFlow(IPelkaFlow* flow, IPelkaFlowStats* stats, IPelkaFlowBindContext** context) override;
@@ -64,7 +94,7 @@ class CPelkaEmailModule : public IPelkaFlowClient {
   void DefineEmailLog();
 
   // --- Diagnosis -------------------------------------------------------------
-  void DefineDiagnosisEvents();
+  void DefineDiagnosisEvents() override;
   // Gives every defined event back to the host (at Uninitialize).
   void ReleaseDiagnosisEvents();
   void CheckSlowResponse(CEmailFlowContext& context, const PacketRecord* packet, uint32_t direction,
@@ -83,16 +113,15 @@ class CPelkaEmailModule : public IPelkaFlowClient {
   void CountConnection(MailProtocol protocol, IPelkaFlowStats* stats);
   // The statistics client's operations. Each acts only when `service` is the
   // statistics service the module registered with.
-  void DefineStatistics(IPelkaStatService* service, IPelkaStatRegistrar* registrar);
-  void AssignStatisticIndexes(IPelkaStatService* service);
-  void DetachStatistics(IPelkaStatService* service);
+  void DefineStatistics(IPelkaStatService* service, IPelkaStatRegistrar* registrar) override;
+  void AssignStatisticIndexes(IPelkaStatService* service) override;
+  void DetachStatistics(IPelkaStatService* service) override;
 
   // --- Settings and shared read-only state -----------------------------------
   uint32_t max_flow_length() const { return max_flow_length_.load(std::memory_order_relaxed); }
   void set_max_flow_length(uint32_t bytes) { max_flow_length_.store(bytes, std::memory_order_relaxed); }
   const CMultiPatternSearcher& end_marker_searcher() const { return end_marker_searcher_; }
   uint64_t last_email_number() const { return email_number_.load(); }
-  void ResetNumbering() { email_number_.store(0); }
 
   // Host services; null when the host does not offer them.
   IPelkaLogService* log_service() const { return log_service_; }
@@ -105,7 +134,7 @@ class CPelkaEmailModule : public IPelkaFlowClient {
   // Host services and objects, obtained in Initialize.
   IPelkaDiagnosisService* diagnosis_service_ = nullptr;
   IPelkaIconService* icon_service_ = nullptr;
-  void* notify_ = nullptr;
+  IPelkaNotify* notify_ = nullptr;
 
   // Diagnosis events and their threshold parameters.
   IPelkaDiagnosisEvent* smtp_slow_event_ = nullptr;
@@ -117,8 +146,7 @@ class CPelkaEmailModule : public IPelkaFlowClient {
   IPelkaDiagnosisEvent* pop3_dubious_event_ = nullptr;
   IPelkaDiagnosisEvent* pop3_error_event_ = nullptr;
 
-  // Connection statistics.
-  IPelkaStatService* stat_service_ = nullptr;
+  // Connection statistics (the service pointer is the statistics client's).
   IPelkaStatRegistrar* stat_registrar_ = nullptr;
   std::vector<std::unique_ptr<ConnectionCounter>> connection_counters_;
   ConnectionCounter* smtp_counter_ = nullptr;

@@ -8,6 +8,7 @@
 
 #include "flow/EmailFlowContext.h"
 #include "host/DiagnosisInterfaces.h"
+#include "host/ModuleInterfaces.h"
 #include "host/Types.h"
 #include "module/EmailModule.h"
 #include "support/FakeFlow.h"
@@ -27,7 +28,7 @@ inline constexpr const char* kPop3Error = "POP3ServerReturnedError";
 class DiagnosedModule : public CPelkaEmailModule {
  public:
   void Attach(IPelkaDiagnosisService* service) {
-    notify_ = this;  // any object will do; the checks only ask whether there is one
+    notify_ = &notify_object_;  // the definitions only ask whether there is one
     diagnosis_service_ = service;
   }
   void DetachNotify() { notify_ = nullptr; }
@@ -40,6 +41,13 @@ class DiagnosedModule : public CPelkaEmailModule {
   IPelkaDiagnosisEvent* pop3_error_event() const { return pop3_error_event_; }
   uint32_t smtp_time_parameter() const { return smtp_time_parameter_; }
   uint32_t pop3_time_parameter() const { return pop3_time_parameter_; }
+
+ private:
+  struct SilentNotify final : IPelkaNotify {
+    void GetResourcePath(void*, std::wstring* path) override {
+      if (path) path->clear();
+    }
+  } notify_object_;
 };
 
 class DiagnosisBench {

@@ -1,0 +1,174 @@
+// The module as the host meets it: registration, interface lookup, reference
+// counting and the options document.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "host/ModuleInterfaces.h"
+#include "host/XmlParser.h"
+#include "module/EmailModule.h"
+#include "module/ModuleRegistration.h"
+
+namespace pelka {
+namespace {
+
+struct RecordingRegistrar final : IPelkaDomRegistrar {
+  uint32_t RegisterClass(const char* class_name, CreateObjectFunction factory, const InterfaceMapRecord* map,
+                         const ClassInfoRecord* class_info, uint32_t reserved) override {
+    calls.push_back({class_name, factory, map, class_info, reserved});
+    return 0;
+  }
+  struct Call {
+    std::string class_name;
+    CreateObjectFunction factory;
+    const InterfaceMapRecord* map;
+    const ClassInfoRecord* class_info;
+    uint32_t reserved;
+  };
+  std::vector<Call> calls;
+};
+
+TEST(ModuleRegistration, OnlyTheSupportedFrameworkVersionRegisters) {
+  struct Case {
+    uint32_t version, subversion, result;
+    size_t calls;
+  } cases[] = {{1024, 768, 0, 1}, {1024, 767, 1, 0}, {1023, 768, 1, 0}, {768, 1024, 1, 0}, {0, 0, 1, 0}};
+  for (const Case& c : cases) {
+    RecordingRegistrar registrar;
+    EXPECT_EQ(RegisterEmailModule(c.version, c.subversion, &registrar), c.result) << c.version << "/" << c.subversion;
+    ASSERT_EQ(registrar.calls.size(), c.calls);
+    if (c.calls == 0) continue;
+    const auto& call = registrar.calls[0];
+    EXPECT_EQ(call.class_name, "CPelkaEmailModule");
+    EXPECT_EQ(call.factory, &CreateEmailModule);
+    EXPECT_EQ(call.map, CPelkaEmailModule::InterfaceMap());
+    ASSERT_NE(call.class_info, nullptr);
+    EXPECT_EQ(call.class_info->reserved, nullptr);
+    EXPECT_EQ(std::wstring(call.class_info->services[0].name), L"IPelkaStatService");
+    EXPECT_EQ(call.class_info->services[1].interface_id, nullptr);
+  }
+}
+
+TEST(ModuleRegistration, FactoryNeedsAPlaceForItsResult) {
+  EXPECT_EQ(CreateEmailModule(nullptr), kStatusMissingOutParameter);
+  void* object = nullptr;
+  ASSERT_EQ(CreateEmailModule(&object), kStatusOk);
+  auto* main_table = static_cast<CPAEBaseModule*>(object);
+  EXPECT_EQ(main_table->GetRefCount(), 1);
+  EXPECT_STREQ(main_table->GetClassName(), "CPelkaEmailModule");
+  EXPECT_EQ(main_table->Release(), 0) << "one Release destroys the new object";
+}
+
+TEST(ModuleInterfaces, EveryInterfaceIsFoundFromTheMainTable) {
+  CPelkaEmailModule module;
+  CPAEBaseModule* main_table = &module;
+  struct Case {
+    const Guid* id;
+    void* expected;
+  } cases[] = {
+      {&kBaseModuleId, static_cast<CPAEBaseModule*>(&module)},
+      {&kPluginModuleId, static_cast<IPelkaPluginModule*>(&module)},
+      {&kModuleNotifyId, static_cast<IPelkaModuleNotify*>(&module)},
+      {&kFlowClientId, static_cast<IPelkaFlowClient*>(&module)},
+      {&kStatClientId, static_cast<IPelkaStatClient*>(&module)},
+      {&kDiagnosisClientId, static_cast<IPelkaDiagnosisClient*>(&module)},
+  };
+  for (const Case& c : cases) {
+    void* found = nullptr;
+    EXPECT_EQ(main_table->QueryInterface(*c.id, &found), kStatusOk);
+    EXPECT_EQ(found, c.expected);
+  }
+  void* found = &module;
+  EXPECT_EQ(main_table->QueryInterface(kIconServiceId, &found), kStatusNoInterface);
+  EXPECT_EQ(found, nullptr);
+  EXPECT_EQ(main_table->QueryInterface(kFlowClientId, nullptr), kStatusMissingOutParameter);
+}
+
+TEST(ModuleInterfaces, MapChainNamesEveryLevelFromTheMostDerived) {
+  std::vector<std::wstring> names;
+  for (const InterfaceMapRecord* record = CPelkaEmailModule::InterfaceMap(); record; record = record->base) {
+    for (const InterfaceMapEntry* entry = record->entries; entry->offset != kEndOfEntries; ++entry) {
+      names.push_back(entry->name);
+    }
+  }
+  EXPECT_EQ(names, (std::vector<std::wstring>{L"IPelkaDiagnosisClient", L"IPelkaStatClient", L"IPelkaFlowClient",
+                                                L"IPelkaModuleNotify", L"IPelkaPluginModule", L"CPAEBaseModule"}));
+}
+
+TEST(ModuleInterfaces, IdentityAndFrameworkDefaults) {
+  CPelkaEmailModule module;
+  IPelkaPluginModule& plugin = module;
+  EXPECT_EQ(std::wstring(plugin.GetClassId()), L"{0F212197-DB95-43e9-BCB8-06C68B8A5EE6}");
+  EXPECT_EQ(std::wstring(plugin.GetName()), L"Email");
+  EXPECT_STREQ(plugin.GetClassName(), "CPelkaEmailModule");
+  EXPECT_EQ(plugin.GetPluginState(), 1u);
+  plugin.SetPluginState(5);
+  EXPECT_EQ(plugin.GetPluginState(), 5u);
+  EXPECT_STREQ(module.GetThreadModelName(), "CTQMultiThreadModel");
+  EXPECT_STREQ(module.GetObjectName(), "CPelkaEmailModule");
+  EXPECT_EQ(module.GetHost(), nullptr);
+  EXPECT_EQ(module.Reserved20(), 2u);
+  uint32_t out = 9;
+  EXPECT_EQ(module.Reserved22(&out), kStatusNotImplemented);
+  EXPECT_EQ(out, 0u);
+  EXPECT_EQ(module.max_flow_length(), 2u * 1048576);
+}
+
+std::wstring SavedAttribute(CPelkaEmailModule& module) {
+  std::wstring document;
+  EXPECT_EQ(module.SaveOptions(&document), 1u);
+  CTQXmlParser parser;
+  EXPECT_TRUE(parser.SetDoc(document.c_str()));
+  EXPECT_TRUE(parser.FindElem(L"options"));
+  return parser.GetAttrib(L"max_flow_length");
+}
+
+TEST(ModuleOptions, SavedInWholeMebibytes) {
+  CPelkaEmailModule module;
+  EXPECT_EQ(SavedAttribute(module), L"2");
+  module.set_max_flow_length(3 * 1048576 + 12345);
+  EXPECT_EQ(SavedAttribute(module), L"3");
+  module.set_max_flow_length(1000);
+  EXPECT_EQ(SavedAttribute(module), L"0");
+}
+
+TEST(ModuleOptions, LoadReadsTheNumberLeniently) {
+  struct Case {
+    const wchar_t* document;
+    uint32_t result;
+    uint32_t bytes;
+  } cases[] = {
+      {L"<options max_flow_length=\"5\"/>", 1, 5 * 1048576},
+      {L"<options max_flow_length=\"0\"/>", 1, 0},
+      {L"<options max_flow_length=\" +7abc\"/>", 1, 7 * 1048576},
+      {L"<options max_flow_length=\"abc\"/>", 1, 0},
+      {L"<options/>", 1, 0},
+      {L"<options max_flow_length=\"-3\"/>", 1, 0},                // negative counts nothing
+      {L"<options max_flow_length=\"5000\"/>", 1, 0xFFFFFFFFu},    // beyond 32 bits: the largest count
+      {L"<settings max_flow_length=\"5\"/>", 0, 42},
+      {L"not xml", 0, 42},
+      {L"", 0, 42},
+  };
+  for (const Case& c : cases) {
+    CPelkaEmailModule module;
+    module.set_max_flow_length(42);
+    EXPECT_EQ(module.LoadOptions(c.document), c.result) << c.document;
+    EXPECT_EQ(module.max_flow_length(), c.bytes) << c.document;
+  }
+  CPelkaEmailModule module;
+  EXPECT_EQ(module.LoadOptions(nullptr), 0u);
+}
+
+TEST(ModuleOptions, SaveAndLoadRoundTrip) {
+  CPelkaEmailModule first;
+  first.set_max_flow_length(9 * 1048576);
+  std::wstring document;
+  first.SaveOptions(&document);
+  CPelkaEmailModule second;
+  EXPECT_EQ(second.LoadOptions(document.c_str()), 1u);
+  EXPECT_EQ(second.max_flow_length(), 9u * 1048576);
+}
+
+}  // namespace
+}  // namespace pelka
