@@ -4,8 +4,10 @@
 // live-flow bound so that eviction happens.
 //
 // Every payload byte is the low byte of its own sequence number, so a
-// delivered payload must count up by one from byte to byte: the tracker may
-// trim a segment, but never stitch foreign bytes into one delivery. The sink
+// delivered payload must count up by one from byte to byte, and a direction's
+// next delivery must go on where the last one stopped unless the tracker
+// counted a skipped gap in between: the tracker may trim and reorder
+// segments, but never deliver a byte twice or out of order. The sink
 // also checks the flow life cycle: packets only between start and end, only
 // for taken flows, one end per flow, and none left open after Finish.
 //
@@ -23,6 +25,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "capture/FlowTracker.h"
 #include "capture/FrameBuilder.h"
@@ -41,6 +44,7 @@ using pelka::test::Segment;
 class CheckingSink final : public pelka::FlowSink {
  public:
   explicit CheckingSink(bool decline_pop3) : decline_pop3_(decline_pop3) {}
+  void set_tracker(const pelka::FlowTracker* tracker) { tracker_ = tracker; }
 
   bool OnFlowStart(pelka::TrackedFlow& flow) override {
     if (!started_.insert(flow.id()).second) Fail("a flow was offered twice");
@@ -65,6 +69,11 @@ class CheckingSink final : public pelka::FlowSink {
     for (uint32_t i = 1; i < length; ++i) {
       if (static_cast<uint8_t>(payload[i - 1] + 1) != payload[i]) Fail("a delivery stitched foreign bytes together");
     }
+    if (length == 0) return;
+    const uint64_t gaps = tracker_->counters().gaps_skipped;
+    StreamEnd& last = stream_ends_[{flow.id(), direction}];
+    if (last.seen && last.gaps == gaps && last.next_byte != payload[0]) Fail("a delivery does not go on where the last stopped");
+    last = {true, static_cast<uint8_t>(payload[length - 1] + 1), gaps};
   }
 
   void OnFlowEnd(pelka::TrackedFlow& flow, pelka::FlowEndReason) override {
@@ -74,7 +83,15 @@ class CheckingSink final : public pelka::FlowSink {
   bool all_ended() const { return live_.empty(); }
 
  private:
+  struct StreamEnd {
+    bool seen = false;
+    uint8_t next_byte = 0;
+    uint64_t gaps = 0;  // the tracker's skipped gaps when it was delivered
+  };
+
   bool decline_pop3_;
+  const pelka::FlowTracker* tracker_ = nullptr;
+  std::map<std::pair<uint64_t, uint32_t>, StreamEnd> stream_ends_;
   std::set<uint64_t> started_;
   std::set<uint64_t> live_;
 };
@@ -110,6 +127,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   CheckingSink sink(configuration & 0x20);
   pelka::FlowTracker tracker(&sink, options);
+  sink.set_tracker(&tracker);
   pelka::PacketDecoder decoder;
   uint64_t time_us = 1'700'000'000'000'000;
   uint64_t number = 0;
@@ -126,7 +144,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     segment.flags = p[1];
     segment.sequence = base + (from_server ? 0x10000u : 0u) + static_cast<uint32_t>(p[2] | p[3] << 8);
     segment.acknowledgement = base;
-    for (uint32_t i = 0; i < p[5]; ++i) segment.payload.push_back(static_cast<char>(segment.sequence + i));
+    // A SYN's data starts one sequence number after it.
+    const uint32_t first = segment.sequence + (segment.flags & pelka::kTcpSyn ? 1 : 0);
+    for (uint32_t i = 0; i < p[5]; ++i) segment.payload.push_back(static_cast<char>(first + i));
     time_us += uint64_t{p[4]} * 10'000;
 
     const pelka::test::Bytes frame = pelka::test::IpPacket(segment);
