@@ -11,9 +11,7 @@
 //                  bits 3-5 how a broken record is broken
 //                  bits 6-7 port pair: the flow's, or that of SMTP, POP3, IMAP4
 //
-// The module runs as after the host's start-up: with its email log, diagnosis
-// events (all switched on) and connection statistics on in-memory services, so
-// that records, reports and counts are made on the way.
+// The module runs as after the host's start-up (see HostedModule.h).
 //
 // While every packet reaches the parser of the flow's own protocol, the
 // collected bytes are checked after each packet: they stay within the flow
@@ -33,11 +31,8 @@
 #include "host/PacketRecord.h"
 #include "host/Types.h"
 #include "module/EmailModule.h"
-#include "diagnosis/DiagnosisBench.h"
+#include "fuzz/HostedModule.h"
 #include "support/FakeFlow.h"
-#include "support/InMemoryDiagnosis.h"
-#include "support/InMemoryLog.h"
-#include "support/InMemoryStats.h"
 
 namespace {
 
@@ -124,41 +119,6 @@ bool HoldsFetchCompletion(std::string_view collected, const std::string& tag) {
   }
   return false;
 }
-
-// The host's services; they outlive the module that uses them.
-struct HostServices {
-  pelka::testing::InMemoryLogService log;
-  pelka::testing::InMemoryDiagnosisService diagnosis;
-  pelka::testing::InMemoryStats stats;
-};
-
-class HostedModule {
- public:
-  HostedModule() {
-    module.set_log_service(&services_.log);
-    module.DefineEmailLog();
-    module.Attach(&services_.diagnosis);
-    module.DefineDiagnosisEvents();
-    services_.diagnosis.EnableAll(true);
-    module.set_stat_service(&services_.stats);
-    module.DefineStatistics(&services_.stats, &services_.stats);
-    module.AssignStatisticIndexes(&services_.stats);
-  }
-  // Drops what earlier inputs left behind, so memory stays flat.
-  void ForgetOutputs() {
-    if (pelka::testing::InMemoryLog* log = services_.log.log()) {
-      log->records.clear();
-      log->entries.clear();
-    }
-    services_.diagnosis.reports.clear();
-  }
-
- private:
-  HostServices services_;
-
- public:
-  pelka::testing::DiagnosedModule module;
-};
 
 class FlowRun {
  public:
@@ -267,7 +227,7 @@ class FlowRun {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static HostedModule host;
+  static pelka::fuzz::HostedModule host;
   host.ForgetOutputs();
   Reader input(data, size);
   FlowRun run(host.module, input.Byte());
