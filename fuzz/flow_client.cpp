@@ -17,6 +17,7 @@
 // collected bytes are checked after each packet: they stay within the flow
 // limit plus one packet, and hold no end marker that should have finished the
 // message (SMTP, POP3) and no completion line that should have (IMAP4).
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -27,11 +28,11 @@
 
 #include "flow/EmailFlowContext.h"
 #include "flow/EmailFlowData.h"
+#include "fuzz/HostedModule.h"
 #include "host/CodePage.h"
 #include "host/PacketRecord.h"
 #include "host/Types.h"
 #include "module/EmailModule.h"
-#include "fuzz/HostedModule.h"
 #include "support/FakeFlow.h"
 
 namespace {
