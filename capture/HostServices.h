@@ -1,0 +1,108 @@
+// The capture host's services for one run, behind one facade.
+//
+// The program makes a HostServices with its options, opens it (output
+// directory and files), hands the module over with StartModule, feeds the flow
+// tracker into flow_sink(), and ends with FinishRun. Every file of the output
+// directory is written as the module produces it, line by line, so an
+// interrupted run keeps what was found until then:
+//
+//   emails.jsonl      one object per posted email record
+//   entries.jsonl     the summary entries the module adds
+//   diagnosis.jsonl   one object per diagnosis report
+//   email_log.csv     the module's export lines, comma-separated form
+//   email_log.txt     the module's export lines, text form
+//   statistics.json   the counters the module defined, written by FinishRun
+//   email_copy/       the ".eml" copies, when copies are switched on
+//
+// The first write failure is remembered (error()); the lines written before
+// it stay whole. The program reports it and exits with status 1.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "capture/FlowSink.h"
+#include "host/FlowInterfaces.h"
+#include "host/ModuleInterfaces.h"
+
+namespace pelka {
+
+struct HostOptions {
+  // Output directory; created (with missing parents) when absent.
+  std::string out_dir;
+  // Write the ".eml" copies under <out_dir>/email_copy/.
+  bool copies = false;
+  // Directory of the module's resources (string table "PelkaEmailRes.cst",
+  // "email.ico"), ending with '/'. Empty: the module finds no string table.
+  std::string resource_dir;
+  // False switches every diagnosis event off.
+  bool diagnosis_enabled = true;
+  // Response-time thresholds of the slow-response events, in milliseconds;
+  // negative keeps the module's default (200).
+  int32_t smtp_threshold_ms = -1;
+  int32_t pop3_threshold_ms = -1;
+};
+
+// What the run produced, for the program's summary.
+struct HostRunCounts {
+  uint64_t records = 0;            // lines of emails.jsonl
+  uint64_t entries = 0;            // lines of entries.jsonl
+  uint64_t copies = 0;             // records that name a copy file
+  uint64_t diagnosis_reports = 0;  // lines of diagnosis.jsonl
+  std::map<std::string, uint64_t> reports_by_event;  // event key -> reports
+  uint64_t flows_bound = 0;        // flows the module took
+  uint64_t flows_declined = 0;     // flows the module refused
+};
+
+class HostServices {
+ public:
+  explicit HostServices(HostOptions options);
+  ~HostServices();
+  HostServices(const HostServices&) = delete;
+  HostServices& operator=(const HostServices&) = delete;
+
+  // Creates the output directory and opens the output files. False, with
+  // error() saying why, when the directory cannot be made or written.
+  bool Open();
+
+  // The host objects the module is given.
+  IPelkaHost* host();
+  IPelkaNotify* notify();
+
+  // Drives the module's start: SetHost, SetNotify, Initialize,
+  // RegisterOutputs, DefineDiagnosisEvents, then the statistics client's
+  // DefineStatistics and AssignStatisticIndexes. Returns the module's flow
+  // client, now also the one flow_sink() delivers to; null when the module
+  // has none. Call after Open.
+  IPelkaFlowClient* StartModule(CPAEBaseModule* module);
+
+  // Delivers flows to another flow client (tests, or a module driven without
+  // StartModule). Null: every flow is declined.
+  void SetFlowClient(IPelkaFlowClient* client);
+
+  // The tracker's sink: binds each offered flow to the flow client (with its
+  // flow object, flow node and per-flow statistics), delivers every packet
+  // through ProcessFlowData and unbinds the flow at its end.
+  FlowSink* flow_sink();
+
+  // Ends the run after the tracker's Finish: the export lines of the records
+  // not yet exported, the statistics client's DetachStatistics (after
+  // statistics.json is written), the module's Uninitialize, and the files
+  // closed. `module` may be null (then only the host's side is finished).
+  // False, with error(), when any write of the run failed.
+  bool FinishRun(CPAEBaseModule* module);
+
+  // The first failure of the run (open or write); empty while all is well.
+  const std::string& error() const;
+  bool failed() const { return !error().empty(); }
+
+  HostRunCounts counts() const;
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace pelka
