@@ -1,6 +1,8 @@
-// The whole program on a random small capture file: the input is written to a
-// file, read through the capture source, decoded, tracked and handed to the
-// module, flow by flow, as the capture program does.
+// The capture program's reading path on a random small capture file: the
+// input is written to a file, read through the capture source, decoded,
+// tracked and handed to the module through the host's flow objects, flow by
+// flow. (The module is linked in here rather than loaded, and no output files
+// are written.)
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -9,9 +11,9 @@
 #include "capture/CaptureSource.h"
 #include "capture/FlowSink.h"
 #include "capture/FlowTracker.h"
+#include "capture/HostFlow.h"
 #include "capture/PacketDecoder.h"
 #include "fuzz/HostedModule.h"
-#include "host/Types.h"
 #include "support/FakeFlow.h"
 #include "support/TempFile.h"
 
@@ -19,22 +21,6 @@ namespace {
 
 // Enough for any small capture; a file of empty records ends here too.
 constexpr uint64_t kMaxFrames = 20000;
-
-// The host's flow object over a tracked flow.
-class TrackedFlowAdapter final : public pelka::IPelkaFlow {
- public:
-  explicit TrackedFlowAdapter(pelka::TrackedFlow& flow) : flow_(flow) {}
-  uint32_t GetClientAddress() override { return flow_.client().address.Ipv4HostOrder(); }
-  uint32_t GetServerAddress() override { return flow_.server().address.Ipv4HostOrder(); }
-  uint16_t GetClientPort() override { return flow_.client().port; }
-  uint16_t GetServerPort() override { return flow_.server().port; }
-  void SwapSides() override { flow_.SwapSides(); }
-  uint16_t GetApplicationProtocol() override { return flow_.application_protocol(); }
-  uint16_t GetTransportProtocol() override { return pelka::kProtocolTcp; }
-
- private:
-  pelka::TrackedFlow& flow_;
-};
 
 class ModuleSink final : public pelka::FlowSink {
  public:
@@ -62,10 +48,10 @@ class ModuleSink final : public pelka::FlowSink {
 
  private:
   struct Bound {
-    explicit Bound(pelka::TrackedFlow& flow) : adapter(flow) {}
-    TrackedFlowAdapter adapter;
+    explicit Bound(pelka::TrackedFlow& flow) : adapter(flow), node(adapter) {}
+    pelka::HostFlow adapter;
+    pelka::HostFlowNode node;
     pelka::testing::FakeFlowStats stats;
-    pelka::testing::FakeFlowNode node;
     pelka::IPelkaFlowBindContext* context = nullptr;
   };
 
