@@ -49,4 +49,16 @@ void CompleteMessage(CPelkaEmailModule& module, CEmailFlowContext& context, cons
   context.ResetMessage();
 }
 
+void CollectMessagePacket(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
+                          const PacketArgs& args, int extract_protocol, ReceiverTest receiver_test) {
+  const uint64_t time = GetPacketTime(args.packet);
+  if (context.body_start_time == 0) context.body_start_time = time;
+  data.Append(args.payload, args.length);
+  data.Commit();
+  if (IsMessageComplete(module, context)) {
+    context.body_end_time = time;
+    CompleteMessage(module, context, args, extract_protocol, receiver_test);
+  }
+}
+
 }  // namespace pelka

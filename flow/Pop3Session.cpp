@@ -4,6 +4,7 @@
 
 #include <string_view>
 
+#include "diagnosis/ResponseChecks.h"
 #include "flow/EmailFlowData.h"
 #include "flow/SessionHandlers.h"
 #include "host/CodePage.h"
@@ -20,18 +21,6 @@ constexpr std::string_view kEndingCommands[] = {"AUTH", "APOP", "DELE", "LIST", 
 
 bool StartsWithNoCase(const uint8_t* payload, uint32_t length, std::string_view word) {
   return length >= word.size() && strncasecmp(reinterpret_cast<const char*>(payload), word.data(), word.size()) == 0;
-}
-
-void CollectReplyPacket(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
-                        const PacketArgs& args) {
-  const uint64_t time = GetPacketTime(args.packet);
-  if (context.body_start_time == 0) context.body_start_time = time;
-  data.Append(args.payload, args.length);
-  data.Commit();
-  if (IsMessageComplete(module, context)) {
-    context.body_end_time = time;
-    CompleteMessage(module, context, args, kExtractPop3, ReceiverTest::kShort);
-  }
 }
 
 }  // namespace
@@ -61,11 +50,8 @@ void ParsePop3Command(CEmailFlowContext& context, const uint8_t* payload, uint32
 }
 
 bool IsPop3ErrorReply(CEmailFlowContext& context, const uint8_t* payload, uint32_t length) {
-  if (length < 4) return false;
   context.section.Set(payload, length);
-  const int32_t line_end = context.section.Find(kLineEnd, 2);
-  if (line_end < 0 || line_end >= 6) return false;
-  return StartsWithNoCase(payload, length, "-ERR");
+  return IsPop3ErrorReply(payload, length);
 }
 
 uint32_t HandlePop3Data(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
@@ -85,7 +71,7 @@ uint32_t HandlePop3Data(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEm
     if (IsPop3ErrorReply(context, args.payload, args.length)) return 1;
     context.reply_seen = 1;
   }
-  CollectReplyPacket(module, data, context, args);
+  CollectMessagePacket(module, data, context, args, kExtractPop3, ReceiverTest::kShort);
   return 0;
 }
 

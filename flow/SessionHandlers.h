@@ -78,6 +78,11 @@ bool HasMailAddress(const std::wstring& text);
 void CompleteMessage(CPelkaEmailModule& module, CEmailFlowContext& context, const PacketArgs& args,
                      int extract_protocol, ReceiverTest receiver_test);
 
+// SMTP and POP3: appends one packet of a message body and finishes the
+// message when the end marker has arrived.
+void CollectMessagePacket(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
+                          const PacketArgs& args, int extract_protocol, ReceiverTest receiver_test);
+
 // The address test of the finishing step.
 bool QualifiesForRecord(const CEmailFlowContext& context, ReceiverTest receiver_test);
 

@@ -61,18 +61,6 @@ void TakeLoginName(CEmailFlowContext& context, const uint8_t* payload, uint32_t 
   context.await_auth_user = 0;
 }
 
-void CollectBodyPacket(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
-                       const PacketArgs& args) {
-  const uint64_t time = GetPacketTime(args.packet);
-  if (context.body_start_time == 0) context.body_start_time = time;
-  data.Append(args.payload, args.length);
-  data.Commit();
-  if (IsMessageComplete(module, context)) {
-    context.body_end_time = time;
-    CompleteMessage(module, context, args, kExtractSmtp, ReceiverTest::kFull);
-  }
-}
-
 }  // namespace
 
 uint32_t HandleSmtpData(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
@@ -89,7 +77,7 @@ uint32_t HandleSmtpData(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEm
     return 0;
   }
   if (context.in_body) {
-    CollectBodyPacket(module, data, context, args);
+    CollectMessagePacket(module, data, context, args, kExtractSmtp, ReceiverTest::kFull);
     return 0;
   }
   if (context.await_auth_user) {
