@@ -28,14 +28,31 @@ struct ByteSet {
 }  // namespace
 
 uint32_t CEmailFlowDataImpl::Reserve(uint32_t capacity) {
-  if (capacity <= capacity_) return 0;
-  std::unique_ptr<uint8_t[]> grown(new (std::nothrow) uint8_t[capacity]);
-  if (!grown) return 0;
+  if (capacity > capacity_ && MakeRoom(capacity)) capacity_ = capacity;
+  return 0;
+}
+
+bool CEmailFlowDataImpl::MakeRoom(uint64_t capacity) {
+  if (capacity <= allocated_) {
+    // Growing within the allocation: compacting is all that is left to do.
+    if (start_offset_ && retained_length_) {
+      std::memmove(owned_.get(), owned_.get() + start_offset_, retained_length_);
+    }
+    start_offset_ = 0;
+    return true;
+  }
+  // The allocation at least doubles, so a message collected packet by packet
+  // is copied a bounded number of times in all; pages never written stay
+  // untouched.
+  const uint64_t size = std::min<uint64_t>(std::max<uint64_t>(capacity, uint64_t{allocated_} * 2), UINT32_MAX);
+  if (size < capacity) return false;
+  std::unique_ptr<uint8_t[]> grown(new (std::nothrow) uint8_t[size]);
+  if (!grown) return false;
   if (retained_length_) std::memcpy(grown.get(), owned_.get() + start_offset_, retained_length_);
   owned_ = std::move(grown);
-  capacity_ = capacity;
+  allocated_ = static_cast<uint32_t>(size);
   start_offset_ = 0;
-  return 0;
+  return true;
 }
 
 void CEmailFlowDataImpl::Append(const uint8_t* bytes, uint32_t length) {
@@ -50,17 +67,12 @@ void CEmailFlowDataImpl::Commit() {
   const uint64_t free_room = uint64_t{capacity_} - start_offset_ - retained_length_;
   if (free_room < staged_length_) {
     const uint64_t needed = GrownCapacity(uint64_t{retained_length_} + staged_length_);
-    std::unique_ptr<uint8_t[]> grown;
-    if (needed <= UINT32_MAX) grown.reset(new (std::nothrow) uint8_t[needed]);
-    if (!grown) {  // without memory the staged block is dropped
+    if (needed > UINT32_MAX || !MakeRoom(needed)) {  // without memory the staged block is dropped
       staged_ = nullptr;
       staged_length_ = 0;
       return;
     }
-    if (retained_length_) std::memcpy(grown.get(), owned_.get() + start_offset_, retained_length_);
-    owned_ = std::move(grown);
     capacity_ = static_cast<uint32_t>(needed);
-    start_offset_ = 0;
   }
   std::memcpy(owned_.get() + start_offset_ + retained_length_, staged_, staged_length_);
   retained_length_ += staged_length_;

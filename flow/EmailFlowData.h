@@ -81,12 +81,19 @@ class CEmailFlowDataImpl final : public CTQObjectImplT<CPAEFlowData, CTQMultiThr
   const uint8_t* CopyToScratch(uint32_t start, uint32_t end, uint32_t zeros);
   void CopyRange(uint32_t start, uint32_t end, uint8_t* destination);
   bool EnsureScratch(uint32_t size);
+  // Makes the owned buffer hold `capacity` bytes with the retained part at
+  // its front. False without memory (nothing changes then).
+  bool MakeRoom(uint64_t capacity);
   // Skips continuation lines: on to the first CR LF not followed by a tab,
   // and past it.
   uint32_t SkipContinuation(uint32_t position, uint32_t end);
 
   uint32_t user_value_ = 0;
+  // The capacity the store reports grows in 256-byte steps, each step a new
+  // compacted buffer as far as callers can tell; the allocation behind it
+  // grows geometrically so that collecting a message stays linear.
   uint32_t capacity_ = 0;
+  uint32_t allocated_ = 0;
   std::unique_ptr<uint8_t[]> owned_;
   uint32_t retained_length_ = 0;
   uint32_t start_offset_ = 0;

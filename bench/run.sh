@@ -1,0 +1,219 @@
+#!/usr/bin/env bash
+# The throughput benchmark. Generates the mail traffic captures once (cached
+# outside the repository), then runs every contender over them and prints,
+# side by side: MB/s, packets/s, messages/s, peak RSS, and the ratios to the
+# buffered read limit and to tshark. It also checks that pelka-email posts one
+# record for every message the generator expects the module to record, and
+# that the time per MB of a capture of large messages stays within 1.25x of
+# the mixed capture's.
+#
+#   bench/run.sh            # ~1 GB mixed capture + 500 messages of 2 MiB
+#
+# Environment:
+#   PELKA_BENCH_CACHE   where the captures are kept (default ~/.cache/pelka-bench)
+#   PELKA_BENCH_BUILD   the CMake build directory (default <repo>/build)
+#   PELKA_BENCH_SIZE    size of the mixed capture (default 1G; K/M/G suffixes)
+#   PELKA_BENCH_LARGE   number of 2 MiB messages of the second capture (default 500)
+#   PELKA_BENCH_SEED    seed of the mixed capture (default 1)
+#   PELKA_BENCH_EMAIL   the pelka-email program (default <build>/capture/pelka-email)
+#
+# Exit status: 0 when every check that could run passed, 1 otherwise.
+set -euo pipefail
+
+repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+build=${PELKA_BENCH_BUILD:-$repo/build}
+cache=${PELKA_BENCH_CACHE:-$HOME/.cache/pelka-bench}
+size=${PELKA_BENCH_SIZE:-1G}
+large=${PELKA_BENCH_LARGE:-500}
+seed=${PELKA_BENCH_SEED:-1}
+sessions=8                      # concurrent sessions in the captures: the live flows
+flow_limit_mib=2                # the module's default max_flow_length
+
+generator=$build/bench/pelka-traffic-gen
+read_limit=$build/bench/pelka-read-limit
+pelka=${PELKA_BENCH_EMAIL:-$build/capture/pelka-email}
+failed=0
+
+say() { printf '%s\n' "$*"; }
+fail() { say "FAIL: $*"; failed=1; }
+
+# --- build ------------------------------------------------------------------
+if [ ! -f "$build/build.ninja" ] && [ ! -f "$build/Makefile" ]; then
+  cmake -S "$repo" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+fi
+cmake --build "$build" --target pelka-traffic-gen pelka-read-limit >/dev/null
+if cmake --build "$build" --target help 2>/dev/null | grep -q 'pelka-email'; then
+  cmake --build "$build" --target pelka-email >/dev/null
+fi
+
+# --- captures ---------------------------------------------------------------
+mkdir -p "$cache"
+# The cache key follows the generator's sources, so a changed generator makes
+# new captures.
+key=$(cat "$repo"/bench/TrafficGenerator*.cpp "$repo"/bench/TrafficGenerator*.h | md5sum | cut -c1-10)
+
+# generate NAME ARGS...: makes $cache/NAME-KEY.pcap and its counts file once.
+generate() {
+  local name=$1
+  shift
+  local pcap=$cache/$name-$key.pcap
+  if [ ! -s "$pcap.counts" ] || [ ! -f "$pcap" ]; then
+    say "generating $pcap ..." >&2
+    "$generator" -o "$pcap.tmp" --sessions "$sessions" "$@" >"$pcap.counts.tmp"
+    mv "$pcap.tmp" "$pcap"
+    mv "$pcap.counts.tmp" "$pcap.counts"
+  fi
+  printf '%s\n' "$pcap"
+}
+
+# count FILE NAME: a value from a generator's counts file.
+count() { awk -v k="$2" '$1 == k { print $2 }' "$1.counts"; }
+
+mixed=$(generate "mixed-$size-seed$seed" --bytes "$size" --seed "$seed")
+largecap=$(generate "large-${large}x2M" --messages "$large" --message-size 2M --seed 2)
+
+# --- measuring ----------------------------------------------------------------
+# measure NAME COMMAND...: runs the command with the capture in the page cache,
+# sets $seconds and $rss_kib. Output goes to $cache/last.out.
+measure() {
+  local start end
+  start=$(date +%s.%N)
+  if ! /usr/bin/time -f '%M' -o "$cache/time.out" "$@" >"$cache/last.out" 2>"$cache/last.err"; then
+    say "  ($1 failed; see $cache/last.err)"
+    seconds=0
+    rss_kib=0
+    return 1
+  fi
+  end=$(date +%s.%N)
+  seconds=$(echo "$end - $start" | bc -l)
+  rss_kib=$(tail -n1 "$cache/time.out")
+}
+
+# Results of one capture, one line per contender: name seconds rss_kib.
+declare -A result_seconds result_rss
+
+# run_pelka CAPTURE NAME ARGS...: pelka-email over CAPTURE, checking its records.
+run_pelka() {
+  local capture=$1 name=$2
+  shift 2
+  local out
+  out=$(mktemp -d "$cache/out.XXXXXX")
+  if measure "$pelka" -o "$out" --quiet "$@" "$capture"; then
+    result_seconds[$name]=$seconds
+    result_rss[$name]=$rss_kib
+    local records expected
+    records=$( [ -f "$out/emails.jsonl" ] && wc -l <"$out/emails.jsonl" || echo 0)
+    expected=$(count "$capture" expected_records)
+    if [ "$records" -eq "$expected" ]; then
+      say "  $name: $records records, as expected"
+    else
+      fail "$name posted $records records; the generator expects $expected"
+    fi
+  else
+    fail "$name did not finish"
+  fi
+  rm -rf "$out"
+}
+
+# run_all CAPTURE: every contender over CAPTURE.
+run_all() {
+  local capture=$1
+  result_seconds=()
+  result_rss=()
+  cat "$capture" >/dev/null  # into the page cache
+
+  measure "$read_limit" "$capture" && { result_seconds[read-limit]=$seconds; result_rss[read-limit]=$rss_kib; }
+  measure "$read_limit" --default "$capture" &&
+    { result_seconds[libpcap-default]=$seconds; result_rss[libpcap-default]=$rss_kib; }
+
+  # ---- pelka-email contenders: they run once the capture program exists ----
+  if [ -x "$pelka" ]; then
+    run_pelka "$capture" pelka-email
+    run_pelka "$capture" pelka-email-2t --threads 2
+  else
+    say "  (pelka-email not built yet: $pelka)"
+  fi
+  # ---------------------------------------------------------------------------
+
+  if command -v tshark >/dev/null; then
+    measure tshark -r "$capture" -Y imf -T fields -e imf.from -e imf.subject &&
+      { result_seconds[tshark]=$seconds; result_rss[tshark]=$rss_kib; }
+  fi
+}
+
+# report CAPTURE: the table of the last run_all.
+report() {
+  local capture=$1
+  local bytes packets messages
+  bytes=$(count "$capture" file_bytes)
+  packets=$(count "$capture" packets)
+  messages=$(count "$capture" messages)
+  say ""
+  say "$(basename "$capture"): $(echo "$bytes / 1000000" | bc) MB, $packets packets, $messages messages" \
+    "(smtp $(count "$capture" smtp_messages) of which bdat $(count "$capture" smtp_bdat_messages)," \
+    "pop3 $(count "$capture" pop3_messages), imap $(count "$capture" imap_messages));" \
+    "$(count "$capture" expected_records) expected as records"
+  printf '%-16s %9s %9s %12s %11s %10s %8s %8s\n' contender seconds MB/s packets/s messages/s "RSS MiB" "/limit" "/tshark"
+  local limit=${result_seconds[read-limit]:-} tshark=${result_seconds[tshark]:-}
+  for name in read-limit libpcap-default pelka-email pelka-email-2t tshark; do
+    local s=${result_seconds[$name]:-}
+    [ -n "$s" ] || continue
+    local vs_limit=- vs_tshark=-
+    [ -n "$limit" ] && vs_limit=$(echo "$limit / $s" | bc -l | xargs printf '%.2f')
+    [ -n "$tshark" ] && vs_tshark=$(echo "$tshark / $s" | bc -l | xargs printf '%.1f')
+    printf '%-16s %9.2f %9.1f %12.0f %11.0f %10.1f %8s %8s\n' "$name" "$s" \
+      "$(echo "$bytes / $s / 1000000" | bc -l)" "$(echo "$packets / $s" | bc -l)" \
+      "$(echo "$messages / $s" | bc -l)" "$(echo "${result_rss[$name]} / 1024" | bc -l)" "$vs_limit" "$vs_tshark"
+  done
+}
+
+# check NAME CONDITION TEXT: prints a target check (bc condition).
+check() {
+  if [ "$(echo "$2" | bc -l)" -eq 1 ]; then say "PASS: $1 ($3)"; else fail "$1 ($3)"; fi
+}
+
+# --- scenario 1: the mixed capture -------------------------------------------
+say "scenario 1: mixed mail traffic"
+run_all "$mixed"
+report "$mixed"
+mixed_seconds_per_mb=
+if [ -n "${result_seconds[pelka-email]:-}" ]; then
+  limit=${result_seconds[read-limit]}
+  single=${result_seconds[pelka-email]}
+  mixed_seconds_per_mb=$(echo "$single / ($(count "$mixed" file_bytes) / 1000000)" | bc -l)
+  check "single thread at least 40% of the read limit" "$limit / $single >= 0.40" \
+    "$(echo "100 * $limit / $single" | bc -l | xargs printf '%.0f')%"
+  if [ -n "${result_seconds[pelka-email-2t]:-}" ]; then
+    check "--threads 2 at least 1.6x single thread" "$single / ${result_seconds[pelka-email-2t]} >= 1.6" \
+      "$(echo "$single / ${result_seconds[pelka-email-2t]}" | bc -l | xargs printf '%.2f')x"
+  fi
+  if [ -n "${result_seconds[tshark]:-}" ]; then
+    check "single thread at least 50x tshark" "${result_seconds[tshark]} / $single >= 50" \
+      "$(echo "${result_seconds[tshark]} / $single" | bc -l | xargs printf '%.0f')x"
+  fi
+  bound_mib=$((64 + sessions * (flow_limit_mib * 1024 + 64) / 1024))
+  for name in pelka-email pelka-email-2t; do
+    [ -n "${result_rss[$name]:-}" ] || continue
+    rss_mib=$((${result_rss[$name]} / 1024))
+    check "$name peak RSS under ${bound_mib} MiB (64 MiB + $sessions live flows x 2 MiB + 64 KiB) and 200 MiB" \
+      "$rss_mib < $bound_mib && $rss_mib < 200" "${rss_mib} MiB"
+  done
+fi
+if ! command -v tshark >/dev/null; then
+  say "tshark is not installed; to compare with it: sudo apt-get install tshark"
+fi
+
+# --- scenario 2: large messages ----------------------------------------------
+say ""
+say "scenario 2: $large messages of 2 MiB"
+run_all "$largecap"
+report "$largecap"
+if [ -n "$mixed_seconds_per_mb" ] && [ -n "${result_seconds[pelka-email]:-}" ]; then
+  large_seconds_per_mb=$(echo "${result_seconds[pelka-email]} / ($(count "$largecap" file_bytes) / 1000000)" | bc -l)
+  check "time per MB with 2 MiB messages within 1.25x of the mixed capture's" \
+    "$large_seconds_per_mb <= 1.25 * $mixed_seconds_per_mb" \
+    "$(echo "$large_seconds_per_mb / $mixed_seconds_per_mb" | bc -l | xargs printf '%.2f')x"
+fi
+
+rm -f "$cache/last.out" "$cache/last.err" "$cache/time.out"
+exit "$failed"

@@ -1,0 +1,235 @@
+#include "capture/CaptureRun.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <ostream>
+#include <string>
+#include <utility>
+
+#include "capture/CaptureSource.h"
+#include "capture/FlowTracker.h"
+#include "capture/HostServices.h"
+#include "capture/MessageFilter.h"
+#include "capture/ModuleLoader.h"
+#include "capture/PacketDecoder.h"
+#include "capture/Progress.h"
+#include "capture/RunSummary.h"
+#include "host/CodePage.h"
+
+namespace pelka {
+namespace {
+
+constexpr const char* kProgramName = "pelka-email";
+// The module library reads its ANSI code page from here when it is loaded:
+// it keeps its own copy of the conversion layer.
+constexpr const char* kCodePageVariable = "PELKA_ANSI_CODE_PAGE";
+
+// The source a signal stops. Only the run in progress sets it.
+std::atomic<CaptureSource*> g_stoppable_source{nullptr};
+std::atomic<bool> g_stop_requested{false};
+
+extern "C" void StopOnSignal(int) {
+  g_stop_requested.store(true);
+  if (CaptureSource* source = g_stoppable_source.load()) source->Stop();
+}
+
+// Installs the stop handlers for the time of a run and puts the old ones back.
+class SignalScope {
+ public:
+  explicit SignalScope(CaptureSource* source) {
+    g_stop_requested.store(false);
+    g_stoppable_source.store(source);
+    struct sigaction action {};
+    action.sa_handler = StopOnSignal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, &old_int_);
+    sigaction(SIGTERM, &action, &old_term_);
+  }
+  ~SignalScope() {
+    sigaction(SIGINT, &old_int_, nullptr);
+    sigaction(SIGTERM, &old_term_, nullptr);
+    g_stoppable_source.store(nullptr);
+  }
+  SignalScope(const SignalScope&) = delete;
+  SignalScope& operator=(const SignalScope&) = delete;
+
+ private:
+  struct sigaction old_int_ {};
+  struct sigaction old_term_ {};
+};
+
+std::string AbsolutePath(const std::string& path) {
+  std::error_code error;
+  const std::filesystem::path absolute = std::filesystem::absolute(path, error);
+  return error ? path : absolute.lexically_normal().string();
+}
+
+std::string WithoutTrailingSlash(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+// The string table of the chosen language lives in resources/<lang>/ beside
+// the library; "none" gives a folder without one.
+std::string ResourceDirectory(const std::string& library_path, TextLanguage language) {
+  const std::filesystem::path library_dir = std::filesystem::path(library_path).parent_path();
+  const std::filesystem::path resources = library_dir / "resources";
+  if (language == TextLanguage::kNone) return (resources / "none").string() + "/";
+  return (resources / LanguageFolder(language)).string() + "/";
+}
+
+uint64_t NowMicroseconds() {
+  return static_cast<uint64_t>(
+      std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+          .count());
+}
+
+std::string LocateModule(std::ostream& err) {
+  const char* env = std::getenv("PELKA_MODULE");
+  const std::vector<std::string> candidates = ModuleCandidates(ExecutableDirectory(), env ? env : "");
+  std::string found = FindModuleLibrary(candidates);
+  if (found.empty()) {
+    err << kProgramName << ": cannot find the e-mail module " << kModuleLibraryName << "; looked for:\n";
+    for (const std::string& candidate : candidates) err << "  " << candidate << "\n";
+    err << "Set PELKA_MODULE to the library's path.\n";
+  }
+  return found;
+}
+
+// Everything the reading loop touches.
+struct Pipeline {
+  CaptureSource source;
+  PacketDecoder decoder;
+  std::unique_ptr<FlowTracker> tracker;
+};
+
+// Reads every frame; false when an input was damaged or unreadable.
+bool ReadAll(Pipeline& pipeline, Progress& progress, std::ostream& err) {
+  bool inputs_ok = true;
+  CapturedFrame frame;
+  DecodedPacket packet;
+  for (;;) {
+    switch (pipeline.source.Next(&frame)) {
+      case ReadStatus::kFrame:
+        if (pipeline.decoder.Decode(frame.link_type, frame.data, frame.captured_length, &packet) ==
+            DecodeStatus::kTcp) {
+          pipeline.tracker->OnPacket(packet, frame.data, frame.number, frame.time_us);
+        }
+        progress.Tick();
+        break;
+      case ReadStatus::kTimeout:
+        pipeline.tracker->Advance(NowMicroseconds());
+        progress.Poll();
+        break;
+      case ReadStatus::kError:
+        // A read cut short by the stop signal is the stop, not damage.
+        if (g_stop_requested.load()) break;
+        progress.Clear();
+        err << kProgramName << ": " << pipeline.source.error() << "\n";
+        inputs_ok = false;
+        break;
+      case ReadStatus::kEnd:
+        return inputs_ok;
+    }
+  }
+}
+
+bool OpenInputs(const ProgramOptions& options, CaptureSource& source, std::ostream& err) {
+  if (options.interface_name.empty()) {
+    source.OpenFiles(options.inputs);
+    return true;
+  }
+  if (source.OpenLive(options.interface_name)) return true;
+  err << kProgramName << ": " << source.error() << "\n";
+  return false;
+}
+
+HostOptions MakeHostOptions(const ProgramOptions& options, const std::string& library_path) {
+  HostOptions host;
+  host.out_dir = options.out_dir;
+  host.copies = options.copies;
+  host.resource_dir = ResourceDirectory(library_path, options.language);
+  host.diagnosis_enabled = options.diagnosis;
+  host.smtp_threshold_ms = options.smtp_threshold_ms;
+  host.pop3_threshold_ms = options.pop3_threshold_ms;
+  return host;
+}
+
+RunFacts CollectFacts(const ProgramOptions& options, const Pipeline& pipeline, const HostServices& services,
+                      double elapsed_seconds) {
+  RunFacts facts;
+  facts.out_dir = WithoutTrailingSlash(AbsolutePath(options.out_dir));
+  facts.copies = options.copies;
+  facts.interrupted = g_stop_requested.load();
+  facts.packets = pipeline.source.frames_read();
+  facts.bytes = pipeline.source.bytes_read();
+  facts.elapsed_seconds = elapsed_seconds;
+  const FlowTrackerCounters& flows = pipeline.tracker->counters();
+  facts.connections_smtp = flows.flows_smtp;
+  facts.connections_pop3 = flows.flows_pop3;
+  facts.connections_imap = flows.flows_imap;
+  facts.reports_by_event = services.counts().reports_by_event;
+  return facts;
+}
+
+}  // namespace
+
+int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& err) {
+  const auto started = std::chrono::steady_clock::now();
+  SetAnsiCodePage(options.code_page);
+  ::setenv(kCodePageVariable, std::to_string(options.code_page).c_str(), 1);
+
+  const std::string library_path = LocateModule(err);
+  if (library_path.empty()) return kExitInputProblem;
+
+  // Declared before the module, so that the module object is released while
+  // the host services it holds still exist.
+  HostServices services(MakeHostOptions(options, library_path));
+  if (!services.Open()) {
+    err << kProgramName << ": " << services.error() << "\n";
+    return kExitInputProblem;
+  }
+  // Declared before the module it stands in front of: the module may use it
+  // until the module object is released.
+  std::unique_ptr<MessageFilter> filter;
+  std::string error;
+  std::unique_ptr<LoadedModule> module = LoadedModule::Load(library_path, &error);
+  if (!module) {
+    err << kProgramName << ": " << error << "\n";
+    services.FinishRun(nullptr);
+    return kExitInputProblem;
+  }
+  CPAEBaseModule* main_table = module->main_table();
+  if (options.conditions) {
+    filter = std::make_unique<MessageFilter>(*options.conditions, main_table);
+    main_table = filter->main_table();
+  }
+  services.StartModule(main_table);
+  if (!module->ApplyOptions(options.max_flow_length_mib, &error)) err << kProgramName << ": " << error << "\n";
+
+  Pipeline pipeline;
+  pipeline.tracker = std::make_unique<FlowTracker>(services.flow_sink());
+  bool inputs_ok = OpenInputs(options, pipeline.source, err);
+  if (inputs_ok) {
+    SignalScope signals(&pipeline.source);
+    Progress progress(Progress::Wanted(options.quiet), [&pipeline, &services] {
+      return ProgressFigures{pipeline.source.bytes_read(), pipeline.source.total_bytes(),
+                             pipeline.source.frames_read(), services.counts().records};
+    });
+    inputs_ok = ReadAll(pipeline, progress, err);
+    progress.Clear();
+  }
+  pipeline.tracker->Finish();
+  const bool outputs_ok = services.FinishRun(main_table);
+  if (!outputs_ok) err << kProgramName << ": " << services.error() << "\n";
+
+  if (!options.quiet) {
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - started;
+    const RunFacts facts = CollectFacts(options, pipeline, services, elapsed.count());
+    PrintSummary(out, facts, ReadMessageDigest(facts.out_dir + "/emails.jsonl", kSummaryRows));
+  }
+  return inputs_ok && outputs_ok ? kExitDone : kExitInputProblem;
+}
+
+}  // namespace pelka

@@ -1,0 +1,23 @@
+// The main job of pelka-email: load the e-mail module, read the captures,
+// follow their mail flows through the module, and write the outputs.
+//
+//   CaptureSource -> PacketDecoder -> FlowTracker -> HostServices' flow sink
+//   -> the module's flow client -> the output files
+//
+// Ctrl-C (SIGINT) and SIGTERM end the reading cleanly: open flows are ended,
+// the export lines and statistics are written, and the run reports what it
+// found until then. A damaged or unreadable input is reported on stderr and
+// the run goes on with the next one; the exit status then says 1.
+#pragma once
+
+#include <iosfwd>
+
+#include "capture/CommandLine.h"
+
+namespace pelka {
+
+// Runs the job; the summary goes to `out`, problems to `err`. Returns the
+// program's exit status (kExitDone or kExitInputProblem).
+int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& err);
+
+}  // namespace pelka

@@ -1,0 +1,267 @@
+#include "capture/CommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <sstream>
+#include <utility>
+
+#include "host/CodePage.h"
+
+namespace pelka {
+namespace {
+
+constexpr const char* kProgramName = "pelka-email";
+constexpr const char* kProgramVersion = "0.1.0";
+
+constexpr const char* kDescription =
+    "Finds the e-mail messages carried by SMTP (port 25), POP3 (port 110) and IMAP4\n"
+    "(port 143) in packet captures, and writes what it finds to an output folder:\n"
+    "emails.jsonl, email_log.csv, email_log.txt, entries.jsonl, diagnosis.jsonl,\n"
+    "statistics.json and, with --copies, the messages themselves as .eml files.";
+
+constexpr const char* kFooter =
+    "Conditions:\n"
+    "  All conditions given must hold (they are joined with \"and\"). A message that\n"
+    "  does not meet them leaves no record, no export line, no summary entry and no\n"
+    "  copy. Sizes are in KB, separated by \";\", each one number or a range\n"
+    "  \"low-high\", at most 99999: \"120;0-1024\". Domains are separated by \";\":\n"
+    "  \"example.com;example.org\"; a domain also covers its subdomains.\n"
+    "\n"
+    "Exit status:\n"
+    "  0  the run finished (also after Ctrl-C, which ends it cleanly)\n"
+    "  1  an input could not be read or is damaged; what was found before is kept\n"
+    "  2  the command line is wrong; nothing was read\n"
+    "\n"
+    "Examples:\n"
+    "  pelka-email -o out mail.pcap\n"
+    "  pelka-email --copies --attachment yes --size-included 0-1024 a.pcap b.pcapng\n"
+    "  tcpdump -w - port 25 | pelka-email -o out -";
+
+// What the condition options collect before they are checked together.
+struct ConditionTexts {
+  std::string attachment;
+  std::string size_included;
+  std::string size_excluded;
+  std::string sender_included;
+  std::string sender_excluded;
+  std::string receiver_included;
+  std::string receiver_excluded;
+  std::string where;
+};
+
+// The syntax reminder that goes with a condition error.
+constexpr const char* kConditionSyntax =
+    "conditions: --attachment yes|no, --size-included/--size-excluded \"120;0-1024\" (KB, at most 99999),\n"
+    "--sender-domain-included/-excluded and --receiver-domain-included/-excluded \"example.com;example.org\",\n"
+    "or --where \"attachment=yes and size-included=0-1024\"";
+
+// The condition options become one expression in the module's syntax, so
+// that a name given twice (as an option and in --where) is refused by the same
+// rule as inside one expression.
+std::string ConditionExpression(const ConditionTexts& texts) {
+  const std::pair<const char*, const std::string*> parts[] = {
+      {"attachment", &texts.attachment},
+      {"size-included", &texts.size_included},
+      {"size-excluded", &texts.size_excluded},
+      {"sender-domain-included", &texts.sender_included},
+      {"sender-domain-excluded", &texts.sender_excluded},
+      {"receiver-domain-included", &texts.receiver_included},
+      {"receiver-domain-excluded", &texts.receiver_excluded},
+  };
+  std::string expression;
+  const auto append = [&expression](const std::string& condition) {
+    if (!expression.empty()) expression += " and ";
+    expression += condition;
+  };
+  for (const auto& [name, value] : parts) {
+    if (!value->empty()) append(std::string(name) + "=" + *value);
+  }
+  if (!texts.where.empty()) append(texts.where);
+  return expression;
+}
+
+// A caption of a condition dialog's control, for the help text.
+std::string DialogCaption(int dialog_id, int control_id) {
+  const ConditionDialog* dialog = FindConditionDialog(dialog_id);
+  const DialogControl* control = dialog ? FindDialogControl(*dialog, control_id) : nullptr;
+  return control ? WideToUtf8(CaptionIn(*control, kLanguageEnglish)) : std::string();
+}
+
+std::string DialogTitle(int dialog_id) {
+  const ConditionDialog* dialog = FindConditionDialog(dialog_id);
+  return dialog ? WideToUtf8(TitleIn(*dialog, kLanguageEnglish)) : std::string();
+}
+
+void AddConditionOptions(CLI::App& app, ConditionTexts& texts) {
+  const std::string group = "Conditions (" + DialogTitle(kDialogGeneralSettings) + ", " +
+                            DialogTitle(kDialogSendAddress) + ", " + DialogTitle(kDialogReceiveAddress) + ")";
+  struct Spec {
+    const char* name;
+    std::string* target;
+    const char* type;
+    int dialog;
+    int control;
+    const char* help;
+  };
+  const Spec specs[] = {
+      {"--attachment", &texts.attachment, "yes|no", kDialogGeneralSettings, kIdcConcernAttachments,
+       "keep only messages that carry attachments (yes) or carry none (no)"},
+      {"--size-included", &texts.size_included, "SIZES", kDialogGeneralSettings, kIdcSizeIncluded,
+       "keep only messages whose size in KB is listed"},
+      {"--size-excluded", &texts.size_excluded, "SIZES", kDialogGeneralSettings, kIdcSizeExcluded,
+       "drop messages whose size in KB is listed"},
+      {"--sender-domain-included", &texts.sender_included, "DOMAINS", kDialogSendAddress, kIdcSendIncluded,
+       "keep only messages sent from these domains"},
+      {"--sender-domain-excluded", &texts.sender_excluded, "DOMAINS", kDialogSendAddress, kIdcSendExcluded,
+       "drop messages sent from these domains"},
+      {"--receiver-domain-included", &texts.receiver_included, "DOMAINS", kDialogReceiveAddress,
+       kIdcReceiveIncluded, "keep only messages with a receiver in these domains"},
+      {"--receiver-domain-excluded", &texts.receiver_excluded, "DOMAINS", kDialogReceiveAddress,
+       kIdcReceiveExcluded, "drop messages with a receiver in these domains"},
+  };
+  for (const Spec& spec : specs) {
+    const std::string caption = DialogCaption(spec.dialog, spec.control);
+    const std::string help = caption.empty() ? spec.help : std::string(spec.help) + " [" + caption + "]";
+    app.add_option(spec.name, *spec.target, help)->type_name(spec.type)->group(group);
+  }
+  app.add_option("--where", texts.where, "all conditions as one text: \"attachment=yes and size-included=0-1024\"")
+      ->type_name("CONDITIONS")
+      ->group(group);
+}
+
+std::string UsageError(const std::string& message) {
+  return std::string(kProgramName) + ": " + message + "\nRun '" + kProgramName + " --help' for the options.\n";
+}
+
+CommandLineOutcome Failure(const std::string& message) {
+  CommandLineOutcome outcome;
+  outcome.exit_status = kExitUsage;
+  outcome.text = UsageError(message);
+  return outcome;
+}
+
+TextLanguage LanguageFromName(const std::string& name) {
+  if (name == "zh") return TextLanguage::kChinese;
+  if (name == "none") return TextLanguage::kNone;
+  return TextLanguage::kEnglish;
+}
+
+// Checks what CLI11 cannot check option by option.
+std::string CheckInputs(const ProgramOptions& options) {
+  if (options.inputs.empty() && options.interface_name.empty())
+    return "no capture given: name one or more capture files, \"-\" for standard input, or -i INTERFACE";
+  if (!options.inputs.empty() && !options.interface_name.empty())
+    return "give either capture files or -i INTERFACE, not both";
+  return {};
+}
+
+}  // namespace
+
+const char* LanguageFolder(TextLanguage language) {
+  switch (language) {
+    case TextLanguage::kEnglish:
+      return "en";
+    case TextLanguage::kChinese:
+      return "zh";
+    case TextLanguage::kNone:
+      break;
+  }
+  return "";
+}
+
+CommandLineOutcome ParseCommandLine(int argc, const char* const* argv) {
+  ProgramOptions options;
+  ConditionTexts conditions;
+  std::string language = "en";
+  bool no_diagnosis = false;
+
+  CLI::App app(kDescription, kProgramName);
+  app.footer(kFooter);
+  app.get_formatter()->column_width(30);
+  app.set_version_flag("--version", std::string(kProgramName) + " " + kProgramVersion);
+
+  const std::string input_group = "Input";
+  app.add_option("CAPTURE", options.inputs, "capture files (pcap or pcapng), read in order as one capture; - reads standard input")
+      ->type_name("")
+      ->group(input_group);
+  app.add_option("-i,--interface", options.interface_name, "capture live from this network interface (needs privilege)")
+      ->type_name("IFACE")
+      ->group(input_group);
+
+  const std::string output_group = "Output";
+  app.add_option("-o,--out", options.out_dir, "folder for the output files (created if missing)")
+      ->type_name("DIR")
+      ->capture_default_str()
+      ->group(output_group);
+  app.add_flag("--copies", options.copies, "also save every message as an .eml file under DIR/email_copy/")
+      ->group(output_group);
+  app.add_flag("-q,--quiet", options.quiet, "no progress and no summary; only errors are printed")
+      ->group(output_group);
+
+  const std::string analysis_group = "Analysis";
+  app.add_option("--max-flow-length", options.max_flow_length_mib,
+                 "largest message collected on one connection, in MiB (0 to 4095); longer ones are cut")
+      ->type_name("MIB")
+      ->capture_default_str()
+      ->check(CLI::Range(0u, 4095u).description(""))
+      ->group(analysis_group);
+  app.add_option("--lang", language, "language of the module's texts: en, zh, or none for its built-in texts")
+      ->type_name("en|zh|none")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"en", "zh", "none"}).description(""))
+      ->group(analysis_group);
+  app.add_option("--codepage", options.code_page,
+                 "code page of message bytes that declare no character set (936 = GBK, 65001 = UTF-8)")
+      ->type_name("N")
+      ->capture_default_str()
+      ->check([](const std::string& text) -> std::string {
+        unsigned long value = 0;
+        try {
+          value = std::stoul(text);
+        } catch (const std::exception&) {
+          return "code page \"" + text + "\" is not a number";
+        }
+        return IsCodePageSupported(static_cast<unsigned>(value)) ? "" : "code page " + text + " is not supported";
+      })
+      ->group(analysis_group);
+
+  const std::string diagnosis_group = "Diagnosis";
+  app.add_option("--smtp-threshold", options.smtp_threshold_ms,
+                 "report an SMTP server slower than this to answer, in milliseconds (1 to 100000)")
+      ->type_name("MS")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 100000).description(""))
+      ->group(diagnosis_group);
+  app.add_option("--pop3-threshold", options.pop3_threshold_ms,
+                 "report a POP3 server slower than this to answer, in milliseconds (1 to 100000)")
+      ->type_name("MS")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 100000).description(""))
+      ->group(diagnosis_group);
+  app.add_flag("--no-diagnosis", no_diagnosis, "switch every diagnosis event off")->group(diagnosis_group);
+
+  AddConditionOptions(app, conditions);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp&) {
+    return {std::nullopt, kExitDone, app.help()};
+  } catch (const CLI::CallForVersion&) {
+    return {std::nullopt, kExitDone, std::string(kProgramName) + " " + kProgramVersion + "\n"};
+  } catch (const CLI::ParseError& error) {
+    return Failure(error.what());
+  }
+
+  if (std::string problem = CheckInputs(options); !problem.empty()) return Failure(problem);
+  options.language = LanguageFromName(language);
+  options.diagnosis = !no_diagnosis;
+
+  const std::string expression = ConditionExpression(conditions);
+  if (!expression.empty()) {
+    Parsed<EmailConditions> parsed = ParseConditions(Utf8ToWideText(expression));
+    if (!parsed) return Failure("bad condition: " + WideToUtf8(parsed.error) + "\n" + kConditionSyntax);
+    options.conditions = std::move(*parsed.value);
+  }
+  return {std::move(options), kExitDone, {}};
+}
+
+}  // namespace pelka

@@ -1,0 +1,56 @@
+// The command line of pelka-email: what a run is asked to do.
+//
+// Parsing never prints and never exits: it answers with the options of a run,
+// or with the text to show (help, version, a usage error) and the exit status
+// that goes with it, so that main decides where the text goes.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "module/ConditionDialogs.h"
+
+namespace pelka {
+
+// Exit statuses of the program, also listed in --help and the README.
+enum ExitStatus : int {
+  kExitDone = 0,          // the run finished (also --help and --version)
+  kExitInputProblem = 1,  // an input could not be read or is damaged; outputs are kept
+  kExitUsage = 2,         // the command line is wrong; nothing was read
+};
+
+// Where the module's texts come from: its English or Chinese string table, or
+// none, so that every text is the module's built-in default.
+enum class TextLanguage { kEnglish, kChinese, kNone };
+
+struct ProgramOptions {
+  std::vector<std::string> inputs;  // capture files in order; "-" is standard input
+  std::string interface_name;       // live capture instead of files
+  std::string out_dir = "pelka-out";
+  bool copies = false;
+  uint32_t max_flow_length_mib = 2;
+  TextLanguage language = TextLanguage::kEnglish;
+  unsigned code_page = 936;
+  int32_t smtp_threshold_ms = 200;
+  int32_t pop3_threshold_ms = 200;
+  bool diagnosis = true;
+  bool quiet = false;
+  // Empty when no condition was given; otherwise every message must meet all.
+  std::optional<EmailConditions> conditions;
+};
+
+struct CommandLineOutcome {
+  std::optional<ProgramOptions> options;  // set: run with these
+  int exit_status = kExitDone;            // when there is nothing to run
+  std::string text;                       // help or version (stdout), or the error (stderr)
+};
+
+// Reads the arguments (argv[0] is the program's name).
+CommandLineOutcome ParseCommandLine(int argc, const char* const* argv);
+
+// The language's folder name under resources/ ("en", "zh"), or "" for none.
+const char* LanguageFolder(TextLanguage language);
+
+}  // namespace pelka

@@ -1,0 +1,61 @@
+#include "capture/HostFlow.h"
+
+#include <arpa/inet.h>
+
+#include <cstdio>
+
+#include "host/Types.h"
+
+namespace pelka {
+
+std::string AddressText(const IpAddress& address) {
+  char text[INET6_ADDRSTRLEN] = {};
+  const int family = address.version == 6 ? AF_INET6 : AF_INET;
+  if (!inet_ntop(family, address.bytes.data(), text, sizeof text)) return {};
+  return text;
+}
+
+std::string EndpointText(const FlowEndpoint& endpoint) {
+  const std::string address = AddressText(endpoint.address);
+  const std::string port = std::to_string(endpoint.port);
+  return endpoint.address.version == 6 ? "[" + address + "]:" + port : address + ":" + port;
+}
+
+std::string MacText(const FlowEndpoint& endpoint) {
+  if (!endpoint.has_mac) return {};
+  char text[18];
+  const auto& m = endpoint.mac;
+  std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
+  return text;
+}
+
+const char* ApplicationName(uint16_t protocol) {
+  switch (protocol) {
+    case kProtocolSmtp: return "SMTP";
+    case kProtocolPop3: return "POP3";
+    case kProtocolImap4: return "IMAP4";
+    default: return "";
+  }
+}
+
+uint32_t HostFlow::GetClientAddress() { return flow_.client().address.Ipv4HostOrder(); }
+uint32_t HostFlow::GetServerAddress() { return flow_.server().address.Ipv4HostOrder(); }
+uint16_t HostFlow::GetClientPort() { return flow_.client().port; }
+uint16_t HostFlow::GetServerPort() { return flow_.server().port; }
+void HostFlow::SwapSides() { flow_.SwapSides(); }
+uint16_t HostFlow::GetApplicationProtocol() { return flow_.application_protocol(); }
+uint16_t HostFlow::GetTransportProtocol() { return kProtocolTcp; }
+
+HostFlowNode::HostFlowNode(const HostFlow& flow) : flow_(flow) {}
+
+const wchar_t* HostFlowNode::GetProtocolPath() {
+  const TrackedFlow& tracked = flow_.tracked();
+  std::wstring path;
+  if (tracked.client().has_mac || tracked.server().has_mac) path += L"ETH/";
+  path += tracked.ip_version() == 6 ? L"IPv6/TCP/" : L"IPv4/TCP/";
+  for (const char* name = ApplicationName(tracked.application_protocol()); *name; ++name) path += wchar_t(*name);
+  protocol_path_ = path;
+  return protocol_path_.c_str();
+}
+
+}  // namespace pelka

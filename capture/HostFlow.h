@@ -1,0 +1,67 @@
+// The host's flow objects over the tracker's flows: the flow the module binds
+// and reads endpoints from, and the flow node that comes with every packet.
+//
+// Addresses handed to the module are IPv4 numbers in host byte order; an IPv6
+// flow answers 0 there, and the host's own writers take the real address text
+// from EndpointAddressText instead.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "capture/FlowSink.h"
+#include "host/FlowInterfaces.h"
+
+namespace pelka {
+
+// "10.0.0.1" or the compressed IPv6 form "2001:db8::1".
+std::string AddressText(const IpAddress& address);
+// "10.0.0.1:25" or "[2001:db8::1]:25".
+std::string EndpointText(const FlowEndpoint& endpoint);
+// "00:11:22:aa:bb:cc"; empty when the side's MAC address is unknown.
+std::string MacText(const FlowEndpoint& endpoint);
+// "SMTP", "POP3", "IMAP4"; empty for another number.
+const char* ApplicationName(uint16_t protocol);
+
+class HostFlow final : public IPelkaFlow {
+ public:
+  explicit HostFlow(TrackedFlow& flow) : flow_(flow) {}
+
+  uint32_t GetClientAddress() override;
+  uint32_t GetServerAddress() override;
+  uint16_t GetClientPort() override;
+  uint16_t GetServerPort() override;
+  // Swaps the tracker's sides, so that directions follow.
+  void SwapSides() override;
+  uint16_t GetApplicationProtocol() override;
+  uint16_t GetTransportProtocol() override;
+
+  const TrackedFlow& tracked() const { return flow_; }
+
+ private:
+  TrackedFlow& flow_;
+};
+
+// The flow's node: its group (the host has no groups: empty), its protocol
+// path, e.g. "ETH/IPv4/TCP/SMTP" ("ETH/" only when the flow's frames carried
+// MAC addresses; they may show up after the flow started, so the path is
+// made when asked), and the mark a module may set.
+class HostFlowNode final : public IPelkaFlowNode {
+ public:
+  explicit HostFlowNode(const HostFlow& flow);
+
+  const wchar_t* GetGroup() override { return group_.c_str(); }
+  const wchar_t* GetProtocolPath() override;
+  uint32_t GetMark() override { return mark_; }
+  void SetMark(uint32_t mark) override { mark_ = mark; }
+
+  const HostFlow& flow() const { return flow_; }
+
+ private:
+  const HostFlow& flow_;
+  std::wstring group_;
+  std::wstring protocol_path_;
+  uint32_t mark_ = 0;
+};
+
+}  // namespace pelka

@@ -1,0 +1,172 @@
+#include "capture/HostServices.h"
+
+#include "capture/HostDiagnosis.h"
+#include "capture/HostFlow.h"
+#include "capture/HostLog.h"
+#include "capture/HostObject.h"
+#include "capture/HostStatistics.h"
+#include "capture/OutputFiles.h"
+
+namespace pelka {
+namespace {
+
+// Looks an interface up on the module's main table.
+template <typename Interface>
+Interface* Query(CPAEBaseModule* module, const Guid& id) {
+  void* out = nullptr;
+  if (module->QueryInterface(id, &out) != 0) return nullptr;
+  return static_cast<Interface*>(out);
+}
+
+// The host's objects of one bound flow, kept in TrackedFlow::user_data.
+struct BoundFlow {
+  BoundFlow(TrackedFlow& tracked, HostStatService& statistics) : flow(tracked), node(flow), stats(statistics) {}
+  HostFlow flow;
+  HostFlowNode node;
+  HostFlowStats stats;
+  IPelkaFlowBindContext* context = nullptr;
+};
+
+}  // namespace
+
+class HostServices::Impl final : public FlowSink {
+ public:
+  explicit Impl(HostOptions options)
+      : options_(std::move(options)),
+        notify_(options_.resource_dir),
+        diagnosis_(&diagnosis_file_),
+        host_({nullptr, &diagnosis_, &statistics_, &icons_}) {
+    diagnosis_.set_enabled(options_.diagnosis_enabled);
+    if (options_.smtp_threshold_ms >= 0) diagnosis_.OverrideParameter("smtp_time", options_.smtp_threshold_ms);
+    if (options_.pop3_threshold_ms >= 0) diagnosis_.OverrideParameter("pop3_time", options_.pop3_threshold_ms);
+  }
+
+  bool Open() {
+    if (std::string problem = PrepareOutputDirectory(options_.out_dir); !problem.empty()) return Fail(problem);
+    const std::string root = AbsoluteDirectory(options_.out_dir);
+    for (auto [file, name] : Files())
+      if (!file->Open(root + name)) return Fail(file->error());
+    log_ = std::make_unique<HostLogService>(LogOutputs{&records_file_, &entries_file_, &csv_file_, &text_file_},
+                                            root, options_.copies);
+    host_ = HostObject({log_.get(), &diagnosis_, &statistics_, &icons_});
+    return true;
+  }
+
+  IPelkaFlowClient* StartModule(CPAEBaseModule* module) {
+    if (!module) return nullptr;
+    module->SetHost(&host_);
+    if (auto* module_notify = Query<IPelkaModuleNotify>(module, kModuleNotifyId)) module_notify->SetNotify(&notify_);
+    module->Initialize();
+    module->RegisterOutputs();
+    if (auto* diagnosis_client = Query<IPelkaDiagnosisClient>(module, kDiagnosisClientId))
+      diagnosis_client->DefineDiagnosisEvents();
+    statistics_.DefineClients();
+    client_ = Query<IPelkaFlowClient>(module, kFlowClientId);
+    return client_;
+  }
+
+  bool FinishRun(CPAEBaseModule* module) {
+    if (log_) log_->Finish();
+    if (!statistics_file_.is_open() && !root().empty() && statistics_file_.Open(root() + "statistics.json"))
+      statistics_file_.Write(statistics_.ToJson() + "\n");
+    if (!statistics_file_.error().empty()) Fail(statistics_file_.error());
+    statistics_.DetachClients();
+    if (module) module->Uninitialize();
+    for (auto [file, name] : Files()) {
+      file->Close();
+      if (!file->error().empty()) Fail(file->error());
+    }
+    statistics_file_.Close();
+    return error_.empty();
+  }
+
+  // --- FlowSink ---------------------------------------------------------------------
+  bool OnFlowStart(TrackedFlow& tracked) override {
+    if (!client_) return Declined();
+    auto bound = std::make_unique<BoundFlow>(tracked, statistics_);
+    if (client_->BindFlow(&bound->flow, &bound->stats, &bound->context) != 0) return Declined();
+    ++counts_.flows_bound;
+    tracked.user_data = bound.release();
+    return true;
+  }
+
+  void OnFlowPacket(TrackedFlow& tracked, const PacketRecord& record, const uint8_t* payload, uint32_t length,
+                    uint32_t direction) override {
+    auto* bound = static_cast<BoundFlow*>(tracked.user_data);
+    if (!bound) return;
+    // A result of 1 (the module is done with the flow) changes nothing here:
+    // the contract delivers every packet of a bound flow.
+    client_->ProcessFlowData(&bound->flow, &record, payload, length, direction, &bound->node, bound->context);
+    CheckWrites();
+  }
+
+  void OnFlowEnd(TrackedFlow& tracked, FlowEndReason) override {
+    std::unique_ptr<BoundFlow> bound(static_cast<BoundFlow*>(tracked.user_data));
+    tracked.user_data = nullptr;
+    if (bound) client_->UnbindFlow(&bound->flow, &bound->stats, &bound->node, bound->context);
+    CheckWrites();
+  }
+
+  HostRunCounts counts() const {
+    HostRunCounts counts = counts_;
+    if (log_) {
+      counts.records = log_->records();
+      counts.entries = log_->entries();
+      counts.copies = log_->copies();
+    }
+    counts.diagnosis_reports = diagnosis_.reports();
+    counts.reports_by_event = diagnosis_.reports_by_event();
+    return counts;
+  }
+
+  HostOptions options_;
+  HostNotify notify_;
+  HostIconService icons_;
+  HostStatService statistics_;
+  OutputFile records_file_, entries_file_, diagnosis_file_, csv_file_, text_file_, statistics_file_;
+  HostDiagnosisService diagnosis_;
+  std::unique_ptr<HostLogService> log_;
+  HostObject host_;
+  IPelkaFlowClient* client_ = nullptr;
+  HostRunCounts counts_;
+  std::string error_;
+
+ private:
+  std::vector<std::pair<OutputFile*, const char*>> Files() {
+    return {{&records_file_, "emails.jsonl"},
+            {&entries_file_, "entries.jsonl"},
+            {&diagnosis_file_, "diagnosis.jsonl"},
+            {&csv_file_, "email_log.csv"},
+            {&text_file_, "email_log.txt"}};
+  }
+  std::string root() const { return log_ ? AbsoluteDirectory(options_.out_dir) : std::string(); }
+
+  bool Fail(const std::string& problem) {
+    if (error_.empty()) error_ = problem;
+    return false;
+  }
+  bool Declined() {
+    ++counts_.flows_declined;
+    return false;
+  }
+  void CheckWrites() {
+    if (!error_.empty()) return;
+    for (auto [file, name] : Files())
+      if (!file->error().empty()) Fail(file->error());
+  }
+};
+
+HostServices::HostServices(HostOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
+HostServices::~HostServices() = default;
+
+bool HostServices::Open() { return impl_->Open(); }
+IPelkaHost* HostServices::host() { return &impl_->host_; }
+IPelkaNotify* HostServices::notify() { return &impl_->notify_; }
+IPelkaFlowClient* HostServices::StartModule(CPAEBaseModule* module) { return impl_->StartModule(module); }
+void HostServices::SetFlowClient(IPelkaFlowClient* client) { impl_->client_ = client; }
+FlowSink* HostServices::flow_sink() { return impl_.get(); }
+bool HostServices::FinishRun(CPAEBaseModule* module) { return impl_->FinishRun(module); }
+const std::string& HostServices::error() const { return impl_->error_; }
+HostRunCounts HostServices::counts() const { return impl_->counts(); }
+
+}  // namespace pelka

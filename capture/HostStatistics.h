@@ -1,0 +1,110 @@
+// The host's statistics service: categories of items with counters, defined
+// by registered statistics clients and counted through per-flow statistics
+// objects.
+//
+// Run order: RegisterClient (the module's Initialize), DefineClients (define
+// then assign indexes), counting while flows are bound, ToJson, DetachClients.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/FlowInterfaces.h"
+#include "host/ModuleInterfaces.h"
+#include "host/StatInterfaces.h"
+
+namespace pelka {
+
+// Scope bits that ParseScopes knows.
+enum : uint64_t {
+  kStatScopeGlobal = 1,
+  kStatScopeGroup = 2,
+  kStatScopeIpv4Address = 4,
+};
+
+class HostStatCounter final : public IPelkaStatCounter {
+ public:
+  explicit HostStatCounter(std::string name) : name_(std::move(name)) {}
+  uint16_t GetIndex() override { return index_; }
+
+  const std::string& name() const { return name_; }
+  uint64_t value() const { return value_; }
+  void Add(uint64_t amount) { value_ += amount; }
+  void set_index(uint16_t index) { index_ = index; }
+
+ private:
+  std::string name_;
+  uint16_t index_ = 0xFFFF;
+  uint64_t value_ = 0;
+};
+
+class HostStatItem final : public IPelkaStatItem {
+ public:
+  explicit HostStatItem(std::string name) : name_(std::move(name)) {}
+  IPelkaStatCounter* AddCounter(const char* name, int32_t kind, int32_t width, uint64_t scope,
+                                const char* owner) override;
+
+  const std::string& name() const { return name_; }
+  const std::vector<std::unique_ptr<HostStatCounter>>& counters() const { return counters_; }
+
+ private:
+  std::string name_;
+  std::vector<std::unique_ptr<HostStatCounter>> counters_;
+};
+
+class HostStatCategory final : public IPelkaStatCategory {
+ public:
+  explicit HostStatCategory(std::string name) : name_(std::move(name)) {}
+  IPelkaStatItem* AddItem(const char* name, const wchar_t* caption, uint64_t scope, const char* owner) override;
+
+  const std::string& name() const { return name_; }
+  const std::vector<std::unique_ptr<HostStatItem>>& items() const { return items_; }
+
+ private:
+  std::string name_;
+  std::vector<std::unique_ptr<HostStatItem>> items_;
+};
+
+class HostStatService final : public IPelkaStatService, private IPelkaStatRegistrar {
+ public:
+  uint32_t RegisterClient(IPelkaStatClient* client) override;
+  uint32_t WithdrawClient(IPelkaStatClient* client) override;
+  uint64_t ParseScopes(const char* scopes) override;
+
+  // Hands each registered client the registrar, then numbers every counter
+  // and lets the clients read their indexes.
+  void DefineClients();
+  // Tells each registered client that the statistics are dropped.
+  void DetachClients();
+
+  // The counter with the index, or null.
+  HostStatCounter* CounterAt(int32_t index);
+  // {"Category": {"Item": {"Counter": value, ...}, ...}, ...}, in definition order.
+  std::string ToJson() const;
+  bool has_client() const { return !clients_.empty(); }
+
+ private:
+  IPelkaStatCategory* AddCategory(const char* name, const wchar_t* caption, uint64_t scope,
+                                  const char* owner) override;
+
+  std::vector<IPelkaStatClient*> clients_;
+  std::vector<std::unique_ptr<HostStatCategory>> categories_;
+  std::vector<HostStatCounter*> by_index_;
+};
+
+// The statistics object of one flow: counts into the service's counters.
+class HostFlowStats final : public IPelkaFlowStats {
+ public:
+  explicit HostFlowStats(HostStatService& service) : service_(service) {}
+  void UseCounter(int32_t index) override;
+  // Adds the first value to the counter; the other two are the host's
+  // companion figures, which this host does not keep.
+  void AddToCounter(int32_t index, uint64_t a, uint64_t b, uint64_t c) override;
+
+ private:
+  HostStatService& service_;
+};
+
+}  // namespace pelka

@@ -1,0 +1,168 @@
+#include "capture/OutputFiles.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+
+#include "host/CodePage.h"
+
+namespace pelka {
+
+std::string PrepareOutputDirectory(const std::string& directory) {
+  if (directory.empty()) return "no output directory given";
+  std::error_code error;
+  const std::filesystem::path path(directory);
+  std::filesystem::create_directories(path, error);
+  if (error) return "cannot create output directory " + directory + ": " + error.message();
+  if (!std::filesystem::is_directory(path, error)) return "output path " + directory + " is not a directory";
+  // Root may pass access() where nothing can be created (read-only mount);
+  // the open of the first file reports that case.
+  if (::access(directory.c_str(), W_OK | X_OK) != 0)
+    return "output directory " + directory + " is not writable: " + std::strerror(errno);
+  return {};
+}
+
+std::string AbsoluteDirectory(const std::string& directory) {
+  std::error_code error;
+  std::filesystem::path path = std::filesystem::absolute(directory, error);
+  if (error) path = directory;
+  std::string text = path.lexically_normal().string();
+  if (text.empty() || text.back() != '/') text += '/';
+  return text;
+}
+
+OutputFile::~OutputFile() { Close(); }
+
+bool OutputFile::Open(const std::string& path) {
+  Close();
+  path_ = path;
+  error_.clear();
+  lines_ = 0;
+  file_ = std::fopen(path.c_str(), "wb");
+  if (!file_) {
+    Fail("cannot create");
+    return false;
+  }
+  return true;
+}
+
+void OutputFile::Fail(const char* what) {
+  if (!error_.empty()) return;
+  const int code = errno;
+  error_ = std::string(what) + " " + path_ + (code ? std::string(": ") + std::strerror(code) : std::string());
+}
+
+bool OutputFile::Write(std::string_view text) {
+  if (!file_ || !error_.empty()) return false;
+  errno = 0;
+  if (!text.empty() && std::fwrite(text.data(), 1, text.size(), file_) != text.size()) {
+    Fail("cannot write");
+    return false;
+  }
+  if (std::fflush(file_) != 0) {
+    Fail("cannot write");
+    return false;
+  }
+  ++lines_;
+  return true;
+}
+
+bool OutputFile::WriteLine(std::string_view line) {
+  line_.assign(line);
+  line_ += '\n';
+  return Write(line_);
+}
+
+bool OutputFile::Close() {
+  if (!file_) return error_.empty();
+  errno = 0;
+  if (std::fclose(file_) != 0) Fail("cannot close");
+  file_ = nullptr;
+  return error_.empty();
+}
+
+void AppendJsonString(std::string& out, std::string_view utf8) {
+  static const char kHex[] = "0123456789abcdef";
+  out += '"';
+  for (const char c : utf8) {
+    const auto byte = static_cast<unsigned char>(c);
+    switch (c) {
+      case '"': out += "\\\""; continue;
+      case '\\': out += "\\\\"; continue;
+      case '\n': out += "\\n"; continue;
+      case '\r': out += "\\r"; continue;
+      case '\t': out += "\\t"; continue;
+      default: break;
+    }
+    if (byte < 0x20 || byte == 0x7F) {
+      out += "\\u00";
+      out += kHex[byte >> 4];
+      out += kHex[byte & 0xF];
+      continue;
+    }
+    out += c;
+  }
+  out += '"';
+}
+
+std::string FormatDouble(double value) {
+  char buffer[64];
+  const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+  std::string text(buffer, result.ptr);
+  // Integral values keep a fraction so that readers see a floating value.
+  if (text.find_first_of(".eEn") == std::string::npos) text += ".0";
+  return text;
+}
+
+void JsonObjectLine::Key(std::string_view key) {
+  if (text_.size() > 1) text_ += ", ";
+  AppendJsonString(text_, key);
+  text_ += ": ";
+}
+
+JsonObjectLine& JsonObjectLine::Text(std::string_view key, std::string_view utf8) {
+  Key(key);
+  AppendJsonString(text_, utf8);
+  return *this;
+}
+
+JsonObjectLine& JsonObjectLine::Text(std::string_view key, std::wstring_view text) {
+  return Text(key, std::string_view(WideToUtf8(text)));
+}
+
+JsonObjectLine& JsonObjectLine::Number(std::string_view key, uint64_t value) {
+  Key(key);
+  text_ += std::to_string(value);
+  return *this;
+}
+
+JsonObjectLine& JsonObjectLine::SignedNumber(std::string_view key, int64_t value) {
+  Key(key);
+  text_ += std::to_string(value);
+  return *this;
+}
+
+JsonObjectLine& JsonObjectLine::Double(std::string_view key, double value) {
+  Key(key);
+  text_ += std::isfinite(value) ? FormatDouble(value) : std::string("null");
+  return *this;
+}
+
+JsonObjectLine& JsonObjectLine::Raw(std::string_view key, std::string_view json) {
+  Key(key);
+  text_ += json;
+  return *this;
+}
+
+const std::string& JsonObjectLine::Finish() {
+  if (!finished_) text_ += '}';
+  finished_ = true;
+  return text_;
+}
+
+}  // namespace pelka

@@ -1,0 +1,84 @@
+// The output directory and the buffered files the host's writers share.
+//
+// Every writer hands over whole lines: one line becomes one fwrite, flushed
+// at once, so a run that is interrupted leaves only whole lines behind. The
+// first failure of a file is kept; later writes to it do nothing.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+namespace pelka {
+
+// Creates the directory and its missing parents and checks that files can be
+// made in it. Returns an empty text on success, else what went wrong.
+std::string PrepareOutputDirectory(const std::string& directory);
+
+// The absolute form of a directory, ending with '/'.
+std::string AbsoluteDirectory(const std::string& directory);
+
+// A file written line by line.
+class OutputFile {
+ public:
+  OutputFile() = default;
+  ~OutputFile();
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
+
+  // Creates (truncates) the file. False with error() set on failure.
+  bool Open(const std::string& path);
+  // Writes the text as it is (it should end with its line end) and flushes.
+  bool Write(std::string_view text);
+  // Writes the line and a '\n'.
+  bool WriteLine(std::string_view line);
+  // Closes the file; a failing close is an error too.
+  bool Close();
+
+  bool is_open() const { return file_ != nullptr; }
+  const std::string& path() const { return path_; }
+  // Empty while every write succeeded.
+  const std::string& error() const { return error_; }
+  uint64_t lines() const { return lines_; }
+
+ private:
+  void Fail(const char* what);
+
+  std::FILE* file_ = nullptr;
+  std::string path_;
+  std::string error_;
+  std::string line_;  // reused buffer of WriteLine
+  uint64_t lines_ = 0;
+};
+
+// JSON text pieces. Texts must be UTF-8; control characters, quotes and
+// backslashes are escaped, every other byte is copied.
+void AppendJsonString(std::string& out, std::string_view utf8);
+
+// Builds one JSON object on one line, keys in the order they are added.
+class JsonObjectLine {
+ public:
+  JsonObjectLine& Text(std::string_view key, std::string_view utf8);
+  JsonObjectLine& Text(std::string_view key, std::wstring_view text);
+  JsonObjectLine& Number(std::string_view key, uint64_t value);
+  JsonObjectLine& SignedNumber(std::string_view key, int64_t value);
+  // Non-finite values are written as null.
+  JsonObjectLine& Double(std::string_view key, double value);
+  // A value that is already JSON (an array, a nested object).
+  JsonObjectLine& Raw(std::string_view key, std::string_view json);
+
+  // The object's text, without a line end.
+  const std::string& Finish();
+
+ private:
+  void Key(std::string_view key);
+
+  std::string text_ = "{";
+  bool finished_ = false;
+};
+
+// A double in the shortest form that reads back to the same value.
+std::string FormatDouble(double value);
+
+}  // namespace pelka

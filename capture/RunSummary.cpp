@@ -1,0 +1,163 @@
+#include "capture/RunSummary.h"
+
+#include <algorithm>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <ostream>
+
+#include "capture/Progress.h"
+#include "host/CodePage.h"
+
+namespace pelka {
+namespace {
+
+std::string Field(const nlohmann::json& record, const char* key) {
+  const auto found = record.find(key);
+  if (found == record.end() || !found->is_string()) return {};
+  return found->get<std::string>();
+}
+
+int CharWidth(wchar_t c) {
+  if (c < 0x20 || (c >= 0x7F && c < 0xA0)) return 0;
+  const auto u = static_cast<uint32_t>(c);
+  const bool wide = (u >= 0x1100 && u <= 0x115F) || (u >= 0x2E80 && u <= 0xA4CF) || (u >= 0xAC00 && u <= 0xD7A3) ||
+                    (u >= 0xF900 && u <= 0xFAFF) || (u >= 0xFE30 && u <= 0xFE4F) || (u >= 0xFF00 && u <= 0xFF60) ||
+                    (u >= 0xFFE0 && u <= 0xFFE6) || (u >= 0x20000 && u <= 0x3FFFD);
+  return wide ? 2 : 1;
+}
+
+// Line breaks and tabs inside a field would break the table's rows.
+std::wstring OneLine(std::wstring text) {
+  for (wchar_t& c : text) {
+    if (c == L'\r' || c == L'\n' || c == L'\t') c = L' ';
+  }
+  return text;
+}
+
+std::string Count(uint64_t value, const char* one, const char* many) {
+  return std::to_string(value) + " " + (value == 1 ? one : many);
+}
+
+void PrintMessages(std::ostream& out, const RunFacts& facts, const MessageDigest& messages) {
+  out << "Messages: " << messages.total;
+  if (!messages.by_protocol.empty()) {
+    // The module's protocol names first, in port order, then anything else.
+    static const char* const kKnown[] = {"SMTP", "POP3", "IMAPv4"};
+    std::vector<std::pair<std::string, uint64_t>> ordered;
+    for (const char* name : kKnown) {
+      if (const auto found = messages.by_protocol.find(name); found != messages.by_protocol.end())
+        ordered.emplace_back(*found);
+    }
+    for (const auto& entry : messages.by_protocol) {
+      if (std::find(std::begin(kKnown), std::end(kKnown), entry.first) == std::end(kKnown)) ordered.push_back(entry);
+    }
+    out << " (";
+    const char* separator = "";
+    for (const auto& [protocol, count] : ordered) {
+      out << separator << (protocol.empty() ? "?" : protocol) << " " << count;
+      separator = ", ";
+    }
+    out << ")";
+  }
+  out << "\n";
+  if (messages.first.empty()) return;
+
+  struct Column {
+    const char* title;
+    size_t width;
+    std::string MessageRow::*field;
+  };
+  static const Column kColumns[] = {
+      {"Time", 19, &MessageRow::time},      {"Protocol", 8, &MessageRow::protocol},
+      {"From", 26, &MessageRow::from},      {"To", 26, &MessageRow::to},
+      {"Subject", 30, &MessageRow::subject}, {"Attachments", 24, &MessageRow::attachments},
+  };
+  const auto print_row = [&out](const auto& cell) {
+    std::string line = " ";
+    for (const Column& column : kColumns) line += " " + FitToWidth(cell(column), column.width);
+    line.erase(line.find_last_not_of(' ') + 1);
+    out << line << "\n";
+  };
+  out << "\n";
+  print_row([](const Column& column) { return std::string(column.title); });
+  for (const MessageRow& row : messages.first) print_row([&row](const Column& column) { return row.*column.field; });
+  if (messages.total > messages.first.size()) {
+    out << "  ... and " << messages.total - messages.first.size() << " more in " << facts.out_dir
+        << "/emails.jsonl\n";
+  }
+}
+
+void PrintDiagnosis(std::ostream& out, const RunFacts& facts) {
+  uint64_t total = 0;
+  for (const auto& entry : facts.reports_by_event) total += entry.second;
+  out << "\nDiagnosis: " << Count(total, "report", "reports") << "\n";
+  for (const auto& [event, count] : facts.reports_by_event) out << "  " << FitToWidth(event, 32) << " " << count << "\n";
+}
+
+}  // namespace
+
+MessageDigest ReadMessageDigest(const std::string& emails_path, size_t first_rows) {
+  MessageDigest digest;
+  std::ifstream in(emails_path);
+  std::string line;
+  while (std::getline(in, line)) {
+    const nlohmann::json record = nlohmann::json::parse(line, nullptr, false);
+    if (!record.is_object()) continue;
+    ++digest.total;
+    ++digest.by_protocol[Field(record, "protocol")];
+    if (digest.first.size() >= first_rows) continue;
+    digest.first.push_back({Field(record, "timestamp"), Field(record, "protocol"), Field(record, "email_sender_email"),
+                            Field(record, "email_receive_email"), Field(record, "email_subject"),
+                            Field(record, "email_attachment")});
+  }
+  return digest;
+}
+
+size_t DisplayWidth(const std::string& utf8) {
+  size_t width = 0;
+  for (wchar_t c : Utf8ToWideText(utf8)) width += static_cast<size_t>(CharWidth(c));
+  return width;
+}
+
+std::string FitToWidth(const std::string& utf8, size_t width) {
+  const std::wstring text = OneLine(Utf8ToWideText(utf8));
+  size_t used = 0;
+  for (wchar_t c : text) used += static_cast<size_t>(CharWidth(c));
+  std::wstring fitted;
+  if (used <= width) {
+    fitted = text;
+  } else {
+    used = 0;
+    for (wchar_t c : text) {
+      const auto w = static_cast<size_t>(CharWidth(c));
+      if (used + w + 1 > width) break;  // room for the ellipsis
+      fitted += c;
+      used += w;
+    }
+    fitted += L'\u2026';
+    ++used;
+  }
+  return WideToUtf8(fitted) + std::string(width > used ? width - used : 0, ' ');
+}
+
+void PrintSummary(std::ostream& out, const RunFacts& facts, const MessageDigest& messages) {
+  if (facts.interrupted) out << "Stopped before the end of the input; the outputs hold what was found until then.\n\n";
+  PrintMessages(out, facts, messages);
+  PrintDiagnosis(out, facts);
+  out << "\nConnections: SMTP " << facts.connections_smtp << ", POP3 " << facts.connections_pop3 << ", IMAP4 "
+      << facts.connections_imap << "\n";
+
+  char elapsed[32];
+  std::snprintf(elapsed, sizeof elapsed, "%.2f s", facts.elapsed_seconds);
+  out << "Read: " << Count(facts.packets, "packet", "packets") << ", " << FormatBytes(facts.bytes) << " in "
+      << elapsed;
+  if (facts.elapsed_seconds > 0) {
+    const auto rate = static_cast<uint64_t>(static_cast<double>(facts.bytes) / facts.elapsed_seconds);
+    out << " (" << FormatBytes(rate) << "/s)";
+  }
+  out << "\n";
+  out << "Output: " << facts.out_dir << "/ (emails.jsonl, email_log.csv, email_log.txt, entries.jsonl, "
+      << "diagnosis.jsonl, statistics.json" << (facts.copies ? ", email_copy/" : "") << ")\n";
+}
+
+}  // namespace pelka

@@ -1,0 +1,60 @@
+// The summary printed on stdout at the end of a run: messages per protocol,
+// the first messages as a table, diagnosis reports per event, connections per
+// protocol, what was read and how fast, and where the output files are.
+//
+// Messages are read back from the run's emails.jsonl, so that the summary
+// shows exactly what the output holds.
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace pelka {
+
+struct MessageRow {
+  std::string time;
+  std::string protocol;
+  std::string from;
+  std::string to;
+  std::string subject;
+  std::string attachments;
+};
+
+struct MessageDigest {
+  uint64_t total = 0;
+  std::map<std::string, uint64_t> by_protocol;  // "SMTP", "POP3", "IMAPv4"
+  std::vector<MessageRow> first;                // at most the number asked for
+};
+
+// Reads an emails.jsonl file; lines that are not JSON objects are skipped.
+// A missing file gives an empty digest.
+MessageDigest ReadMessageDigest(const std::string& emails_path, size_t first_rows);
+
+struct RunFacts {
+  std::string out_dir;  // absolute
+  bool copies = false;
+  bool interrupted = false;
+  uint64_t packets = 0;
+  uint64_t bytes = 0;
+  double elapsed_seconds = 0;
+  uint64_t connections_smtp = 0;
+  uint64_t connections_pop3 = 0;
+  uint64_t connections_imap = 0;
+  std::map<std::string, uint64_t> reports_by_event;
+};
+
+inline constexpr size_t kSummaryRows = 10;
+
+void PrintSummary(std::ostream& out, const RunFacts& facts, const MessageDigest& messages);
+
+// Columns a text takes on a terminal: wide East Asian characters count two.
+size_t DisplayWidth(const std::string& utf8);
+
+// The text cut to at most `width` columns, "…" marking a cut, then padded
+// with blanks to exactly `width` columns.
+std::string FitToWidth(const std::string& utf8, size_t width);
+
+}  // namespace pelka

@@ -1,0 +1,124 @@
+// The writers' building blocks: JSON texts, line files and their failures,
+// the statistics tree and the diagnosis parameters.
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <string>
+
+#include "capture/HostDiagnosis.h"
+#include "capture/HostStatistics.h"
+#include "capture/OutputFiles.h"
+
+namespace pelka {
+namespace {
+
+TEST(HostJson, TextsAreEscapedAndNumbersStayNumbers) {
+  struct Case {
+    std::string in, out;
+  } cases[] = {
+      {"plain", "\"plain\""},
+      {"say \"hi\" \\ bye", "\"say \\\"hi\\\" \\\\ bye\""},
+      {"a\r\nb\tc", "\"a\\r\\nb\\tc\""},
+      {std::string("nul\0x\x1f\x7f", 7), "\"nul\\u0000x\\u001f\\u007f\""},
+      {"\xe4\xbd\xa0\xe5\xa5\xbd", "\"\xe4\xbd\xa0\xe5\xa5\xbd\""},  // UTF-8 passes unchanged
+  };
+  for (const Case& c : cases) {
+    std::string out;
+    AppendJsonString(out, c.in);
+    EXPECT_EQ(out, c.out);
+  }
+  EXPECT_EQ(FormatDouble(2.0), "2.0");
+  EXPECT_EQ(FormatDouble(80.5), "80.5");
+  EXPECT_EQ(FormatDouble(0.1), "0.1");
+  JsonObjectLine line;
+  line.Text("w", std::wstring_view(L"\x4F60")).Number("n", 18446744073709551615ull).Double("d", std::numeric_limits<double>::infinity());
+  line.SignedNumber("s", -3).Raw("r", "[1, 2]");
+  EXPECT_EQ(line.Finish(),
+            "{\"w\": \"\xe4\xbd\xa0\", \"n\": 18446744073709551615, \"d\": null, \"s\": -3, \"r\": [1, 2]}");
+}
+
+TEST(HostOutputFile, TheFirstWriteFailureIsKeptAndLaterWritesStop) {
+  OutputFile file;
+  ASSERT_TRUE(file.Open("/dev/full"));
+  EXPECT_FALSE(file.WriteLine("{\"a\": 1}"));
+  EXPECT_NE(file.error().find("/dev/full"), std::string::npos) << file.error();
+  const std::string first = file.error();
+  EXPECT_FALSE(file.WriteLine("next"));
+  EXPECT_EQ(file.error(), first);
+  EXPECT_EQ(file.lines(), 0u);
+  EXPECT_FALSE(file.Close());
+
+  OutputFile missing;
+  EXPECT_FALSE(missing.Open("/nonexistent-directory/x.jsonl"));
+  EXPECT_NE(missing.error().find("cannot create"), std::string::npos);
+}
+
+TEST(HostStatistics, ScopesCountersAndTheirTree) {
+  HostStatService service;
+  struct Case {
+    const char* text;
+    uint64_t value;
+  } scopes[] = {{"global, group, ipv4_addr", 7}, {"group", 2}, {" ipv4_addr ,global", 5}, {"", 0}, {"other", 0}};
+  for (const Case& c : scopes) EXPECT_EQ(service.ParseScopes(c.text), c.value) << c.text;
+
+  // A client that defines one category with two items and counts on one.
+  struct Client final : IPelkaStatClient {
+    void DefineStatistics(IPelkaStatService*, IPelkaStatRegistrar* registrar) override {
+      IPelkaStatCategory* category = registrar->AddCategory("Cat", L"", 0, "owner");
+      first = category->AddItem("A", L"", 0, "owner")->AddCounter("Count", 1, 4, 0, "owner");
+      second = category->AddItem("B", L"", 0, "owner")->AddCounter("Count", 1, 4, 0, "owner");
+    }
+    void AssignStatisticIndexes(IPelkaStatService*) override { assigned = second->GetIndex(); }
+    void ResetStatistics(IPelkaStatService*) override {}
+    void DetachStatistics(IPelkaStatService*) override { ++detached; }
+    void UpdateStatistics(IPelkaStatService*) override {}
+    IPelkaStatCounter* first = nullptr;
+    IPelkaStatCounter* second = nullptr;
+    int32_t assigned = -1;
+    int detached = 0;
+  } client;
+  EXPECT_EQ(service.RegisterClient(&client), 0u);
+  service.DefineClients();
+  EXPECT_EQ(client.first->GetIndex(), 0);
+  EXPECT_EQ(client.assigned, 1);
+
+  HostFlowStats stats(service);
+  for (int32_t index : {1, 1, -1, 0xFFFF, 7}) {
+    stats.UseCounter(index);
+    stats.AddToCounter(index, 1, 1, 1);  // unknown indexes count nothing
+  }
+  EXPECT_EQ(service.ToJson(), "{\"Cat\": {\"A\": {\"Count\": 0}, \"B\": {\"Count\": 2}}}");
+  service.DetachClients();
+  EXPECT_EQ(service.WithdrawClient(&client), 0u);
+  service.DetachClients();
+  EXPECT_EQ(client.detached, 1);
+}
+
+TEST(HostDiagnosis, ParametersStartAtTheirOverrideWithinTheirRange) {
+  struct Case {
+    const char* key;
+    int32_t override_value;
+    int32_t expected;
+  } cases[] = {
+      {"smtp_time", 500, 500}, {"smtp_time", 0, 1}, {"smtp_time", 200000, 100000}, {"other", 500, 200},
+  };
+  for (const Case& c : cases) {
+    HostDiagnosisService service(nullptr);
+    service.OverrideParameter("smtp_time", c.override_value);
+    IPelkaDiagnosisEvent* event = nullptr;
+    ASSERT_EQ(service.DefineEvent("E", L"title", 1, 2, 3, &event, 1), 0u);
+    const uint32_t id = event->AddParameter(c.key, L"caption", 200, 1, 100000);
+    int32_t value = 0;
+    EXPECT_EQ(event->GetParameterValue(id, &value), 1u);
+    EXPECT_EQ(value, c.expected) << c.key << " " << c.override_value;
+    EXPECT_EQ(event->GetParameterValue(id + 1, &value), 0u);
+  }
+  HostDiagnosisService off(nullptr);
+  off.set_enabled(false);
+  IPelkaDiagnosisEvent* event = nullptr;
+  ASSERT_EQ(off.DefineEvent("E", L"title", 1, 2, 3, &event, 1), 0u);
+  EXPECT_EQ(event->IsEnabled(), 0u);
+}
+
+}  // namespace
+}  // namespace pelka

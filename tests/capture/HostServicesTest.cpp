@@ -1,0 +1,301 @@
+// The capture host's services driving the real module: frames go through the
+// decoder and the flow tracker into HostServices, and the output files are
+// checked line by line.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "FrameBuilder.h"
+#include "capture/FlowTracker.h"
+#include "capture/HostServices.h"
+#include "capture/PacketDecoder.h"
+#include "module/ModuleRegistration.h"
+
+namespace pelka {
+namespace {
+
+using test::Bytes;
+using test::Segment;
+
+constexpr uint64_t kStart = 1'700'000'000'000'000;  // 2023-11-14 22:13:20 UTC
+constexpr uint64_t kMs = 1000;
+
+// One TCP connection between 10.0.0.1:40000 (or 2001:db8::1) and the service
+// port, sent as Ethernet frames through the decoder and the tracker.
+class Wire {
+ public:
+  Wire(FlowSink* sink, uint16_t service_port = 25, bool ipv6 = false)
+      : tracker_(sink), service_port_(service_port), ipv6_(ipv6) {}
+
+  void Handshake(uint64_t time) {
+    Send(true, kTcpSyn, "", time);
+    Send(false, kTcpSyn | kTcpAck, "", time + kMs);
+    Send(true, kTcpAck, "", time + 2 * kMs);
+  }
+  void Client(const std::string& payload, uint64_t time) { Send(true, kTcpAck | kTcpPsh, payload, time); }
+  void Server(const std::string& payload, uint64_t time) { Send(false, kTcpAck | kTcpPsh, payload, time); }
+  void Finish() { tracker_.Finish(); }
+
+ private:
+  void Send(bool from_client, uint8_t flags, const std::string& payload, uint64_t time) {
+    const IpAddress client = ipv6_ ? test::V6(1) : test::V4(10, 0, 0, 1);
+    const IpAddress server = ipv6_ ? test::V6(2) : test::V4(10, 0, 0, 2);
+    uint32_t& sequence = sequence_[from_client ? 0 : 1];
+    Segment s;
+    s.source = from_client ? client : server;
+    s.destination = from_client ? server : client;
+    s.source_port = from_client ? 40000 : service_port_;
+    s.destination_port = from_client ? service_port_ : 40000;
+    s.sequence = sequence;
+    s.acknowledgement = sequence_[from_client ? 1 : 0];
+    s.flags = flags;
+    s.payload = payload;
+    sequence += static_cast<uint32_t>(payload.size()) + ((flags & kTcpSyn) ? 1 : 0);
+    const Bytes frame = test::Ethernet(test::IpPacket(s));
+    DecodedPacket packet;
+    ASSERT_EQ(decoder_.Decode(kLinkEthernet, frame.data(), frame.size(), &packet), DecodeStatus::kTcp);
+    tracker_.OnPacket(packet, frame.data(), ++number_, time);
+  }
+
+  PacketDecoder decoder_;
+  FlowTracker tracker_;
+  uint16_t service_port_;
+  bool ipv6_;
+  uint32_t sequence_[2] = {1000, 5000};
+  uint64_t number_ = 0;
+};
+
+const std::string kMessage =
+    "From: Alice <alice@example.com>\r\n"
+    "To: Bob <bob@example.org>\r\n"
+    "Subject: Hello, world\r\n"
+    "Date: Mon, 2 Jan 2023 10:00:00 +0000\r\n"
+    "X-Mailer: TestMailer 1.0\r\n"
+    "\r\n"
+    "Hi, Bob.\r\n"
+    ".\r\n";
+
+// A whole SMTP session carrying kMessage `messages` times, the message cut
+// into two packets two seconds apart.
+void SendSmtpSession(Wire& wire, int messages = 1) {
+  uint64_t t = kStart;
+  wire.Handshake(t);
+  wire.Server("220 mail.example.org ESMTP\r\n", t + 100 * kMs);
+  wire.Client("EHLO client\r\n", t + 200 * kMs);
+  wire.Server("250 mail.example.org\r\n", t + 300 * kMs);
+  for (int i = 0; i < messages; ++i, t += 10'000 * kMs) {
+    wire.Client("MAIL FROM:<alice@example.com>\r\n", t + 400 * kMs);
+    wire.Server("250 OK\r\n", t + 500 * kMs);
+    wire.Client("RCPT TO:<bob@example.org>\r\n", t + 600 * kMs);
+    wire.Server("250 OK\r\n", t + 700 * kMs);
+    wire.Client("DATA\r\n", t + 800 * kMs);
+    wire.Server("354 go on\r\n", t + 900 * kMs);
+    wire.Client(kMessage.substr(0, 40), t + 1000 * kMs);
+    wire.Client(kMessage.substr(40), t + 3000 * kMs);
+    wire.Server("250 queued\r\n", t + 3100 * kMs);
+  }
+  wire.Client("QUIT\r\n", t + 3200 * kMs);
+  wire.Server("221 bye\r\n", t + 3300 * kMs);
+}
+
+std::string ReadFile(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::vector<std::string> Lines(const std::string& text, const std::string& end = "\n") {
+  std::vector<std::string> lines;
+  for (size_t start = 0; start < text.size();) {
+    const size_t stop = text.find(end, start);
+    if (stop == std::string::npos) break;
+    lines.push_back(text.substr(start, stop - start));
+    start = stop + end.size();
+  }
+  return lines;
+}
+
+class HostServicesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    static std::atomic<int> counter{0};
+    out_ = std::filesystem::temp_directory_path() /
+           ("pelka-host-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
+    options_.out_dir = (out_ / "run").string();
+  }
+  void TearDown() override {
+    std::error_code ignored;
+    std::filesystem::remove_all(out_, ignored);
+  }
+
+  // Runs the module over what `send` puts on the wire and finishes the run.
+  template <typename Send>
+  HostRunCounts Run(Send send, uint16_t service_port = 25, bool ipv6 = false) {
+    HostServices services(options_);
+    EXPECT_TRUE(services.Open()) << services.error();
+    void* object = nullptr;
+    EXPECT_EQ(CreateEmailModule(&object), kStatusOk);
+    auto* module = static_cast<CPAEBaseModule*>(object);
+    EXPECT_NE(services.StartModule(module), nullptr);
+    Wire wire(services.flow_sink(), service_port, ipv6);
+    send(wire);
+    wire.Finish();
+    EXPECT_TRUE(services.FinishRun(module)) << services.error();
+    module->Release();
+    return services.counts();
+  }
+
+  std::string Output(const std::string& name) const { return ReadFile(out_ / "run" / name); }
+
+  std::filesystem::path out_;
+  HostOptions options_;
+};
+
+TEST_F(HostServicesTest, OneSmtpMessageGivesItsRecordEntryExportLinesAndStatistics) {
+  const HostRunCounts counts = Run([](Wire& wire) { SendSmtpSession(wire); });
+  EXPECT_EQ(counts.records, 1u);
+  EXPECT_EQ(counts.flows_bound, 1u);
+  EXPECT_EQ(counts.diagnosis_reports, 0u);
+
+  // The whole message was collected, end marker included, in two seconds.
+  ASSERT_EQ(kMessage.size() % 2, 0u);
+  const std::string size = std::to_string(kMessage.size());
+  const std::string speed = std::to_string(kMessage.size() / 2) + ".0";
+  EXPECT_EQ(Output("emails.jsonl"),
+            "{\"email_number\": 1, \"timestamp\": \"2023-11-14 22:13:20\", \"protocol\": \"SMTP\", "
+            "\"src_mac\": \"02:00:00:00:00:01\", \"src_ip4\": \"10.0.0.1\", \"src_port\": 40000, "
+            "\"dst_mac\": \"02:00:00:00:00:02\", \"dst_ip4\": \"10.0.0.2\", \"dst_port\": 25, "
+            "\"email_server\": \"10.0.0.2:25\", \"email_client\": \"10.0.0.1:40000\", "
+            "\"email_sender\": \"Alice \", \"email_sender_email\": \"alice@example.com\", "
+            "\"email_receiver\": \"Bob \", \"email_receive_email\": \"bob@example.org\", \"email_cc\": \"\", "
+            "\"email_subject\": \"Hello, world\", \"email_sent_time\": \"Mon, 2 Jan 2023 10:00:00 +0000\", "
+            "\"email_emailclient\": \"TestMailer 1.0\", \"email_account\": \"\", \"email_attachment\": \"\", "
+            "\"email_filesize\": " + size + ", \"email_duration\": 2.0, \"email_averagespeed\": " + speed +
+            ", \"email_file_path\": \"\", \"protocol_path\": \"ETH/IPv4/TCP/SMTP\", \"group\": \"\"}\n");
+  EXPECT_EQ(Output("entries.jsonl"),
+            "{\"time\": \"2023-11-14 22:13:20\", \"kind\": \"Email\", "
+            "\"summary\": \"alice@example.com To bob@example.org\", \"group\": \"\"}\n");
+  EXPECT_EQ(Output("statistics.json"), "{\"Email\": {\"SMTP\": {\"Count\": 1}, \"POP3\": {\"Count\": 0}, "
+                                       "\"IMAP4\": {\"Count\": 0}}}\n");
+  EXPECT_EQ(Output("diagnosis.jsonl"), "");
+
+  // Default captions (no string table); commas inside values become
+  // fullwidth commas in the comma-separated form only.
+  EXPECT_EQ(Output("email_log.csv"),
+            "日期时间, 客户端地址, 客户端端口, 服务器地址, 服务器端口, 发送者, 发送邮件地址, 接收者, 接收邮件地址, "
+            "抄送, 标题, 发送时间, 文件大小(字节), 协议, 邮件客户端, 帐户, 附件\r\n"
+            "2023-11-14 22:13:20, 10.0.0.1, 40000, 10.0.0.2, 25, Alice , alice@example.com, Bob , bob@example.org, "
+            ", Hello， world, Mon， 2 Jan 2023 10:00:00 +0000, " + size + ", SMTP, TestMailer 1.0, , \r\n");
+  EXPECT_EQ(Output("email_log.txt"),
+            "日期时间 客户端地址 客户端端口 服务器地址 服务器端口 发送者 发送邮件地址 接收者 接收邮件地址 "
+            "抄送 标题 发送时间 文件大小(字节) 协议 邮件客户端 帐户 附件\r\n"
+            "2023-11-14 22:13:20 10.0.0.1:40000 10.0.0.2:25 \"Alice \" alice@example.com \"Bob \" bob@example.org "
+            "\"\" Hello, world Mon, 2 Jan 2023 10:00:00 +0000 " + size + " SMTP \"TestMailer 1.0\"  \"\"\r\n");
+  EXPECT_FALSE(std::filesystem::exists(out_ / "run" / "email_copy"));
+}
+
+TEST_F(HostServicesTest, CopiesAreWrittenOnlyWhenSwitchedOn) {
+  options_.copies = true;
+  const HostRunCounts counts = Run([](Wire& wire) { SendSmtpSession(wire); });
+  EXPECT_EQ(counts.copies, 1u);
+  // The message completed at 22:13:23 and 0 microseconds.
+  const std::filesystem::path copy =
+      std::filesystem::absolute(out_ / "run" / "email_copy" / "2023-11-14 22.13.23.0.eml").lexically_normal();
+  EXPECT_EQ(ReadFile(copy), kMessage);
+  EXPECT_NE(Output("emails.jsonl").find("\"email_file_path\": \"" + copy.string() + "\""), std::string::npos)
+      << Output("emails.jsonl");
+}
+
+TEST_F(HostServicesTest, SlowRepliesFollowTheThresholdAndTheSwitch) {
+  struct Case {
+    const char* name;
+    bool enabled;
+    int32_t threshold;
+    size_t reports;
+  } cases[] = {
+      {"default threshold 200 ms", true, -1, 1},
+      {"threshold 450 ms is not exceeded", true, 450, 0},
+      {"threshold 449 ms", true, 449, 1},
+      {"diagnosis switched off", false, -1, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    options_.diagnosis_enabled = c.enabled;
+    options_.smtp_threshold_ms = c.threshold;
+    const HostRunCounts counts = Run([](Wire& wire) {
+      wire.Handshake(kStart);
+      wire.Server("220 ready\r\n", kStart + 100 * kMs);
+      wire.Client("EHLO client\r\n", kStart + 200 * kMs);   // packet 5
+      wire.Server("250 hello\r\n", kStart + 650 * kMs);     // packet 6, 450 ms later
+    });
+    const std::vector<std::string> lines = Lines(Output("diagnosis.jsonl"));
+    ASSERT_EQ(lines.size(), c.reports);
+    EXPECT_EQ(counts.diagnosis_reports, c.reports);
+    if (c.reports == 0) continue;
+    EXPECT_EQ(counts.reports_by_event.at("SMTPServerSlowResponseTime"), 1u);
+    EXPECT_EQ(lines[0],
+              "{\"event\": \"SMTPServerSlowResponseTime\", \"title\": \"SMTP 服务器慢响应\", "
+              "\"text\": \"SMTP Server  Slow Response#(数据包 [5] 与数据包 [6] 相隔450ms)\", \"codes\": [1, 1], "
+              "\"packet\": 6, \"time\": 1700000000650000, \"related_packet\": 5, "
+              "\"client\": \"10.0.0.1:40000\", \"server\": \"10.0.0.2:25\"}");
+  }
+}
+
+TEST_F(HostServicesTest, ExportLinesComeInBatchesUnderOneHeader) {
+  const int messages = 40;  // more than one export batch
+  const HostRunCounts counts = Run([](Wire& wire) { SendSmtpSession(wire, messages); });
+  EXPECT_EQ(counts.records, static_cast<uint64_t>(messages));
+  for (const char* name : {"email_log.csv", "email_log.txt"}) {
+    const std::vector<std::string> lines = Lines(Output(name), "\r\n");
+    ASSERT_EQ(lines.size(), messages + 1u) << name;
+    EXPECT_EQ(lines[0].rfind("日期时间", 0), 0u) << name;
+    for (size_t i = 1; i < lines.size(); ++i) EXPECT_EQ(lines[i].find("日期时间"), std::string::npos) << name;
+  }
+  const std::vector<std::string> records = Lines(Output("emails.jsonl"));
+  ASSERT_EQ(records.size(), static_cast<size_t>(messages));
+  EXPECT_EQ(records.back().rfind("{\"email_number\": 40, ", 0), 0u);
+}
+
+TEST_F(HostServicesTest, Ipv6FlowsShowTheirAddressTexts) {
+  Run([](Wire& wire) { SendSmtpSession(wire); }, 25, true);
+  const std::string record = Output("emails.jsonl");
+  EXPECT_NE(record.find("\"src_ip4\": \"2001:db8::1\", \"src_port\": 40000"), std::string::npos) << record;
+  EXPECT_NE(record.find("\"dst_ip4\": \"2001:db8::2\", \"dst_port\": 25"), std::string::npos) << record;
+  EXPECT_NE(record.find("\"protocol_path\": \"ETH/IPv6/TCP/SMTP\""), std::string::npos) << record;
+}
+
+TEST_F(HostServicesTest, NoRecordsStillGiveHeadersAndZeroCounters) {
+  Run([](Wire& wire) {
+    wire.Handshake(kStart);
+    wire.Server("+OK ready\r\n", kStart + 100 * kMs);
+  }, 110);
+  EXPECT_EQ(Output("emails.jsonl"), "");
+  EXPECT_EQ(Lines(Output("email_log.csv"), "\r\n").size(), 1u);
+  EXPECT_EQ(Output("statistics.json"), "{\"Email\": {\"SMTP\": {\"Count\": 0}, \"POP3\": {\"Count\": 1}, "
+                                       "\"IMAP4\": {\"Count\": 0}}}\n");
+}
+
+TEST_F(HostServicesTest, AnOutputDirectoryThatCannotBeMadeIsReported) {
+  std::filesystem::create_directories(out_);
+  std::ofstream(out_ / "file") << "x";
+  options_.out_dir = (out_ / "file" / "run").string();
+  HostServices services(options_);
+  EXPECT_FALSE(services.Open());
+  EXPECT_TRUE(services.failed());
+  EXPECT_NE(services.error().find(options_.out_dir), std::string::npos) << services.error();
+}
+
+}  // namespace
+}  // namespace pelka
