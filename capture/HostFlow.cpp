@@ -46,6 +46,14 @@ void HostFlow::SwapSides() { flow_.SwapSides(); }
 uint16_t HostFlow::GetApplicationProtocol() { return flow_.application_protocol(); }
 uint16_t HostFlow::GetTransportProtocol() { return kProtocolTcp; }
 
+const wchar_t* HostFlow::GetAddressText(uint32_t side) {
+  const FlowEndpoint& endpoint = side == kFromServer ? flow_.server() : flow_.client();
+  if (endpoint.address.version != 6) return nullptr;
+  const std::string text = AddressText(endpoint.address);
+  address_text_.assign(text.begin(), text.end());
+  return address_text_.c_str();
+}
+
 HostFlowNode::HostFlowNode(const HostFlow& flow) : flow_(flow) {}
 
 const wchar_t* HostFlowNode::GetProtocolPath() {

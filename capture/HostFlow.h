@@ -2,8 +2,8 @@
 // and reads endpoints from, and the flow node that comes with every packet.
 //
 // Addresses handed to the module are IPv4 numbers in host byte order; an IPv6
-// flow answers 0 there, and the host's own writers take the real address text
-// from EndpointAddressText instead.
+// flow answers 0 there and gives its address texts through the flow's
+// GetAddressText extension, which the module shows as "[address]:port".
 #pragma once
 
 #include <cstdint>
@@ -35,11 +35,14 @@ class HostFlow final : public IPelkaFlow {
   void SwapSides() override;
   uint16_t GetApplicationProtocol() override;
   uint16_t GetTransportProtocol() override;
+  // The IPv6 address text of a side; null for IPv4 flows.
+  const wchar_t* GetAddressText(uint32_t side) override;
 
   const TrackedFlow& tracked() const { return flow_; }
 
  private:
   TrackedFlow& flow_;
+  std::wstring address_text_;
 };
 
 // The flow's node: its group (the host has no groups: empty), its protocol

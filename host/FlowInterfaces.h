@@ -19,6 +19,15 @@ class IPelkaFlow {
   virtual uint16_t GetApplicationProtocol() = 0;
   virtual uint16_t GetTransportProtocol() = 0;
 
+  // Extension for flows whose addresses do not fit the IPv4 numbers above:
+  // the address text of the client (kFromClient) or server (kFromServer)
+  // side, e.g. "2001:db8::1". Null for an IPv4 flow, whose numbers tell all;
+  // the IPv4 path never asks.
+  virtual const wchar_t* GetAddressText(uint32_t side) {
+    (void)side;
+    return nullptr;
+  }
+
  protected:
   ~IPelkaFlow() = default;
 };

@@ -34,7 +34,13 @@ const wchar_t* ProtocolName(uint16_t server_port, uint16_t client_port) {
   return nullptr;
 }
 
-std::wstring Endpoint(const CTQDataFormat& format, uint32_t address, uint16_t port) {
+// "a.b.c.d:port", or "[address]:port" for a flow that gives its address as
+// text (IPv6).
+std::wstring Endpoint(const CTQDataFormat& format, IPelkaFlow* flow, uint32_t side, uint32_t address,
+                      uint16_t port) {
+  if (const wchar_t* text = flow ? flow->GetAddressText(side) : nullptr) {
+    return L"[" + std::wstring(text) + L"]:" + std::to_wstring(port);
+  }
   return format.FormatIpAddress(address) + L":" + std::to_wstring(port);
 }
 
@@ -61,9 +67,9 @@ void CPelkaEmailModule::PostEmailRecord(IPelkaFlow* flow, CEmailFlowContext& con
   const uint16_t client_port = flow ? flow->GetClientPort() : 0;
   const uint16_t server_port = flow ? flow->GetServerPort() : 0;
   const CTQDataFormat format;
-  context.server_endpoint = Endpoint(format, server_address, server_port);
+  context.server_endpoint = Endpoint(format, flow, kFromServer, server_address, server_port);
   log->SetText(record, id[kColumnServer], context.server_endpoint.c_str());
-  context.client_endpoint = Endpoint(format, client_address, client_port);
+  context.client_endpoint = Endpoint(format, flow, kFromClient, client_address, client_port);
   log->SetText(record, id[kColumnClient], context.client_endpoint.c_str());
   if (const wchar_t* protocol = ProtocolName(server_port, client_port))
     log->SetText(record, id[kColumnProtocol], protocol);

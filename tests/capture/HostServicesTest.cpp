@@ -274,6 +274,9 @@ TEST_F(HostServicesTest, Ipv6FlowsShowTheirAddressTexts) {
   EXPECT_NE(record.find("\"src_ip4\": \"2001:db8::1\", \"src_port\": 40000"), std::string::npos) << record;
   EXPECT_NE(record.find("\"dst_ip4\": \"2001:db8::2\", \"dst_port\": 25"), std::string::npos) << record;
   EXPECT_NE(record.find("\"protocol_path\": \"ETH/IPv6/TCP/SMTP\""), std::string::npos) << record;
+  EXPECT_NE(record.find("\"email_server\": \"[2001:db8::2]:25\", \"email_client\": \"[2001:db8::1]:40000\""),
+            std::string::npos)
+      << "the module's endpoints come from the flow's address texts: " << record;
 }
 
 TEST_F(HostServicesTest, NoRecordsStillGiveHeadersAndZeroCounters) {
