@@ -1,5 +1,6 @@
 #include "capture/OutputFiles.h"
 
+#include <stdio_ext.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -60,16 +61,26 @@ void OutputFile::Fail(const char* what) {
 bool OutputFile::Write(std::string_view text) {
   if (!file_ || !error_.empty()) return false;
   errno = 0;
-  if (!text.empty() && std::fwrite(text.data(), 1, text.size(), file_) != text.size()) {
+  if ((!text.empty() && std::fwrite(text.data(), 1, text.size(), file_) != text.size()) ||
+      std::fflush(file_) != 0) {
     Fail("cannot write");
+    DropPartialLine();
     return false;
   }
-  if (std::fflush(file_) != 0) {
-    Fail("cannot write");
-    return false;
-  }
+  complete_bytes_ += text.size();
   ++lines_;
   return true;
+}
+
+void OutputFile::DropPartialLine() {
+  // Whatever part of the failed line reached the file is cut off again, and
+  // what stdio still holds is discarded, so the file ends with a whole line.
+  const int saved_errno = errno;
+  __fpurge(file_);
+  if (::ftruncate(::fileno(file_), static_cast<off_t>(complete_bytes_)) != 0) {
+    // A device such as /dev/full has no length to cut; nothing reached it.
+  }
+  errno = saved_errno;
 }
 
 bool OutputFile::WriteLine(std::string_view line) {

@@ -44,12 +44,15 @@ class OutputFile {
 
  private:
   void Fail(const char* what);
+  // After a failed write: cuts the file back to its last whole line.
+  void DropPartialLine();
 
   std::FILE* file_ = nullptr;
   std::string path_;
   std::string error_;
   std::string line_;  // reused buffer of WriteLine
   uint64_t lines_ = 0;
+  uint64_t complete_bytes_ = 0;  // bytes of the whole lines written so far
 };
 
 // JSON text pieces. Texts must be UTF-8; control characters, quotes and

@@ -161,9 +161,6 @@ TEST_F(WriteFaultTest, OutputFileSystemFillsUpMidRun) {
 }
 
 TEST_F(WriteFaultTest, OutputFileSystemFillsUpMidRunLeavingWholeLines) {
-  GTEST_SKIP() << "known fault: capture/OutputFiles.cpp OutputFile::Write leaves the part of a line that fit "
-                  "when the disk fills (fwrite/fflush write short, ENOSPC), so emails.jsonl and entries.jsonl "
-                  "end inside a JSON object";
   REQUIRE_PROGRAM();
   const ProgramResult result = RunOnFullingTmpfs(capture_, dir_ / "out", dir_ / "saved");
 
