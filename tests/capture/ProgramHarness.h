@@ -157,6 +157,8 @@ class ProgramProcess {
   void Start(const std::string& program, const std::vector<std::string>& args, bool stdin_pipe) {
     int pipe_ends[2] = {-1, -1};
     if (stdin_pipe && ::pipe(pipe_ends) != 0) return;
+    // A program that ends early must fail a write, not kill the test.
+    if (stdin_pipe) ::signal(SIGPIPE, SIG_IGN);
     const std::string out_path = (io_ / "stdout").string();
     const std::string err_path = (io_ / "stderr").string();
     std::vector<std::string> argv_text = {program};
@@ -171,6 +173,7 @@ class ProgramProcess {
       ::dup2(::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
       ::dup2(::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
       if (stdin_pipe) ::close(pipe_ends[1]);
+      ::signal(SIGPIPE, SIG_DFL);
       ::execv(argv[0], argv.data());
       ::_exit(127);
     }
