@@ -161,6 +161,34 @@ bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostService
   return ReadAll(pipeline, progress, err);
 }
 
+// What the inputs were, for messages: the files, or the interface.
+std::string InputsLabel(const ProgramOptions& options) {
+  if (!options.interface_name.empty()) return options.interface_name;
+  std::string label;
+  for (const std::string& input : options.inputs) label += (label.empty() ? "" : ", ") + input;
+  return label;
+}
+
+// A capture that reads to its end may still have lost mail text: frames cut
+// by the snap length, headers that contradict the frame, connections pushed
+// out by the live-connection bound. Each is said once, with its count.
+void WarnAboutSkippedParts(const ProgramOptions& options, const Pipeline& pipeline, std::ostream& err) {
+  const DecoderCounters& frames = pipeline.decoder.counters();
+  const FlowTrackerCounters& flows = pipeline.tracker->counters();
+  const std::string prefix = std::string(kProgramName) + ": warning: " + InputsLabel(options) + ": ";
+  if (frames.payload_cut) {
+    err << prefix << frames.payload_cut
+        << " TCP segments were cut short by the capture's snap length; mail text in them is incomplete\n";
+  }
+  if (const uint64_t damaged = frames.truncated + frames.malformed) {
+    err << prefix << damaged << " frames were skipped: their headers are cut short or contradict the frame\n";
+  }
+  if (flows.flows_evicted) {
+    err << prefix << flows.flows_evicted << " connections were ended early because more than "
+        << FlowTracker::Options{}.max_flows << " were open at once\n";
+  }
+}
+
 HostOptions MakeHostOptions(const ProgramOptions& options, const std::string& library_path) {
   HostOptions host;
   host.out_dir = options.out_dir;
@@ -228,6 +256,7 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
   pipeline.tracker = std::make_unique<FlowTracker>(services.flow_sink());
   const bool inputs_ok = ReadCaptures(options, pipeline, services, err);
   pipeline.tracker->Finish();
+  WarnAboutSkippedParts(options, pipeline, err);
   const bool outputs_ok = services.FinishRun(main_table);
   if (!outputs_ok) err << kProgramName << ": " << services.error() << "\n";
 
