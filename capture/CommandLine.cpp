@@ -95,7 +95,7 @@ std::string DialogTitle(int dialog_id) {
 void AddConditionOptions(CLI::App& app, ConditionTexts& texts) {
   const std::string group = "Conditions (" + DialogTitle(kDialogGeneralSettings) + ", " +
                             DialogTitle(kDialogSendAddress) + ", " + DialogTitle(kDialogReceiveAddress) + ")";
-  struct Spec {
+  struct ConditionOption {
     const char* name;
     std::string* target;
     const char* type;
@@ -103,7 +103,7 @@ void AddConditionOptions(CLI::App& app, ConditionTexts& texts) {
     int control;
     const char* help;
   };
-  const Spec specs[] = {
+  const ConditionOption condition_options[] = {
       {"--attachment", &texts.attachment, "yes|no", kDialogGeneralSettings, kIdcConcernAttachments,
        "keep only messages that carry attachments (yes) or carry none (no)"},
       {"--size-included", &texts.size_included, "SIZES", kDialogGeneralSettings, kIdcSizeIncluded,
@@ -119,10 +119,10 @@ void AddConditionOptions(CLI::App& app, ConditionTexts& texts) {
       {"--receiver-domain-excluded", &texts.receiver_excluded, "DOMAINS", kDialogReceiveAddress,
        kIdcReceiveExcluded, "drop messages with a receiver in these domains"},
   };
-  for (const Spec& spec : specs) {
-    const std::string caption = DialogCaption(spec.dialog, spec.control);
-    const std::string help = caption.empty() ? spec.help : std::string(spec.help) + " [" + caption + "]";
-    app.add_option(spec.name, *spec.target, help)->type_name(spec.type)->group(group);
+  for (const ConditionOption& option : condition_options) {
+    const std::string caption = DialogCaption(option.dialog, option.control);
+    const std::string help = caption.empty() ? option.help : std::string(option.help) + " [" + caption + "]";
+    app.add_option(option.name, *option.target, help)->type_name(option.type)->group(group);
   }
   app.add_option("--where", texts.where, "all conditions as one text: \"attachment=yes and size-included=0-1024\"")
       ->type_name("CONDITIONS")

@@ -23,7 +23,7 @@ enum : uint32_t {
   kFlagsCopyPath = 0x2C1,
 };
 
-struct ColumnSpec {
+struct ColumnDefinition {
   const char* key;               // null for a standard column
   uint32_t standard_field;       // kLogField..., for a standard column
   const wchar_t* caption_id;     // null: empty caption
@@ -34,7 +34,7 @@ struct ColumnSpec {
 };
 
 // The 27 columns in position order; keyed ones in the order of EmailLogColumn.
-constexpr std::array<ColumnSpec, 27> kColumns = {{
+constexpr std::array<ColumnDefinition, 27> kColumns = {{
     {"email_number", 0, L"IDS_SN", L"序号", kLogValueNumber, 80, kFlagsPlain},
     {nullptr, kLogFieldDateTime, L"IDS_DATE_TIME", L"日期时间", 0, 140, kFlagsPlain},
     {"protocol", 0, L"IDS_PTL", L"协议", kLogValueText, 80, kFlagsEndpoint},
@@ -67,7 +67,7 @@ constexpr std::array<ColumnSpec, 27> kColumns = {{
 static_assert(kEmailLogKeyedColumns == kEmailLogColumnCount);
 
 // The hidden columns close the declaration; the host marks them so.
-bool IsFinalColumn(const ColumnSpec& spec) { return spec.caption_id == nullptr; }
+bool IsFinalColumn(const ColumnDefinition& option) { return option.caption_id == nullptr; }
 
 }  // namespace
 
@@ -84,15 +84,15 @@ void CPelkaEmailModule::DefineEmailLog() {
 
   size_t slot = 0;
   uint16_t combined = 0;
-  for (const ColumnSpec& spec : kColumns) {
+  for (const ColumnDefinition& option : kColumns) {
     caption.clear();
-    if (spec.caption_id) strings.GetString(caption, spec.caption_id, spec.default_caption);
-    if (!spec.key) {
-      log->AddStandardColumn(caption.c_str(), spec.standard_field, spec.width, spec.flags);
+    if (option.caption_id) strings.GetString(caption, option.caption_id, option.default_caption);
+    if (!option.key) {
+      log->AddStandardColumn(caption.c_str(), option.standard_field, option.width, option.flags);
       continue;
     }
     const uint16_t id =
-        log->AddColumn(spec.key, caption.c_str(), spec.value_kind, spec.width, spec.flags, IsFinalColumn(spec));
+        log->AddColumn(option.key, caption.c_str(), option.value_kind, option.width, option.flags, IsFinalColumn(option));
     column_ids_[slot++] = id;
     combined |= id;
   }
