@@ -8,14 +8,6 @@ namespace pelka {
 
 namespace {
 
-constexpr size_t kLayerEntrySize = 4;
-constexpr size_t kLayerCountOffset = 7;
-constexpr size_t kLayerTableOffsetField = 2;
-constexpr size_t kNumberOffset = 8;
-constexpr size_t kTimeOffset = 16;
-constexpr size_t kFlagsOffset = 24;
-constexpr size_t kVariableAreaField = 28;
-
 void PutU16(uint8_t* p, uint16_t value) {
   p[0] = static_cast<uint8_t>(value);
   p[1] = static_cast<uint8_t>(value >> 8);
@@ -37,19 +29,19 @@ const PacketRecord& PacketRecordBuilder::Build(uint64_t packet_number, uint64_t 
                                                uint32_t header_length, uint32_t tcp_offset) {
   const size_t table_offset = (size_t{header_length} + 3) & ~size_t{3};
   const bool fits = table_offset <= 0xFFFF && tcp_offset < header_length;
-  const size_t variable_length = fits ? table_offset + kLayerEntrySize : 0;
+  const size_t variable_length = fits ? table_offset + kPacketLayerEntrySize : 0;
   buffer_.assign(kPacketRecordFixedSize + variable_length, 0);  // keeps the capacity once grown
 
   uint8_t* record = buffer_.data();
-  PutU64(record + kNumberOffset, packet_number);
-  PutU64(record + kTimeOffset, time_us);
-  PutU32(record + kFlagsOffset, 0);
-  PutU16(record + kVariableAreaField, 0);
+  PutU64(record + kPacketNumberField, packet_number);
+  PutU64(record + kPacketTimeField, time_us);
+  PutU32(record + kPacketFlagsField, 0);
+  PutU16(record + kPacketVariableAreaField, 0);
   if (fits) {
     uint8_t* variable = record + kPacketRecordFixedSize;
     std::memcpy(variable, frame, header_length);
-    PutU16(record + kLayerTableOffsetField, static_cast<uint16_t>(table_offset));
-    record[kLayerCountOffset] = 1;
+    PutU16(record + kPacketLayerTableOffsetField, static_cast<uint16_t>(table_offset));
+    record[kPacketLayerCountField] = 1;
     PutU16(variable + table_offset, kProtocolTcp);
     PutU16(variable + table_offset + 2, static_cast<uint16_t>(tcp_offset));
   }

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "host/Types.h"
+
 namespace pelka {
 namespace {
 
@@ -22,8 +24,8 @@ const uint8_t* LocateTcpHeader(const PacketRecord& packet) {
   uint8_t count_byte = 0;
   uint32_t flags = 0;
   uint16_t variable_offset = 0;
-  if (!ReadLittleEndian(record, length, 7, &count_byte) || !ReadLittleEndian(record, length, 24, &flags) ||
-      !ReadLittleEndian(record, length, 28, &variable_offset)) {
+  if (!ReadLittleEndian(record, length, kPacketLayerCountField, &count_byte) || !ReadLittleEndian(record, length, kPacketFlagsField, &flags) ||
+      !ReadLittleEndian(record, length, kPacketVariableAreaField, &variable_offset)) {
     return nullptr;
   }
   const unsigned entries = count_byte & 0x0F;
@@ -39,19 +41,19 @@ const uint8_t* LocateTcpHeader(const PacketRecord& packet) {
     if (!ReadLittleEndian(record, length, variable_start, &header_base)) return nullptr;
   } else {
     uint16_t table_offset = 0;
-    if (!ReadLittleEndian(record, length, 2, &table_offset)) return nullptr;
+    if (!ReadLittleEndian(record, length, kPacketLayerTableOffsetField, &table_offset)) return nullptr;
     table_start = variable_start + table_offset;
   }
 
   for (unsigned i = entries; i-- > 0;) {
     uint16_t protocol = 0;
     uint16_t header_offset = 0;
-    const size_t entry = table_start + 4 * size_t{i};
+    const size_t entry = table_start + kPacketLayerEntrySize * size_t{i};
     if (!ReadLittleEndian(record, length, entry, &protocol) ||
         !ReadLittleEndian(record, length, entry + 2, &header_offset)) {
       return nullptr;
     }
-    if (protocol != 600) continue;
+    if (protocol != kProtocolTcp) continue;
     if (!indirect) {
       const size_t at = variable_start + header_offset;
       if (at > length || length - at < 4) return nullptr;
@@ -71,13 +73,13 @@ const uint8_t* LocateTcpHeader(const PacketRecord& packet) {
 
 uint64_t GetPacketNumber(const PacketRecord* packet) {
   uint64_t number = 0;
-  if (packet) ReadLittleEndian(packet->record, packet->record_length, 8, &number);
+  if (packet) ReadLittleEndian(packet->record, packet->record_length, kPacketNumberField, &number);
   return number;
 }
 
 uint64_t GetPacketTime(const PacketRecord* packet) {
   uint64_t time = 0;
-  if (packet) ReadLittleEndian(packet->record, packet->record_length, 16, &time);
+  if (packet) ReadLittleEndian(packet->record, packet->record_length, kPacketTimeField, &time);
   return time;
 }
 

@@ -24,6 +24,15 @@ enum : uint32_t {
   kPacketFlagIndirectHeaders = 0x20000,     // bit 17
 };
 
+// Field offsets within the record's fixed part.
+constexpr size_t kPacketLayerTableOffsetField = 2;
+constexpr size_t kPacketLayerCountField = 7;
+constexpr size_t kPacketNumberField = 8;
+constexpr size_t kPacketTimeField = 16;
+constexpr size_t kPacketFlagsField = 24;
+constexpr size_t kPacketVariableAreaField = 28;
+constexpr size_t kPacketLayerEntrySize = 4;
+
 constexpr size_t kPacketRecordFixedSize = 32;
 constexpr size_t kPacketVariableShift = 24;
 constexpr unsigned kMaxLayerEntries = 15;
