@@ -5,6 +5,8 @@
 #include <cstring>
 #include <new>
 
+#include "flow/ByteSearch.h"
+
 namespace pelka {
 namespace {
 
@@ -199,8 +201,8 @@ uint32_t CEmailFlowDataImpl::FindBytes(uint32_t start, const uint8_t* needle, in
   if (uint64_t{start} + pattern_length + 1 > end) return kNotFound;
   const uint32_t search_end = end - 1;
   if (const uint8_t* bytes = ContiguousRange(start, search_end)) {
-    const void* found = memmem(bytes, search_end - start, needle, pattern_length);
-    return found ? start + static_cast<uint32_t>(static_cast<const uint8_t*>(found) - bytes) : kNotFound;
+    const uint8_t* found = FindSequence(bytes, search_end - start, needle, pattern_length);
+    return found ? start + static_cast<uint32_t>(found - bytes) : kNotFound;
   }
   for (uint32_t p = start; p + pattern_length <= search_end; ++p) {
     uint64_t i = 0;
@@ -298,6 +300,44 @@ uint32_t SkipContinuation(const uint8_t* bytes, uint32_t p, uint32_t end) {
   return end;
 }
 
+// Finds where the name scan of a header walk stops (the first ':' or LF from
+// a position) without visiting every byte of the lines that hold no field; a
+// message body is mostly such lines. The next colon and the next tab are
+// remembered, so over a whole walk each byte is searched a bounded number of
+// times.
+class NameScan {
+ public:
+  NameScan(const uint8_t* bytes, uint32_t end) : bytes_(bytes), end_(end) {}
+
+  // The first ':' or LF at or after p, or the last LF before the next colon or
+  // tab: up to there every line is plain (no field, no continuation), and the
+  // walk would step over those lines LF by LF to the same place.
+  uint32_t Next(uint32_t p) {
+    if (!searched_ || next_colon_ < p) next_colon_ = Find(':', p);
+    if (!searched_ || next_tab_ < p) next_tab_ = Find('\t', p);
+    searched_ = true;
+    const uint32_t plain_end = std::min(next_colon_, next_tab_);
+    if (const void* lf = memrchr(bytes_ + p, kLf, plain_end - p)) {
+      return static_cast<uint32_t>(static_cast<const uint8_t*>(lf) - bytes_);
+    }
+    if (plain_end == next_colon_) return next_colon_;
+    // A tab in p's line: the line ends at its LF unless a colon comes first.
+    return std::min(Find(kLf, plain_end), next_colon_);
+  }
+
+ private:
+  uint32_t Find(uint8_t byte, uint32_t from) const {
+    const void* found = std::memchr(bytes_ + from, byte, end_ - from);
+    return found ? static_cast<uint32_t>(static_cast<const uint8_t*>(found) - bytes_) : end_;
+  }
+
+  const uint8_t* bytes_;
+  uint32_t end_;
+  bool searched_ = false;
+  uint32_t next_colon_ = 0;
+  uint32_t next_tab_ = 0;
+};
+
 }  // namespace
 
 uint32_t CEmailFlowDataImpl::IndexHeader(uint32_t start, int32_t limit, uint32_t* out) {
@@ -314,11 +354,12 @@ uint32_t CEmailFlowDataImpl::IndexHeader(uint32_t start, int32_t limit, uint32_t
   const uint8_t* bytes = block - start;
   uint32_t p = start;
   uint32_t result = end;
+  NameScan name_scan(bytes, end);
   for (;;) {
     while (p < end && IsBlank(bytes[p])) ++p;
     if (p >= end) break;
     const uint32_t name_start = p;
-    while (p < end && bytes[p] != ':' && bytes[p] != kLf) ++p;
+    p = name_scan.Next(p);
     if (p >= end) break;
     if (bytes[p] == kLf) {  // a line without a field
       ++p;

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "flow/ByteSearch.h"
 #include "flow/EmailFlowData.h"
 #include "flow/SessionHandlers.h"
 #include "host/CodePage.h"
@@ -133,9 +134,10 @@ bool IsFetchComplete(CEmailFlowContext& context) {
   const unsigned code_page = GetAnsiCodePage();
   uint64_t position = progress.fetch_scan_position;
   while (position + marker.size() <= text_length) {
-    const void* found = memmem(text + position, text_length - position, marker.data(), marker.size());
+    const uint8_t* found = FindSequence(text + position, text_length - position,
+                                        reinterpret_cast<const uint8_t*>(marker.data()), marker.size());
     if (!found) break;
-    const uint64_t at = static_cast<const uint8_t*>(found) - text;
+    const uint64_t at = found - text;
     if (StartsACharacter(code_page, text, at)) return true;
     position = at + 1;
   }

@@ -3,6 +3,8 @@
 #include <deque>
 #include <new>
 
+#include "flow/ByteSearch.h"
+
 namespace pelka {
 
 void CMultiPatternSearcher::Init() {
@@ -11,6 +13,7 @@ void CMultiPatternSearcher::Init() {
   root_ = root.get();
   nodes_.clear();
   own_keyword_.clear();
+  only_keyword_.clear();
   nodes_.push_back(std::move(root));
   own_keyword_.push_back(-1);
 }
@@ -20,6 +23,7 @@ void CMultiPatternSearcher::Clear() {
   nodes_.clear();
   matches_.clear();
   own_keyword_.clear();
+  only_keyword_.clear();
   std::fill(std::begin(char_used_), std::end(char_used_), false);
   distinct_chars_ = 0;
   min_length_ = 0;
@@ -70,6 +74,11 @@ int32_t CMultiPatternSearcher::AddKeyword(const uint8_t* bytes, uint32_t length)
       }
     }
     if (min_length_ == 0 || static_cast<int32_t>(length) < min_length_) min_length_ = static_cast<int32_t>(length);
+    if (keyword_count_ == 0) {
+      only_keyword_.assign(bytes, bytes + length);
+    } else {
+      only_keyword_.clear();
+    }
     ++keyword_count_;
     return id;
   } catch (const std::bad_alloc&) {
@@ -123,6 +132,9 @@ bool CMultiPatternSearcher::Search(const uint8_t* text, uint64_t length) const {
   if (!root_ || !text || distinct_chars_ == 0 || distinct_chars_ > 256) return false;
   const bool skip = min_length_ >= 2 && distinct_chars_ != 256 &&
                     min_length_ >= static_cast<int32_t>(256 / (256 - distinct_chars_));
+  if (keyword_count_ == 1 && !only_keyword_.empty()) {
+    return FindSequence(text, length, only_keyword_.data(), only_keyword_.size()) != nullptr;
+  }
   return skip ? SkipScan(text, length) : PlainScan(text, length);
 }
 

@@ -7,7 +7,8 @@
 // use few byte values, the search skips whole stretches: if the byte at
 // "minimum keyword length - 1" ahead is used by no keyword, no keyword can
 // start in those bytes. For the mail end marker "\r\n.\r\n" this reads about
-// one byte in five of ordinary text.
+// one byte in five of ordinary text. A lone keyword is searched as a plain
+// byte sequence instead (see flow/ByteSearch.h), with the same answers.
 //
 // Built once, then only read: Search may run on several threads at once.
 #pragma once
@@ -73,6 +74,9 @@ class CMultiPatternSearcher {
   // Per node: the identifier and length of the keyword that ends exactly there
   // (-1 when none). Kept so the match lists can be rebuilt.
   std::vector<int32_t> own_keyword_;
+  // The keyword while there is exactly one (the mail end marker): a single
+  // sequence is found faster by jumping between its rarest byte.
+  std::vector<uint8_t> only_keyword_;
 };
 
 }  // namespace pelka

@@ -2,7 +2,11 @@
 // search, line, token and header operations over it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
+#include <random>
 #include <string>
+#include <vector>
 
 #include "flow/EmailFlowData.h"
 
@@ -200,6 +204,77 @@ TEST(FlowDataHeaders, ALastFieldWithoutLineEndIsNotRecorded) {
   Store store("From: a@x\r\nTo: b@y", "");
   store->IndexHeader(0, -1, nullptr);
   EXPECT_EQ(store->GetHeaderCount(), 1u);
+}
+
+// The header walk stepped byte by byte, as it is described: the reference the
+// store's faster walk must agree with.
+struct WalkedHeaders {
+  uint32_t result = 0;
+  uint32_t reached = 0;
+  std::vector<std::array<uint32_t, 4>> fields;
+};
+
+uint32_t PastContinuation(const std::string& m, uint32_t p) {
+  for (; p + 1 < m.size(); ++p) {
+    if (m[p] == '\r' && m[p + 1] == '\n' && (p + 2 >= m.size() || m[p + 2] != '\t')) return p + 2;
+  }
+  return static_cast<uint32_t>(m.size());
+}
+
+WalkedHeaders WalkHeadersByteByByte(const std::string& m) {
+  const auto end = static_cast<uint32_t>(m.size());
+  const auto blank = [&](uint32_t i) { return m[i] == ' ' || m[i] == '\t'; };
+  WalkedHeaders walked{end, 0, {}};
+  uint32_t p = 0;
+  for (;;) {
+    while (p < end && blank(p)) ++p;
+    if (p >= end) break;
+    const uint32_t name = p;
+    while (p < end && m[p] != ':' && m[p] != '\n') ++p;
+    if (p >= end) break;
+    if (m[p] == '\n') {
+      if (++p < end && m[p] == '\t') p = PastContinuation(m, p);
+      continue;
+    }
+    const uint32_t name_length = p++ - name;
+    while (p < end && blank(p)) ++p;
+    if (p >= end) break;
+    const uint32_t value = p;
+    while (p < end && m[p] != '\n') ++p;
+    if (p++ >= end) break;
+    if (end - p >= 3 && blank(p)) p = PastContinuation(m, p);
+    if (p >= end) break;
+    if (walked.fields.size() < 32) walked.fields.push_back({name, name_length, value, p - value});
+    if ((m[p] == '\r' || m[p] == '\n') && end - p < 5) break;
+    if (m.compare(p, 4, "\r\n\r\n") == 0) {
+      walked.result = p + 1;
+      break;
+    }
+  }
+  walked.reached = std::min(p, end);
+  return walked;
+}
+
+TEST(FlowDataHeaders, AgreesWithAByteByByteWalkOnRandomText) {
+  // Few kinds of bytes, so that colons, tabs, blank lines and continuations
+  // meet in every order.
+  const std::string alphabet = "ab:: \t\r\n\n\r\n";
+  std::mt19937 random(7);
+  for (int round = 0; round < 20000; ++round) {
+    std::string message(random() % 120, 'x');
+    for (char& c : message) c = alphabet[random() % alphabet.size()];
+    Store store(message, "");
+    uint32_t reached = 0;
+    const WalkedHeaders expected = WalkHeadersByteByByte(message);
+    ASSERT_EQ(store->IndexHeader(0, -1, &reached), expected.result) << testing::PrintToString(message);
+    ASSERT_EQ(reached, expected.reached) << testing::PrintToString(message);
+    ASSERT_EQ(store->GetHeaderCount(), expected.fields.size()) << testing::PrintToString(message);
+    for (uint32_t i = 0; i < expected.fields.size(); ++i) {
+      const auto& [name, name_length, value, value_length] = expected.fields[i];
+      ASSERT_EQ(store->GetHeaderName(i), message.substr(name, name_length)) << testing::PrintToString(message);
+      ASSERT_EQ(store->GetHeaderValue(i), message.substr(value, value_length)) << testing::PrintToString(message);
+    }
+  }
 }
 
 TEST(FlowDataObject, ReferenceCountAndFrameworkAnswers) {
