@@ -1,5 +1,6 @@
 #include "diagnosis/ResponseChecks.h"
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 
@@ -75,18 +76,19 @@ int64_t ParseLeadingNumber(const uint8_t* payload, uint32_t length) {
 
 bool IsClientCommand(const uint8_t* payload, uint32_t length) {
   if (!payload || length < kMinimumLineLength) return false;
-  const int64_t line_end = FindLineEnd(payload, length);
-  if (line_end < static_cast<int64_t>(kMinimumLineLength)) return false;
-  for (std::string_view word : kCommandWords) {
-    if (StartsWithNoCase(payload, length, word)) return true;
-  }
-  return false;
+  // The command word is the cheap test; most packets fail it before their
+  // line end is searched.
+  const auto starts_with_command = [&](std::string_view word) { return StartsWithNoCase(payload, length, word); };
+  if (std::none_of(kCommandWords.begin(), kCommandWords.end(), starts_with_command)) return false;
+  return FindLineEnd(payload, length) >= static_cast<int64_t>(kMinimumLineLength);
 }
 
 bool IsServerReply(const uint8_t* payload, uint32_t length) {
   if (!payload || length < kMinimumLineLength) return false;
-  const int64_t space = FindByte(payload, length, ' ');
-  if (space < 0 || space > kLastSpaceOffset) return false;
+  // Only the first five bytes can hold the space a reply needs; a body packet
+  // is not searched any further.
+  const uint32_t head = std::min<uint32_t>(length, kLastSpaceOffset + 1);
+  if (FindByte(payload, head, ' ') < 0) return false;
   if (StartsWithNoCase(payload, length, "-ERR") || StartsWithNoCase(payload, length, "+OK")) return true;
   const int64_t code = ParseLeadingNumber(payload, length);
   return code >= 1 && code <= 599;
