@@ -1,5 +1,7 @@
 #include "capture/HostServices.h"
 
+#include <array>
+
 #include "capture/HostDiagnosis.h"
 #include "capture/HostFlow.h"
 #include "capture/HostLog.h"
@@ -136,12 +138,13 @@ class HostServices::Impl final : public FlowSink {
   bool finished_ = false;
 
  private:
-  std::vector<std::pair<OutputFile*, const char*>> Files() {
-    return {{&records_file_, "emails.jsonl"},
-            {&entries_file_, "entries.jsonl"},
-            {&diagnosis_file_, "diagnosis.jsonl"},
-            {&csv_file_, "email_log.csv"},
-            {&text_file_, "email_log.txt"}};
+  // Asked after every packet, so it is a fixed array, not a fresh list.
+  std::array<std::pair<OutputFile*, const char*>, 5> Files() {
+    return {{{&records_file_, "emails.jsonl"},
+             {&entries_file_, "entries.jsonl"},
+             {&diagnosis_file_, "diagnosis.jsonl"},
+             {&csv_file_, "email_log.csv"},
+             {&text_file_, "email_log.txt"}}};
   }
   std::string root() const { return log_ ? AbsoluteDirectory(options_.out_dir) : std::string(); }
 
