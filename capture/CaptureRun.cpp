@@ -1,5 +1,6 @@
 #include "capture/CaptureRun.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -109,7 +110,7 @@ struct Pipeline {
 };
 
 // Reads every frame; false when an input was damaged or unreadable.
-bool ReadAll(Pipeline& pipeline, Progress& progress, std::ostream& err) {
+bool ReadAll(Pipeline& pipeline, HostServices& services, Progress& progress, std::ostream& err) {
   bool inputs_ok = true;
   CapturedFrame frame;
   DecodedPacket packet;
@@ -124,6 +125,7 @@ bool ReadAll(Pipeline& pipeline, Progress& progress, std::ostream& err) {
         break;
       case ReadStatus::kTimeout:
         pipeline.tracker->Advance(NowMicroseconds());
+        services.FlushOutputs();
         progress.Poll();
         break;
       case ReadStatus::kError:
@@ -158,7 +160,7 @@ bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostService
     return ProgressFigures{pipeline.source.bytes_read(), pipeline.source.total_bytes(), pipeline.source.frames_read(),
                            services.counts().records};
   });
-  return ReadAll(pipeline, progress, err);
+  return ReadAll(pipeline, services, progress, err);
 }
 
 // What the inputs were, for messages: the files, or the interface.
@@ -197,6 +199,10 @@ HostOptions MakeHostOptions(const ProgramOptions& options, const std::string& li
   host.diagnosis_enabled = options.diagnosis;
   host.smtp_threshold_ms = options.smtp_threshold_ms;
   host.pop3_threshold_ms = options.pop3_threshold_ms;
+  // Someone watching an interface or a pipe expects each message's lines as
+  // it is found; files are read too fast for that to matter.
+  host.lines_at_once = !options.interface_name.empty() ||
+                       std::find(options.inputs.begin(), options.inputs.end(), "-") != options.inputs.end();
   return host;
 }
 

@@ -48,6 +48,7 @@ class HostServices::Impl final : public FlowSink {
     const std::string root = AbsoluteDirectory(options_.out_dir);
     for (auto [file, name] : Files())
       if (!file->Open(root + name)) return Fail(file->error());
+    for (auto [file, name] : Files()) file->WriteEachLine(options_.lines_at_once);
     log_ = std::make_unique<HostLogService>(LogOutputs{&records_file_, &entries_file_, &csv_file_, &text_file_},
                                             root, options_.copies);
     host_ = HostObject({log_.get(), &diagnosis_, &statistics_, &icons_});
@@ -112,6 +113,11 @@ class HostServices::Impl final : public FlowSink {
     CheckWrites();
   }
 
+  void FlushOutputs() {
+    for (auto [file, name] : Files()) file->Flush();
+    CheckWrites();
+  }
+
   HostRunCounts counts() const {
     HostRunCounts counts = counts_;
     if (log_) {
@@ -167,6 +173,7 @@ HostServices::HostServices(HostOptions options) : impl_(std::make_unique<Impl>(s
 HostServices::~HostServices() = default;
 
 bool HostServices::Open() { return impl_->Open(); }
+void HostServices::FlushOutputs() { impl_->FlushOutputs(); }
 IPelkaHost* HostServices::host() { return &impl_->host_; }
 IPelkaNotify* HostServices::notify() { return &impl_->notify_; }
 IPelkaFlowClient* HostServices::StartModule(CPAEBaseModule* module) { return impl_->StartModule(module); }

@@ -3,8 +3,8 @@
 // The program makes a HostServices with its options, opens it (output
 // directory and files), hands the module over with StartModule, feeds the flow
 // tracker into flow_sink(), and ends with FinishRun. Every file of the output
-// directory is written as the module produces it, line by line, so an
-// interrupted run keeps what was found until then:
+// directory is written as the module produces it, in whole lines at least
+// every second, so an interrupted run keeps what was found until then:
 //
 //   emails.jsonl      one object per posted email record
 //   entries.jsonl     the summary entries the module adds
@@ -45,6 +45,9 @@ struct HostOptions {
   // negative keeps the module's default (200).
   int32_t smtp_threshold_ms = -1;
   int32_t pop3_threshold_ms = -1;
+  // Write every output line as soon as it is made (input from an interface or
+  // a pipe) rather than in batches of up to a second (capture files).
+  bool lines_at_once = false;
 };
 
 // What the run produced, for the program's summary.
@@ -96,6 +99,10 @@ class HostServices {
   // Only the first call acts. False, with error(), when any write of the run
   // failed.
   bool FinishRun(CPAEBaseModule* module);
+
+  // Writes out the lines the output files gather (they write on their own
+  // every 64 KiB or second of output); for a live capture with no traffic.
+  void FlushOutputs();
 
   // The first failure of the run (open or write); empty while all is well.
   const std::string& error() const;

@@ -44,6 +44,10 @@ bool OutputFile::Open(const std::string& path) {
   path_ = path;
   error_.clear();
   lines_ = 0;
+  complete_bytes_ = 0;
+  pending_.clear();
+  pending_lines_ = 0;
+  last_flush_ = std::chrono::steady_clock::now();
   file_ = std::fopen(path.c_str(), "wb");
   if (!file_) {
     Fail("cannot create");
@@ -60,15 +64,29 @@ void OutputFile::Fail(const char* what) {
 
 bool OutputFile::Write(std::string_view text) {
   if (!file_ || !error_.empty()) return false;
+  pending_.append(text);
+  ++pending_lines_;
+  const auto now = std::chrono::steady_clock::now();
+  if (each_line_ || pending_.size() >= kFlushBytes || now - last_flush_ >= kFlushInterval) return Flush();
+  return true;
+}
+
+bool OutputFile::Flush() {
+  last_flush_ = std::chrono::steady_clock::now();
+  if (!file_ || !error_.empty()) return false;
+  if (pending_.empty()) return true;
   errno = 0;
-  if ((!text.empty() && std::fwrite(text.data(), 1, text.size(), file_) != text.size()) ||
-      std::fflush(file_) != 0) {
+  if (std::fwrite(pending_.data(), 1, pending_.size(), file_) != pending_.size() || std::fflush(file_) != 0) {
     Fail("cannot write");
     DropPartialLine();
+    pending_.clear();
+    pending_lines_ = 0;
     return false;
   }
-  complete_bytes_ += text.size();
-  ++lines_;
+  complete_bytes_ += pending_.size();
+  lines_ += pending_lines_;
+  pending_.clear();
+  pending_lines_ = 0;
   return true;
 }
 
@@ -91,6 +109,7 @@ bool OutputFile::WriteLine(std::string_view line) {
 
 bool OutputFile::Close() {
   if (!file_) return error_.empty();
+  Flush();
   errno = 0;
   if (std::fclose(file_) != 0) Fail("cannot close");
   file_ = nullptr;

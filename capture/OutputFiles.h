@@ -1,10 +1,15 @@
 // The output directory and the buffered files the host's writers share.
 //
-// Every writer hands over whole lines: one line becomes one fwrite, flushed
-// at once, so a run that is interrupted leaves only whole lines behind. The
-// first failure of a file is kept; later writes to it do nothing.
+// Every writer hands over whole lines. A file gathers them and writes them
+// out together when 64 KiB are waiting, when a second has passed since its
+// last write, on Flush and on Close (or each line at once, when asked): one system call per line made writing
+// the outputs cost more than analysing the traffic. Only whole lines ever
+// reach the file, so a run that is interrupted (and closes its files) leaves
+// only whole lines behind. The first failure of a file is kept; later writes
+// to it do nothing, and a failed write is cut back to the last whole line.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -29,8 +34,14 @@ class OutputFile {
 
   // Creates (truncates) the file. False with error() set on failure.
   bool Open(const std::string& path);
-  // Writes the text as it is (it should end with its line end) and flushes.
+  // Takes the text as it is (it should end with its line end). False once
+  // the file has failed.
   bool Write(std::string_view text);
+  // Every line is written out as it comes: for input that arrives slowly
+  // (an interface, a pipe), whose readers watch the files grow.
+  void WriteEachLine(bool each_line) { each_line_ = each_line; }
+  // Writes out every line taken so far.
+  bool Flush();
   // Writes the line and a '\n'.
   bool WriteLine(std::string_view line);
   // Closes the file; a failing close is an error too.
@@ -40,6 +51,7 @@ class OutputFile {
   const std::string& path() const { return path_; }
   // Empty while every write succeeded.
   const std::string& error() const { return error_; }
+  // Lines written out to the file.
   uint64_t lines() const { return lines_; }
 
  private:
@@ -53,6 +65,13 @@ class OutputFile {
   std::string line_;  // reused buffer of WriteLine
   uint64_t lines_ = 0;
   uint64_t complete_bytes_ = 0;  // bytes of the whole lines written so far
+  std::string pending_;          // whole lines taken, not yet written
+  uint64_t pending_lines_ = 0;
+  std::chrono::steady_clock::time_point last_flush_;
+  bool each_line_ = false;
+
+  static constexpr size_t kFlushBytes = 64 * 1024;
+  static constexpr std::chrono::seconds kFlushInterval{1};
 };
 
 // JSON text pieces. Texts must be UTF-8; control characters, quotes and

@@ -304,6 +304,7 @@ TEST_F(HostServicesTest, AFailedRecordWriteFailsTheRunAndKeepsTheOtherFiles) {
   // emails.jsonl leads to a device on which every write fails.
   std::filesystem::create_directories(out_ / "run");
   std::filesystem::create_symlink("/dev/full", out_ / "run" / "emails.jsonl");
+  options_.lines_at_once = true;
   HostServices services(options_);
   ASSERT_TRUE(services.Open()) << services.error();
   void* object = nullptr;
