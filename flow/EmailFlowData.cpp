@@ -48,10 +48,18 @@ bool CEmailFlowDataImpl::MakeRoom(uint64_t capacity) {
   // untouched.
   const uint64_t size = std::min<uint64_t>(std::max<uint64_t>(capacity, uint64_t{allocated_} * 2), UINT32_MAX);
   if (size < capacity) return false;
-  std::unique_ptr<uint8_t[]> grown(new (std::nothrow) uint8_t[size]);
-  if (!grown) return false;
-  if (retained_length_) std::memcpy(grown.get(), owned_.get() + start_offset_, retained_length_);
-  owned_ = std::move(grown);
+  if (start_offset_ == 0) {
+    // Nothing to move to the front: realloc keeps the bytes, often in place.
+    auto* grown = static_cast<uint8_t*>(std::realloc(owned_.get(), size));
+    if (!grown) return false;
+    (void)owned_.release();
+    owned_.reset(grown);
+  } else {
+    std::unique_ptr<uint8_t, FreeBytes> grown(static_cast<uint8_t*>(std::malloc(size)));
+    if (!grown) return false;
+    if (retained_length_) std::memcpy(grown.get(), owned_.get() + start_offset_, retained_length_);
+    owned_ = std::move(grown);
+  }
   allocated_ = static_cast<uint32_t>(size);
   start_offset_ = 0;
   return true;
@@ -110,7 +118,7 @@ uint32_t CEmailFlowDataImpl::ClearData() {
 }
 
 uint8_t CEmailFlowDataImpl::GetByte(uint32_t index) {
-  if (index < retained_length_) return owned_[start_offset_ + index];
+  if (index < retained_length_) return owned_.get()[start_offset_ + index];
   const uint64_t staged_index = uint64_t{index} - retained_length_;
   return staged_index < staged_length_ ? staged_[staged_index] : 0;
 }

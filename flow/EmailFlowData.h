@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 
 #include "host/FlowData.h"
@@ -91,7 +92,12 @@ class CEmailFlowDataImpl final : public CTQObjectImplT<CPAEFlowData, CTQMultiThr
   // grows geometrically so that collecting a message stays linear.
   uint32_t capacity_ = 0;
   uint32_t allocated_ = 0;
-  std::unique_ptr<uint8_t[]> owned_;
+  struct FreeBytes {
+    void operator()(uint8_t* bytes) const { std::free(bytes); }
+  };
+  // Allocated with malloc so that growing can use realloc, which moves large
+  // buffers without copying them.
+  std::unique_ptr<uint8_t, FreeBytes> owned_;
   uint32_t retained_length_ = 0;
   uint32_t start_offset_ = 0;
   const uint8_t* staged_ = nullptr;
