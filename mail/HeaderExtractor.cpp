@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "flow/EmailFlowData.h"
 #include "host/CodePage.h"
@@ -22,18 +23,27 @@ constexpr std::wstring_view kFileNameStart = L"filename=\""sv;
 
 enum class Field { kFrom, kReturnPath, kEnvelopeTo, kTo, kCc, kSubject, kDate, kMailer, kOther };
 
-Field FieldOf(std::wstring name) {
-  for (wchar_t& c : name) {
-    if (c >= L'a' && c <= L'z') c = static_cast<wchar_t>(c - L'a' + L'A');
+bool EqualsUpperAscii(std::string_view raw, std::string_view upper) {
+  if (raw.size() != upper.size()) return false;
+  for (size_t i = 0; i < raw.size(); ++i) {
+    const char c = raw[i];
+    if ((c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c) != upper[i]) return false;
   }
-  if (name == L"FROM") return Field::kFrom;
-  if (name == L"RETURN-PATH") return Field::kReturnPath;
-  if (name == L"ENVELOPE-TO") return Field::kEnvelopeTo;
-  if (name == L"TO") return Field::kTo;
-  if (name == L"CC") return Field::kCc;
-  if (name == L"SUBJECT") return Field::kSubject;
-  if (name == L"DATE") return Field::kDate;
-  if (name == L"X-MAILER") return Field::kMailer;
+  return true;
+}
+
+// The names are compared on their raw bytes: every code page a capture can
+// be read in keeps ASCII as it is, and no multi-byte character turns into
+// ASCII letters, so this answers as comparing the converted names would,
+// without converting the many names that match none.
+Field FieldOf(std::string_view name) {
+  constexpr std::pair<std::string_view, Field> kNames[] = {
+      {"FROM", Field::kFrom},       {"RETURN-PATH", Field::kReturnPath}, {"ENVELOPE-TO", Field::kEnvelopeTo},
+      {"TO", Field::kTo},           {"CC", Field::kCc},                  {"SUBJECT", Field::kSubject},
+      {"DATE", Field::kDate},       {"X-MAILER", Field::kMailer}};
+  for (const auto& [upper, field] : kNames) {
+    if (EqualsUpperAscii(name, upper)) return field;
+  }
   return Field::kOther;
 }
 
@@ -93,7 +103,7 @@ void FillField(CEmailFlowContext& c, Field field, const std::wstring& name, cons
 void ExtractHeaderField(CEmailFlowContext& context, CEmailFlowDataImpl& data, uint32_t index) {
   const char* raw_name = data.GetHeaderName(index);
   if (!raw_name) return;
-  const Field field = FieldOf(AnsiToWide(raw_name));
+  const Field field = FieldOf(raw_name);
   if (IsFilled(context, field)) return;
   // The name's copy is gone once the value is asked for.
   const char* raw_value = data.GetHeaderValue(index);
