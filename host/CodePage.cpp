@@ -204,11 +204,40 @@ std::wstring MultiByteToWide(unsigned code_page, std::string_view bytes) {
   return out;
 }
 
+// UTF-8 is what every output line is written in: encoded here directly, as
+// the converter would, without its per-call cost. Non-scalar values become
+// '?', as they do on the converter's path.
+void EncodeUtf8(std::wstring_view text, std::string& out) {
+  out.reserve(text.size() * 3);
+  for (wchar_t wide : text) {
+    const auto c = static_cast<uint32_t>(IsScalarValue(wide) ? wide : L'?');
+    if (c < 0x80) {
+      out += static_cast<char>(c);
+    } else if (c < 0x800) {
+      out += static_cast<char>(0xC0 | (c >> 6));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+      out += static_cast<char>(0xE0 | (c >> 12));
+      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+      out += static_cast<char>(0xF0 | (c >> 18));
+      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    }
+  }
+}
+
 void WideToMultiByte(unsigned code_page, std::wstring_view text, std::string& out) {
   out.clear();
   if (text.empty()) return;
   if (IsAscii(text)) {
     out.assign(text.begin(), text.end());
+    return;
+  }
+  if (ResolveCodePage(code_page) == kCodePageUtf8) {
+    EncodeUtf8(text, out);
     return;
   }
   iconv_t handle = ThreadConverter(ResolveCodePage(code_page), Direction::kFromWide);
