@@ -49,7 +49,11 @@ inline const uint8_t* FindSequence(const uint8_t* haystack, size_t length, const
     const void* hit = std::memchr(start + anchor, anchor_byte, static_cast<size_t>(last_start - start) + 1);
     if (!hit) return nullptr;
     const uint8_t* candidate = static_cast<const uint8_t*>(hit) - anchor;
-    if (std::memcmp(candidate, needle, needle_length) == 0) return candidate;
+    // The ends first: most candidates fail there without a call.
+    if (candidate[0] == needle[0] && candidate[needle_length - 1] == needle[needle_length - 1] &&
+        std::memcmp(candidate, needle, needle_length) == 0) {
+      return candidate;
+    }
     start = candidate + 1;
     if (compare_budget < needle_length) {
       const size_t rest = static_cast<size_t>(haystack + length - start);
