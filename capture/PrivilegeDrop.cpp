@@ -77,23 +77,30 @@ bool DropPrivileges(const std::string& user, std::string* error) {
 
 bool GiveDirectoryTo(const std::string& directory, const UserAccount& account, std::string* error) {
   const auto fail = [&](const std::string& what) {
-    return Fail(error, "cannot give output directory " + directory + " to user " + account.name + ": " + what +
-                           ErrnoText(errno));
+    return Fail(error, "cannot give output directory " + directory + " to user " + account.name + ": " + what);
   };
   const int dir_fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (dir_fd < 0) return fail("");
+  if (dir_fd < 0) return fail(ErrnoText(errno));
   // The stream owns the descriptor from here on.
   std::unique_ptr<DIR, DirCloser> dir(::fdopendir(dir_fd));
   if (!dir) {
+    const int code = errno;
     ::close(dir_fd);
-    return fail("");
+    return fail(ErrnoText(code));
   }
-  if (::fchown(dir_fd, account.uid, account.gid) != 0) return fail("");
+  // Only what this process made is given away: a directory someone else put
+  // in its place, or a link to a file elsewhere, is not.
+  struct stat info {};
+  if (::fstat(dir_fd, &info) != 0) return fail(ErrnoText(errno));
+  if (info.st_uid != ::geteuid()) return fail("it was not made by this run");
+  if (::fchown(dir_fd, account.uid, account.gid) != 0) return fail(ErrnoText(errno));
   while (const dirent* entry = ::readdir(dir.get())) {
     const std::string name = entry->d_name;
     if (name == "." || name == "..") continue;
+    if (::fstatat(dir_fd, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) return fail(name + ": " + ErrnoText(errno));
+    if (!S_ISREG(info.st_mode) || info.st_nlink != 1 || info.st_uid != ::geteuid()) continue;
     if (::fchownat(dir_fd, name.c_str(), account.uid, account.gid, AT_SYMLINK_NOFOLLOW) != 0)
-      return fail(name + ": ");
+      return fail(name + ": " + ErrnoText(errno));
   }
   return true;
 }

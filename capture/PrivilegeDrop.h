@@ -46,8 +46,10 @@ bool DropPrivileges(const UserAccount& account, std::string* error);
 // not run as root or the user is root.
 bool DropPrivileges(const std::string& user, std::string* error);
 
-// Gives the directory and the entries directly in it to the account. Symbolic
-// links are changed themselves, never followed.
+// Gives the directory and the files directly in it to the account. Refuses a
+// directory this process does not own; leaves alone every entry that is not
+// a regular file of this process with one link (symbolic links, hard links to
+// files elsewhere, anything else).
 bool GiveDirectoryTo(const std::string& directory, const UserAccount& account, std::string* error);
 
 // The whole --user sequence of one run (see the top of this file). With an

@@ -142,6 +142,37 @@ TEST(PrivilegeDrop, InputOpenedBeforeTheSwitchIsReadAndOnlyTheOutputFolderTakesF
   EXPECT_EQ(OwnerOf(out / "statistics.json"), user);
 }
 
+TEST(PrivilegeDrop, GivesAwayOnlyTheFilesTheRunMade) {
+  REQUIRE_ROOT();
+  const UserAccount user = Unprivileged();
+  TempDir dir;
+  const fs::path elsewhere = dir / "elsewhere";  // stands for a file like /etc/shadow
+  test::WriteWholeFile(elsewhere, "secret");
+  const fs::path out = dir / "out";
+  fs::create_directory(out);
+  test::WriteWholeFile(out / "emails.jsonl", "");
+  fs::create_symlink(elsewhere, out / "symbolic");
+  fs::create_hard_link(elsewhere, out / "hard");
+
+  std::string error;
+  ASSERT_TRUE(GiveDirectoryTo(out.string(), user, &error)) << error;
+  EXPECT_EQ(OwnerOf(out), user.uid);
+  EXPECT_EQ(OwnerOf(out / "emails.jsonl"), user.uid);
+  EXPECT_EQ(OwnerOf(out / "symbolic"), 0u);
+  EXPECT_EQ(OwnerOf(elsewhere), 0u) << "reached through a link";
+
+  // A folder someone else made in the meantime is not the run's to give.
+  const fs::path foreign = dir / "foreign";
+  fs::create_directory(foreign);
+  ASSERT_EQ(::chown(foreign.c_str(), user.uid, user.gid), 0);
+  EXPECT_FALSE(GiveDirectoryTo(foreign.string(), UserAccount{"daemon-like", 1, 1}, &error));
+  EXPECT_THAT(error, HasSubstr("not made by this run"));
+  EXPECT_EQ(OwnerOf(foreign), user.uid);
+  fs::create_directory_symlink(dir.path(), dir / "link-to-folder");
+  EXPECT_FALSE(GiveDirectoryTo((dir / "link-to-folder").string(), user, &error));
+  EXPECT_EQ(OwnerOf(dir.path()), 0u);
+}
+
 // The program itself, as `sudo pelka-email --user nobody` runs it.
 TEST(PrivilegeDropProgram, RunsAsTheUserInAFolderItIsGiven) {
   REQUIRE_PROGRAM();
