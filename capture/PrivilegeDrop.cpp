@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace pelka {
@@ -109,13 +110,15 @@ PrivilegeDrop::PrivilegeDrop(std::string user, std::string out_dir)
     : user_(std::move(user)), out_dir_(std::move(out_dir)) {}
 
 bool PrivilegeDrop::Check(std::string* error) {
+  account_.reset();
   if (user_.empty()) return true;
-  account_ = FindUser(user_, error);
-  if (!account_) return false;
-  if (account_->uid == 0) return Fail(error, "--user " + user_ + ": the user is root; name an unprivileged user");
+  std::optional<UserAccount> account = FindUser(user_, error);
+  if (!account) return false;
+  if (account->uid == 0) return Fail(error, "--user " + user_ + ": the user is root; name an unprivileged user");
   if (::geteuid() != 0) return Fail(error, "--user needs the program to start as root");
   struct stat info {};
   out_dir_is_new_ = !out_dir_.empty() && ::lstat(out_dir_.c_str(), &info) != 0 && errno == ENOENT;
+  account_ = std::move(account);
   return true;
 }
 
