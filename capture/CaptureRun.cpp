@@ -18,6 +18,7 @@
 #include "capture/MessageFilter.h"
 #include "capture/ModuleLoader.h"
 #include "capture/PacketDecoder.h"
+#include "capture/PrivilegeDrop.h"
 #include "capture/Progress.h"
 #include "capture/RunSummary.h"
 #include "host/CodePage.h"
@@ -144,6 +145,8 @@ bool ReadAll(Pipeline& pipeline, HostServices& services, Progress& progress, std
 bool OpenInputs(const ProgramOptions& options, CaptureSource& source, std::ostream& err) {
   if (options.interface_name.empty()) {
     source.OpenFiles(options.inputs);
+    // Read as root, even after --user switches away from it.
+    if (!options.user.empty()) source.OpenAllFilesNow();
     return true;
   }
   if (source.OpenLive(options.interface_name)) return true;
@@ -153,8 +156,13 @@ bool OpenInputs(const ProgramOptions& options, CaptureSource& source, std::ostre
 
 // Opens the inputs and reads them to the end or to a stop signal; false when
 // an input could not be opened or read.
-bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, std::ostream& err) {
+bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, PrivilegeDrop& drop,
+                  std::ostream& err) {
   if (!OpenInputs(options, pipeline.source, err)) return false;
+  if (std::string problem; !drop.Apply(&problem)) {
+    err << kProgramName << ": " << problem << "\n";
+    return false;
+  }
   SignalScope signals(&pipeline.source);
   Progress progress(Progress::Wanted(options.quiet), [&pipeline, &services] {
     return ProgressFigures{pipeline.source.bytes_read(), pipeline.source.total_bytes(), pipeline.source.frames_read(),
@@ -227,6 +235,11 @@ RunFacts CollectFacts(const ProgramOptions& options, const Pipeline& pipeline, c
 
 int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& err) {
   const auto started = std::chrono::steady_clock::now();
+  PrivilegeDrop drop(options.user, options.out_dir);
+  if (std::string problem; !drop.Check(&problem)) {
+    err << kProgramName << ": " << problem << "\n";
+    return kExitUsage;
+  }
   SetAnsiCodePage(options.code_page);
   ::setenv(kCodePageVariable, std::to_string(options.code_page).c_str(), 1);
 
@@ -260,7 +273,7 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
 
   Pipeline pipeline;
   pipeline.tracker = std::make_unique<FlowTracker>(services.flow_sink());
-  const bool inputs_ok = ReadCaptures(options, pipeline, services, err);
+  const bool inputs_ok = ReadCaptures(options, pipeline, services, drop, err);
   pipeline.tracker->Finish();
   WarnAboutSkippedParts(options, pipeline, err);
   const bool outputs_ok = services.FinishRun(main_table);

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace pelka {
 
@@ -29,21 +30,44 @@ std::string LiveError(const std::string& name, int status, pcap_t* handle) {
   }
 }
 
+FILE* OpenCaptureFile(const std::string& path) { return path == "-" ? stdin : std::fopen(path.c_str(), "rb"); }
+
 }  // namespace
 
 CaptureSource::CaptureSource() = default;
 
-CaptureSource::~CaptureSource() { CloseCurrent(); }
+CaptureSource::~CaptureSource() {
+  CloseCurrent();
+  CloseHeldFiles();
+}
 
 void CaptureSource::OpenFiles(std::vector<std::string> paths) {
   CloseCurrent();
+  CloseHeldFiles();
   paths_ = std::move(paths);
   next_path_ = 0;
   live_ = false;
 }
 
+void CaptureSource::OpenAllFilesNow() {
+  CloseHeldFiles();
+  held_.resize(paths_.size());
+  for (size_t i = next_path_; i < paths_.size(); ++i) {
+    errno = 0;
+    held_[i].file = OpenCaptureFile(paths_[i]);
+    held_[i].open_error = held_[i].file ? 0 : errno;
+  }
+}
+
+void CaptureSource::CloseHeldFiles() {
+  for (HeldFile& held : held_)
+    if (held.file && held.file != stdin) std::fclose(held.file);
+  held_.clear();
+}
+
 bool CaptureSource::OpenLive(const std::string& interface_name, int read_timeout_ms) {
   CloseCurrent();
+  CloseHeldFiles();
   paths_.clear();
   char message[PCAP_ERRBUF_SIZE] = {};
   pcap_t* handle = pcap_create(interface_name.c_str(), message);
@@ -71,12 +95,21 @@ bool CaptureSource::OpenLive(const std::string& interface_name, int read_timeout
 
 bool CaptureSource::OpenNextFile() {
   if (next_path_ >= paths_.size()) return false;
-  const std::string& path = paths_[next_path_++];
+  const size_t index = next_path_++;
+  const std::string& path = paths_[index];
   current_name_ = path == "-" ? "standard input" : path;
   current_bytes_ = 0;
-  FILE* file = path == "-" ? stdin : std::fopen(path.c_str(), "rb");
+  FILE* file = nullptr;
+  int open_error = 0;
+  if (index < held_.size()) {
+    file = std::exchange(held_[index].file, nullptr);
+    open_error = held_[index].open_error;
+  } else {
+    file = OpenCaptureFile(path);
+    open_error = errno;
+  }
   if (!file) {
-    error_ = "cannot open " + path + ": " + std::strerror(errno);
+    error_ = "cannot open " + path + ": " + std::strerror(open_error);
     return false;
   }
   file_buffer_.resize(kFileBufferSize);

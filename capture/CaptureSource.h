@@ -46,6 +46,11 @@ class CaptureSource {
   // turn comes, so that an error names the file that caused it.
   void OpenFiles(std::vector<std::string> paths);
 
+  // Opens every file of OpenFiles now instead of when its turn comes, so that
+  // the run can give up its privileges before reading. A file that cannot be
+  // opened is still reported when its turn comes.
+  void OpenAllFilesNow();
+
   // Live capture on an interface. False with error() set for a missing
   // interface, a missing privilege or another failure to start.
   bool OpenLive(const std::string& interface_name, int read_timeout_ms = 100);
@@ -70,9 +75,17 @@ class CaptureSource {
  private:
   bool OpenNextFile();
   void CloseCurrent();
+  void CloseHeldFiles();
+
+  // A file opened ahead of its turn, or the errno of its failed open.
+  struct HeldFile {
+    FILE* file = nullptr;
+    int open_error = 0;
+  };
   ReadStatus Fail(const std::string& message);
 
   std::vector<std::string> paths_;
+  std::vector<HeldFile> held_;  // empty unless OpenAllFilesNow was called
   size_t next_path_ = 0;
   pcap* handle_ = nullptr;
   FILE* file_ = nullptr;

@@ -34,6 +34,7 @@ constexpr const char* kFooter =
     "\n"
     "Examples:\n"
     "  pelka-email -o out mail.pcap\n"
+    "  sudo pelka-email -i eth0 --user nobody -o /tmp/mail-out\n"
     "  pelka-email --copies --attachment yes --size-included 0-1024 a.pcap b.pcapng\n"
     "  tcpdump -w - port 25 | pelka-email -o out -";
 
@@ -143,6 +144,11 @@ void AddInputOutputOptions(CLI::App& app, ProgramOptions& options) {
       ->group(input);
   app.add_option("-i,--interface", options.interface_name, "capture live from this network interface (needs privilege)")
       ->type_name("IFACE")
+      ->group(input);
+  app.add_option("--user", options.user,
+                 "once the inputs are open, continue as this user (the program must start as root); "
+                 "an output folder the run creates is given to the user")
+      ->type_name("NAME")
       ->group(input);
 
   const std::string output = "Output";

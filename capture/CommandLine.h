@@ -29,6 +29,7 @@ enum class TextLanguage { kEnglish, kChinese, kNone };
 struct ProgramOptions {
   std::vector<std::string> inputs;  // capture files in order; "-" is standard input
   std::string interface_name;       // live capture instead of files
+  std::string user;                 // continue as this user once the inputs are open (see PrivilegeDrop.h)
   std::string out_dir = "pelka-out";
   bool copies = false;
   uint32_t max_flow_length_mib = 2;

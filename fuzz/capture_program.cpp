@@ -1,0 +1,121 @@
+// The whole program on a random small capture file: the command line
+// "pelka-email -q --copies -o OUT IN" goes through ParseCommandLine and
+// RunCapture, which load the real module library (the sanitizer-built one of
+// this build tree) and write the real output files and copies. The input is
+// written to IN and OUT is removed again after each input, so every run
+// starts from nothing.
+#include <dlfcn.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+
+#include "capture/CaptureRun.h"
+#include "capture/CommandLine.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// A private folder for the input and the outputs, removed at exit.
+class Scratch {
+ public:
+  Scratch() {
+    std::string pattern = (fs::temp_directory_path() / "pelka-fuzz-program-XXXXXX").string();
+    if (::mkdtemp(pattern.data())) path_ = pattern;
+  }
+  ~Scratch() {
+    std::error_code ignored;
+    if (!path_.empty()) fs::remove_all(path_, ignored);
+  }
+  Scratch(const Scratch&) = delete;
+  Scratch& operator=(const Scratch&) = delete;
+
+  fs::path input() const { return path_ / "in.pcap"; }
+  fs::path out() const { return path_ / "out"; }
+
+ private:
+  fs::path path_;
+};
+
+Scratch* g_scratch = nullptr;
+
+constexpr const char* kOutputFiles[] = {"emails.jsonl",  "entries.jsonl", "diagnosis.jsonl",
+                                        "email_log.csv", "email_log.txt", "statistics.json"};
+
+// Present, and empty or ending with a line end.
+bool IsWholeLines(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary | std::ios::ate);
+  if (!file) return false;
+  const std::streamoff size = file.tellg();
+  if (size <= 0) return size == 0;
+  file.seekg(size - 1);
+  return file.get() == '\n';
+}
+
+// What every run leaves, whatever its input: the fixed files with whole
+// lines in each, and nothing else but copies under email_copy/.
+bool OutputsAreWhole(const fs::path& out) {
+  for (const char* name : kOutputFiles)
+    if (!IsWholeLines(out / name)) return false;
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(out, error)) {
+    const std::string name = entry.path().filename().string();
+    const bool known = std::find_if(std::begin(kOutputFiles), std::end(kOutputFiles),
+                                    [&name](const char* file) { return name == file; }) != std::end(kOutputFiles);
+    if (!known && name != "email_copy") return false;
+  }
+  if (error) return false;
+  if (!fs::exists(out / "email_copy")) return true;
+  for (const auto& entry : fs::directory_iterator(out / "email_copy", error))
+    if (!entry.is_regular_file() || entry.path().extension() != ".eml") return false;
+  return !error;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  // The library the build made for this target, unless one is named.
+  ::setenv("PELKA_MODULE", PELKA_FUZZ_MODULE, 0);
+  // One reference held for the whole process keeps the library mapped between
+  // runs: each run's own load and close then cost little, and a leak found in
+  // it can still be symbolised when it is reported at exit.
+  const char* library = ::getenv("PELKA_MODULE");
+  if (!::dlopen(library, RTLD_NOW | RTLD_LOCAL)) {
+    std::fprintf(stderr, "fuzz_capture_program: cannot load %s: %s\n", library, ::dlerror());
+    ::_exit(2);
+  }
+  static Scratch scratch;
+  g_scratch = &scratch;
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  {
+    std::ofstream input(g_scratch->input(), std::ios::binary | std::ios::trunc);
+    input.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+  }
+  const std::string out = g_scratch->out().string();
+  const std::string in = g_scratch->input().string();
+  const char* const argv[] = {"pelka-email", "-q", "--copies", "-o", out.c_str(), in.c_str()};
+  const pelka::CommandLineOutcome outcome = pelka::ParseCommandLine(static_cast<int>(std::size(argv)), argv);
+  if (!outcome.options) __builtin_trap();  // the command line is fixed and valid
+
+  std::ostringstream summary;
+  std::ostringstream problems;
+  const int status = pelka::RunCapture(*outcome.options, summary, problems);
+  if ((status != pelka::kExitDone && status != pelka::kExitInputProblem) || !OutputsAreWhole(g_scratch->out())) {
+    std::fprintf(stderr, "status %d\n%s", status, problems.str().c_str());
+    __builtin_trap();
+  }
+  std::error_code ignored;
+  fs::remove_all(g_scratch->out(), ignored);
+  return 0;
+}

@@ -1,0 +1,292 @@
+// --user: the switch away from root after the inputs are open, and where the
+// program writes. The refusals run everywhere; the switch itself needs root
+// (as on the development machines and CI) and is skipped otherwise. Every
+// switch happens in a child process, so the test process keeps its identity.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ProgramHarness.h"
+#include "capture/CaptureSource.h"
+#include "capture/CommandLine.h"
+#include "capture/PrivilegeDrop.h"
+
+namespace pelka {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+using test::ProgramResult;
+using test::TempDir;
+
+const fs::path kSample = fs::path(PELKA_SOURCE_DIR) / "samples" / "mail-sample.pcap";
+constexpr const char* kUnprivileged = "nobody";
+
+// Runs `body` in a child process and hands back the text it returns (empty:
+// all went well).
+std::string InChild(const std::function<std::string()>& body) {
+  int ends[2];
+  if (::pipe(ends) != 0) return "cannot make a pipe";
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::close(ends[0]);
+    const std::string text = body();
+    const ssize_t written = ::write(ends[1], text.data(), text.size());
+    ::_exit(written == static_cast<ssize_t>(text.size()) ? 0 : 3);
+  }
+  ::close(ends[1]);
+  std::string text;
+  char buffer[512];
+  for (ssize_t n; (n = ::read(ends[0], buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<size_t>(n));
+  ::close(ends[0]);
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) text += " (the child ended abnormally)";
+  return text;
+}
+
+uid_t OwnerOf(const fs::path& path) {
+  struct stat info {};
+  return ::lstat(path.c_str(), &info) == 0 ? info.st_uid : static_cast<uid_t>(-1);
+}
+
+UserAccount Unprivileged() {
+  std::string error;
+  const std::optional<UserAccount> account = FindUser(kUnprivileged, &error);
+  EXPECT_TRUE(account) << error;
+  return account.value_or(UserAccount{});
+}
+
+#define REQUIRE_ROOT() \
+  if (::geteuid() != 0) GTEST_SKIP() << "switching users needs root; skipping"
+
+TEST(PrivilegeDrop, RefusesWhatCannotWork) {
+  struct Case {
+    const char* name;
+    std::string user;
+    bool start_unprivileged;
+    std::string expected;  // empty: the switch succeeds or has nothing to do
+  } cases[] = {
+      {"no --user: nothing to do", "", true, ""},
+      {"unknown user", "pelka-no-such-user", false, "--user pelka-no-such-user: no such user"},
+      {"root gives nothing up", "root", false, "--user root: the user is root; name an unprivileged user"},
+      {"not started as root", kUnprivileged, true, "--user needs the program to start as root"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string problem = InChild([&c] {
+      std::string error;
+      if (c.start_unprivileged && ::geteuid() == 0 && !DropPrivileges(kUnprivileged, &error)) return "setup: " + error;
+      PrivilegeDrop drop(c.user, "");
+      return drop.Check(&error) && drop.Apply(&error) ? std::string() : error;
+    });
+    EXPECT_EQ(problem, c.expected);
+  }
+}
+
+TEST(PrivilegeDrop, InputOpenedBeforeTheSwitchIsReadAndOnlyTheOutputFolderTakesFiles) {
+  REQUIRE_ROOT();
+  TempDir private_dir;  // root's alone: the unprivileged user cannot open the input
+  const fs::path capture = private_dir / "in.pcap";
+  test::WriteWholeFile(capture, test::PcapFileHeader() + test::PcapRecords(test::SmtpSession(40000, "hello")));
+  TempDir public_dir;
+  fs::permissions(public_dir.path(), fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                                         fs::perms::others_read | fs::perms::others_exec);
+  const fs::path out = public_dir / "out";
+
+  const std::string problem = InChild([&] {
+    CaptureSource source;
+    source.OpenFiles({capture.string()});
+    source.OpenAllFilesNow();
+    PrivilegeDrop drop(kUnprivileged, out.string());
+    std::string error;
+    if (!drop.Check(&error)) return error;
+    // As HostServices::Open does before the switch.
+    fs::create_directory(out);
+    test::WriteWholeFile(out / "emails.jsonl", "");
+    if (!drop.Apply(&error)) return error;
+
+    std::string failures;
+    if (::setuid(0) == 0) failures += "root regained; ";
+    for (const fs::path& place : {fs::path("/etc"), fs::path("/root"), private_dir.path(), public_dir.path()}) {
+      const fs::path probe = place / "pelka-probe";
+      const int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+      if (fd < 0) continue;
+      ::close(fd);
+      ::unlink(probe.c_str());
+      failures += "wrote in " + place.string() + "; ";
+    }
+    if (::access(capture.c_str(), R_OK) == 0) failures += "the input is readable anyway, which proves nothing; ";
+    CapturedFrame frame;
+    if (source.Next(&frame) != ReadStatus::kFrame) failures += "the input was not read: " + source.error() + "; ";
+    std::ofstream later(out / "statistics.json");
+    if (!(later << "{}\n").flush()) failures += "cannot make a file in the output folder; ";
+    return failures;
+  });
+  EXPECT_EQ(problem, "");
+  const uid_t user = Unprivileged().uid;
+  EXPECT_EQ(OwnerOf(out), user);
+  EXPECT_EQ(OwnerOf(out / "emails.jsonl"), user);
+  EXPECT_EQ(OwnerOf(out / "statistics.json"), user);
+}
+
+TEST(PrivilegeDrop, GivesAwayOnlyTheFilesTheRunMade) {
+  REQUIRE_ROOT();
+  const UserAccount user = Unprivileged();
+  TempDir dir;
+  const fs::path elsewhere = dir / "elsewhere";  // stands for a file like /etc/shadow
+  test::WriteWholeFile(elsewhere, "secret");
+  const fs::path out = dir / "out";
+  fs::create_directory(out);
+  test::WriteWholeFile(out / "emails.jsonl", "");
+  fs::create_symlink(elsewhere, out / "symbolic");
+  fs::create_hard_link(elsewhere, out / "hard");
+
+  std::string error;
+  ASSERT_TRUE(GiveDirectoryTo(out.string(), user, &error)) << error;
+  EXPECT_EQ(OwnerOf(out), user.uid);
+  EXPECT_EQ(OwnerOf(out / "emails.jsonl"), user.uid);
+  EXPECT_EQ(OwnerOf(out / "symbolic"), 0u);
+  EXPECT_EQ(OwnerOf(elsewhere), 0u) << "reached through a link";
+
+  // A folder someone else made in the meantime is not the run's to give.
+  const fs::path foreign = dir / "foreign";
+  fs::create_directory(foreign);
+  ASSERT_EQ(::chown(foreign.c_str(), user.uid, user.gid), 0);
+  EXPECT_FALSE(GiveDirectoryTo(foreign.string(), UserAccount{"daemon-like", 1, 1}, &error));
+  EXPECT_THAT(error, HasSubstr("not made by this run"));
+  EXPECT_EQ(OwnerOf(foreign), user.uid);
+  fs::create_directory_symlink(dir.path(), dir / "link-to-folder");
+  EXPECT_FALSE(GiveDirectoryTo((dir / "link-to-folder").string(), user, &error));
+  EXPECT_EQ(OwnerOf(dir.path()), 0u);
+}
+
+// The program itself, as `sudo pelka-email --user nobody` runs it.
+TEST(PrivilegeDropProgram, RunsAsTheUserInAFolderItIsGiven) {
+  REQUIRE_PROGRAM();
+  REQUIRE_ROOT();
+  TempDir private_dir;
+  const fs::path capture = private_dir / "sample.pcap";
+  fs::copy_file(kSample, capture);
+  TempDir public_dir;
+  fs::permissions(public_dir.path(), fs::perms::others_read | fs::perms::others_exec, fs::perm_options::add);
+  const fs::path out = public_dir / "out";
+
+  const ProgramResult result =
+      test::RunProgram({"--user", kUnprivileged, "--copies", "-o", out.string(), capture.string()});
+  test::ExpectNoCrash(result);
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("Messages: 3"));
+  EXPECT_EQ(test::ReadJsonLines(out / "emails.jsonl").size(), 3u);
+  const uid_t user = Unprivileged().uid;
+  size_t files = 0;
+  EXPECT_EQ(OwnerOf(out), user);
+  for (const auto& entry : fs::recursive_directory_iterator(out)) {
+    EXPECT_EQ(OwnerOf(entry.path()), user) << entry.path();
+    ++files;
+  }
+  EXPECT_EQ(files, 6u + 1u + 3u) << "six files, email_copy/ and three copies";
+  EXPECT_EQ(std::distance(fs::directory_iterator(public_dir.path()), fs::directory_iterator()), 1)
+      << "nothing but the output folder beside it";
+}
+
+TEST(PrivilegeDropProgram, RefusalsStopTheRunBeforeItReads) {
+  REQUIRE_PROGRAM();
+  struct Case {
+    const char* name;
+    std::string user;
+    bool existing_folder;  // made by root before the run
+    bool needs_root;
+    int status;
+    std::string message;
+  } cases[] = {
+      {"unknown user: nothing is made", "pelka-no-such-user", false, false, kExitUsage,
+       "--user pelka-no-such-user: no such user"},
+      {"a folder made beforehand is not given away", kUnprivileged, true, true, kExitInputProblem,
+       "is not writable by user nobody"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.needs_root && ::geteuid() != 0) continue;
+    TempDir dir;
+    const fs::path out = dir / "out";
+    if (c.existing_folder) fs::create_directory(out);
+    const ProgramResult result = test::RunProgram({"--user", c.user, "-q", "-o", out.string(), kSample.string()});
+    test::ExpectNoCrash(result);
+    EXPECT_EQ(result.status, c.status);
+    EXPECT_THAT(result.err, HasSubstr(c.message));
+    EXPECT_EQ(fs::exists(out), c.existing_folder);
+    if (c.existing_folder) {
+      EXPECT_EQ(OwnerOf(out), 0u);
+      EXPECT_TRUE(test::ReadJsonLines(out / "emails.jsonl").empty()) << "nothing may be read after a failed switch";
+    }
+  }
+}
+
+// Copies are named by the packet time alone: headers full of path pieces put
+// nothing outside email_copy/ and give no name of their own.
+TEST(CopyFileNames, ComeFromThePacketTimeNeverFromTheMessage) {
+  REQUIRE_PROGRAM();
+  const std::string hostile = "../../../../tmp/pelka-escape/x";
+  test::TcpConversation c(40001);
+  c.Handshake();
+  c.Server("220 mx.example.net ESMTP\r\n");
+  c.Client("HELO ../../host\r\n");
+  c.Server("250 ok\r\n");
+  c.Client("MAIL FROM:<" + hostile + "@example.org>\r\n");
+  c.Server("250 OK\r\n");
+  c.Client("RCPT TO:<../bob@example.net>\r\n");
+  c.Server("250 OK\r\n");
+  c.Client("DATA\r\n");
+  c.Server("354 go ahead\r\n");
+  c.Client("From: \"" + hostile + "\" <" + hostile + "@example.org>\r\nTo: ../bob@example.net\r\nSubject: " + hostile +
+           ".eml\r\nMIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n--b\r\n"
+           "Content-Type: text/plain\r\n\r\nhi\r\n--b\r\nContent-Type: application/octet-stream; name=\"" + hostile +
+           "\"\r\nContent-Disposition: attachment; filename=\"/etc/" + hostile + "\"\r\n\r\nAAAA\r\n--b--\r\n");
+  c.Client(".\r\n");
+  c.Server("250 queued\r\n");
+  c.Client("QUIT\r\n");
+  c.Server("221 bye\r\n");
+  c.Close();
+
+  TempDir dir;
+  test::WriteWholeFile(dir / "in.pcap", test::PcapFileHeader() + test::PcapRecords(c.frames()));
+  const fs::path out = dir / "out";
+  const ProgramResult result = test::RunProgram({"--copies", "-q", "-o", out.string(), (dir / "in.pcap").string()});
+  test::ExpectNoCrash(result);
+  ASSERT_EQ(result.status, 0) << result.err;
+  ASSERT_EQ(test::RecordedSubjects(out), std::vector<std::string>{hostile + ".eml"});
+
+  const std::set<std::string> fixed = {"emails.jsonl", "entries.jsonl", "diagnosis.jsonl", "email_log.csv",
+                                       "email_log.txt", "statistics.json", "email_copy"};
+  const std::regex copy_name(R"(\d{4}-\d\d-\d\d \d\d\.\d\d\.\d\d\.\d{1,6}\.eml)");
+  size_t copies = 0;
+  for (const auto& entry : fs::recursive_directory_iterator(out)) {
+    const fs::path relative = entry.path().lexically_relative(out);
+    if (relative.parent_path().empty()) {
+      EXPECT_TRUE(fixed.count(relative.string())) << relative;
+    } else {
+      EXPECT_EQ(relative.parent_path(), "email_copy");
+      EXPECT_TRUE(std::regex_match(relative.filename().string(), copy_name)) << relative;
+      ++copies;
+    }
+  }
+  EXPECT_EQ(copies, 1u);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 2) << "in.pcap and out/";
+  EXPECT_FALSE(fs::exists("/tmp/pelka-escape"));
+}
+
+}  // namespace
+}  // namespace pelka
