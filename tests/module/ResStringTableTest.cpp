@@ -101,20 +101,6 @@ TEST(ResStringTable, TranslatedTextsBindValuesByName) {
   for (const auto& [got, expected] : cases) EXPECT_EQ(got, expected);
 }
 
-TEST(ResStringTable, DefaultTextEdgeCases) {
-  CResStringTable table;
-  std::wstring h;
-  const std::vector<std::pair<std::wstring, const wchar_t*>> cases = {
-      // The lone sign hides the placeholder, which takes no value; the next
-      // one still gets the first value.
-      {table.GetString(h, L"X", L"50% [%d_A%] 1% %d_B%", 7), L"#50% [%d_A%] 1% 7"},
-      {table.GetString(h, L"X", L"%e_E% %NONAME% %d_N%", 4), L"#%e_E% %NONAME% 4"},
-      {table.GetString(h, L"X", L"[%s_T%]", L""), L"#[]"},
-      {table.GetString(h, L"X", L"100%%"), L"#100%"},
-  };
-  for (const auto& [got, expected] : cases) EXPECT_EQ(got, expected);
-}
-
 TEST(ResStringTable, ReadsUtf16WithByteOrderMark) {
   LoadedTable loaded(test::Utf16LeWithBom(
       L"<?xml version=\"1.0\" encoding=\"UTF-16\"?>\r\n<StringTable>\r\n"
