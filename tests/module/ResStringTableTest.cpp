@@ -101,18 +101,6 @@ TEST(ResStringTable, TranslatedTextsBindValuesByName) {
   for (const auto& [got, expected] : cases) EXPECT_EQ(got, expected);
 }
 
-TEST(ResStringTable, ReadsUtf16WithByteOrderMark) {
-  LoadedTable loaded(test::Utf16LeWithBom(
-      L"<?xml version=\"1.0\" encoding=\"UTF-16\"?>\r\n<StringTable>\r\n"
-      L"<String id=\"IDS_EMAIL_LOG\">邮件日志 (UTF-16)</String>\r\n"
-      L"<String id=\"IDS_SLOW_TIME\">相隔%d_SLOW%ms</String>\r\n</StringTable>\r\n"));
-  ASSERT_EQ(loaded.loaded(), 1);
-  std::wstring h;
-  EXPECT_STREQ(loaded.table().GetString(h, L"IDS_EMAIL_LOG", L"x"), L"邮件日志 (UTF-16)");
-  EXPECT_STREQ(loaded.table().GetString(h, L"IDS_SLOW_TIME", kSlowTime, uint64_t{1}, uint64_t{2}, 3),
-               L"相隔3ms");
-}
-
 // Every request clears and refills the one replacer; concurrent requests must
 // not see each other's values.
 TEST(ResStringTable, ConcurrentRequestsKeepTheirOwnValues) {
