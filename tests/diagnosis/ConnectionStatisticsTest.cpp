@@ -20,7 +20,6 @@ using testing::InMemoryStats;
 
 constexpr uint16_t kApplications[] = {kProtocolSmtp, kProtocolPop3, kProtocolImap4};
 constexpr uint16_t kPorts[] = {kSmtpPort, kPop3Port, kImapPort};
-const char* const kItems[] = {"SMTP", "POP3", "IMAP4"};
 
 class ConnectionStatisticsTest : public ::testing::Test {
  protected:
@@ -47,32 +46,6 @@ class ConnectionStatisticsTest : public ::testing::Test {
   InMemoryStats stats_;
   CPelkaEmailModule module_;
 };
-
-TEST_F(ConnectionStatisticsTest, DefinesTheEmailCategoryWithThreeCounters) {
-  DefineAndNumber();
-  EXPECT_EQ(stats_.parsed_scopes, std::vector<std::string>{"global, group, ipv4_addr"});
-  ASSERT_EQ(stats_.categories.size(), 1u);
-  const auto& category = *stats_.categories[0];
-  EXPECT_EQ(category.definition.name, "Email");
-  EXPECT_EQ(category.definition.caption, L"Email Analysis");
-  EXPECT_EQ(category.definition.scope, InMemoryStats::kScope);
-  EXPECT_EQ(category.definition.owner, "CPelkaEmailModule");
-
-  const std::wstring captions[] = {L"SMTP Connections", L"POP3 Connections", L"IMAP4 Connections"};
-  ASSERT_EQ(category.items.size(), 3u);
-  for (size_t i = 0; i < 3; ++i) {
-    const auto& item = *category.items[i];
-    EXPECT_EQ(item.definition.name, kItems[i]);
-    EXPECT_EQ(item.definition.caption, captions[i]);
-    EXPECT_EQ(item.definition.scope, InMemoryStats::kScope);
-    EXPECT_EQ(item.definition.owner, "CPelkaEmailModule");
-    ASSERT_EQ(item.counters.size(), 1u);
-    EXPECT_EQ(item.counters[0]->name, "Count");
-    EXPECT_EQ(item.counters[0]->kind, 1);
-    EXPECT_EQ(item.counters[0]->width, 4);
-    EXPECT_EQ(item.counters[0]->scope, InMemoryStats::kScope);
-  }
-}
 
 TEST_F(ConnectionStatisticsTest, CountsEachBoundFlowOnItsProtocolsCounter) {
   DefineAndNumber();

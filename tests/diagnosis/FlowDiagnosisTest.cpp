@@ -14,7 +14,6 @@ using testing::DiagnosedModule;
 using testing::InMemoryDiagnosisService;
 using testing::InMemoryStats;
 using testing::kPop3Error;
-using testing::kSmtpDubious;
 using testing::kSmtpError;
 using testing::kSmtpSlow;
 
@@ -48,20 +47,6 @@ TEST_F(FlowDiagnosisTest, SmtpSessionReportsSlowRepliesAndServerErrorsOnly) {
   EXPECT_EQ(service_.reports[1].packet, 8u);
   EXPECT_EQ(service_.reports[1].target, &smtp.node());
   EXPECT_EQ(smtp.node().mark, 0u);
-}
-
-TEST_F(FlowDiagnosisTest, AForeignProtocolOnTheSmtpPortIsDubiousOnce) {
-  Conversation smtp(module_, kSmtpPort, kProtocolSmtp);
-  smtp.Server("SSH-2.0-OpenSSH_9.6\r\n", 1);
-  smtp.Client("SSH-2.0-PuTTY\r\n", 2);
-  smtp.Server("\x16\x03\x01", 3);
-  smtp.Server("", 4);
-  smtp.Server("", 5);  // the fourth non-reply of the server
-  smtp.Server("", 6);
-  ASSERT_EQ(service_.reports.size(), 1u);
-  EXPECT_EQ(service_.reports[0].event, kSmtpDubious);
-  EXPECT_EQ(service_.reports[0].packet, 5u);
-  EXPECT_EQ(smtp.node().mark, 1u);
 }
 
 TEST_F(FlowDiagnosisTest, Pop3FlowReportsItsBareErrorLine) {

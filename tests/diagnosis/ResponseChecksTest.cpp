@@ -88,6 +88,7 @@ class DubiousConversation : public ::testing::TestWithParam<bool> {
 
 TEST_P(DubiousConversation, ReportsOnceAtTheFourthNonReply) {
   smtp_.Server(1, 0, "SSH-2.0-OpenSSH_9.0\r\n");
+  smtp_.Client(1, 0, "SSH-2.0-PuTTY\r\n");  // no command: the probation goes on
   smtp_.Server(2, 0, "220 a reply does not count\r\n");
   smtp_.Server(3, 0, "HTTP/1.1 200 OK\r\n");
   smtp_.Server(4, 0, "\x16\x03\x01");

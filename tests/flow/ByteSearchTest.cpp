@@ -34,6 +34,9 @@ TEST(FindSequence, Cases) {
       {"xx\r\n.\r\n", "\r\n.\r\n", 2},
       {"\r\n.\r", "\r\n.\r\n", -1},
       {"a.b.\r\n.\r\n", "\r\n.\r\n", 4},
+      {"\r\n\r\n.\r\n", "\r\n.\r\n", 2},  // a false start right before the marker
+      {"\r\r\n.\r\n", "\r\n.\r\n", 1},
+      {"line\r\n..\r\nmore", "\r\n.\r\n", -1},  // a dot-stuffed line
       {"Content-Type: x\r\nContent-Disposition: attachment;", "Content-Disposition: attachment", 17},
       {"A4 OKA4 OK", "A4 OK", 0},
       {"zzA4 O", "A4 OK", -1},

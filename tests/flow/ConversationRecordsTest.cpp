@@ -96,16 +96,6 @@ TEST_F(ConversationRecordsTest, SmtpMessagesCarryEveryHeaderField) {
   EXPECT_EQ(records()[2].Number("email_number"), 3u);
 }
 
-TEST_F(ConversationRecordsTest, SmtpMessageWithoutAddressesLeavesNoRecord) {
-  Conversation smtp(module_, 25, kProtocolSmtp);
-  smtp.Client("DATA\r\n", 1);
-  smtp.Client("From: nobody\r\nTo: bob@example.org\r\n\r\nx\r\n.\r\n", 2);
-  smtp.Client("DATA\r\n", 3);
-  smtp.Client("From: a@example.org\r\nCc: c@example.org\r\n\r\nx\r\n.\r\n", 4);  // Cc counts at the end marker
-  ASSERT_EQ(records().size(), 1u);
-  EXPECT_EQ(records()[0].Text("email_sender_email"), L"a@example.org");
-}
-
 TEST_F(ConversationRecordsTest, Pop3RetrievalsBecomeRecordsWithoutTheStatusLine) {
   const std::string first = "From: a@example.org\r\nTo: alice@example.org\r\nSubject: one\r\n\r\nbody one\r\n.\r\n";
   const std::string second = "From: b@example.org\r\nTo: alice@example.org\r\nSubject: two\r\n\r\nbody two\r\n.\r\n";
@@ -139,13 +129,6 @@ TEST_F(ConversationRecordsTest, Pop3RetrievalsBecomeRecordsWithoutTheStatusLine)
     EXPECT_EQ(record.Text("email_account"), L"alice");
     EXPECT_EQ(record.Text("protocol"), L"POP3");
   }
-}
-
-TEST_F(ConversationRecordsTest, Pop3LongErrReplyIsCollectedAsTheMessage) {
-  Conversation pop3(module_, 110, kProtocolPop3);
-  pop3.Client("RETR 3\r\n", 1);
-  EXPECT_EQ(pop3.Server("-ERR no such message\r\nFrom: a@x.org\r\nTo: b@y.org\r\n\r\n.\r\n", 2), 0u);
-  EXPECT_EQ(records().size(), 1u);
 }
 
 std::string Literal(const std::string& message, int uid) {

@@ -3,8 +3,6 @@
 
 #include <string>
 
-#include "flow/SessionHandlers.h"
-#include "host/CodePage.h"
 #include "support/Conversation.h"
 
 namespace pelka {
@@ -41,31 +39,6 @@ TEST(ImapCommandTest, LoginAndFetchLines) {
     EXPECT_EQ(imap.context().in_body, c.in_body) << c.line;
     EXPECT_EQ(imap.context().fetch_tag, c.tag) << c.line;
   }
-}
-
-std::string Literal(const std::string& message, const std::string& uid) {
-  return "* " + uid + " FETCH (UID " + uid + " BODY[] {" + std::to_string(message.size()) + "}\r\n" + message +
-         ")\r\n";
-}
-
-TEST(ImapSessionTest, ResponseCompletesAtTheTaggedOk) {
-  CPelkaEmailModule module;
-  Conversation imap(module, 143, kProtocolImap4);
-  imap.Client("A1 LOGIN bob secret\r\n", 1);
-  imap.Server("A1 OK LOGIN completed\r\n", 2);
-  imap.Client("A3 UID FETCH 1:* (BODY.PEEK[])\r\n", 3);
-  const std::string response = Literal("From: a@x\r\nTo: b@y\r\n\r\none\r\n", "1") +
-                               Literal("From: a@x\r\nTo: c@y\r\n\r\ntwo\r\n", "2");
-  imap.Server(response.substr(0, 30), 4);
-  imap.Server(response.substr(30), 5);
-  EXPECT_EQ(imap.context().in_body, 1u);
-  EXPECT_EQ(imap.context().body_start_time, 4u);
-  imap.Server("A3 O", 6);
-  EXPECT_EQ(imap.context().in_body, 1u) << "the marker is not whole yet";
-  imap.Server("K UID FETCH completed\r\n", 7);
-  EXPECT_EQ(imap.context().in_body, 0u);
-  EXPECT_EQ(CollectedBytes(imap.context()), "");
-  EXPECT_EQ(imap.context().account, L"bob");
 }
 
 TEST(ImapCompletionTest, MarkerRules) {

@@ -1,4 +1,4 @@
-// The keyword automaton against a plain search, and the end marker's cases.
+// The keyword automaton against a plain search.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -17,44 +17,6 @@ bool NaiveSearch(const std::vector<std::string>& keywords, const std::string& te
     if (text.find(keyword) != std::string::npos) return true;
   }
   return false;
-}
-
-CMultiPatternSearcher& EndMarkerSearcher() {
-  static CMultiPatternSearcher searcher;
-  static bool built = [] {
-    searcher.Init();
-    return searcher.AddKeyword(Bytes("\r\n.\r\n"), 5) == 0;
-  }();
-  EXPECT_TRUE(built);
-  return searcher;
-}
-
-TEST(EndMarkerSearch, FindsTheMarkerAnywhereAndNothingElse) {
-  struct Case {
-    std::string text;
-    bool found;
-  } cases[] = {
-      {"\r\n.\r\nrest", true},
-      {"body text\r\n.\r\n", true},
-      {"a\r\n.\r\nb", true},
-      {"line\r\n..\r\nmore", false},  // a dot-stuffed line
-      {"\r\n.\r", false},
-      {"\r\n.", false},
-      {std::string(1000, 'a') + "\r\n.\r\n", true},
-      {std::string(1000, 'a'), false},
-      {"\r\n\r\n.\r\n", true},
-      {"\r\r\n.\r\n", true},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(EndMarkerSearcher().Search(Bytes(c.text), c.text.size()), c.found) << c.text;
-  }
-}
-
-TEST(EndMarkerSearch, BuildsTheDescribedAutomaton) {
-  const CMultiPatternSearcher& searcher = EndMarkerSearcher();
-  EXPECT_EQ(searcher.distinct_chars(), 3u);
-  EXPECT_EQ(searcher.min_length(), 5);
-  EXPECT_EQ(searcher.node_count(), 6u);
 }
 
 TEST(MultiPatternSearch, AgreesWithAPlainSearchOnRandomKeywordsAndTexts) {

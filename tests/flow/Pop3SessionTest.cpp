@@ -74,40 +74,6 @@ TEST(Pop3ErrorReplyTest, OnlyShortErrLinesRefuseARetrieval) {
   }
 }
 
-TEST(Pop3SessionTest, RetrievalsAcrossPacketsAndInOnePacket) {
-  CPelkaEmailModule module;
-  Conversation pop3(module, 110, kProtocolPop3);
-  pop3.Server("+OK POP3 ready\r\n", 1'000'000);
-  pop3.Client("USER alice\r\n", 1'100'000);
-  pop3.Server("+OK\r\n", 1'200'000);
-  pop3.Client("PASS secret\r\n", 1'300'000);
-  pop3.Server("+OK logged in\r\n", 1'400'000);
-  pop3.Client("LIST\r\n", 1'500'000);
-  pop3.Server("+OK 2 messages\r\n1 120\r\n2 80\r\n.\r\n", 1'600'000);
-  EXPECT_EQ(CollectedBytes(pop3.context()), "") << "a LIST reply is not collected";
-
-  pop3.Client("RETR 1\r\n", 2'000'000);
-  pop3.Server("+OK 120 octets\r\nFrom: a@x\r\n", 2'100'000);
-  EXPECT_EQ(pop3.context().body_start_time, 2'100'000u);
-  pop3.Server("-ERR\r\n", 2'200'000);  // only the first packet is checked
-  pop3.Server("To: b@y\r\n\r\nbody\r\n.\r\n", 2'300'000);
-  EXPECT_EQ(pop3.context().in_body, 0u);
-  EXPECT_EQ(CollectedBytes(pop3.context()), "");
-
-  pop3.Client("RETR 2\r\n", 3'000'000);
-  EXPECT_EQ(pop3.Server("+OK\r\nFrom: a@x\r\nTo: b@y\r\n\r\nhi\r\n.\r\n", 3'100'000), 0u);
-  EXPECT_EQ(pop3.context().in_body, 0u) << "status line, message and end marker in one packet";
-
-  pop3.Client("RETR 9\r\n", 4'000'000);
-  EXPECT_EQ(pop3.Server("-ERR\r\n", 4'100'000), 1u);
-  pop3.Client("TOP 1 5\r\n", 4'200'000);
-  EXPECT_EQ(pop3.context().in_body, 0u);
-  pop3.Server("+OK\r\nFrom: a@x\r\n\r\n.\r\n", 4'300'000);
-  EXPECT_EQ(CollectedBytes(pop3.context()), "") << "a TOP reply is not collected";
-  pop3.Client("QUIT\r\n", 4'400'000);
-  EXPECT_EQ(pop3.context().account, L"alice");
-}
-
 TEST(Pop3SessionTest, AnEndingCommandKeepsTheUnfinishedBytes) {
   CPelkaEmailModule module;
   Conversation pop3(module, 110, kProtocolPop3);

@@ -85,34 +85,14 @@ TEST(ModuleInterfaces, EveryInterfaceIsFoundFromTheMainTable) {
   EXPECT_EQ(main_table->QueryInterface(kFlowClientId, nullptr), kStatusMissingOutParameter);
 }
 
-TEST(ModuleInterfaces, MapChainNamesEveryLevelFromTheMostDerived) {
-  std::vector<std::wstring> names;
-  for (const InterfaceMapRecord* record = CPelkaEmailModule::InterfaceMap(); record; record = record->base) {
-    for (const InterfaceMapEntry* entry = record->entries; entry->offset != kEndOfEntries; ++entry) {
-      names.push_back(entry->name);
-    }
-  }
-  EXPECT_EQ(names, (std::vector<std::wstring>{L"IPelkaDiagnosisClient", L"IPelkaStatClient", L"IPelkaFlowClient",
-                                                L"IPelkaModuleNotify", L"IPelkaPluginModule", L"CPAEBaseModule"}));
-}
-
-TEST(ModuleInterfaces, IdentityAndFrameworkDefaults) {
+TEST(ModuleInterfaces, IdentityAndPluginState) {
   CPelkaEmailModule module;
   IPelkaPluginModule& plugin = module;
   EXPECT_EQ(std::wstring(plugin.GetClassId()), L"{0F212197-DB95-43e9-BCB8-06C68B8A5EE6}");
   EXPECT_EQ(std::wstring(plugin.GetName()), L"Email");
-  EXPECT_STREQ(plugin.GetClassName(), "CPelkaEmailModule");
   EXPECT_EQ(plugin.GetPluginState(), 1u);
   plugin.SetPluginState(5);
   EXPECT_EQ(plugin.GetPluginState(), 5u);
-  EXPECT_STREQ(module.GetThreadModelName(), "CTQMultiThreadModel");
-  EXPECT_STREQ(module.GetObjectName(), "CPelkaEmailModule");
-  EXPECT_EQ(module.GetHost(), nullptr);
-  EXPECT_EQ(module.Reserved20(), 2u);
-  uint32_t out = 9;
-  EXPECT_EQ(module.Reserved22(&out), kStatusNotImplemented);
-  EXPECT_EQ(out, 0u);
-  EXPECT_EQ(module.max_flow_length(), 2u * 1048576);
 }
 
 std::wstring SavedAttribute(CPelkaEmailModule& module) {
@@ -126,7 +106,7 @@ std::wstring SavedAttribute(CPelkaEmailModule& module) {
 
 TEST(ModuleOptions, SavedInWholeMebibytes) {
   CPelkaEmailModule module;
-  EXPECT_EQ(SavedAttribute(module), L"2");
+  EXPECT_EQ(SavedAttribute(module), L"2") << "the default is 2 MiB";
   module.set_max_flow_length(3 * 1048576 + 12345);
   EXPECT_EQ(SavedAttribute(module), L"3");
   module.set_max_flow_length(1000);
@@ -158,16 +138,6 @@ TEST(ModuleOptions, LoadReadsTheNumberLeniently) {
   }
   CPelkaEmailModule module;
   EXPECT_EQ(module.LoadOptions(nullptr), 0u);
-}
-
-TEST(ModuleOptions, SaveAndLoadRoundTrip) {
-  CPelkaEmailModule first;
-  first.set_max_flow_length(9 * 1048576);
-  std::wstring document;
-  first.SaveOptions(&document);
-  CPelkaEmailModule second;
-  EXPECT_EQ(second.LoadOptions(document.c_str()), 1u);
-  EXPECT_EQ(second.max_flow_length(), 9u * 1048576);
 }
 
 }  // namespace

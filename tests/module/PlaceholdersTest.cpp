@@ -53,6 +53,12 @@ TEST(Placeholders, FormatsEachTypeWithItsFormatPart) {
       {table.GetString(h, L"X", L"[%-4s_N%]", L"ab"), L"#[ab  ]"},
       // A width before I64u makes it a 32-bit conversion.
       {table.GetString(h, L"X", L"%5I64u_N%", 7), L"#    7"},
+      // The lone sign hides the placeholder, which takes no value; the next
+      // one still gets the first value.
+      {table.GetString(h, L"X", L"50% [%d_A%] 1% %d_B%", 7), L"#50% [%d_A%] 1% 7"},
+      {table.GetString(h, L"X", L"%e_E% %NONAME% %d_N%", 4), L"#%e_E% %NONAME% 4"},
+      {table.GetString(h, L"X", L"[%s_T%]", L""), L"#[]"},
+      {table.GetString(h, L"X", L"100%%"), L"#100%"},
   };
   for (const auto& [got, expected] : cases) EXPECT_EQ(got, expected);
 }

@@ -101,32 +101,6 @@ TEST(ResStringTable, TranslatedTextsBindValuesByName) {
   for (const auto& [got, expected] : cases) EXPECT_EQ(got, expected);
 }
 
-TEST(ResStringTable, DefaultTextEdgeCases) {
-  CResStringTable table;
-  std::wstring h;
-  const std::vector<std::pair<std::wstring, const wchar_t*>> cases = {
-      // The lone sign hides the placeholder, which takes no value; the next
-      // one still gets the first value.
-      {table.GetString(h, L"X", L"50% [%d_A%] 1% %d_B%", 7), L"#50% [%d_A%] 1% 7"},
-      {table.GetString(h, L"X", L"%e_E% %NONAME% %d_N%", 4), L"#%e_E% %NONAME% 4"},
-      {table.GetString(h, L"X", L"[%s_T%]", L""), L"#[]"},
-      {table.GetString(h, L"X", L"100%%"), L"#100%"},
-  };
-  for (const auto& [got, expected] : cases) EXPECT_EQ(got, expected);
-}
-
-TEST(ResStringTable, ReadsUtf16WithByteOrderMark) {
-  LoadedTable loaded(test::Utf16LeWithBom(
-      L"<?xml version=\"1.0\" encoding=\"UTF-16\"?>\r\n<StringTable>\r\n"
-      L"<String id=\"IDS_EMAIL_LOG\">邮件日志 (UTF-16)</String>\r\n"
-      L"<String id=\"IDS_SLOW_TIME\">相隔%d_SLOW%ms</String>\r\n</StringTable>\r\n"));
-  ASSERT_EQ(loaded.loaded(), 1);
-  std::wstring h;
-  EXPECT_STREQ(loaded.table().GetString(h, L"IDS_EMAIL_LOG", L"x"), L"邮件日志 (UTF-16)");
-  EXPECT_STREQ(loaded.table().GetString(h, L"IDS_SLOW_TIME", kSlowTime, uint64_t{1}, uint64_t{2}, 3),
-               L"相隔3ms");
-}
-
 // Every request clears and refills the one replacer; concurrent requests must
 // not see each other's values.
 TEST(ResStringTable, ConcurrentRequestsKeepTheirOwnValues) {

@@ -70,23 +70,6 @@ TEST(ShippedTables, HoldEveryModuleTextWithTheSamePlaceholders) {
   EXPECT_EQ(zh.at(L"IDS_PACKET_NUMBER"), L" (数据包序号 [%I64u_NUM%])");
 }
 
-TEST(ShippedTables, AnswerRequestsThroughTheLoader) {
-  const wchar_t* kSlowTime = L"(数据包 [%I64u_SNUM%] 与数据包 [%I64u_DNUM%] 相隔%d_SLOW%ms)";
-  struct Case {
-    const char* language;
-    const wchar_t* slow_time;
-    const wchar_t* log;
-  };
-  for (const Case& c : {Case{"en", L" (300 ms between packet [12] and packet [15])", L"Email Log"},
-                        Case{"zh", L"(数据包 [12] 与数据包 [15] 相隔300ms)", L"邮件日志"}}) {
-    CResStringTable table;
-    ASSERT_EQ(table.LoadFromFile(TableFile(c.language).wstring().c_str()), 1) << c.language;
-    std::wstring h;
-    EXPECT_STREQ(table.GetString(h, L"IDS_SLOW_TIME", kSlowTime, uint64_t{12}, uint64_t{15}, 300), c.slow_time);
-    EXPECT_STREQ(table.GetString(h, L"IDS_EMAIL_LOG", L"x"), c.log);
-  }
-}
-
 TEST(ShippedTables, IconIsAWellFormedIconFile) {
   std::ifstream in(std::filesystem::path(PELKA_SOURCE_DIR) / "resources" / "email.ico", std::ios::binary);
   const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());

@@ -63,21 +63,11 @@ class EmailCopyTest : public ::testing::Test {
   std::string root_;
 };
 
-TEST_F(EmailCopyTest, WritesTheCollectedBytesUnderTheCopyFolder) {
-  const std::string message("From: a@x\r\nTo: b@y\r\n\r\nline\r\n\0binary\xff\r\n.\r\n", 42);
-  Collect(message);
-  Save(kCompletedAt);
-
-  const std::string expected = root_ + "email_copy/2024-03-05 07.08.09.42.eml";
-  EXPECT_EQ(context_.copy_path, Wide(expected));
-  EXPECT_EQ(ReadFile(expected), message);
-  EXPECT_EQ(context_.copy_file, nullptr);
-
-}
-
 TEST_F(EmailCopyTest, EachMessageGetsItsOwnFileAndSameNameReplaces) {
+  const std::string binary("From: a@x\r\n\r\nline\r\n\0binary\xff\r\n.\r\n", 32);
   const std::vector<std::pair<uint64_t, std::string>> messages = {
       {kCompletedAt, std::string(5000, 'a')},
+      {kCompletedAt + 3, binary},
       {kCompletedAt + 1000000 - 42, "second"},  // 07:08:10 and 0 us
       {kCompletedAt, "short"},                  // same microsecond as the first
       {kCompletedAt + 7, ""},                   // nothing collected: an empty file
@@ -87,13 +77,16 @@ TEST_F(EmailCopyTest, EachMessageGetsItsOwnFileAndSameNameReplaces) {
     if (!bytes.empty()) Collect(bytes);
     Save(time);
     ASSERT_FALSE(context_.copy_path.empty());
+    EXPECT_EQ(context_.copy_file, nullptr) << "closed once written";
   }
   const std::string folder = root_ + "email_copy/";
+  EXPECT_EQ(context_.copy_path, Wide(folder + "2024-03-05 07.08.09.49.eml"));
+  EXPECT_EQ(ReadFile(folder + "2024-03-05 07.08.09.45.eml"), binary);
   EXPECT_EQ(ReadFile(folder + "2024-03-05 07.08.09.42.eml"), "short");
   EXPECT_EQ(ReadFile(folder + "2024-03-05 07.08.10.0.eml"), "second");
   EXPECT_TRUE(fs::exists(folder + "2024-03-05 07.08.09.49.eml"));
   EXPECT_EQ(fs::file_size(folder + "2024-03-05 07.08.09.49.eml"), 0u);
-  EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 3);
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 4);
 }
 
 TEST_F(EmailCopyTest, NoCopyUnlessTheHostAsksForOne) {

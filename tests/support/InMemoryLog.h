@@ -12,7 +12,6 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <cwchar>
 #include <map>
 #include <memory>
@@ -37,9 +36,8 @@ struct InMemoryRecord final : IPelkaLogRecord {
   uint32_t server_address = 0;
   uint16_t client_port = 0;
   uint16_t server_port = 0;
-  // Fields by log key, and the keys in the order they were set.
+  // Fields by log key.
   std::map<std::string, LogValue> fields;
-  std::vector<std::string> set_order;
 
   bool Has(const std::string& key) const { return fields.count(key) != 0; }
   std::wstring Text(const std::string& key) const {
@@ -145,7 +143,6 @@ class InMemoryLog final : public IPelkaLog {
 
   uint32_t GetSaveMode() override { return save_mode; }
   IPelkaLogStorage* GetStorage(int32_t index) override {
-    ++get_storage_calls;
     if (index < 0 || static_cast<size_t>(index) >= storages.size()) return nullptr;
     return storages[index].get();
   }
@@ -158,7 +155,6 @@ class InMemoryLog final : public IPelkaLog {
   }
   IPelkaLogRecord* NewRecord(uint64_t seconds, IPelkaFlow* flow, uint32_t reserved) override {
     last_new_record_reserved = reserved;
-    ++new_record_calls;
     if (refuse_records) return nullptr;
     auto record = std::make_unique<InMemoryRecord>();
     record->seconds = seconds;
@@ -187,7 +183,6 @@ class InMemoryLog final : public IPelkaLog {
       pending_.erase(it);
       return 0;
     }
-    ++foreign_record_calls;
     return 1;
   }
 
@@ -209,9 +204,6 @@ class InMemoryLog final : public IPelkaLog {
   std::vector<InMemoryRecord> records;
   std::vector<InMemoryEntry> entries;
   int end_columns_calls = 0;
-  int get_storage_calls = 0;
-  int new_record_calls = 0;
-  int foreign_record_calls = 0;
   int unknown_column_sets = 0;
   uint32_t last_new_record_reserved = 0;
 
@@ -242,7 +234,6 @@ class InMemoryLog final : public IPelkaLog {
     }
     const std::string& key = columns[column]->key;
     target->fields[key] = std::move(value);
-    target->set_order.push_back(key);
     return 0;
   }
 
@@ -259,7 +250,6 @@ class InMemoryLogService final : public IPelkaLogService {
  public:
   uint32_t CreateLog(const char* name, const wchar_t* caption, uint32_t capacity, int32_t icon,
                      IPelkaLog** log) override {
-    ++create_log_calls;
     if (create_status != 0) return create_status;
     logs.push_back(std::make_unique<InMemoryLog>(name ? name : "", caption ? caption : L"", capacity, icon));
     logs.back()->refuse_key = refuse_key;
@@ -290,7 +280,6 @@ class InMemoryLogService final : public IPelkaLogService {
   uint32_t create_status = 0;
   uint32_t root_status = 0;
   std::string refuse_key;  // handed to every log created from now on
-  int create_log_calls = 0;
 };
 
 // A record set for export callbacks: columns by position and key, and rows of
@@ -353,41 +342,5 @@ class InMemoryRecordSet final : public IPelkaLogRecordSet, public IPelkaLogColum
 
   std::vector<std::unique_ptr<InMemoryColumn>> columns_;
 };
-
-// The records of a log as a record set, the way a host hands them to the
-// export: every declared column in position order; texts as set, numbers in
-// decimal, doubles with "%g"; the standard columns from the record's time
-// (seconds, decimal) and the flow's sides (dotted addresses, decimal ports).
-inline std::unique_ptr<InMemoryRecordSet> MakeRecordSet(const InMemoryLog& log) {
-  std::vector<std::pair<std::string, std::wstring>> column_list;
-  for (const auto& column : log.columns) column_list.emplace_back(column->key, column->caption);
-  auto set = std::make_unique<InMemoryRecordSet>(column_list);
-
-  auto dotted = [](uint32_t address) {
-    return std::to_wstring(address >> 24) + L"." + std::to_wstring((address >> 16) & 0xFF) + L"." +
-           std::to_wstring((address >> 8) & 0xFF) + L"." + std::to_wstring(address & 0xFF);
-  };
-  for (const auto& record : log.records) {
-    InMemoryRecordSet::Row row;
-    for (const auto& [key, value] : record.fields) {
-      if (const auto* text = std::get_if<std::wstring>(&value)) {
-        row[key] = *text;
-      } else if (const auto* number = std::get_if<uint64_t>(&value)) {
-        row[key] = std::to_wstring(*number);
-      } else {
-        wchar_t buffer[64];
-        std::swprintf(buffer, 64, L"%g", std::get<double>(value));
-        row[key] = buffer;
-      }
-    }
-    row["timestamp"] = std::to_wstring(record.seconds);
-    row["src_ip4"] = dotted(record.client_address);
-    row["src_port"] = std::to_wstring(record.client_port);
-    row["dst_ip4"] = dotted(record.server_address);
-    row["dst_port"] = std::to_wstring(record.server_port);
-    set->rows.push_back(std::move(row));
-  }
-  return set;
-}
 
 }  // namespace pelka::testing

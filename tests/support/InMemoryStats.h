@@ -101,10 +101,7 @@ class InMemoryStats final : public IPelkaStatService, public IPelkaStatRegistrar
     withdrawn.push_back(client);
     return 0;
   }
-  uint64_t ParseScopes(const char* scopes) override {
-    parsed_scopes.push_back(scopes ? scopes : "");
-    return kScope;
-  }
+  uint64_t ParseScopes(const char*) override { return kScope; }
   IPelkaStatCategory* AddCategory(const char* name, const wchar_t* caption, uint64_t scope,
                                   const char* owner) override {
     if (refuse_categories) return nullptr;
@@ -134,7 +131,6 @@ class InMemoryStats final : public IPelkaStatService, public IPelkaStatRegistrar
   std::set<std::string> refused_counters;  // AddCounter fails on these items
   std::vector<IPelkaStatClient*> clients;
   std::vector<IPelkaStatClient*> withdrawn;
-  std::vector<std::string> parsed_scopes;
   std::vector<std::unique_ptr<InMemoryStatCategory>> categories;
 
  private:
