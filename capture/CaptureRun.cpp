@@ -121,6 +121,14 @@ struct Pipeline {
   }
 };
 
+// One decoded TCP packet to the flows.
+void Deliver(FlowTracker& tracker, const CapturedFrame& frame, const DecodedPacket& packet) {
+  tracker.OnPacket(packet, frame.data, frame.number, frame.time_us);
+}
+void Deliver(ParallelPipeline& parallel, const CapturedFrame& frame, const DecodedPacket& packet) {
+  parallel.OnPacket(frame.link_type, packet, frame.data, frame.number, frame.time_us);
+}
+
 // Reads every frame into `flows` (a FlowTracker or a ParallelPipeline); false
 // when an input was damaged or unreadable.
 template <typename Flows>
@@ -133,7 +141,7 @@ bool ReadAll(Pipeline& pipeline, Flows& flows, HostServices& services, Progress&
       case ReadStatus::kFrame:
         if (pipeline.decoder.Decode(frame.link_type, frame.data, frame.captured_length, &packet) ==
             DecodeStatus::kTcp) {
-          flows.OnPacket(packet, frame.data, frame.number, frame.time_us);
+          Deliver(flows, frame, packet);
         }
         progress.Tick();
         break;

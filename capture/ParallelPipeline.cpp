@@ -23,11 +23,14 @@ void AddCounters(FlowTrackerCounters& total, const FlowTrackerCounters& more) {
   total.flows_evicted += more.flows_evicted;
 }
 
-// Frames for one worker, their bytes one after the other.
+// Frames for one worker, their bytes one after the other. The worker decodes
+// each frame again: that costs less than handing the decoded form across,
+// which is several times the size of this record.
 struct ParallelPipeline::Batch {
   struct Frame {
-    DecodedPacket packet;  // its payload pointer is set again on the worker
-    size_t offset;         // first byte of the frame in `bytes`
+    uint32_t offset;  // first byte of the frame in `bytes`
+    uint32_t length;  // up to the end of the captured payload
+    int link_type;
     uint64_t number;
     uint64_t time_us;
   };
@@ -89,16 +92,20 @@ class ParallelPipeline::Worker {
     tracker_.Finish();
   }
 
-  void Handle(Batch& batch) {
-    for (Batch::Frame& frame : batch.frames) {
+  void Handle(const Batch& batch) {
+    for (const Batch::Frame& frame : batch.frames) {
       const uint8_t* bytes = batch.bytes.data() + frame.offset;
-      frame.packet.payload = bytes + frame.packet.payload_offset;
-      tracker_.OnPacket(frame.packet, bytes, frame.number, frame.time_us);
+      // The reader decoded these bytes as TCP already; only whole-frame
+      // checks could differ, and they look at nothing beyond the payload.
+      if (decoder_.Decode(frame.link_type, bytes, frame.length, &packet_) != DecodeStatus::kTcp) continue;
+      tracker_.OnPacket(packet_, bytes, frame.number, frame.time_us);
     }
     if (batch.advance_us) tracker_.Advance(batch.advance_us);
   }
 
   FlowTracker tracker_;
+  PacketDecoder decoder_;
+  DecodedPacket packet_;
   BlockingQueue<std::unique_ptr<Batch>> full_;   // reader -> worker
   BlockingQueue<std::unique_ptr<Batch>> empty_;  // worker -> reader, for reuse
   std::unique_ptr<Batch> current_;               // being filled by the reader
@@ -114,15 +121,15 @@ ParallelPipeline::ParallelPipeline(unsigned workers, FlowSink* sink, FlowTracker
 
 ParallelPipeline::~ParallelPipeline() { Finish(); }
 
-void ParallelPipeline::OnPacket(const DecodedPacket& packet, const uint8_t* frame, uint64_t packet_number,
-                                uint64_t time_us) {
+void ParallelPipeline::OnPacket(int link_type, const DecodedPacket& packet, const uint8_t* frame,
+                                uint64_t packet_number, uint64_t time_us) {
   Worker& worker = *workers_[WorkerOf(packet, workers())];
   Batch& batch = worker.current();
   // The tracker reads the frame up to the end of the captured payload only.
-  const size_t length = size_t{packet.payload_offset} + packet.payload_length;
-  const size_t offset = batch.bytes.size();
+  const uint32_t length = packet.payload_offset + packet.payload_length;
+  const auto offset = static_cast<uint32_t>(batch.bytes.size());
   batch.bytes.insert(batch.bytes.end(), frame, frame + length);
-  batch.frames.push_back({packet, offset, packet_number, time_us});
+  batch.frames.push_back({offset, length, link_type, packet_number, time_us});
   if (batch.full()) worker.SendCurrent();
 }
 

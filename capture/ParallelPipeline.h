@@ -2,7 +2,8 @@
 //
 // The reading thread decodes frames as before and hands each TCP packet to
 // OnPacket, which picks the packet's worker by a hash of its connection
-// (ConnectionHash.h) and copies the frame into that worker's current batch.
+// (ConnectionHash.h) and copies the frame into that worker's current batch;
+// the worker decodes it again.
 // A full batch (kBatchFrames frames or kBatchBytes bytes) goes to the worker
 // through a queue. Each worker owns a FlowTracker of its own and feeds the
 // sink, so every flow is handled by one thread, in the order of its packets;
@@ -36,7 +37,7 @@ class ParallelPipeline {
  public:
   static constexpr size_t kBatchFrames = 256;
   static constexpr size_t kBatchBytes = 256 * 1024;
-  static constexpr size_t kBatchesPerWorker = 8;
+  static constexpr size_t kBatchesPerWorker = 16;
 
   // `options.max_flows` is the bound of the whole run; each worker gets its
   // share.
@@ -45,9 +46,11 @@ class ParallelPipeline {
   ParallelPipeline(const ParallelPipeline&) = delete;
   ParallelPipeline& operator=(const ParallelPipeline&) = delete;
 
-  // Same meaning as FlowTracker's; `frame` holds at least the bytes up to the
-  // end of the captured payload and is copied before OnPacket returns.
-  void OnPacket(const DecodedPacket& packet, const uint8_t* frame, uint64_t packet_number, uint64_t time_us);
+  // Same meaning as FlowTracker's, with the frame's link type: `packet` is
+  // what `frame` decodes to, and the frame's bytes up to the end of the
+  // captured payload are copied before OnPacket returns.
+  void OnPacket(int link_type, const DecodedPacket& packet, const uint8_t* frame, uint64_t packet_number,
+                uint64_t time_us);
   // Capture time moved on without a packet: every worker gets its batch so
   // far and then the new time.
   void Advance(uint64_t time_us);

@@ -164,6 +164,13 @@ std::vector<Packet> Traffic(size_t sessions, size_t concurrent) {
   return packets;
 }
 
+void Deliver(FlowTracker& tracker, const DecodedPacket& decoded, const Packet& packet, uint64_t number) {
+  tracker.OnPacket(decoded, packet.frame.data(), number, packet.time_us);
+}
+void Deliver(ParallelPipeline& parallel, const DecodedPacket& decoded, const Packet& packet, uint64_t number) {
+  parallel.OnPacket(kLinkEthernet, decoded, packet.frame.data(), number, packet.time_us);
+}
+
 template <typename Flows>
 void Feed(Flows& flows, const std::vector<Packet>& packets) {
   PacketDecoder decoder;
@@ -173,7 +180,7 @@ void Feed(Flows& flows, const std::vector<Packet>& packets) {
     ++number;
     if (decoder.Decode(kLinkEthernet, packet.frame.data(), packet.frame.size(), &decoded) != DecodeStatus::kTcp)
       continue;
-    flows.OnPacket(decoded, packet.frame.data(), number, packet.time_us);
+    Deliver(flows, decoded, packet, number);
   }
 }
 
