@@ -52,7 +52,9 @@ struct ParallelPipeline::Batch {
 class ParallelPipeline::Worker {
  public:
   Worker(FlowSink* sink, FlowTracker::Options options)
-      : tracker_(sink, options), full_(kBatchesPerWorker), empty_(kBatchesPerWorker) {
+      : tracker_(sink, options),
+        full_(kBatchesPerWorker, kBatchesPerWorker / 2),
+        empty_(kBatchesPerWorker, kBatchesPerWorker / 2) {
     for (size_t i = 0; i + 1 < kBatchesPerWorker; ++i) {
       auto batch = std::make_unique<Batch>();
       batch->bytes.reserve(kBatchBytes + 2048);
@@ -67,8 +69,9 @@ class ParallelPipeline::Worker {
 
   // The reading thread's side.
   Batch& current() { return *current_; }
-  void SendCurrent() {
-    full_.Push(std::move(current_));
+  // `wake`: the worker starts on it at once, even when it waits for more.
+  void SendCurrent(bool wake) {
+    full_.Push(std::move(current_), wake);
     current_ = empty_.Pop();
   }
   void SendLast() {
@@ -87,7 +90,7 @@ class ParallelPipeline::Worker {
       Handle(*batch);
       if (batch->last) break;
       batch->Clear();
-      empty_.Push(std::move(batch));
+      empty_.Push(std::move(batch), false);
     }
     tracker_.Finish();
   }
@@ -130,14 +133,14 @@ void ParallelPipeline::OnPacket(int link_type, const DecodedPacket& packet, cons
   const auto offset = static_cast<uint32_t>(batch.bytes.size());
   batch.bytes.insert(batch.bytes.end(), frame, frame + length);
   batch.frames.push_back({offset, length, link_type, packet_number, time_us});
-  if (batch.full()) worker.SendCurrent();
+  if (batch.full()) worker.SendCurrent(false);
 }
 
 void ParallelPipeline::Advance(uint64_t time_us) {
   if (finished_ || time_us == 0) return;
   for (const auto& worker : workers_) {
     worker->current().advance_us = time_us;
-    worker->SendCurrent();
+    worker->SendCurrent(true);
   }
 }
 

@@ -10,8 +10,11 @@
 // the sink must accept calls for different flows from different threads.
 //
 // Memory is bounded: each worker has kBatchesPerWorker batches, handed back
-// and forth; when a worker falls behind, the reader waits for one of its
-// batches to come back. Batch buffers are reused, so a packet costs a copy
+// and forth; when a worker falls behind, the reader waits for its batches to
+// come back. A thread that waits is woken for half the batches at once, not
+// for each: on a virtual machine a wake-up costs as much as a batch's work.
+// Advance and Finish wake the workers at once, so a live capture's records
+// are not held back. Batch buffers are reused, so a packet costs a copy
 // but no allocation once the buffers have grown.
 //
 // Finish (also at destruction) sends the partial batches, lets every tracker

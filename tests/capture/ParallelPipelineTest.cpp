@@ -6,10 +6,12 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "FrameBuilder.h"
 #include "ProgramHarness.h"
+#include "capture/BlockingQueue.h"
 #include "capture/ConnectionHash.h"
 #include "capture/FlowTracker.h"
 #include "capture/ParallelPipeline.h"
@@ -42,6 +44,28 @@ Segment Reversed(Segment segment) {
   std::swap(segment.source, segment.destination);
   std::swap(segment.source_port, segment.destination_port);
   return segment;
+}
+
+// Items arrive whole and in order between threads whatever the capacity and
+// however many a waiting consumer waits for; the last push asks for a wake,
+// as the pipeline's last batch does, so no consumer is left waiting.
+TEST(BlockingQueueTest, DeliversEveryItemInOrderBetweenThreads) {
+  struct Case {
+    size_t capacity;
+    size_t wake_at;
+  };
+  for (const Case& c : {Case{1, 1}, Case{2, 1}, Case{4, 2}, Case{16, 8}, Case{3, 10}}) {
+    BlockingQueue<std::unique_ptr<int>> queue(c.capacity, c.wake_at);
+    constexpr int kItems = 2000;
+    std::vector<int> received;
+    std::thread consumer([&] {
+      for (int i = 0; i < kItems; ++i) received.push_back(*queue.Pop());
+    });
+    for (int i = 0; i < kItems; ++i) queue.Push(std::make_unique<int>(i), i + 1 == kItems || i % 97 == 0);
+    consumer.join();
+    ASSERT_EQ(received.size(), static_cast<size_t>(kItems)) << "capacity " << c.capacity;
+    for (int i = 0; i < kItems; ++i) ASSERT_EQ(received[static_cast<size_t>(i)], i) << "capacity " << c.capacity;
+  }
 }
 
 TEST(ConnectionHashTest, BothDirectionsGoToTheSameWorker) {
