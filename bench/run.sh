@@ -153,17 +153,21 @@ report() {
     "(smtp $(count "$capture" smtp_messages) of which bdat $(count "$capture" smtp_bdat_messages)," \
     "pop3 $(count "$capture" pop3_messages), imap $(count "$capture" imap_messages));" \
     "$(count "$capture" expected_records) expected as records"
-  printf '%-16s %9s %9s %12s %11s %10s %8s %8s\n' contender seconds MB/s packets/s messages/s "RSS MiB" "/limit" "/tshark"
-  local limit=${result_seconds[read-limit]:-} tshark=${result_seconds[tshark]:-}
+  printf '%-16s %9s %9s %12s %11s %10s %8s %8s %8s\n' contender seconds MB/s packets/s messages/s "RSS MiB" "/limit" \
+    "/tshark" "/1thread"
+  local limit=${result_seconds[read-limit]:-} tshark=${result_seconds[tshark]:-} single=${result_seconds[pelka-email]:-}
   for name in read-limit libpcap-default pelka-email pelka-email-2t tshark; do
     local s=${result_seconds[$name]:-}
     [ -n "$s" ] || continue
-    local vs_limit=- vs_tshark=-
+    local vs_limit=- vs_tshark=- vs_single=-
     [ -n "$limit" ] && vs_limit=$(echo "$limit / $s" | bc -l | xargs printf '%.2f')
     [ -n "$tshark" ] && vs_tshark=$(echo "$tshark / $s" | bc -l | xargs printf '%.1f')
-    printf '%-16s %9.2f %9.1f %12.0f %11.0f %10.1f %8s %8s\n' "$name" "$s" \
+    # The threaded run's rate as a multiple of the single-threaded one.
+    [ -n "$single" ] && [ "$name" = pelka-email-2t ] && vs_single=$(echo "$single / $s" | bc -l | xargs printf '%.2fx')
+    printf '%-16s %9.2f %9.1f %12.0f %11.0f %10.1f %8s %8s %8s\n' "$name" "$s" \
       "$(echo "$bytes / $s / 1000000" | bc -l)" "$(echo "$packets / $s" | bc -l)" \
-      "$(echo "$messages / $s" | bc -l)" "$(echo "${result_rss[$name]} / 1024" | bc -l)" "$vs_limit" "$vs_tshark"
+      "$(echo "$messages / $s" | bc -l)" "$(echo "${result_rss[$name]} / 1024" | bc -l)" "$vs_limit" "$vs_tshark" \
+      "$vs_single"
   done
 }
 

@@ -17,6 +17,7 @@
 #include "capture/HostServices.h"
 #include "capture/MessageFilter.h"
 #include "capture/ModuleLoader.h"
+#include "capture/ParallelPipeline.h"
 #include "capture/PacketDecoder.h"
 #include "capture/PrivilegeDrop.h"
 #include "capture/Progress.h"
@@ -103,15 +104,36 @@ std::string LocateModule(std::ostream& err) {
   return found;
 }
 
-// Everything the reading loop touches.
+// Everything the reading loop touches. Flows go to the tracker, or with
+// --threads above 1 to the workers' trackers.
 struct Pipeline {
   CaptureSource source;
   PacketDecoder decoder;
   std::unique_ptr<FlowTracker> tracker;
+  std::unique_ptr<ParallelPipeline> parallel;
+
+  void Finish() {
+    if (parallel) parallel->Finish();
+    if (tracker) tracker->Finish();
+  }
+  FlowTrackerCounters flow_counters() const {
+    if (parallel) return parallel->counters();
+    return tracker ? tracker->counters() : FlowTrackerCounters{};
+  }
 };
 
-// Reads every frame; false when an input was damaged or unreadable.
-bool ReadAll(Pipeline& pipeline, HostServices& services, Progress& progress, std::ostream& err) {
+// One decoded TCP packet to the flows.
+void Deliver(FlowTracker& tracker, const CapturedFrame& frame, const DecodedPacket& packet) {
+  tracker.OnPacket(packet, frame.data, frame.number, frame.time_us);
+}
+void Deliver(ParallelPipeline& parallel, const CapturedFrame& frame, const DecodedPacket& packet) {
+  parallel.OnPacket(frame.link_type, packet, frame.data, frame.number, frame.time_us);
+}
+
+// Reads every frame into `flows` (a FlowTracker or a ParallelPipeline); false
+// when an input was damaged or unreadable.
+template <typename Flows>
+bool ReadAll(Pipeline& pipeline, Flows& flows, HostServices& services, Progress& progress, std::ostream& err) {
   bool inputs_ok = true;
   CapturedFrame frame;
   DecodedPacket packet;
@@ -120,12 +142,12 @@ bool ReadAll(Pipeline& pipeline, HostServices& services, Progress& progress, std
       case ReadStatus::kFrame:
         if (pipeline.decoder.Decode(frame.link_type, frame.data, frame.captured_length, &packet) ==
             DecodeStatus::kTcp) {
-          pipeline.tracker->OnPacket(packet, frame.data, frame.number, frame.time_us);
+          Deliver(flows, frame, packet);
         }
         progress.Tick();
         break;
       case ReadStatus::kTimeout:
-        pipeline.tracker->Advance(NowMicroseconds());
+        flows.Advance(NowMicroseconds());
         services.FlushOutputs();
         progress.Poll();
         break;
@@ -168,7 +190,8 @@ bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostService
     return ProgressFigures{pipeline.source.bytes_read(), pipeline.source.total_bytes(), pipeline.source.frames_read(),
                            services.counts().records};
   });
-  return ReadAll(pipeline, services, progress, err);
+  if (pipeline.parallel) return ReadAll(pipeline, *pipeline.parallel, services, progress, err);
+  return ReadAll(pipeline, *pipeline.tracker, services, progress, err);
 }
 
 // What the inputs were, for messages: the files, or the interface.
@@ -184,7 +207,7 @@ std::string InputsLabel(const ProgramOptions& options) {
 // out by the live-connection bound. Each is said once, with its count.
 void WarnAboutSkippedParts(const ProgramOptions& options, const Pipeline& pipeline, std::ostream& err) {
   const DecoderCounters& frames = pipeline.decoder.counters();
-  const FlowTrackerCounters& flows = pipeline.tracker->counters();
+  const FlowTrackerCounters flows = pipeline.flow_counters();
   const std::string prefix = std::string(kProgramName) + ": warning: " + InputsLabel(options) + ": ";
   if (frames.payload_cut) {
     err << prefix << frames.payload_cut
@@ -223,7 +246,7 @@ RunFacts CollectFacts(const ProgramOptions& options, const Pipeline& pipeline, c
   facts.packets = pipeline.source.frames_read();
   facts.bytes = pipeline.source.bytes_read();
   facts.elapsed_seconds = elapsed_seconds;
-  const FlowTrackerCounters& flows = pipeline.tracker->counters();
+  const FlowTrackerCounters flows = pipeline.flow_counters();
   facts.connections_smtp = flows.flows_smtp;
   facts.connections_pop3 = flows.flows_pop3;
   facts.connections_imap = flows.flows_imap;
@@ -272,9 +295,13 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
   if (!module->ApplyOptions(options.max_flow_length_mib, &error)) err << kProgramName << ": " << error << "\n";
 
   Pipeline pipeline;
-  pipeline.tracker = std::make_unique<FlowTracker>(services.flow_sink());
+  if (options.threads > 1) {
+    pipeline.parallel = std::make_unique<ParallelPipeline>(options.threads, services.flow_sink());
+  } else {
+    pipeline.tracker = std::make_unique<FlowTracker>(services.flow_sink());
+  }
   const bool inputs_ok = ReadCaptures(options, pipeline, services, drop, err);
-  pipeline.tracker->Finish();
+  pipeline.Finish();
   WarnAboutSkippedParts(options, pipeline, err);
   const bool outputs_ok = services.FinishRun(main_table);
   if (!outputs_ok) err << kProgramName << ": " << services.error() << "\n";

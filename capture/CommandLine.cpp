@@ -190,6 +190,12 @@ void AddAnalysisOptions(CLI::App& app, ProgramOptions& options, RawChoices& raw)
       ->capture_default_str()
       ->check(CheckCodePage)
       ->group(group);
+  app.add_option("--threads", options.threads,
+                 "workers that analyse the connections, 1 to 64; each connection stays with one worker")
+      ->type_name("N")
+      ->capture_default_str()
+      ->check(CLI::Range(1u, kMaxThreads).description(""))
+      ->group(group);
 }
 
 void AddDiagnosisOptions(CLI::App& app, ProgramOptions& options, RawChoices& raw) {

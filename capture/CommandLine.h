@@ -14,6 +14,9 @@
 
 namespace pelka {
 
+// Bounds of --threads.
+constexpr unsigned kMaxThreads = 64;
+
 // Exit statuses of the program, also listed in --help and the README.
 enum ExitStatus : int {
   kExitDone = 0,          // the run finished (also --help and --version)
@@ -39,6 +42,8 @@ struct ProgramOptions {
   int32_t pop3_threshold_ms = 200;
   bool diagnosis = true;
   bool quiet = false;
+  // Workers that handle the flows; 1 handles them on the reading thread.
+  unsigned threads = 1;
   // Empty when no condition was given; otherwise every message must meet all.
   std::optional<EmailConditions> conditions;
 };

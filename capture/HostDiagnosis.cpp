@@ -60,9 +60,22 @@ int32_t HostDiagnosisService::StartValue(const std::string& key, int32_t default
 }
 
 void HostDiagnosisService::Write(const HostDiagnosisEvent& event, const std::string& line) {
-  ++reports_;
-  ++by_event_[event.key()];
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++reports_;
+    ++by_event_[event.key()];
+  }
   if (output_) output_->WriteLine(line);
+}
+
+uint64_t HostDiagnosisService::reports() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return reports_;
+}
+
+std::map<std::string, uint64_t> HostDiagnosisService::reports_by_event() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return by_event_;
 }
 
 }  // namespace pelka

@@ -6,12 +6,14 @@
 //    "client": "address:port", "server": "address:port"}
 //
 // client and server are left out when the report's target is not a flow node
-// of this host.
+// of this host. Events are defined before flows are handled; reports may come
+// from several threads at once and are counted and written one at a time.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -66,8 +68,8 @@ class HostDiagnosisService final : public IPelkaDiagnosisService {
   // default; kept within the parameter's lowest and highest value.
   void OverrideParameter(const std::string& key, int32_t value) { overrides_[key] = value; }
 
-  uint64_t reports() const { return reports_; }
-  const std::map<std::string, uint64_t>& reports_by_event() const { return by_event_; }
+  uint64_t reports() const;
+  std::map<std::string, uint64_t> reports_by_event() const;
   const std::vector<std::unique_ptr<HostDiagnosisEvent>>& events() const { return events_; }
 
  private:
@@ -76,6 +78,7 @@ class HostDiagnosisService final : public IPelkaDiagnosisService {
   int32_t StartValue(const std::string& key, int32_t default_value, int32_t lowest, int32_t highest) const;
 
   OutputFile* output_;
+  mutable std::mutex mutex_;  // guards the counts
   bool enabled_ = true;
   std::map<std::string, int32_t> overrides_;
   std::vector<std::unique_ptr<HostDiagnosisEvent>> events_;

@@ -197,6 +197,7 @@ HostLog::~HostLog() = default;
 
 uint16_t HostLog::AddColumn(const char* key, const wchar_t* caption, uint32_t value_kind, uint32_t, uint32_t,
                             uint32_t) {
+  const std::lock_guard<std::mutex> lock(mutex_);
   if (!key || !open_.empty() || columns_->list.size() >= 0x7FFF) return 0xFFFF;
   const auto id = static_cast<uint16_t>(columns_->list.size());
   columns_->list.push_back(std::make_unique<Column>(id, key, caption ? caption : L"", value_kind, 0));
@@ -204,6 +205,7 @@ uint16_t HostLog::AddColumn(const char* key, const wchar_t* caption, uint32_t va
 }
 
 void HostLog::AddStandardColumn(const wchar_t* caption, uint32_t field, uint32_t, uint32_t) {
+  const std::lock_guard<std::mutex> lock(mutex_);
   if (!open_.empty() || columns_->list.size() >= 0x7FFF) return;
   const auto id = static_cast<uint16_t>(columns_->list.size());
   columns_->list.push_back(std::make_unique<Column>(id, StandardKey(field), caption ? caption : L"", 0, field));
@@ -230,7 +232,8 @@ uint32_t HostLog::IsLogEnabled() { return 1; }
 
 uint32_t HostLog::AddEntry(uint64_t seconds, IPelkaFlow*, const wchar_t* kind, const wchar_t* summary,
                            const wchar_t* group) {
-  ++entries_;
+  // Needs no lock of the log: the line is whole and the file takes turns.
+  entries_.fetch_add(1, std::memory_order_relaxed);
   if (!outputs_.entries) return 0;
   JsonObjectLine line;
   line.Text("time", LocalTimeText(seconds));
@@ -242,8 +245,11 @@ uint32_t HostLog::AddEntry(uint64_t seconds, IPelkaFlow*, const wchar_t* kind, c
 }
 
 IPelkaLogRecord* HostLog::NewRecord(uint64_t seconds, IPelkaFlow* flow, uint32_t) {
-  open_.push_back(std::make_unique<Record>(seconds, ViewOf(flow), columns_->list.size()));
-  return open_.back().get();
+  auto record = std::make_unique<Record>(seconds, ViewOf(flow), columns_->list.size());
+  IPelkaLogRecord* handle = record.get();
+  const std::lock_guard<std::mutex> lock(mutex_);
+  open_.push_back(std::move(record));
+  return handle;
 }
 
 HostLog::Record* HostLog::FindOpen(IPelkaLogRecord* record) {
@@ -253,6 +259,7 @@ HostLog::Record* HostLog::FindOpen(IPelkaLogRecord* record) {
 }
 
 uint32_t HostLog::Set(IPelkaLogRecord* handle, uint16_t column, Value value) {
+  const std::lock_guard<std::mutex> lock(mutex_);
   Record* record = FindOpen(handle);
   if (!record || column >= record->values.size() || columns_->list[column]->field() != 0) return kStatusRefused;
   record->values[column] = std::move(value);
@@ -292,15 +299,16 @@ std::string HostLog::RecordLine(const Record& record) const {
 }
 
 uint32_t HostLog::PostRecord(IPelkaLogRecord* handle) {
+  const std::lock_guard<std::mutex> lock(mutex_);
   const auto found = std::find_if(open_.begin(), open_.end(), [handle](const auto& r) { return r.get() == handle; });
   if (found == open_.end()) return kStatusRefused;
   const std::unique_ptr<Record> record = std::move(*found);
   open_.erase(found);
 
-  ++posted_;
+  posted_.fetch_add(1, std::memory_order_relaxed);
   if (const Column* copy_path = columns_->Find(kCopyPathKey)) {
     const auto* text = std::get_if<std::wstring>(&record->values[copy_path->id()]);
-    if (text && !text->empty()) ++copies_written_;
+    if (text && !text->empty()) copies_written_.fetch_add(1, std::memory_order_relaxed);
   }
   if (outputs_.records) outputs_.records->WriteLine(RecordLine(*record));
   batch_->Add(*record);
@@ -327,6 +335,7 @@ void HostLog::Export(bool header) {
 }
 
 void HostLog::Finish() {
+  const std::lock_guard<std::mutex> lock(mutex_);
   if (!batch_->empty() || !header_written_) Export(!header_written_);
 }
 

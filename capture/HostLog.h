@@ -19,10 +19,16 @@
 // - Storage: the log is always saving (GetSaveMode 2); the storage kind keyed
 //   "email_copy" is enabled only when copies are on; every storage kind's
 //   folder is its key; the storage root is the output directory.
+// - Threads: logs, columns and storage kinds are made before flows are
+//   handled. Records and entries may then come from several threads at once:
+//   each log keeps its open records and export batch under its own lock, and
+//   the export callback is only ever called under it.
 #pragma once
 
 #include <cstdint>
+#include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <variant>
 #include <vector>
@@ -102,9 +108,9 @@ class HostLog final : public IPelkaLog {
   // Exports the pending records; with none ever exported, the header alone.
   void Finish();
 
-  uint64_t records() const { return posted_; }
-  uint64_t entries() const { return entries_; }
-  uint64_t copies() const { return copies_written_; }
+  uint64_t records() const { return posted_.load(std::memory_order_relaxed); }
+  uint64_t entries() const { return entries_.load(std::memory_order_relaxed); }
+  uint64_t copies() const { return copies_written_.load(std::memory_order_relaxed); }
 
  private:
   class Column;
@@ -121,14 +127,15 @@ class HostLog final : public IPelkaLog {
 
   LogOutputs outputs_;
   bool copies_;
+  std::mutex mutex_;  // guards the open records, the batch and the export
   std::unique_ptr<Columns> columns_;
   std::vector<std::unique_ptr<Storage>> storages_;
   std::vector<std::unique_ptr<Record>> open_;
   std::unique_ptr<Batch> batch_;
   bool header_written_ = false;
-  uint64_t posted_ = 0;
-  uint64_t entries_ = 0;
-  uint64_t copies_written_ = 0;
+  std::atomic<uint64_t> posted_{0};
+  std::atomic<uint64_t> entries_{0};
+  std::atomic<uint64_t> copies_written_{0};
 };
 
 }  // namespace pelka

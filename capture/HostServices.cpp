@@ -1,6 +1,8 @@
 #include "capture/HostServices.h"
 
 #include <array>
+#include <atomic>
+#include <mutex>
 
 #include "capture/HostDiagnosis.h"
 #include "capture/HostFlow.h"
@@ -91,7 +93,7 @@ class HostServices::Impl final : public FlowSink {
     if (!client_) return Declined();
     auto bound = std::make_unique<BoundFlow>(tracked, statistics_);
     if (client_->BindFlow(&bound->flow, &bound->stats, &bound->context) != 0) return Declined();
-    ++counts_.flows_bound;
+    flows_bound_.fetch_add(1, std::memory_order_relaxed);
     tracked.user_data = bound.release();
     return true;
   }
@@ -119,7 +121,9 @@ class HostServices::Impl final : public FlowSink {
   }
 
   HostRunCounts counts() const {
-    HostRunCounts counts = counts_;
+    HostRunCounts counts;
+    counts.flows_bound = flows_bound_.load(std::memory_order_relaxed);
+    counts.flows_declined = flows_declined_.load(std::memory_order_relaxed);
     if (log_) {
       counts.records = log_->records();
       counts.entries = log_->entries();
@@ -139,7 +143,11 @@ class HostServices::Impl final : public FlowSink {
   std::unique_ptr<HostLogService> log_;
   HostObject host_;
   IPelkaFlowClient* client_ = nullptr;
-  HostRunCounts counts_;
+  // Flows start, are handled and end on the workers' threads: what they count
+  // is atomic, and the first failure is taken under a lock.
+  std::atomic<uint64_t> flows_bound_{0};
+  std::atomic<uint64_t> flows_declined_{0};
+  std::mutex error_mutex_;
   std::string error_;
   bool finished_ = false;
 
@@ -155,18 +163,23 @@ class HostServices::Impl final : public FlowSink {
   std::string root() const { return log_ ? AbsoluteDirectory(options_.out_dir) : std::string(); }
 
   bool Fail(const std::string& problem) {
+    const std::lock_guard<std::mutex> lock(error_mutex_);
     if (error_.empty()) error_ = problem;
+    failed_.store(true, std::memory_order_release);
     return false;
   }
   bool Declined() {
-    ++counts_.flows_declined;
+    flows_declined_.fetch_add(1, std::memory_order_relaxed);
     return false;
   }
+  // Runs after every packet: atomic flags only, no lock while all is well.
   void CheckWrites() {
-    if (!error_.empty()) return;
+    if (failed_.load(std::memory_order_acquire)) return;
     for (auto [file, name] : Files())
-      if (!file->error().empty()) Fail(file->error());
+      if (file->failed()) Fail(file->error());
   }
+
+  std::atomic<bool> failed_{false};
 };
 
 HostServices::HostServices(HostOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}

@@ -4,8 +4,11 @@
 //
 // Run order: RegisterClient (the module's Initialize), DefineClients (define
 // then assign indexes), counting while flows are bound, ToJson, DetachClients.
+// Only the counting runs while flows are handled, possibly on several threads
+// at once: the counters themselves are atomic, the definitions fixed by then.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -30,14 +33,14 @@ class HostStatCounter final : public IPelkaStatCounter {
   uint16_t GetIndex() override { return index_; }
 
   const std::string& name() const { return name_; }
-  uint64_t value() const { return value_; }
-  void Add(uint64_t amount) { value_ += amount; }
+  uint64_t value() const { return value_.load(std::memory_order_relaxed); }
+  void Add(uint64_t amount) { value_.fetch_add(amount, std::memory_order_relaxed); }
   void set_index(uint16_t index) { index_ = index; }
 
  private:
   std::string name_;
   uint16_t index_ = 0xFFFF;
-  uint64_t value_ = 0;
+  std::atomic<uint64_t> value_{0};
 };
 
 class HostStatItem final : public IPelkaStatItem {

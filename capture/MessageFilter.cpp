@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <mutex>
+#include <thread>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -68,8 +70,9 @@ class FilteringLog final : public IPelkaLog {
 
   uint32_t AddEntry(uint64_t seconds, IPelkaFlow* flow, const wchar_t* kind, const wchar_t* summary,
                     const wchar_t* group) override {
-    // The module adds a message's summary entry right after its record.
-    if (std::exchange(drop_next_entry_, false)) return 0;
+    // The module adds a message's summary entry right after its record, on
+    // the same thread.
+    if (TakeDropMark()) return 0;
     return inner_->AddEntry(seconds, flow, kind, summary, group);
   }
 
@@ -78,8 +81,10 @@ class FilteringLog final : public IPelkaLog {
     record->seconds = seconds;
     record->flow = flow;
     record->reserved = reserved;
+    IPelkaLogRecord* handle = record.get();
+    const std::lock_guard<std::mutex> lock(mutex_);
     held_.push_back(std::move(record));
-    return held_.back().get();
+    return handle;
   }
   uint32_t SetDouble(IPelkaLogRecord* record, uint16_t column, double value) override {
     return Hold(record, column, value);
@@ -92,11 +97,15 @@ class FilteringLog final : public IPelkaLog {
   }
 
   uint32_t PostRecord(IPelkaLogRecord* handle) override {
-    const auto found = FindHeld(handle);
-    if (found == held_.end()) return kStatusNoInterface;
-    const std::unique_ptr<HeldRecord> record = std::move(*found);
-    held_.erase(found);
-    drop_next_entry_ = false;
+    std::unique_ptr<HeldRecord> record;
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      const auto found = FindHeld(handle);
+      if (found == held_.end()) return kStatusNoInterface;
+      record = std::move(*found);
+      held_.erase(found);
+    }
+    TakeDropMark();
     if (ConditionsHold(conditions_, Facts(*record))) return Pass(*record);
     Drop(*record);
     return 0;
@@ -108,6 +117,7 @@ class FilteringLog final : public IPelkaLog {
   }
 
   uint32_t Hold(IPelkaLogRecord* handle, uint16_t column, FieldValue value) {
+    const std::lock_guard<std::mutex> lock(mutex_);
     const auto found = FindHeld(handle);
     if (found == held_.end()) return kStatusNoInterface;
     (*found)->fields.emplace_back(column, std::move(value));
@@ -138,9 +148,21 @@ class FilteringLog final : public IPelkaLog {
     return inner_->PostRecord(real);
   }
 
+  // Whether this thread's next summary entry was to be dropped; clears it.
+  bool TakeDropMark() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = std::find(dropping_.begin(), dropping_.end(), std::this_thread::get_id());
+    if (found == dropping_.end()) return false;
+    dropping_.erase(found);
+    return true;
+  }
+
   void Drop(const HeldRecord& record) {
-    ++dropped_;
-    drop_next_entry_ = true;
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      ++dropped_;
+      dropping_.push_back(std::this_thread::get_id());
+    }
     const std::wstring copy = Text(record, kCopyPath);
     if (copy.empty()) return;
     std::error_code ignored;
@@ -151,8 +173,11 @@ class FilteringLog final : public IPelkaLog {
   const EmailConditions& conditions_;
   uint64_t& dropped_;
   uint16_t columns_[kWatchedCount];
+  // Flows may be handled on several threads: the held records and the
+  // threads whose next entry is dropped are kept under one lock.
+  std::mutex mutex_;
   std::vector<std::unique_ptr<HeldRecord>> held_;
-  bool drop_next_entry_ = false;
+  std::vector<std::thread::id> dropping_;
 };
 
 class FilteringLogService final : public IPelkaLogService {

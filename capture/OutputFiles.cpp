@@ -40,10 +40,12 @@ std::string AbsoluteDirectory(const std::string& directory) {
 OutputFile::~OutputFile() { Close(); }
 
 bool OutputFile::Open(const std::string& path) {
-  Close();
+  const std::lock_guard<std::mutex> lock(mutex_);
+  CloseLocked();
   path_ = path;
   error_.clear();
-  lines_ = 0;
+  failed_.store(false);
+  lines_.store(0);
   complete_bytes_ = 0;
   pending_.clear();
   pending_lines_ = 0;
@@ -60,18 +62,29 @@ void OutputFile::Fail(const char* what) {
   if (!error_.empty()) return;
   const int code = errno;
   error_ = std::string(what) + " " + path_ + (code ? std::string(": ") + std::strerror(code) : std::string());
+  failed_.store(true, std::memory_order_release);
 }
 
 bool OutputFile::Write(std::string_view text) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return WriteLocked(text);
+}
+
+bool OutputFile::WriteLocked(std::string_view text) {
   if (!file_ || !error_.empty()) return false;
   pending_.append(text);
   ++pending_lines_;
   const auto now = std::chrono::steady_clock::now();
-  if (each_line_ || pending_.size() >= kFlushBytes || now - last_flush_ >= kFlushInterval) return Flush();
+  if (each_line_ || pending_.size() >= kFlushBytes || now - last_flush_ >= kFlushInterval) return FlushLocked();
   return true;
 }
 
 bool OutputFile::Flush() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return FlushLocked();
+}
+
+bool OutputFile::FlushLocked() {
   last_flush_ = std::chrono::steady_clock::now();
   if (!file_ || !error_.empty()) return false;
   if (pending_.empty()) return true;
@@ -84,7 +97,7 @@ bool OutputFile::Flush() {
     return false;
   }
   complete_bytes_ += pending_.size();
-  lines_ += pending_lines_;
+  lines_.fetch_add(pending_lines_, std::memory_order_relaxed);
   pending_.clear();
   pending_lines_ = 0;
   return true;
@@ -102,14 +115,20 @@ void OutputFile::DropPartialLine() {
 }
 
 bool OutputFile::WriteLine(std::string_view line) {
+  const std::lock_guard<std::mutex> lock(mutex_);
   line_.assign(line);
   line_ += '\n';
-  return Write(line_);
+  return WriteLocked(line_);
 }
 
 bool OutputFile::Close() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return CloseLocked();
+}
+
+bool OutputFile::CloseLocked() {
   if (!file_) return error_.empty();
-  Flush();
+  FlushLocked();
   errno = 0;
   if (std::fclose(file_) != 0) Fail("cannot close");
   file_ = nullptr;

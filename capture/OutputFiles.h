@@ -7,11 +7,15 @@
 // reach the file, so a run that is interrupted (and closes its files) leaves
 // only whole lines behind. The first failure of a file is kept; later writes
 // to it do nothing, and a failed write is cut back to the last whole line.
+// Writers on several threads take turns line by line, so lines never
+// interleave.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -39,7 +43,10 @@ class OutputFile {
   bool Write(std::string_view text);
   // Every line is written out as it comes: for input that arrives slowly
   // (an interface, a pipe), whose readers watch the files grow.
-  void WriteEachLine(bool each_line) { each_line_ = each_line; }
+  void WriteEachLine(bool each_line) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    each_line_ = each_line;
+  }
   // Writes out every line taken so far.
   bool Flush();
   // Writes the line and a '\n'.
@@ -49,21 +56,29 @@ class OutputFile {
 
   bool is_open() const { return file_ != nullptr; }
   const std::string& path() const { return path_; }
-  // Empty while every write succeeded.
+  // Empty while every write succeeded. Once failed() is true the text is
+  // final, so any thread may read it after seeing failed().
   const std::string& error() const { return error_; }
+  bool failed() const { return failed_.load(std::memory_order_acquire); }
   // Lines written out to the file.
-  uint64_t lines() const { return lines_; }
+  uint64_t lines() const { return lines_.load(std::memory_order_relaxed); }
 
  private:
+  bool WriteLocked(std::string_view text);
+  bool FlushLocked();
+  bool CloseLocked();
+
   void Fail(const char* what);
   // After a failed write: cuts the file back to its last whole line.
   void DropPartialLine();
 
+  std::mutex mutex_;  // one writer at a time
   std::FILE* file_ = nullptr;
   std::string path_;
   std::string error_;
+  std::atomic<bool> failed_{false};
   std::string line_;  // reused buffer of WriteLine
-  uint64_t lines_ = 0;
+  std::atomic<uint64_t> lines_{0};
   uint64_t complete_bytes_ = 0;  // bytes of the whole lines written so far
   std::string pending_;          // whole lines taken, not yet written
   uint64_t pending_lines_ = 0;

@@ -125,7 +125,9 @@ void CPelkaEmailModule::SaveEmailCopy(CEmailFlowContext* context, const PacketRe
 
   CreateDirectoryPath(context->copy_path);
   const uint64_t time = GetPacketTime(packet);
-  context->copy_path += MakeCopyFileName(MakeCopyTimeText(time / kMicrosecondsPerSecond), time);
+  // Flows may be handled on several threads: the time text stays local
+  // instead of going through the module's shared text holder.
+  context->copy_path += MakeCopyFileName(FormatCopyTimeText(time / kMicrosecondsPerSecond), time);
 
   if (context->copy_file) std::fclose(context->copy_file);
   // An existing file of the same name (same microsecond) is replaced.

@@ -1,0 +1,289 @@
+// The parallel pipeline hands every flow the same packets, in the same order,
+// as one tracker does; only which thread handles a flow changes.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "FrameBuilder.h"
+#include "ProgramHarness.h"
+#include "capture/BlockingQueue.h"
+#include "capture/ConnectionHash.h"
+#include "capture/FlowTracker.h"
+#include "capture/ParallelPipeline.h"
+#include "capture/PacketDecoder.h"
+#include "host/PacketRecord.h"
+
+namespace pelka {
+namespace {
+
+using test::Bytes;
+using test::Segment;
+
+DecodedPacket Decode(const Bytes& frame) {
+  PacketDecoder decoder;
+  DecodedPacket packet;
+  EXPECT_EQ(decoder.Decode(kLinkEthernet, frame.data(), frame.size(), &packet), DecodeStatus::kTcp);
+  return packet;
+}
+
+Segment Between(IpAddress a, uint16_t a_port, IpAddress b, uint16_t b_port) {
+  Segment segment;
+  segment.source = a;
+  segment.source_port = a_port;
+  segment.destination = b;
+  segment.destination_port = b_port;
+  return segment;
+}
+
+Segment Reversed(Segment segment) {
+  std::swap(segment.source, segment.destination);
+  std::swap(segment.source_port, segment.destination_port);
+  return segment;
+}
+
+// Items arrive whole and in order between threads whatever the capacity and
+// however many a waiting consumer waits for; the last push asks for a wake,
+// as the pipeline's last batch does, so no consumer is left waiting.
+TEST(BlockingQueueTest, DeliversEveryItemInOrderBetweenThreads) {
+  struct Case {
+    size_t capacity;
+    size_t wake_at;
+  };
+  for (const Case& c : {Case{1, 1}, Case{2, 1}, Case{4, 2}, Case{16, 8}, Case{3, 10}}) {
+    BlockingQueue<std::unique_ptr<int>> queue(c.capacity, c.wake_at);
+    constexpr int kItems = 2000;
+    std::vector<int> received;
+    std::thread consumer([&] {
+      for (int i = 0; i < kItems; ++i) received.push_back(*queue.Pop());
+    });
+    for (int i = 0; i < kItems; ++i) queue.Push(std::make_unique<int>(i), i + 1 == kItems || i % 97 == 0);
+    consumer.join();
+    ASSERT_EQ(received.size(), static_cast<size_t>(kItems)) << "capacity " << c.capacity;
+    for (int i = 0; i < kItems; ++i) ASSERT_EQ(received[static_cast<size_t>(i)], i) << "capacity " << c.capacity;
+  }
+}
+
+TEST(ConnectionHashTest, BothDirectionsGoToTheSameWorker) {
+  const std::vector<Segment> connections = {
+      Between(test::V4(10, 0, 0, 1), 40000, test::V4(192, 0, 2, 25), 25),
+      Between(test::V4(192, 0, 2, 25), 25, test::V4(10, 0, 0, 1), 40000),
+      Between(test::V4(10, 0, 0, 1), 25, test::V4(10, 0, 0, 1), 110),  // same address on both sides
+      Between(test::V6(1), 51000, test::V6(2), 143),
+      Between(test::V6(7), 110, test::V6(7), 110),
+  };
+  for (const Segment& segment : connections) {
+    const DecodedPacket there = Decode(test::Ethernet(test::IpPacket(segment)));
+    const DecodedPacket back = Decode(test::Ethernet(test::IpPacket(Reversed(segment))));
+    EXPECT_EQ(ConnectionHash(there), ConnectionHash(back));
+    for (unsigned workers : {1u, 2u, 3u, 64u}) {
+      EXPECT_EQ(WorkerOf(there, workers), WorkerOf(back, workers));
+      EXPECT_LT(WorkerOf(there, workers), workers);
+    }
+  }
+}
+
+TEST(ConnectionHashTest, ConnectionsSpreadOverTheWorkers) {
+  // Client ports in a row, as a busy client opens them, must not crowd onto
+  // one worker.
+  for (const bool ipv6 : {false, true}) {
+    std::map<unsigned, int> per_worker;
+    for (uint16_t port = 40000; port < 40400; ++port) {
+      const Segment segment = ipv6 ? Between(test::V6(1), port, test::V6(2), 25)
+                                   : Between(test::V4(10, 0, 0, 1), port, test::V4(10, 0, 0, 2), 25);
+      ++per_worker[WorkerOf(Decode(test::Ethernet(test::IpPacket(segment))), 4)];
+    }
+    ASSERT_EQ(per_worker.size(), 4u);
+    for (const auto& [worker, count] : per_worker) EXPECT_GT(count, 60) << "worker " << worker;
+  }
+}
+
+// Writes down what each flow hears, keyed by its client endpoint. Flows are
+// started, fed and ended on the workers' threads.
+class FlowLogSink : public FlowSink {
+ public:
+  bool OnFlowStart(TrackedFlow& flow) override {
+    const std::string key = Key(flow);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    logs_[key].push_back("start " + std::to_string(flow.application_protocol()));
+    threads_[key] = std::this_thread::get_id();
+    return true;
+  }
+  void OnFlowPacket(TrackedFlow& flow, const PacketRecord& record, const uint8_t* payload, uint32_t length,
+                    uint32_t direction) override {
+    const std::string key = Key(flow);
+    std::string line = "#" + std::to_string(GetPacketNumber(&record)) + " " + std::to_string(direction) + " @" +
+                       std::to_string(GetPacketTime(&record)) + " " +
+                       std::string(reinterpret_cast<const char*>(payload), length);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    logs_[key].push_back(std::move(line));
+    if (threads_[key] != std::this_thread::get_id()) logs_[key].push_back("moved to another thread");
+  }
+  void OnFlowEnd(TrackedFlow& flow, FlowEndReason reason) override {
+    const std::string key = Key(flow);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    logs_[key].push_back("end " + std::to_string(static_cast<int>(reason)));
+  }
+
+  std::map<std::string, std::vector<std::string>> logs() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return logs_;
+  }
+  std::set<std::thread::id> threads() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::set<std::thread::id> ids;
+    for (const auto& [key, id] : threads_) ids.insert(id);
+    return ids;
+  }
+
+ private:
+  static std::string Key(const TrackedFlow& flow) {
+    const FlowEndpoint& client = flow.client();
+    std::string key = std::to_string(client.address.version) + "/";
+    for (uint8_t byte : client.address.bytes) key += std::to_string(byte) + ".";
+    return key + ":" + std::to_string(client.port);
+  }
+
+  std::mutex mutex_;
+  std::map<std::string, std::vector<std::string>> logs_;
+  std::map<std::string, std::thread::id> threads_;
+};
+
+struct Packet {
+  Bytes frame;
+  uint64_t time_us;
+};
+
+// Many SMTP sessions, `concurrent` of them at a time, their frames
+// interleaved; some end with FINs, some stay open; one is IPv6.
+std::vector<Packet> Traffic(size_t sessions, size_t concurrent) {
+  std::vector<std::vector<test::Frame>> open;
+  std::vector<Packet> packets;
+  uint64_t time = test::kCaptureStartUs;
+  for (size_t started = 0; started < sessions || !open.empty();) {
+    while (open.size() < concurrent && started < sessions) {
+      open.push_back(test::SmtpSession(static_cast<uint16_t>(30000 + started), "Message " + std::to_string(started),
+                                       300 + 700 * (started % 5), started % 7 != 3));
+      std::reverse(open.back().begin(), open.back().end());
+      ++started;
+    }
+    for (size_t i = 0; i < open.size();) {
+      packets.push_back({open[i].back().bytes, time += 100});
+      open[i].pop_back();
+      if (open[i].empty()) {
+        open.erase(open.begin() + static_cast<std::ptrdiff_t>(i));
+      } else {
+        ++i;
+      }
+    }
+  }
+  Segment v6 = Between(test::V6(1), 50000, test::V6(2), 143);
+  v6.flags = kTcpAck | kTcpPsh;
+  v6.payload = "* OK IMAP4 ready\r\n";
+  packets.push_back({test::Ethernet(test::IpPacket(Reversed(v6))), time += 100});
+  return packets;
+}
+
+void Deliver(FlowTracker& tracker, const DecodedPacket& decoded, const Packet& packet, uint64_t number) {
+  tracker.OnPacket(decoded, packet.frame.data(), number, packet.time_us);
+}
+void Deliver(ParallelPipeline& parallel, const DecodedPacket& decoded, const Packet& packet, uint64_t number) {
+  parallel.OnPacket(kLinkEthernet, decoded, packet.frame.data(), number, packet.time_us);
+}
+
+template <typename Flows>
+void Feed(Flows& flows, const std::vector<Packet>& packets) {
+  PacketDecoder decoder;
+  uint64_t number = 0;
+  for (const Packet& packet : packets) {
+    DecodedPacket decoded;
+    ++number;
+    if (decoder.Decode(kLinkEthernet, packet.frame.data(), packet.frame.size(), &decoded) != DecodeStatus::kTcp)
+      continue;
+    Deliver(flows, decoded, packet, number);
+  }
+}
+
+struct PipelineCase {
+  const char* name;
+  size_t sessions;
+  size_t concurrent;
+  unsigned workers;
+};
+
+class ParallelPipelineTest : public ::testing::TestWithParam<PipelineCase> {};
+
+TEST_P(ParallelPipelineTest, EveryFlowHearsWhatOneTrackerTellsIt) {
+  const PipelineCase& c = GetParam();
+  const std::vector<Packet> packets = Traffic(c.sessions, c.concurrent);
+
+  FlowLogSink single_sink;
+  FlowTracker single(&single_sink);
+  Feed(single, packets);
+  single.Finish();
+
+  FlowLogSink parallel_sink;
+  ParallelPipeline parallel(c.workers, &parallel_sink);
+  Feed(parallel, packets);
+  parallel.Finish();
+
+  const auto expected = single_sink.logs();
+  EXPECT_EQ(expected.size(), c.sessions + 1);
+  EXPECT_EQ(parallel_sink.logs(), expected);
+  EXPECT_LE(parallel_sink.threads().size(), c.workers);
+  if (c.sessions >= 50) {
+    EXPECT_EQ(parallel_sink.threads().size(), c.workers);
+  }
+
+  const FlowTrackerCounters want = single.counters();
+  const FlowTrackerCounters got = parallel.counters();
+  EXPECT_EQ(got.packets, want.packets);
+  EXPECT_EQ(got.packets_delivered, want.packets_delivered);
+  EXPECT_EQ(got.flows_smtp, want.flows_smtp);
+  EXPECT_EQ(got.flows_imap, want.flows_imap);
+}
+
+INSTANTIATE_TEST_SUITE_P(Traffic, ParallelPipelineTest,
+                         ::testing::Values(PipelineCase{"OneWorker", 20, 5, 1},
+                                           PipelineCase{"TwoWorkersManyBatches", 300, 40, 2},
+                                           PipelineCase{"FourWorkers", 120, 120, 4},
+                                           PipelineCase{"MoreWorkersThanFlows", 3, 3, 8}),
+                         [](const ::testing::TestParamInfo<PipelineCase>& info) { return info.param.name; });
+
+TEST(ParallelPipelineAdvanceTest, CaptureTimeReachesEveryWorker) {
+  FlowTracker::Options options;
+  options.idle_timeout_us = 5 * 1000000ull;
+  FlowLogSink sink;
+  ParallelPipeline parallel(3, &sink, options);
+  const std::vector<Packet> packets = Traffic(12, 12);
+  // Only the handshakes: every flow stays open.
+  std::vector<Packet> openings;
+  for (size_t i = 0; i < 12 * 3; ++i) openings.push_back(packets[i]);
+  Feed(parallel, openings);
+  parallel.Advance(openings.back().time_us + options.idle_timeout_us + 1);
+  parallel.Finish();
+
+  const auto logs = sink.logs();
+  ASSERT_EQ(logs.size(), 12u);
+  for (const auto& [flow, events] : logs) {
+    ASSERT_FALSE(events.empty());
+    EXPECT_EQ(events.back(), "end " + std::to_string(static_cast<int>(FlowEndReason::kIdle))) << flow;
+  }
+}
+
+TEST(ParallelPipelineAdvanceTest, FinishWithoutPacketsAndTwiceIsHarmless) {
+  FlowLogSink sink;
+  ParallelPipeline parallel(4, &sink);
+  parallel.Advance(1);
+  parallel.Finish();
+  parallel.Finish();
+  EXPECT_TRUE(sink.logs().empty());
+  EXPECT_EQ(parallel.counters().packets, 0u);
+}
+
+}  // namespace
+}  // namespace pelka

@@ -1,0 +1,224 @@
+// pelka-email --threads N finds what a single-threaded run finds: the same
+// records (apart from their numbers and order), summary entries, export lines,
+// diagnosis reports, statistics and copies, every line whole.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ProgramHarness.h"
+
+namespace pelka {
+namespace {
+
+namespace fs = std::filesystem;
+using test::TempDir;
+
+const fs::path kSample = fs::path(PELKA_SOURCE_DIR) / "samples" / "mail-sample.pcap";
+const fs::path kCorpus = PELKA_CORPUS_DIR;
+
+std::multiset<std::string> TextLines(const fs::path& path) {
+  std::multiset<std::string> lines;
+  std::istringstream text(test::ReadWholeFile(path));
+  for (std::string line; std::getline(text, line);) lines.insert(line);
+  return lines;
+}
+
+// What a run wrote, in a form that does not depend on the order of lines or
+// on the record numbers.
+struct Outputs {
+  std::multiset<std::string> records;  // without "email_number"
+  std::vector<uint64_t> numbers;       // sorted
+  std::multiset<std::string> entries;
+  std::multiset<std::string> diagnosis;
+  std::multiset<std::string> csv;
+  std::multiset<std::string> text;
+  std::string statistics;
+  std::set<std::string> copies;
+  int status = -1;
+
+  bool operator==(const Outputs& other) const {
+    return records == other.records && entries == other.entries && diagnosis == other.diagnosis &&
+           csv == other.csv && text == other.text && statistics == other.statistics && copies == other.copies &&
+           status == other.status;
+  }
+};
+
+std::multiset<std::string> JsonLines(const fs::path& path, std::vector<uint64_t>* numbers = nullptr) {
+  std::multiset<std::string> lines;
+  for (nlohmann::json object : test::ReadJsonLines(path)) {
+    if (numbers) {
+      numbers->push_back(object.value("email_number", uint64_t{0}));
+      object.erase("email_number");
+    }
+    lines.insert(object.dump());
+  }
+  return lines;
+}
+
+// Runs write to the same folder, one after the other, so that the copy paths
+// in the records compare equal.
+Outputs RunWithThreads(const fs::path& capture, unsigned threads, const std::vector<std::string>& extra = {}) {
+  static const TempDir dir;
+  const fs::path out = dir / "out";
+  fs::remove_all(out);
+  std::vector<std::string> args = {"-q", "--copies", "--threads", std::to_string(threads), "-o", out.string()};
+  args.insert(args.end(), extra.begin(), extra.end());
+  args.push_back(capture.string());
+  const test::ProgramResult result = test::RunProgram(args);
+  test::ExpectNoCrash(result);
+
+  Outputs outputs;
+  outputs.status = result.status;
+  outputs.records = JsonLines(out / "emails.jsonl", &outputs.numbers);
+  std::sort(outputs.numbers.begin(), outputs.numbers.end());
+  outputs.entries = JsonLines(out / "entries.jsonl");
+  outputs.diagnosis = JsonLines(out / "diagnosis.jsonl");
+  outputs.csv = TextLines(out / "email_log.csv");
+  outputs.text = TextLines(out / "email_log.txt");
+  const std::string statistics = test::ReadWholeFile(out / "statistics.json");
+  EXPECT_TRUE(nlohmann::json::parse(statistics, nullptr, false).is_object()) << statistics;
+  outputs.statistics = statistics;
+  if (fs::is_directory(out / "email_copy")) {
+    for (const auto& entry : fs::recursive_directory_iterator(out / "email_copy")) {
+      if (entry.is_regular_file())
+        outputs.copies.insert(entry.path().filename().string() + " " + std::to_string(entry.file_size()));
+    }
+  }
+  return outputs;
+}
+
+// Records are numbered 1 to n, each number once, whatever thread posted them;
+// with conditions, the numbers of dropped messages are missing.
+void ExpectNumberedOnce(const Outputs& outputs, bool filtered) {
+  for (size_t i = 0; i < outputs.numbers.size(); ++i) {
+    if (!filtered) {
+      EXPECT_EQ(outputs.numbers[i], i + 1);
+    }
+    if (i > 0) {
+      EXPECT_LT(outputs.numbers[i - 1], outputs.numbers[i]);
+    }
+  }
+}
+
+void ExpectSameAsSingleThread(const fs::path& capture, const std::vector<std::string>& extra = {}) {
+  SCOPED_TRACE(capture.filename().string());
+  const Outputs single = RunWithThreads(capture, 1, extra);
+  ExpectNumberedOnce(single, !extra.empty());
+  for (unsigned threads : {2u, 4u}) {
+    SCOPED_TRACE("--threads " + std::to_string(threads));
+    const Outputs parallel = RunWithThreads(capture, threads, extra);
+    EXPECT_EQ(parallel.records, single.records);
+    EXPECT_EQ(parallel.entries, single.entries);
+    EXPECT_EQ(parallel.diagnosis, single.diagnosis);
+    EXPECT_EQ(parallel.csv, single.csv);
+    EXPECT_EQ(parallel.text, single.text);
+    EXPECT_EQ(parallel.statistics, single.statistics);
+    EXPECT_EQ(parallel.copies, single.copies);
+    EXPECT_EQ(parallel.status, single.status);
+    ExpectNumberedOnce(parallel, !extra.empty());
+  }
+}
+
+// Many SMTP sessions, `concurrent` at a time, frames interleaved.
+std::string ManyFlowsCapture(size_t sessions, size_t concurrent) {
+  std::string file = test::PcapFileHeader();
+  std::vector<std::vector<test::Frame>> open;
+  std::vector<test::Frame> frames;
+  for (size_t started = 0; started < sessions || !open.empty();) {
+    while (open.size() < concurrent && started < sessions) {
+      open.push_back(test::SmtpSession(static_cast<uint16_t>(20000 + started), "Many " + std::to_string(started),
+                                       200 + 1500 * (started % 4)));
+      std::reverse(open.back().begin(), open.back().end());
+      ++started;
+    }
+    for (size_t i = 0; i < open.size();) {
+      frames.push_back(std::move(open[i].back()));
+      open[i].pop_back();
+      if (open[i].empty()) {
+        open.erase(open.begin() + static_cast<std::ptrdiff_t>(i));
+      } else {
+        ++i;
+      }
+    }
+  }
+  return file + test::PcapRecords(frames);
+}
+
+class ThreadsTest : public ::testing::Test {
+ protected:
+  void SetUp() override { REQUIRE_PROGRAM(); }
+};
+
+TEST_F(ThreadsTest, SampleCaptureGivesTheSameOutputs) {
+  if (!fs::exists(kSample)) GTEST_SKIP() << "no sample capture at " << kSample;
+  ExpectSameAsSingleThread(kSample);
+}
+
+TEST_F(ThreadsTest, CorpusCapturesGiveTheSameOutputs) {
+  if (!fs::is_directory(kCorpus)) GTEST_SKIP() << "no capture corpus at " << kCorpus;
+  std::vector<fs::path> captures;
+  for (const auto& entry : fs::directory_iterator(kCorpus)) {
+    const std::string extension = entry.path().extension().string();
+    if (extension == ".pcap" || extension == ".pcapng") captures.push_back(entry.path());
+  }
+  std::sort(captures.begin(), captures.end());
+  ASSERT_FALSE(captures.empty());
+  for (const fs::path& capture : captures) ExpectSameAsSingleThread(capture);
+}
+
+TEST_F(ThreadsTest, ManyConcurrentFlowsGiveTheSameOutputs) {
+  TempDir dir;
+  const fs::path capture = dir / "many.pcap";
+  test::WriteWholeFile(capture, ManyFlowsCapture(400, 60));
+  ExpectSameAsSingleThread(capture);
+  EXPECT_EQ(RunWithThreads(capture, 3).numbers.size(), 400u);
+}
+
+TEST_F(ThreadsTest, ConditionsDropTheSameMessages) {
+  TempDir dir;
+  const fs::path capture = dir / "many.pcap";
+  test::WriteWholeFile(capture, ManyFlowsCapture(120, 40));
+  // Bodies of about 200 bytes stay under 1 KB; the others are dropped with
+  // their summary entries and copies.
+  ExpectSameAsSingleThread(capture, {"--size-included", "0"});
+  const Outputs kept = RunWithThreads(capture, 2, {"--size-included", "0"});
+  EXPECT_EQ(kept.records.size(), 30u);
+  EXPECT_EQ(kept.entries.size(), 30u);
+  EXPECT_EQ(kept.copies.size(), 30u);
+}
+
+TEST_F(ThreadsTest, SigtermKeepsEveryLineWhole) {
+  TempDir dir;
+  const fs::path capture = dir / "big.pcap";
+  test::WriteWholeFile(capture, ManyFlowsCapture(6000, 50));
+  const fs::path out = dir / "out";
+  test::ProgramProcess process({"--threads", "2", "-o", out.string(), capture.string()});
+  ASSERT_TRUE(test::WaitForLines(out / "emails.jsonl", 1, std::chrono::seconds(60)));
+  process.Signal(SIGTERM);
+  const test::ProgramResult result = process.Wait(std::chrono::seconds(60));
+
+  test::ExpectNoCrash(result);
+  EXPECT_EQ(result.status, 0) << result.err;
+  std::vector<uint64_t> numbers;
+  const size_t records = JsonLines(out / "emails.jsonl", &numbers).size();
+  JsonLines(out / "entries.jsonl");
+  JsonLines(out / "diagnosis.jsonl");
+  EXPECT_TRUE(nlohmann::json::parse(test::ReadWholeFile(out / "statistics.json"), nullptr, false).is_object());
+  for (const char* name : {"email_log.csv", "email_log.txt"}) {
+    const std::string text = test::ReadWholeFile(out / name);
+    ASSERT_FALSE(text.empty());
+    EXPECT_EQ(text.back(), '\n') << name;
+  }
+  EXPECT_EQ(TextLines(out / "email_log.csv").size(), records + 1);
+  if (records == 6000) GTEST_SKIP() << "the run ended before the signal came";
+  EXPECT_THAT(result.out, ::testing::HasSubstr("Stopped before the end of the input"));
+}
+
+}  // namespace
+}  // namespace pelka
