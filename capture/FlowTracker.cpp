@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <tuple>
 
 #include "host/Types.h"
 
@@ -106,8 +105,15 @@ FlowTracker::~FlowTracker() = default;
 FlowTracker::Key FlowTracker::MakeKey(const DecodedPacket& packet) {
   Key key{};
   key.version = packet.source.version;
-  const bool source_first =
-      std::tie(packet.source.bytes, packet.source_port) < std::tie(packet.destination.bytes, packet.destination_port);
+  // Any fixed order of the two endpoints will do; comparing the addresses as
+  // two 64-bit halves is the cheapest.
+  uint64_t from[2];
+  uint64_t to[2];
+  std::memcpy(from, packet.source.bytes.data(), sizeof from);
+  std::memcpy(to, packet.destination.bytes.data(), sizeof to);
+  const bool source_first = from[0] != to[0]   ? from[0] < to[0]
+                            : from[1] != to[1] ? from[1] < to[1]
+                                               : packet.source_port < packet.destination_port;
   const int source = source_first ? 0 : 1;
   key.address[source] = packet.source.bytes;
   key.port[source] = packet.source_port;
