@@ -1,5 +1,6 @@
 #include "capture/OutputFiles.h"
 
+#include <fcntl.h>
 #include <stdio_ext.h>
 #include <unistd.h>
 
@@ -50,9 +51,17 @@ bool OutputFile::Open(const std::string& path) {
   pending_.clear();
   pending_lines_ = 0;
   last_flush_ = std::chrono::steady_clock::now();
-  file_ = std::fopen(path.c_str(), "wb");
+  // A symbolic link planted where an output file goes is refused: a run
+  // started as root must not write through it to a file outside the folder.
+  const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (descriptor < 0) {
+    Fail(errno == ELOOP ? "refusing to write through the symbolic link" : "cannot create");
+    return false;
+  }
+  file_ = ::fdopen(descriptor, "wb");
   if (!file_) {
     Fail("cannot create");
+    ::close(descriptor);
     return false;
   }
   return true;
