@@ -4,6 +4,8 @@
 // it; every batch that holds such frames keeps a reference on the block, and
 // the last reference to go puts the block back into its pool. The pool is
 // bounded: a reader that finds every block in use waits for one to come back.
+// Blocks are made when first needed and the last one back is handed out
+// first, so a run whose workers keep up touches only a few megabytes.
 #pragma once
 
 #include <atomic>
@@ -21,12 +23,14 @@ class PcapBlockPool;
 
 class PcapBlock {
  public:
-  PcapBlock(PcapBlockPool* pool, size_t capacity) : pool_(pool), bytes_(capacity) {}
+  // The bytes are left uninitialised: the reader writes them before use.
+  PcapBlock(PcapBlockPool* pool, size_t capacity)
+      : pool_(pool), bytes_(std::make_unique_for_overwrite<uint8_t[]>(capacity)), capacity_(capacity) {}
   PcapBlock(const PcapBlock&) = delete;
   PcapBlock& operator=(const PcapBlock&) = delete;
 
-  uint8_t* data() { return bytes_.data(); }
-  size_t capacity() const { return bytes_.size(); }
+  uint8_t* data() { return bytes_.get(); }
+  size_t capacity() const { return capacity_; }
 
   void Ref() { refs_.fetch_add(1, std::memory_order_relaxed); }
   // The last reference puts the block back into its pool; any thread may call it.
@@ -35,7 +39,8 @@ class PcapBlock {
  private:
   friend class PcapBlockPool;
   PcapBlockPool* pool_;
-  std::vector<uint8_t> bytes_;
+  std::unique_ptr<uint8_t[]> bytes_;
+  size_t capacity_;
   std::atomic<int> refs_{0};
 };
 
@@ -54,6 +59,8 @@ class PcapBlockPool {
   PcapBlock* Acquire();
   void set_on_starved(std::function<void()> on_starved) { on_starved_ = std::move(on_starved); }
   size_t block_bytes() const { return block_bytes_; }
+  // Blocks made so far, and of those the ones not in use.
+  size_t made_blocks();
   size_t free_blocks();
 
  private:
@@ -61,6 +68,7 @@ class PcapBlockPool {
   void Release(PcapBlock* block);
 
   size_t block_bytes_;
+  size_t max_blocks_;
   std::vector<std::unique_ptr<PcapBlock>> blocks_;
   std::function<void()> on_starved_;
   std::mutex mutex_;
