@@ -19,6 +19,7 @@
 #include "capture/ModuleLoader.h"
 #include "capture/ParallelPipeline.h"
 #include "capture/PacketDecoder.h"
+#include "capture/PcapBlockReader.h"
 #include "capture/PrivilegeDrop.h"
 #include "capture/Progress.h"
 #include "capture/RunSummary.h"
@@ -32,21 +33,24 @@ constexpr const char* kProgramName = "pelka-email";
 // it keeps its own copy of the conversion layer.
 constexpr const char* kCodePageVariable = "PELKA_ANSI_CODE_PAGE";
 
-// The source a signal stops. Only the run in progress sets it.
+// The sources a signal stops. Only the run in progress sets them.
 std::atomic<CaptureSource*> g_stoppable_source{nullptr};
+std::atomic<PcapBlockReader*> g_stoppable_blocks{nullptr};
 std::atomic<bool> g_stop_requested{false};
 
 extern "C" void StopOnSignal(int) {
   g_stop_requested.store(true);
   if (CaptureSource* source = g_stoppable_source.load()) source->Stop();
+  if (PcapBlockReader* blocks = g_stoppable_blocks.load()) blocks->Stop();
 }
 
 // Installs the stop handlers for the time of a run and puts the old ones back.
 class SignalScope {
  public:
-  explicit SignalScope(CaptureSource* source) {
+  SignalScope(CaptureSource* source, PcapBlockReader* blocks) {
     g_stop_requested.store(false);
     g_stoppable_source.store(source);
+    g_stoppable_blocks.store(blocks);
     struct sigaction action {};
     action.sa_handler = StopOnSignal;
     sigemptyset(&action.sa_mask);
@@ -57,6 +61,7 @@ class SignalScope {
     sigaction(SIGINT, &old_int_, nullptr);
     sigaction(SIGTERM, &old_term_, nullptr);
     g_stoppable_source.store(nullptr);
+    g_stoppable_blocks.store(nullptr);
   }
   SignalScope(const SignalScope&) = delete;
   SignalScope& operator=(const SignalScope&) = delete;
@@ -105,12 +110,20 @@ std::string LocateModule(std::ostream& err) {
 }
 
 // Everything the reading loop touches. Flows go to the tracker, or with
-// --threads above 1 to the workers' trackers.
+// --threads above 1 to the workers' trackers; those read capture files
+// through the block reader, whose blocks the workers share.
 struct Pipeline {
   CaptureSource source;
   PacketDecoder decoder;
+  // Declared before the workers, which hand blocks back until they end.
+  std::unique_ptr<PcapBlockPool> pool;
+  std::unique_ptr<PcapBlockReader> blocks;
   std::unique_ptr<FlowTracker> tracker;
   std::unique_ptr<ParallelPipeline> parallel;
+
+  uint64_t bytes_read() const { return blocks ? blocks->bytes_read() : source.bytes_read(); }
+  uint64_t total_bytes() const { return blocks ? blocks->total_bytes() : source.total_bytes(); }
+  uint64_t frames_read() const { return blocks ? blocks->frames_read() : source.frames_read(); }
 
   void Finish() {
     if (parallel) parallel->Finish();
@@ -122,27 +135,39 @@ struct Pipeline {
   }
 };
 
-// One decoded TCP packet to the flows.
-void Deliver(FlowTracker& tracker, const CapturedFrame& frame, const DecodedPacket& packet) {
-  tracker.OnPacket(packet, frame.data, frame.number, frame.time_us);
+// The next frame and, from the block reader, the block it lies in.
+ReadStatus NextFrame(CaptureSource& source, CapturedFrame* frame, PcapBlock** block) {
+  *block = nullptr;
+  return source.Next(frame);
 }
-void Deliver(ParallelPipeline& parallel, const CapturedFrame& frame, const DecodedPacket& packet) {
-  parallel.OnPacket(frame.link_type, packet, frame.data, frame.number, frame.time_us);
+ReadStatus NextFrame(PcapBlockReader& blocks, CapturedFrame* frame, PcapBlock** block) {
+  return blocks.Next(frame, block);
 }
 
-// Reads every frame into `flows` (a FlowTracker or a ParallelPipeline); false
-// when an input was damaged or unreadable.
-template <typename Flows>
-bool ReadAll(Pipeline& pipeline, Flows& flows, HostServices& services, Progress& progress, std::ostream& err) {
+// One decoded TCP packet to the flows.
+void Deliver(FlowTracker& tracker, const CapturedFrame& frame, PcapBlock*, const DecodedPacket& packet) {
+  tracker.OnPacket(packet, frame.data, frame.number, frame.time_us);
+}
+void Deliver(ParallelPipeline& parallel, const CapturedFrame& frame, PcapBlock* block, const DecodedPacket& packet) {
+  parallel.OnPacket(frame.link_type, packet, frame.data, block, frame.number, frame.time_us);
+}
+
+// Reads every frame of `source` (a CaptureSource or a PcapBlockReader) into
+// `flows` (a FlowTracker or a ParallelPipeline); false when an input was
+// damaged or unreadable.
+template <typename Source, typename Flows>
+bool ReadAll(Source& source, Pipeline& pipeline, Flows& flows, HostServices& services, Progress& progress,
+             std::ostream& err) {
   bool inputs_ok = true;
   CapturedFrame frame;
+  PcapBlock* block = nullptr;
   DecodedPacket packet;
   for (;;) {
-    switch (pipeline.source.Next(&frame)) {
+    switch (NextFrame(source, &frame, &block)) {
       case ReadStatus::kFrame:
         if (pipeline.decoder.Decode(frame.link_type, frame.data, frame.captured_length, &packet) ==
             DecodeStatus::kTcp) {
-          Deliver(flows, frame, packet);
+          Deliver(flows, frame, block, packet);
         }
         progress.Tick();
         break;
@@ -155,7 +180,7 @@ bool ReadAll(Pipeline& pipeline, Flows& flows, HostServices& services, Progress&
         // A read cut short by the stop signal is the stop, not damage.
         if (g_stop_requested.load()) break;
         progress.Clear();
-        err << kProgramName << ": " << pipeline.source.error() << "\n";
+        err << kProgramName << ": " << source.error() << "\n";
         inputs_ok = false;
         break;
       case ReadStatus::kEnd:
@@ -164,7 +189,12 @@ bool ReadAll(Pipeline& pipeline, Flows& flows, HostServices& services, Progress&
   }
 }
 
-bool OpenInputs(const ProgramOptions& options, CaptureSource& source, std::ostream& err) {
+bool OpenInputs(const ProgramOptions& options, Pipeline& pipeline, std::ostream& err) {
+  CaptureSource& source = pipeline.source;
+  if (pipeline.blocks) {
+    pipeline.blocks->OpenFiles(options.inputs);
+    return true;
+  }
   if (options.interface_name.empty()) {
     source.OpenFiles(options.inputs);
     // Read as root, even after --user switches away from it.
@@ -180,18 +210,19 @@ bool OpenInputs(const ProgramOptions& options, CaptureSource& source, std::ostre
 // an input could not be opened or read.
 bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, PrivilegeDrop& drop,
                   std::ostream& err) {
-  if (!OpenInputs(options, pipeline.source, err)) return false;
+  if (!OpenInputs(options, pipeline, err)) return false;
   if (std::string problem; !drop.Apply(&problem)) {
     err << kProgramName << ": " << problem << "\n";
     return false;
   }
-  SignalScope signals(&pipeline.source);
+  SignalScope signals(&pipeline.source, pipeline.blocks.get());
   Progress progress(Progress::Wanted(options.quiet), [&pipeline, &services] {
-    return ProgressFigures{pipeline.source.bytes_read(), pipeline.source.total_bytes(), pipeline.source.frames_read(),
+    return ProgressFigures{pipeline.bytes_read(), pipeline.total_bytes(), pipeline.frames_read(),
                            services.counts().records};
   });
-  if (pipeline.parallel) return ReadAll(pipeline, *pipeline.parallel, services, progress, err);
-  return ReadAll(pipeline, *pipeline.tracker, services, progress, err);
+  if (pipeline.blocks) return ReadAll(*pipeline.blocks, pipeline, *pipeline.parallel, services, progress, err);
+  if (pipeline.parallel) return ReadAll(pipeline.source, pipeline, *pipeline.parallel, services, progress, err);
+  return ReadAll(pipeline.source, pipeline, *pipeline.tracker, services, progress, err);
 }
 
 // What the inputs were, for messages: the files, or the interface.
@@ -243,8 +274,8 @@ RunFacts CollectFacts(const ProgramOptions& options, const Pipeline& pipeline, c
   facts.out_dir = WithoutTrailingSlash(AbsolutePath(options.out_dir));
   facts.copies = options.copies;
   facts.interrupted = g_stop_requested.load();
-  facts.packets = pipeline.source.frames_read();
-  facts.bytes = pipeline.source.bytes_read();
+  facts.packets = pipeline.frames_read();
+  facts.bytes = pipeline.bytes_read();
   facts.elapsed_seconds = elapsed_seconds;
   const FlowTrackerCounters flows = pipeline.flow_counters();
   facts.connections_smtp = flows.flows_smtp;
@@ -297,6 +328,12 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
   Pipeline pipeline;
   if (options.threads > 1) {
     pipeline.parallel = std::make_unique<ParallelPipeline>(options.threads, services.flow_sink());
+    // Files opened ahead for --user stay with CaptureSource.
+    if (options.interface_name.empty() && options.user.empty()) {
+      pipeline.pool = std::make_unique<PcapBlockPool>();
+      pipeline.pool->set_on_starved([parallel = pipeline.parallel.get()] { parallel->Flush(); });
+      pipeline.blocks = std::make_unique<PcapBlockReader>(pipeline.pool.get());
+    }
   } else {
     pipeline.tracker = std::make_unique<FlowTracker>(services.flow_sink());
   }

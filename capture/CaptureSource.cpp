@@ -49,6 +49,12 @@ void CaptureSource::OpenFiles(std::vector<std::string> paths) {
   live_ = false;
 }
 
+void CaptureSource::ContinueFile(const std::string& path, uint64_t offset, uint64_t frames_before) {
+  OpenFiles({path});
+  start_offset_ = offset;
+  frames_ = frames_before;
+}
+
 void CaptureSource::OpenAllFilesNow() {
   CloseHeldFiles();
   held_.resize(paths_.size());
@@ -123,6 +129,11 @@ bool CaptureSource::OpenNextFile() {
     error_ = "cannot read " + current_name_ + ": " + message;
     return false;
   }
+  if (start_offset_ && std::fseek(file, static_cast<long>(std::exchange(start_offset_, 0)), SEEK_SET) != 0) {
+    pcap_close(handle);
+    error_ = "cannot read " + current_name_ + ": " + std::strerror(errno);
+    return false;
+  }
   handle_ = handle;
   file_ = file;
   nanosecond_ = true;
@@ -189,9 +200,11 @@ uint64_t CaptureSource::bytes_read() const {
   return finished_bytes_ + (position >= 0 ? static_cast<uint64_t>(position) : current_bytes_);
 }
 
-uint64_t CaptureSource::total_bytes() const {
+uint64_t CaptureSource::total_bytes() const { return RegularFileBytes(paths_); }
+
+uint64_t RegularFileBytes(const std::vector<std::string>& paths) {
   uint64_t total = 0;
-  for (const std::string& path : paths_) {
+  for (const std::string& path : paths) {
     struct stat info {};
     if (path != "-" && ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) total += info.st_size;
   }

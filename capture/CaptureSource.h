@@ -19,6 +19,9 @@ struct pcap;
 
 namespace pelka {
 
+// Sum of the sizes of the paths that are regular files.
+uint64_t RegularFileBytes(const std::vector<std::string>& paths);
+
 struct CapturedFrame {
   const uint8_t* data = nullptr;
   uint32_t captured_length = 0;
@@ -50,6 +53,11 @@ class CaptureSource {
   // the run can give up its privileges before reading. A file that cannot be
   // opened is still reported when its turn comes.
   void OpenAllFilesNow();
+
+  // Reads one file from byte `offset` on (the start of a record; 0 for the
+  // whole file), numbering its frames after `frames_before`: the block
+  // reader hands over here whatever it does not read itself.
+  void ContinueFile(const std::string& path, uint64_t offset, uint64_t frames_before);
 
   // Live capture on an interface. False with error() set for a missing
   // interface, a missing privilege or another failure to start.
@@ -96,6 +104,7 @@ class CaptureSource {
   std::string current_name_;
   std::string error_;
   uint64_t frames_ = 0;
+  uint64_t start_offset_ = 0;    // where the next file opened is read from
   uint64_t finished_bytes_ = 0;  // bytes of the inputs already closed
   uint64_t current_bytes_ = 0;   // bytes of the current input when its position is unknown
 };

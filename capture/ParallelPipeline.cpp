@@ -23,12 +23,14 @@ void AddCounters(FlowTrackerCounters& total, const FlowTrackerCounters& more) {
   total.flows_evicted += more.flows_evicted;
 }
 
-// Frames for one worker, their bytes one after the other. The worker decodes
+// Frames for one worker: in shared blocks, or their bytes copied one after
+// the other. The worker decodes
 // each frame again: that costs less than handing the decoded form across,
 // which is several times the size of this record.
 struct ParallelPipeline::Batch {
   struct Frame {
-    uint32_t offset;  // first byte of the frame in `bytes`
+    const uint8_t* data;  // the frame in a block; nullptr: at `offset` in `bytes`
+    uint32_t offset;      // first byte of the frame in `bytes`
     uint32_t length;  // up to the end of the captured payload
     int link_type;
     uint64_t number;
@@ -37,11 +39,19 @@ struct ParallelPipeline::Batch {
 
   std::vector<uint8_t> bytes;
   std::vector<Frame> frames;
+  std::vector<PcapBlock*> blocks;  // one reference on each
   uint64_t advance_us = 0;  // capture time to pass after the frames; 0: none
   bool last = false;        // the worker finishes after this batch
 
   bool full() const { return frames.size() >= kBatchFrames || bytes.size() >= kBatchBytes; }
+  void Hold(PcapBlock* block) {
+    if (!blocks.empty() && blocks.back() == block) return;  // frames come in file order
+    block->Ref();
+    blocks.push_back(block);
+  }
   void Clear() {
+    for (PcapBlock* block : blocks) block->Unref();
+    blocks.clear();
     bytes.clear();
     frames.clear();
     advance_us = 0;
@@ -88,8 +98,9 @@ class ParallelPipeline::Worker {
     for (;;) {
       std::unique_ptr<Batch> batch = full_.Pop();
       Handle(*batch);
-      if (batch->last) break;
+      const bool last = batch->last;
       batch->Clear();
+      if (last) break;
       empty_.Push(std::move(batch), false);
     }
     tracker_.Finish();
@@ -97,7 +108,7 @@ class ParallelPipeline::Worker {
 
   void Handle(const Batch& batch) {
     for (const Batch::Frame& frame : batch.frames) {
-      const uint8_t* bytes = batch.bytes.data() + frame.offset;
+      const uint8_t* bytes = frame.data ? frame.data : batch.bytes.data() + frame.offset;
       // The reader decoded these bytes as TCP already; only whole-frame
       // checks could differ, and they look at nothing beyond the payload.
       if (decoder_.Decode(frame.link_type, bytes, frame.length, &packet_) != DecodeStatus::kTcp) continue;
@@ -124,16 +135,27 @@ ParallelPipeline::ParallelPipeline(unsigned workers, FlowSink* sink, FlowTracker
 
 ParallelPipeline::~ParallelPipeline() { Finish(); }
 
-void ParallelPipeline::OnPacket(int link_type, const DecodedPacket& packet, const uint8_t* frame,
+void ParallelPipeline::OnPacket(int link_type, const DecodedPacket& packet, const uint8_t* frame, PcapBlock* block,
                                 uint64_t packet_number, uint64_t time_us) {
   Worker& worker = *workers_[WorkerOf(packet, workers())];
   Batch& batch = worker.current();
   // The tracker reads the frame up to the end of the captured payload only.
   const uint32_t length = packet.payload_offset + packet.payload_length;
-  const auto offset = static_cast<uint32_t>(batch.bytes.size());
-  batch.bytes.insert(batch.bytes.end(), frame, frame + length);
-  batch.frames.push_back({offset, length, link_type, packet_number, time_us});
+  if (block) {
+    batch.Hold(block);
+    batch.frames.push_back({frame, 0, length, link_type, packet_number, time_us});
+  } else {
+    const auto offset = static_cast<uint32_t>(batch.bytes.size());
+    batch.bytes.insert(batch.bytes.end(), frame, frame + length);
+    batch.frames.push_back({nullptr, offset, length, link_type, packet_number, time_us});
+  }
   if (batch.full()) worker.SendCurrent(false);
+}
+
+void ParallelPipeline::Flush() {
+  if (finished_) return;
+  // An empty batch too: it wakes a worker that waits for more batches.
+  for (const auto& worker : workers_) worker->SendCurrent(true);
 }
 
 void ParallelPipeline::Advance(uint64_t time_us) {

@@ -193,6 +193,46 @@ TEST_F(ThreadsTest, ConditionsDropTheSameMessages) {
   EXPECT_EQ(kept.copies.size(), 30u);
 }
 
+// Damaged files: the same messages on stderr and the same exit status as a
+// single-threaded run, whether the damage comes before or after mail.
+TEST_F(ThreadsTest, DamagedFilesAreReportedAsBySingleThread) {
+  const std::string header = test::PcapFileHeader();
+  const std::string records = test::PcapRecords(test::SmtpSession(30000, "Damaged", 3000));
+  const std::string record = test::PcapRecord(test::SmtpSession(30001, "Last").front(), test::kCaptureStartUs);
+  std::string beyond_snap = record;
+  beyond_snap[8] = '\x7f';  // captured length far beyond the snap length
+  struct Case {
+    const char* name;
+    std::string bytes;
+  };
+  const std::vector<Case> cases = {
+      {"truncated record", header + records + record.substr(0, record.size() - 10)},
+      {"truncated record header", header + records + record.substr(0, 7)},
+      {"record beyond the file", header + records.substr(0, records.size() / 2)},
+      {"record length beyond any snap length", header + records + beyond_snap + records},
+      {"bad magic", "\x01\x02\x03\x04" + header.substr(4) + records},
+      {"header only, cut short", header.substr(0, 20)},
+  };
+  TempDir dir;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const fs::path capture = dir / "damaged.pcap";
+    test::WriteWholeFile(capture, c.bytes);
+    std::vector<test::ProgramResult> results;
+    std::vector<std::vector<std::string>> subjects;
+    for (const char* threads : {"1", "2"}) {
+      fs::remove_all(dir / "out");
+      results.push_back(test::RunProgram({"-q", "--threads", threads, "-o", (dir / "out").string(), capture.string()}));
+      test::ExpectNoCrash(results.back());
+      subjects.push_back(test::RecordedSubjects(dir / "out"));
+    }
+    EXPECT_NE(results[0].err, "");
+    EXPECT_EQ(results[1].err, results[0].err);
+    EXPECT_EQ(results[1].status, results[0].status);
+    EXPECT_EQ(subjects[1], subjects[0]);
+  }
+}
+
 TEST_F(ThreadsTest, SigtermKeepsEveryLineWhole) {
   TempDir dir;
   const fs::path capture = dir / "big.pcap";

@@ -1,0 +1,198 @@
+// The block reader hands out what CaptureSource hands out: the same frames,
+// numbers, times, link types, errors and byte counts, whether it reads a file
+// in place or gives it, or its damaged rest, to CaptureSource.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "ProgramHarness.h"
+#include "capture/CaptureSource.h"
+#include "capture/PcapBlockReader.h"
+
+namespace pelka {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Layout {
+  bool big_endian = false;
+  bool nanosecond = false;
+  uint32_t snap_length = 65535;
+};
+
+void Put32(std::string& out, uint32_t value, bool big_endian) {
+  for (int i = 0; i < 4; ++i) {
+    const int shift = big_endian ? 24 - 8 * i : 8 * i;
+    out += static_cast<char>((value >> shift) & 0xFF);
+  }
+}
+
+std::string FileHeader(const Layout& layout) {
+  std::string out;
+  Put32(out, layout.nanosecond ? 0xa1b23c4d : 0xa1b2c3d4, layout.big_endian);
+  out += layout.big_endian ? std::string("\x00\x02\x00\x04", 4) : std::string("\x02\x00\x04\x00", 4);
+  Put32(out, 0, layout.big_endian);
+  Put32(out, 0, layout.big_endian);
+  Put32(out, layout.snap_length, layout.big_endian);
+  Put32(out, 1, layout.big_endian);
+  return out;
+}
+
+// A record whose header may claim another captured length than it holds.
+std::string Record(const Layout& layout, uint32_t index, uint32_t bytes, uint32_t claimed) {
+  std::string out;
+  Put32(out, 1700000000 + index, layout.big_endian);
+  Put32(out, layout.nanosecond ? 123456789 + index : 123456 + index, layout.big_endian);
+  Put32(out, claimed, layout.big_endian);
+  Put32(out, claimed + 4, layout.big_endian);
+  for (uint32_t i = 0; i < bytes; ++i) out += static_cast<char>((index * 7 + i) & 0xFF);
+  return out;
+}
+
+std::string Capture(const Layout& layout, uint32_t frames) {
+  std::string out = FileHeader(layout);
+  // Lengths from 60 to about 1500 bytes, so records straddle small blocks.
+  for (uint32_t i = 0; i < frames; ++i) {
+    const uint32_t length = 60 + (i * 397) % 1440;
+    out += Record(layout, i, length, length);
+  }
+  return out;
+}
+
+// Everything a reader hands out, one line each, then the totals.
+template <typename Read>
+std::vector<std::string> Transcript(Read read, const std::function<uint64_t()>& bytes,
+                                    const std::function<uint64_t()>& frames) {
+  std::vector<std::string> lines;
+  CapturedFrame frame;
+  std::string error;
+  for (ReadStatus status; (status = read(&frame, &error)) != ReadStatus::kEnd;) {
+    if (status == ReadStatus::kError) {
+      lines.push_back("error " + error);
+      continue;
+    }
+    lines.push_back(std::to_string(frame.number) + " " + std::to_string(frame.time_us) + " " +
+                    std::to_string(frame.link_type) + " " + std::to_string(frame.wire_length) + " " +
+                    std::string(reinterpret_cast<const char*>(frame.data), frame.captured_length));
+  }
+  lines.push_back("bytes " + std::to_string(bytes()) + " frames " + std::to_string(frames()));
+  return lines;
+}
+
+std::vector<std::string> ThroughCaptureSource(const std::vector<std::string>& paths) {
+  CaptureSource source;
+  source.OpenFiles(paths);
+  return Transcript(
+      [&](CapturedFrame* frame, std::string* error) {
+        const ReadStatus status = source.Next(frame);
+        *error = source.error();
+        return status;
+      },
+      [&] { return source.bytes_read(); }, [&] { return source.frames_read(); });
+}
+
+std::vector<std::string> ThroughBlockReader(const std::vector<std::string>& paths, PcapBlockPool& pool) {
+  PcapBlockReader reader(&pool);
+  reader.OpenFiles(paths);
+  return Transcript(
+      [&](CapturedFrame* frame, std::string* error) {
+        PcapBlock* block = nullptr;
+        const ReadStatus status = reader.Next(frame, &block);
+        *error = reader.error();
+        return status;
+      },
+      [&] { return reader.bytes_read(); }, [&] { return reader.frames_read(); });
+}
+
+struct Case {
+  const char* name;
+  std::vector<std::string> files;
+  bool in_place = true;  // the first file is read in blocks, at least up to its damage
+};
+
+std::vector<Case> Cases() {
+  const Layout micro;
+  const Layout nano_big{true, true, 65535};
+  const Layout nano{false, true, 65535};
+  const Layout micro_big{true, false, 65535};
+  const Layout small_snap{false, false, 1000};
+  const std::string good = Capture(micro, 60);
+  return {
+      {"microseconds", {good}},
+      {"nanoseconds, big-endian", {Capture(nano_big, 60)}},
+      {"nanoseconds", {Capture(nano, 60)}},
+      {"microseconds, big-endian", {Capture(micro_big, 60)}},
+      {"no records", {FileHeader(micro)}},
+      {"record cut short", {good + Record(micro, 60, 100, 500)}},
+      {"record header cut short", {good + Record(micro, 60, 0, 0).substr(0, 9)}},
+      {"record beyond the file", {good + Record(micro, 60, 100, 60000)}},
+      {"record beyond any snap length", {good + Record(micro, 60, 100, 100000000) + good.substr(24)}},
+      {"record beyond the snap length",
+       {Capture(small_snap, 5) + Record(small_snap, 5, 1400, 1400) + Record(small_snap, 6, 60, 60)}},
+      {"not classic pcap", {"\x0a\x0d\x0d\x0a" + good.substr(4)}, false},
+      {"damaged file, then a good one", {good + Record(micro, 60, 10, 40), Capture(nano_big, 30)}},
+      {"three good files", {good, Capture(nano, 20), Capture(micro_big, 20)}},
+  };
+}
+
+TEST(PcapBlockReaderTest, HandsOutWhatCaptureSourceDoes) {
+  test::TempDir dir;
+  for (const Case& c : Cases()) {
+    SCOPED_TRACE(c.name);
+    std::vector<std::string> paths;
+    for (const std::string& bytes : c.files) {
+      paths.push_back((dir / ("capture" + std::to_string(paths.size()))).string());
+      test::WriteWholeFile(paths.back(), bytes);
+    }
+    const std::vector<std::string> expected = ThroughCaptureSource(paths);
+    // Small blocks carry records over often; 1 MiB blocks hold a whole file.
+    for (size_t block_bytes : {size_t{2048}, size_t{5000}, PcapBlockPool::kBlockBytes}) {
+      SCOPED_TRACE("blocks of " + std::to_string(block_bytes));
+      PcapBlockPool pool(2, block_bytes);
+      EXPECT_EQ(ThroughBlockReader(paths, pool), expected);
+      EXPECT_EQ(pool.made_blocks() > 0, c.in_place);
+      EXPECT_EQ(pool.free_blocks(), pool.made_blocks());
+    }
+  }
+}
+
+// The reader never holds more blocks than the pool's bound: when all are
+// taken, it asks for them back and waits.
+TEST(PcapBlockReaderTest, WaitsForBlocksWithinThePoolsBound) {
+  test::TempDir dir;
+  const fs::path path = dir / "capture";
+  test::WriteWholeFile(path, Capture(Layout{}, 400));
+  PcapBlockPool pool(3, 4096);
+  std::vector<PcapBlock*> held;
+  size_t starved = 0;
+  pool.set_on_starved([&] {
+    ++starved;
+    for (PcapBlock* block : held) block->Unref();
+    held.clear();
+  });
+  PcapBlockReader reader(&pool);
+  reader.OpenFiles({path.string()});
+  CapturedFrame frame;
+  PcapBlock* block = nullptr;
+  uint64_t frames = 0;
+  while (reader.Next(&frame, &block) == ReadStatus::kFrame) {
+    ASSERT_NE(block, nullptr);
+    // Like a batch: one reference per block.
+    if (held.empty() || held.back() != block) {
+      block->Ref();
+      held.push_back(block);
+    }
+    ++frames;
+  }
+  EXPECT_EQ(frames, 400u);
+  EXPECT_LE(pool.made_blocks(), 3u);
+  EXPECT_GT(starved, 0u);
+  for (PcapBlock* held_block : held) held_block->Unref();
+}
+
+}  // namespace
+}  // namespace pelka
