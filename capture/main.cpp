@@ -11,17 +11,13 @@ namespace {
 // Every mail flow collects its message in a buffer that grows to the
 // message's size and is freed when the connection ends. With the allocator's
 // defaults each such buffer of more than 128 KiB is mapped fresh and given
-// back at once, so every page of every such message is faulted in anew. Kept
+// back at once, so every page of every large message is faulted in anew; kept
 // in the heap instead, the next connection's buffer reuses memory that is
-// already mapped. Buffers above 1 MiB (the few large messages) are still
-// mapped on their own: they grow without copying and leave no free memory
-// behind, so memory stays within the per-flow budget; the heap keeps at most
-// 16 MiB free.
-constexpr int kLargestHeapBuffer = 1024 * 1024;
-constexpr int kKeptFreeHeapBytes = 16 * 1024 * 1024;
+// already mapped. The heap keeps at most this much free memory.
+constexpr int kKeptFreeHeapBytes = 64 * 1024 * 1024;
 
 void KeepMessageBuffersMapped() {
-  mallopt(M_MMAP_THRESHOLD, kLargestHeapBuffer);
+  mallopt(M_MMAP_THRESHOLD, 32 * 1024 * 1024);
   mallopt(M_TRIM_THRESHOLD, kKeptFreeHeapBytes);
 }
 
