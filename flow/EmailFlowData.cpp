@@ -46,7 +46,9 @@ bool CEmailFlowDataImpl::MakeRoom(uint64_t capacity) {
   // The allocation at least doubles, so a message collected packet by packet
   // is copied a bounded number of times in all; pages never written stay
   // untouched.
-  const uint64_t size = std::min<uint64_t>(std::max<uint64_t>(capacity, uint64_t{allocated_} * 2), UINT32_MAX);
+  uint64_t doubled = uint64_t{allocated_} * 2;
+  if (growth_limit_) doubled = std::min<uint64_t>(doubled, growth_limit_);
+  const uint64_t size = std::min<uint64_t>(std::max(capacity, doubled), UINT32_MAX);
   if (size < capacity) return false;
   if (start_offset_ == 0) {
     // Nothing to move to the front: realloc keeps the bytes, often in place.

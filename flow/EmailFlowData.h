@@ -26,6 +26,10 @@ class CEmailFlowDataImpl final : public CTQObjectImplT<CPAEFlowData, CTQMultiThr
 
   uint32_t Reserve(uint32_t capacity) override;
   uint32_t GetCapacity() override { return capacity_; }
+  // The allocation stops doubling at this size (0: no bound) and then grows
+  // only by what is needed: a message is cut soon after the longest length
+  // collected, so pages doubled beyond it would stay unused.
+  void set_growth_limit(uint32_t bytes) { growth_limit_ = bytes; }
   uint32_t GetSize() override { return GetLength(); }
   void Append(const uint8_t* bytes, uint32_t length) override;
   void Consume(uint32_t count) override;
@@ -92,6 +96,7 @@ class CEmailFlowDataImpl final : public CTQObjectImplT<CPAEFlowData, CTQMultiThr
   // grows geometrically so that collecting a message stays linear.
   uint32_t capacity_ = 0;
   uint32_t allocated_ = 0;
+  uint32_t growth_limit_ = 0;
   struct FreeBytes {
     void operator()(uint8_t* bytes) const { std::free(bytes); }
   };

@@ -10,6 +10,10 @@
 namespace pelka {
 namespace {
 
+// Room for the packet that takes a message past the longest length; a larger
+// one costs one more reallocation.
+constexpr uint32_t kPacketAllowance = 64 * 1024;
+
 struct ProtocolChoice {
   MailProtocol protocol;
   uint16_t service_port;
@@ -88,6 +92,9 @@ uint32_t CPelkaEmailModule::ProcessFlowData(IPelkaFlow* flow, const PacketRecord
 
   const PacketArgs args{packet, flow, node, direction, payload, length};
   CEmailFlowDataImpl& data = *context->flow_data;
+  // A message is cut at the first packet past the longest length, so the
+  // store never needs more than that and one packet.
+  data.set_growth_limit(max_flow_length() + kPacketAllowance);
   if (smtp) return HandleSmtpData(*this, data, *context, args);
   if (pop3) return HandlePop3Data(*this, data, *context, args);
   if (EitherPortIs(source, destination, kImapPort)) return HandleImapData(*this, data, *context, args);
