@@ -38,20 +38,45 @@ class BlockingQueue {
     if (notify) not_empty_.notify_one();
   }
 
+  // The first item when one is queued, without waiting.
+  bool TryPop(T* item) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (size_ == 0) return false;
+    *item = Take();
+    lock.unlock();
+    not_full_.notify_one();
+    return true;
+  }
+
+  // A waiting consumer starts on what is queued now, however little.
+  void Wake() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (size_ == 0) return;
+    wake_ = true;
+    lock.unlock();
+    not_empty_.notify_one();
+  }
+
   T Pop() {
     std::unique_lock<std::mutex> lock(mutex_);
     // Only a consumer that finds nothing waits, and then for several items.
     if (size_ == 0) not_empty_.wait(lock, [this] { return size_ >= wake_at_ || (size_ > 0 && wake_); });
-    T item = std::move(slots_[head_]);
-    head_ = (head_ + 1) % slots_.size();
-    --size_;
-    if (size_ == 0) wake_ = false;
+    T item = Take();
     lock.unlock();
     not_full_.notify_one();
     return item;
   }
 
  private:
+  // Under the lock, with an item queued.
+  T Take() {
+    T item = std::move(slots_[head_]);
+    head_ = (head_ + 1) % slots_.size();
+    --size_;
+    if (size_ == 0) wake_ = false;
+    return item;
+  }
+
   std::mutex mutex_;
   std::condition_variable not_empty_;
   std::condition_variable not_full_;

@@ -129,6 +129,9 @@ struct Pipeline {
     if (parallel) parallel->Finish();
     if (tracker) tracker->Finish();
   }
+  DecoderCounters decoder_counters() const {
+    return parallel ? parallel->decoder_counters() : decoder.counters();
+  }
   FlowTrackerCounters flow_counters() const {
     if (parallel) return parallel->counters();
     return tracker ? tracker->counters() : FlowTrackerCounters{};
@@ -144,12 +147,16 @@ ReadStatus NextFrame(PcapBlockReader& blocks, CapturedFrame* frame, PcapBlock** 
   return blocks.Next(frame, block);
 }
 
-// One decoded TCP packet to the flows.
-void Deliver(FlowTracker& tracker, const CapturedFrame& frame, PcapBlock*, const DecodedPacket& packet) {
+// One frame to the flows: the tracker gets it decoded; the workers decode
+// their frames themselves.
+void Deliver(FlowTracker& tracker, PacketDecoder& decoder, DecodedPacket& packet, const CapturedFrame& frame,
+             PcapBlock*) {
+  if (decoder.Decode(frame.link_type, frame.data, frame.captured_length, &packet) != DecodeStatus::kTcp) return;
   tracker.OnPacket(packet, frame.data, frame.number, frame.time_us);
 }
-void Deliver(ParallelPipeline& parallel, const CapturedFrame& frame, PcapBlock* block, const DecodedPacket& packet) {
-  parallel.OnPacket(frame.link_type, packet, frame.data, block, frame.number, frame.time_us);
+void Deliver(ParallelPipeline& parallel, PacketDecoder&, DecodedPacket&, const CapturedFrame& frame,
+             PcapBlock* block) {
+  parallel.OnFrame(frame, block);
 }
 
 // Reads every frame of `source` (a CaptureSource or a PcapBlockReader) into
@@ -165,10 +172,7 @@ bool ReadAll(Source& source, Pipeline& pipeline, Flows& flows, HostServices& ser
   for (;;) {
     switch (NextFrame(source, &frame, &block)) {
       case ReadStatus::kFrame:
-        if (pipeline.decoder.Decode(frame.link_type, frame.data, frame.captured_length, &packet) ==
-            DecodeStatus::kTcp) {
-          Deliver(flows, frame, block, packet);
-        }
+        Deliver(flows, pipeline.decoder, packet, frame, block);
         progress.Tick();
         break;
       case ReadStatus::kTimeout:
@@ -220,7 +224,10 @@ bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostService
     return ProgressFigures{pipeline.bytes_read(), pipeline.total_bytes(), pipeline.frames_read(),
                            services.counts().records};
   });
-  if (pipeline.blocks) return ReadAll(*pipeline.blocks, pipeline, *pipeline.parallel, services, progress, err);
+  if (pipeline.blocks && pipeline.parallel) {
+    return ReadAll(*pipeline.blocks, pipeline, *pipeline.parallel, services, progress, err);
+  }
+  if (pipeline.blocks) return ReadAll(*pipeline.blocks, pipeline, *pipeline.tracker, services, progress, err);
   if (pipeline.parallel) return ReadAll(pipeline.source, pipeline, *pipeline.parallel, services, progress, err);
   return ReadAll(pipeline.source, pipeline, *pipeline.tracker, services, progress, err);
 }
@@ -237,7 +244,7 @@ std::string InputsLabel(const ProgramOptions& options) {
 // by the snap length, headers that contradict the frame, connections pushed
 // out by the live-connection bound. Each is said once, with its count.
 void WarnAboutSkippedParts(const ProgramOptions& options, const Pipeline& pipeline, std::ostream& err) {
-  const DecoderCounters& frames = pipeline.decoder.counters();
+  const DecoderCounters frames = pipeline.decoder_counters();
   const FlowTrackerCounters flows = pipeline.flow_counters();
   const std::string prefix = std::string(kProgramName) + ": warning: " + InputsLabel(options) + ": ";
   if (frames.payload_cut) {
@@ -326,17 +333,21 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
   if (!module->ApplyOptions(options.max_flow_length_mib, &error)) err << kProgramName << ": " << error << "\n";
 
   Pipeline pipeline;
+  // Capture files are read in blocks whose frames are analysed in place;
+  // files opened ahead for --user stay with CaptureSource.
+  const bool read_blocks = options.interface_name.empty() && options.user.empty();
   if (options.threads > 1) {
     pipeline.parallel = std::make_unique<ParallelPipeline>(options.threads, services.flow_sink());
-    // Files opened ahead for --user stay with CaptureSource.
-    if (options.interface_name.empty() && options.user.empty()) {
+    if (read_blocks) {
       pipeline.pool = std::make_unique<PcapBlockPool>();
       pipeline.pool->set_on_starved([parallel = pipeline.parallel.get()] { parallel->Flush(); });
-      pipeline.blocks = std::make_unique<PcapBlockReader>(pipeline.pool.get());
     }
   } else {
     pipeline.tracker = std::make_unique<FlowTracker>(services.flow_sink());
+    // The reader takes the next block before it lets go of the current one.
+    if (read_blocks) pipeline.pool = std::make_unique<PcapBlockPool>(2);
   }
+  if (pipeline.pool) pipeline.blocks = std::make_unique<PcapBlockReader>(pipeline.pool.get());
   const bool inputs_ok = ReadCaptures(options, pipeline, services, drop, err);
   pipeline.Finish();
   WarnAboutSkippedParts(options, pipeline, err);

@@ -1,8 +1,9 @@
 #include "capture/ParallelPipeline.h"
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
 
-#include "capture/BlockingQueue.h"
 #include "capture/ConnectionHash.h"
 
 namespace pelka {
@@ -23,15 +24,14 @@ void AddCounters(FlowTrackerCounters& total, const FlowTrackerCounters& more) {
   total.flows_evicted += more.flows_evicted;
 }
 
-// Frames for one worker: in shared blocks, or their bytes copied one after
-// the other. The worker decodes
-// each frame again: that costs less than handing the decoded form across,
-// which is several times the size of this record.
+// Frames for every worker: in shared blocks, or their bytes copied one after
+// the other.
 struct ParallelPipeline::Batch {
   struct Frame {
     const uint8_t* data;  // the frame in a block; nullptr: at `offset` in `bytes`
-    uint32_t offset;      // first byte of the frame in `bytes`
-    uint32_t length;  // up to the end of the captured payload
+    uint32_t offset;
+    uint32_t length;
+    unsigned worker;  // from WorkerOfFrame: kAnyWorker when each worker decodes it to see
     int link_type;
     uint64_t number;
     uint64_t time_us;
@@ -40,9 +40,12 @@ struct ParallelPipeline::Batch {
   std::vector<uint8_t> bytes;
   std::vector<Frame> frames;
   std::vector<PcapBlock*> blocks;  // one reference on each
-  uint64_t advance_us = 0;  // capture time to pass after the frames; 0: none
-  bool last = false;        // the worker finishes after this batch
+  uint64_t advance_us = 0;          // capture time to pass after the frames; 0: none
+  bool last = false;                // the workers finish after this batch
+  std::atomic<unsigned> pending{0};  // workers not yet done with it
 
+  // Only copied frames use `bytes`: it grows when first needed.
+  Batch() { frames.reserve(kBatchFrames); }
   bool full() const { return frames.size() >= kBatchFrames || bytes.size() >= kBatchBytes; }
   void Hold(PcapBlock* block) {
     if (!blocks.empty() && blocks.back() == block) return;  // frames come in file order
@@ -61,120 +64,150 @@ struct ParallelPipeline::Batch {
 
 class ParallelPipeline::Worker {
  public:
-  Worker(FlowSink* sink, FlowTracker::Options options)
-      : tracker_(sink, options),
-        full_(kBatchesPerWorker, kBatchesPerWorker / 2),
-        empty_(kBatchesPerWorker, kBatchesPerWorker / 2) {
-    for (size_t i = 0; i + 1 < kBatchesPerWorker; ++i) {
-      auto batch = std::make_unique<Batch>();
-      batch->bytes.reserve(kBatchBytes + 2048);
-      batch->frames.reserve(kBatchFrames);
-      empty_.Push(std::move(batch));
-    }
-    current_ = std::make_unique<Batch>();
-    current_->bytes.reserve(kBatchBytes + 2048);
-    current_->frames.reserve(kBatchFrames);
-    thread_ = std::thread([this] { Run(); });
-  }
+  Worker(ParallelPipeline* pipeline, unsigned index, FlowSink* sink, FlowTracker::Options options)
+      : pipeline_(pipeline), index_(index), tracker_(sink, options), queue_(kBatches, kBatches / 4) {}
 
-  // The reading thread's side.
-  Batch& current() { return *current_; }
-  // `wake`: the worker starts on it at once, even when it waits for more.
-  void SendCurrent(bool wake) {
-    full_.Push(std::move(current_), wake);
-    current_ = empty_.Pop();
-  }
-  void SendLast() {
-    current_->last = true;
-    full_.Push(std::move(current_));
-    thread_.join();
-  }
+  void Start() { thread_ = std::thread([this] { Run(); }); }
+  // The reading thread's side. `wake`: the worker starts on it at once, even
+  // when it waits for more.
+  void Send(Batch* batch, bool wake) { queue_.Push(batch, wake); }
+  void Wake() { queue_.Wake(); }
+  void Join() { thread_.join(); }
 
   // Read after the thread was joined.
   const FlowTrackerCounters& counters() const { return tracker_.counters(); }
+  const DecoderCounters& decoder_counters() const { return decoder_.counters(); }
 
  private:
   void Run() {
     for (;;) {
-      std::unique_ptr<Batch> batch = full_.Pop();
+      Batch* batch = queue_.Pop();
       Handle(*batch);
       const bool last = batch->last;
-      batch->Clear();
+      pipeline_->Done(batch);
       if (last) break;
-      empty_.Push(std::move(batch), false);
     }
     tracker_.Finish();
   }
 
   void Handle(const Batch& batch) {
+    const unsigned workers = pipeline_->workers();
     for (const Batch::Frame& frame : batch.frames) {
+      if (frame.worker != kAnyWorker && frame.worker != index_) continue;
       const uint8_t* bytes = frame.data ? frame.data : batch.bytes.data() + frame.offset;
-      // The reader decoded these bytes as TCP already; only whole-frame
-      // checks could differ, and they look at nothing beyond the payload.
-      if (decoder_.Decode(frame.link_type, bytes, frame.length, &packet_) != DecodeStatus::kTcp) continue;
+      // Each frame is counted once: by its worker, or else by the first.
+      PacketDecoder& decoder = frame.worker == index_ || index_ == 0 ? decoder_ : uncounted_decoder_;
+      if (decoder.Decode(frame.link_type, bytes, frame.length, &packet_) != DecodeStatus::kTcp) continue;
+      if (frame.worker == kAnyWorker && WorkerOf(packet_, workers) != index_) continue;
       tracker_.OnPacket(packet_, bytes, frame.number, frame.time_us);
     }
     if (batch.advance_us) tracker_.Advance(batch.advance_us);
   }
 
+  ParallelPipeline* pipeline_;
+  unsigned index_;
   FlowTracker tracker_;
   PacketDecoder decoder_;
+  PacketDecoder uncounted_decoder_;
   DecodedPacket packet_;
-  BlockingQueue<std::unique_ptr<Batch>> full_;   // reader -> worker
-  BlockingQueue<std::unique_ptr<Batch>> empty_;  // worker -> reader, for reuse
-  std::unique_ptr<Batch> current_;               // being filled by the reader
+  BlockingQueue<Batch*> queue_;  // reader -> worker
   std::thread thread_;
 };
 
-ParallelPipeline::ParallelPipeline(unsigned workers, FlowSink* sink, FlowTracker::Options options) {
+ParallelPipeline::ParallelPipeline(unsigned workers, FlowSink* sink, FlowTracker::Options options)
+    : free_(kBatches, kBatches / 4) {
   workers = std::max(1u, workers);
   options.max_flows = std::max<size_t>(1, options.max_flows / workers);
+  for (size_t i = 0; i < kBatches; ++i) batches_.push_back(std::make_unique<Batch>());
+  for (size_t i = 1; i < kBatches; ++i) free_.Push(batches_[i].get(), false);
+  current_ = batches_[0].get();
   workers_.reserve(workers);
-  for (unsigned i = 0; i < workers; ++i) workers_.push_back(std::make_unique<Worker>(sink, options));
+  for (unsigned i = 0; i < workers; ++i) workers_.push_back(std::make_unique<Worker>(this, i, sink, options));
+  // Started once every worker exists: each reads the number of workers.
+  for (const auto& worker : workers_) worker->Start();
 }
 
 ParallelPipeline::~ParallelPipeline() { Finish(); }
 
-void ParallelPipeline::OnPacket(int link_type, const DecodedPacket& packet, const uint8_t* frame, PcapBlock* block,
-                                uint64_t packet_number, uint64_t time_us) {
-  Worker& worker = *workers_[WorkerOf(packet, workers())];
-  Batch& batch = worker.current();
-  // The tracker reads the frame up to the end of the captured payload only.
-  const uint32_t length = packet.payload_offset + packet.payload_length;
+void ParallelPipeline::OnFrame(const CapturedFrame& frame, PcapBlock* block) {
+  Batch& batch = *current_;
+  const unsigned worker = WorkerOfFrame(frame.link_type, frame.data, frame.captured_length, workers());
   if (block) {
     batch.Hold(block);
-    batch.frames.push_back({frame, 0, length, link_type, packet_number, time_us});
+    batch.frames.push_back(
+        {frame.data, 0, frame.captured_length, worker, frame.link_type, frame.number, frame.time_us});
   } else {
     const auto offset = static_cast<uint32_t>(batch.bytes.size());
-    batch.bytes.insert(batch.bytes.end(), frame, frame + length);
-    batch.frames.push_back({nullptr, offset, length, link_type, packet_number, time_us});
+    batch.bytes.insert(batch.bytes.end(), frame.data, frame.data + frame.captured_length);
+    batch.frames.push_back(
+        {nullptr, offset, frame.captured_length, worker, frame.link_type, frame.number, frame.time_us});
   }
-  if (batch.full()) worker.SendCurrent(false);
+  if (batch.full()) Send(false);
+}
+
+void ParallelPipeline::Send(bool wake) {
+  current_->pending.store(workers(), std::memory_order_relaxed);
+  for (const auto& worker : workers_) worker->Send(current_, wake);
+  if (current_->last) {
+    current_ = nullptr;
+    return;
+  }
+  if (free_.TryPop(&current_)) return;
+  // Every other batch is with the workers: make sure none of them waits for
+  // more before the reader waits for them.
+  for (const auto& worker : workers_) worker->Wake();
+  current_ = free_.Pop();
+}
+
+void ParallelPipeline::Done(Batch* batch) {
+  if (batch->pending.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  if (batch->last) return;  // the reader is done: nobody takes it back
+  batch->Clear();
+  free_.Push(batch, false);
 }
 
 void ParallelPipeline::Flush() {
   if (finished_) return;
   // An empty batch too: it wakes a worker that waits for more batches.
-  for (const auto& worker : workers_) worker->SendCurrent(true);
+  Send(true);
 }
 
 void ParallelPipeline::Advance(uint64_t time_us) {
   if (finished_ || time_us == 0) return;
-  for (const auto& worker : workers_) {
-    worker->current().advance_us = time_us;
-    worker->SendCurrent(true);
-  }
+  current_->advance_us = time_us;
+  Send(true);
 }
 
 void ParallelPipeline::Finish() {
   if (finished_) return;
   finished_ = true;
-  for (const auto& worker : workers_) worker->SendLast();
+  current_->last = true;
+  Send(true);
+  for (const auto& worker : workers_) worker->Join();
+  // The last batch still holds its blocks; they go back before the pool does.
+  for (const auto& batch : batches_)
+    if (batch->last) batch->Clear();
 }
 
 FlowTrackerCounters ParallelPipeline::counters() const {
   FlowTrackerCounters total;
   for (const auto& worker : workers_) AddCounters(total, worker->counters());
+  return total;
+}
+
+DecoderCounters ParallelPipeline::decoder_counters() const {
+  DecoderCounters total;
+  for (const auto& worker : workers_) {
+    const DecoderCounters& more = worker->decoder_counters();
+    total.frames += more.frames;
+    total.tcp += more.tcp;
+    total.not_tcp += more.not_tcp;
+    total.fragments += more.fragments;
+    total.truncated += more.truncated;
+    total.malformed += more.malformed;
+    total.unsupported_link += more.unsupported_link;
+    total.payload_cut += more.payload_cut;
+  }
   return total;
 }
 

@@ -88,6 +88,42 @@ TEST(ConnectionHashTest, BothDirectionsGoToTheSameWorker) {
   }
 }
 
+// The reading thread names a frame's worker from its first bytes when it can;
+// that must be the worker the decoded frame hashes to, or a connection would
+// be split between two workers.
+TEST(ConnectionHashTest, FrameBytesNameTheDecodedFramesWorker) {
+  Segment with_options = Between(test::V4(172, 16, 9, 1), 40123, test::V4(192, 0, 2, 25), 25);
+  with_options.ip_options = {1, 1, 1, 0};
+  struct Case {
+    const char* name;
+    Bytes frame;
+    bool placed;
+  };
+  const Segment plain = Between(test::V4(10, 0, 0, 1), 40000, test::V4(192, 0, 2, 25), 25);
+  const Bytes whole = test::Ethernet(test::IpPacket(plain));
+  const std::vector<Case> cases = {
+      {"plain IPv4", whole, true},
+      {"reply", test::Ethernet(test::IpPacket(Reversed(plain))), true},
+      {"IPv4 options", test::Ethernet(test::IpPacket(with_options)), true},
+      {"VLAN tag", test::Ethernet(test::IpPacket(plain), {0x8100}), false},
+      {"IPv6", test::Ethernet(test::IpPacket(Between(test::V6(1), 51000, test::V6(2), 143))), false},
+      {"fragment", test::Ethernet(test::Ipv4Packet(plain, 0x2000)), false},
+      {"cut before the ports", Bytes(whole.begin(), whole.begin() + 36), false},
+  };
+  for (const Case& c : cases) {
+    for (unsigned workers : {2u, 3u, 64u}) {
+      const unsigned named = WorkerOfFrame(kLinkEthernet, c.frame.data(), static_cast<uint32_t>(c.frame.size()), workers);
+      if (!c.placed) {
+        EXPECT_EQ(named, kAnyWorker) << c.name;
+        continue;
+      }
+      EXPECT_EQ(named, WorkerOf(Decode(c.frame), workers)) << c.name << ", " << workers << " workers";
+    }
+  }
+  EXPECT_EQ(WorkerOfFrame(kLinkEthernet, whole.data(), static_cast<uint32_t>(whole.size()), 1), 0u);
+  EXPECT_EQ(WorkerOfFrame(kLinkRaw, whole.data() + 14, static_cast<uint32_t>(whole.size() - 14), 2), kAnyWorker);
+}
+
 TEST(ConnectionHashTest, ConnectionsSpreadOverTheWorkers) {
   // Client ports in a row, as a busy client opens them, must not crowd onto
   // one worker.
@@ -189,24 +225,30 @@ std::vector<Packet> Traffic(size_t sessions, size_t concurrent) {
   return packets;
 }
 
-void Deliver(FlowTracker& tracker, const DecodedPacket& decoded, const Packet& packet, uint64_t number) {
-  tracker.OnPacket(decoded, packet.frame.data(), number, packet.time_us);
-}
-void Deliver(ParallelPipeline& parallel, const DecodedPacket& decoded, const Packet& packet, uint64_t number) {
-  parallel.OnPacket(kLinkEthernet, decoded, packet.frame.data(), number, packet.time_us);
+CapturedFrame FrameOf(const Packet& packet, uint64_t number) {
+  CapturedFrame frame;
+  frame.data = packet.frame.data();
+  frame.captured_length = frame.wire_length = static_cast<uint32_t>(packet.frame.size());
+  frame.number = number;
+  frame.time_us = packet.time_us;
+  frame.link_type = kLinkEthernet;
+  return frame;
 }
 
-template <typename Flows>
-void Feed(Flows& flows, const std::vector<Packet>& packets) {
-  PacketDecoder decoder;
+void Feed(FlowTracker& tracker, const std::vector<Packet>& packets, PacketDecoder& decoder) {
   uint64_t number = 0;
   for (const Packet& packet : packets) {
     DecodedPacket decoded;
     ++number;
     if (decoder.Decode(kLinkEthernet, packet.frame.data(), packet.frame.size(), &decoded) != DecodeStatus::kTcp)
       continue;
-    Deliver(flows, decoded, packet, number);
+    tracker.OnPacket(decoded, packet.frame.data(), number, packet.time_us);
   }
+}
+
+void Feed(ParallelPipeline& parallel, const std::vector<Packet>& packets) {
+  uint64_t number = 0;
+  for (const Packet& packet : packets) parallel.OnFrame(FrameOf(packet, ++number), nullptr);
 }
 
 struct PipelineCase {
@@ -224,7 +266,8 @@ TEST_P(ParallelPipelineTest, EveryFlowHearsWhatOneTrackerTellsIt) {
 
   FlowLogSink single_sink;
   FlowTracker single(&single_sink);
-  Feed(single, packets);
+  PacketDecoder decoder;
+  Feed(single, packets, decoder);
   single.Finish();
 
   FlowLogSink parallel_sink;
@@ -246,6 +289,7 @@ TEST_P(ParallelPipelineTest, EveryFlowHearsWhatOneTrackerTellsIt) {
   EXPECT_EQ(got.packets_delivered, want.packets_delivered);
   EXPECT_EQ(got.flows_smtp, want.flows_smtp);
   EXPECT_EQ(got.flows_imap, want.flows_imap);
+  EXPECT_EQ(parallel.decoder_counters().tcp, decoder.counters().tcp);
 }
 
 INSTANTIATE_TEST_SUITE_P(Traffic, ParallelPipelineTest,
@@ -258,11 +302,15 @@ INSTANTIATE_TEST_SUITE_P(Traffic, ParallelPipelineTest,
 // Frames read in place from a few small blocks, as the block reader hands
 // them out: the flows hear the same, the reader waits for blocks without
 // stalling, and every block comes back once the workers are done.
+// Frames read in place from a few small blocks, as the block reader hands
+// them out: the flows hear the same, the reader waits for blocks without
+// stalling, and every block comes back once the workers are done.
 TEST(ParallelPipelineBlocksTest, FramesInSharedBlocksReachTheFlowsAndBlocksComeBack) {
   const std::vector<Packet> packets = Traffic(200, 40);
   FlowLogSink single_sink;
   FlowTracker single(&single_sink);
-  Feed(single, packets);
+  PacketDecoder decoder;
+  Feed(single, packets, decoder);
   single.Finish();
 
   FlowLogSink parallel_sink;
@@ -270,24 +318,22 @@ TEST(ParallelPipelineBlocksTest, FramesInSharedBlocksReachTheFlowsAndBlocksComeB
   {
     ParallelPipeline parallel(2, &parallel_sink);
     pool.set_on_starved([&parallel] { parallel.Flush(); });
-    PacketDecoder decoder;
     PcapBlock* block = pool.Acquire();
     size_t used = 0;
     uint64_t number = 0;
     for (const Packet& packet : packets) {
-      ++number;
       if (used + packet.frame.size() > block->capacity()) {
         PcapBlock* next = pool.Acquire();
         block->Unref();
         block = next;
         used = 0;
       }
-      uint8_t* frame = block->data() + used;
-      std::copy(packet.frame.begin(), packet.frame.end(), frame);
+      uint8_t* bytes = block->data() + used;
+      std::copy(packet.frame.begin(), packet.frame.end(), bytes);
       used += packet.frame.size();
-      DecodedPacket decoded;
-      if (decoder.Decode(kLinkEthernet, frame, packet.frame.size(), &decoded) != DecodeStatus::kTcp) continue;
-      parallel.OnPacket(kLinkEthernet, decoded, frame, block, number, packet.time_us);
+      CapturedFrame frame = FrameOf(packet, ++number);
+      frame.data = bytes;
+      parallel.OnFrame(frame, block);
     }
     block->Unref();
     parallel.Finish();
