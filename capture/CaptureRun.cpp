@@ -29,6 +29,10 @@ namespace pelka {
 namespace {
 
 constexpr const char* kProgramName = "pelka-email";
+// Blocks shared by the workers: a block holds several batches' frames, and the
+// largest record (256 KiB) fits in one.
+constexpr size_t kParallelBlocks = 16;
+constexpr size_t kParallelBlockBytes = 512 * 1024;
 // The module library reads its ANSI code page from here when it is loaded:
 // it keeps its own copy of the conversion layer.
 constexpr const char* kCodePageVariable = "PELKA_ANSI_CODE_PAGE";
@@ -125,8 +129,8 @@ struct Pipeline {
   uint64_t total_bytes() const { return blocks ? blocks->total_bytes() : source.total_bytes(); }
   uint64_t frames_read() const { return blocks ? blocks->frames_read() : source.frames_read(); }
 
+  // The workers end their flows when they have read everything.
   void Finish() {
-    if (parallel) parallel->Finish();
     if (tracker) tracker->Finish();
   }
   DecoderCounters decoder_counters() const {
@@ -147,39 +151,21 @@ ReadStatus NextFrame(PcapBlockReader& blocks, CapturedFrame* frame, PcapBlock** 
   return blocks.Next(frame, block);
 }
 
-// One frame to the flows: the tracker gets it decoded; the workers decode
-// their frames themselves.
-void Deliver(FlowTracker& tracker, PacketDecoder& decoder, DecodedPacket& packet, const CapturedFrame& frame,
-             PcapBlock*) {
-  if (decoder.Decode(frame.link_type, frame.data, frame.captured_length, &packet) != DecodeStatus::kTcp) return;
-  tracker.OnPacket(packet, frame.data, frame.number, frame.time_us);
-}
-void Deliver(ParallelPipeline& parallel, PacketDecoder&, DecodedPacket&, const CapturedFrame& frame,
-             PcapBlock* block) {
-  parallel.OnFrame(frame, block);
-}
-
-// Reads every frame of `source` (a CaptureSource or a PcapBlockReader) into
-// `flows` (a FlowTracker or a ParallelPipeline); false when an input was
-// damaged or unreadable.
-template <typename Source, typename Flows>
-bool ReadAll(Source& source, Pipeline& pipeline, Flows& flows, HostServices& services, Progress& progress,
-             std::ostream& err) {
-  bool inputs_ok = true;
-  CapturedFrame frame;
-  PcapBlock* block = nullptr;
-  DecodedPacket packet;
+// The next frame, a timeout or the end of `source` (a CaptureSource or a
+// PcapBlockReader). A damaged or unreadable input is reported and reading goes
+// on with the next; `inputs_ok` turns false then.
+template <typename Source>
+ReadStatus NextForFlows(Source& source, CapturedFrame* frame, PcapBlock** block, Progress& progress,
+                        bool& inputs_ok, std::ostream& err) {
   for (;;) {
-    switch (NextFrame(source, &frame, &block)) {
+    const ReadStatus status = NextFrame(source, frame, block);
+    switch (status) {
       case ReadStatus::kFrame:
-        Deliver(flows, pipeline.decoder, packet, frame, block);
         progress.Tick();
-        break;
+        return status;
       case ReadStatus::kTimeout:
-        flows.Advance(NowMicroseconds());
-        services.FlushOutputs();
         progress.Poll();
-        break;
+        return status;
       case ReadStatus::kError:
         // A read cut short by the stop signal is the stop, not damage.
         if (g_stop_requested.load()) break;
@@ -188,9 +174,52 @@ bool ReadAll(Source& source, Pipeline& pipeline, Flows& flows, HostServices& ser
         inputs_ok = false;
         break;
       case ReadStatus::kEnd:
+        return status;
+    }
+  }
+}
+
+// Reads every frame of `source` into one tracker; false when an input was
+// damaged or unreadable.
+template <typename Source>
+bool ReadAll(Source& source, Pipeline& pipeline, HostServices& services, Progress& progress, std::ostream& err) {
+  bool inputs_ok = true;
+  CapturedFrame frame;
+  PcapBlock* block = nullptr;
+  DecodedPacket packet;
+  FlowTracker& tracker = *pipeline.tracker;
+  for (;;) {
+    switch (NextForFlows(source, &frame, &block, progress, inputs_ok, err)) {
+      case ReadStatus::kFrame:
+        if (pipeline.decoder.Decode(frame.link_type, frame.data, frame.captured_length, &packet) ==
+            DecodeStatus::kTcp) {
+          tracker.OnPacket(packet, frame.data, frame.number, frame.time_us);
+        }
+        break;
+      case ReadStatus::kTimeout:
+        tracker.Advance(NowMicroseconds());
+        services.FlushOutputs();
+        break;
+      default:
         return inputs_ok;
     }
   }
+}
+
+// The same with the workers, which read `source` in turn.
+template <typename Source>
+bool ReadAllInWorkers(Source& source, Pipeline& pipeline, HostServices& services, Progress& progress,
+                      std::ostream& err) {
+  bool inputs_ok = true;
+  pipeline.parallel->Run([&](CapturedFrame* frame, PcapBlock** block) {
+    const ReadStatus status = NextForFlows(source, frame, block, progress, inputs_ok, err);
+    if (status == ReadStatus::kTimeout) {
+      frame->time_us = NowMicroseconds();
+      services.FlushOutputs();
+    }
+    return status;
+  }, source.live());
+  return inputs_ok;
 }
 
 bool OpenInputs(const ProgramOptions& options, Pipeline& pipeline, std::ostream& err) {
@@ -224,12 +253,12 @@ bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostService
     return ProgressFigures{pipeline.bytes_read(), pipeline.total_bytes(), pipeline.frames_read(),
                            services.counts().records};
   });
-  if (pipeline.blocks && pipeline.parallel) {
-    return ReadAll(*pipeline.blocks, pipeline, *pipeline.parallel, services, progress, err);
+  if (pipeline.parallel && pipeline.blocks) {
+    return ReadAllInWorkers(*pipeline.blocks, pipeline, services, progress, err);
   }
-  if (pipeline.blocks) return ReadAll(*pipeline.blocks, pipeline, *pipeline.tracker, services, progress, err);
-  if (pipeline.parallel) return ReadAll(pipeline.source, pipeline, *pipeline.parallel, services, progress, err);
-  return ReadAll(pipeline.source, pipeline, *pipeline.tracker, services, progress, err);
+  if (pipeline.parallel) return ReadAllInWorkers(pipeline.source, pipeline, services, progress, err);
+  if (pipeline.blocks) return ReadAll(*pipeline.blocks, pipeline, services, progress, err);
+  return ReadAll(pipeline.source, pipeline, services, progress, err);
 }
 
 // What the inputs were, for messages: the files, or the interface.
@@ -338,10 +367,9 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
   const bool read_blocks = options.interface_name.empty() && options.user.empty();
   if (options.threads > 1) {
     pipeline.parallel = std::make_unique<ParallelPipeline>(options.threads, services.flow_sink());
-    if (read_blocks) {
-      pipeline.pool = std::make_unique<PcapBlockPool>();
-      pipeline.pool->set_on_starved([parallel = pipeline.parallel.get()] { parallel->Flush(); });
-    }
+    // A worker reading waits for blocks the others still use: enough for
+    // the batches in flight to hold some each.
+    if (read_blocks) pipeline.pool = std::make_unique<PcapBlockPool>(kParallelBlocks, kParallelBlockBytes);
   } else {
     pipeline.tracker = std::make_unique<FlowTracker>(services.flow_sink());
     // The reader takes the next block before it lets go of the current one.

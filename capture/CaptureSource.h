@@ -71,6 +71,8 @@ class CaptureSource {
   // answers kEnd (a live capture's pending read returns at once).
   void Stop();
 
+  // True after OpenLive: frames arrive as they happen.
+  bool live() const { return live_; }
   // The file or interface being read, or "" before the first and after the last.
   const std::string& current_input() const { return current_name_; }
   const std::string& error() const { return error_; }

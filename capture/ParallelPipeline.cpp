@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "capture/ConnectionHash.h"
@@ -24,6 +25,23 @@ void AddCounters(FlowTrackerCounters& total, const FlowTrackerCounters& more) {
   total.flows_evicted += more.flows_evicted;
 }
 
+namespace {
+
+constexpr auto kBatchAge = std::chrono::milliseconds(50);
+
+void AddDecoderCounters(DecoderCounters& total, const DecoderCounters& more) {
+  total.frames += more.frames;
+  total.tcp += more.tcp;
+  total.not_tcp += more.not_tcp;
+  total.fragments += more.fragments;
+  total.truncated += more.truncated;
+  total.malformed += more.malformed;
+  total.unsupported_link += more.unsupported_link;
+  total.payload_cut += more.payload_cut;
+}
+
+}  // namespace
+
 // Frames for every worker: in shared blocks, or their bytes copied one after
 // the other.
 struct ParallelPipeline::Batch {
@@ -40,13 +58,29 @@ struct ParallelPipeline::Batch {
   std::vector<uint8_t> bytes;
   std::vector<Frame> frames;
   std::vector<PcapBlock*> blocks;  // one reference on each
-  uint64_t advance_us = 0;          // capture time to pass after the frames; 0: none
-  bool last = false;                // the workers finish after this batch
+  uint64_t frame_bytes = 0;
+  uint64_t advance_us = 0;           // capture time to pass after the frames; 0: none
   std::atomic<unsigned> pending{0};  // workers not yet done with it
 
   // Only copied frames use `bytes`: it grows when first needed.
   Batch() { frames.reserve(kBatchFrames); }
-  bool full() const { return frames.size() >= kBatchFrames || bytes.size() >= kBatchBytes; }
+  // Holding a second block ends a batch too: a worker reading then waits for
+  // at most one free block, so a pool of two blocks never stalls the workers.
+  bool full() const { return frames.size() >= kBatchFrames || frame_bytes >= kBatchBytes || blocks.size() >= 2; }
+  bool empty() const { return frames.empty() && advance_us == 0; }
+
+  void Add(const CapturedFrame& frame, PcapBlock* block, unsigned workers) {
+    const unsigned worker = WorkerOfFrame(frame.link_type, frame.data, frame.captured_length, workers);
+    frame_bytes += frame.captured_length;
+    if (block) {
+      Hold(block);
+      frames.push_back({frame.data, 0, frame.captured_length, worker, frame.link_type, frame.number, frame.time_us});
+      return;
+    }
+    const auto offset = static_cast<uint32_t>(bytes.size());
+    bytes.insert(bytes.end(), frame.data, frame.data + frame.captured_length);
+    frames.push_back({nullptr, offset, frame.captured_length, worker, frame.link_type, frame.number, frame.time_us});
+  }
   void Hold(PcapBlock* block) {
     if (!blocks.empty() && blocks.back() == block) return;  // frames come in file order
     block->Ref();
@@ -57,22 +91,20 @@ struct ParallelPipeline::Batch {
     blocks.clear();
     bytes.clear();
     frames.clear();
+    frame_bytes = 0;
     advance_us = 0;
-    last = false;
   }
 };
 
 class ParallelPipeline::Worker {
  public:
   Worker(ParallelPipeline* pipeline, unsigned index, FlowSink* sink, FlowTracker::Options options)
-      : pipeline_(pipeline), index_(index), tracker_(sink, options), queue_(kBatches, kBatches / 4) {}
+      : pipeline_(pipeline), index_(index), tracker_(sink, options) {}
 
   void Start() { thread_ = std::thread([this] { Run(); }); }
-  // The reading thread's side. `wake`: the worker starts on it at once, even
-  // when it waits for more.
-  void Send(Batch* batch, bool wake) { queue_.Push(batch, wake); }
-  void Wake() { queue_.Wake(); }
-  void Join() { thread_.join(); }
+  void Join() {
+    if (thread_.joinable()) thread_.join();
+  }
 
   // Read after the thread was joined.
   const FlowTrackerCounters& counters() const { return tracker_.counters(); }
@@ -80,12 +112,11 @@ class ParallelPipeline::Worker {
 
  private:
   void Run() {
-    for (;;) {
-      Batch* batch = queue_.Pop();
+    for (uint64_t index = 0;; ++index) {
+      Batch* batch = pipeline_->Take(index);
+      if (!batch) break;
       Handle(*batch);
-      const bool last = batch->last;
       pipeline_->Done(batch);
-      if (last) break;
     }
     tracker_.Finish();
   }
@@ -110,83 +141,93 @@ class ParallelPipeline::Worker {
   PacketDecoder decoder_;
   PacketDecoder uncounted_decoder_;
   DecodedPacket packet_;
-  BlockingQueue<Batch*> queue_;  // reader -> worker
   std::thread thread_;
 };
 
 ParallelPipeline::ParallelPipeline(unsigned workers, FlowSink* sink, FlowTracker::Options options)
-    : free_(kBatches, kBatches / 4) {
+    : read_(kBatches, nullptr) {
   workers = std::max(1u, workers);
   options.max_flows = std::max<size_t>(1, options.max_flows / workers);
-  for (size_t i = 0; i < kBatches; ++i) batches_.push_back(std::make_unique<Batch>());
-  for (size_t i = 1; i < kBatches; ++i) free_.Push(batches_[i].get(), false);
-  current_ = batches_[0].get();
+  for (size_t i = 0; i < kBatches; ++i) {
+    batches_.push_back(std::make_unique<Batch>());
+    free_.push_back(batches_.back().get());
+  }
   workers_.reserve(workers);
   for (unsigned i = 0; i < workers; ++i) workers_.push_back(std::make_unique<Worker>(this, i, sink, options));
+}
+
+ParallelPipeline::~ParallelPipeline() { Run([](CapturedFrame*, PcapBlock**) { return ReadStatus::kEnd; }); }
+
+void ParallelPipeline::Run(FrameSource next, bool live) {
+  if (ran_) return;
+  ran_ = true;
+  source_ = std::move(next);
+  live_ = live;
   // Started once every worker exists: each reads the number of workers.
   for (const auto& worker : workers_) worker->Start();
+  for (const auto& worker : workers_) worker->Join();
+  // The workers are gone: nobody else touches the batches now.
+  for (const auto& batch : batches_) batch->Clear();
 }
 
-ParallelPipeline::~ParallelPipeline() { Finish(); }
-
-void ParallelPipeline::OnFrame(const CapturedFrame& frame, PcapBlock* block) {
-  Batch& batch = *current_;
-  const unsigned worker = WorkerOfFrame(frame.link_type, frame.data, frame.captured_length, workers());
-  if (block) {
-    batch.Hold(block);
-    batch.frames.push_back(
-        {frame.data, 0, frame.captured_length, worker, frame.link_type, frame.number, frame.time_us});
-  } else {
-    const auto offset = static_cast<uint32_t>(batch.bytes.size());
-    batch.bytes.insert(batch.bytes.end(), frame.data, frame.data + frame.captured_length);
-    batch.frames.push_back(
-        {nullptr, offset, frame.captured_length, worker, frame.link_type, frame.number, frame.time_us});
+ParallelPipeline::Batch* ParallelPipeline::Take(uint64_t index) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    if (index < read_count_) return read_[index % kBatches];
+    if (ended_) return nullptr;
+    if (!reading_ && !free_.empty()) {
+      reading_ = true;
+      Batch* batch = free_.back();
+      free_.pop_back();
+      lock.unlock();
+      const bool more = Fill(*batch);
+      lock.lock();
+      reading_ = false;
+      if (batch->empty()) {
+        free_.push_back(batch);
+      } else {
+        batch->pending.store(workers(), std::memory_order_relaxed);
+        read_[read_count_++ % kBatches] = batch;
+      }
+      if (!more) ended_ = true;
+      changed_.notify_all();
+      continue;
+    }
+    // Another worker is reading, or every batch is still in use.
+    changed_.wait(lock);
   }
-  if (batch.full()) Send(false);
 }
 
-void ParallelPipeline::Send(bool wake) {
-  current_->pending.store(workers(), std::memory_order_relaxed);
-  for (const auto& worker : workers_) worker->Send(current_, wake);
-  if (current_->last) {
-    current_ = nullptr;
-    return;
+bool ParallelPipeline::Fill(Batch& batch) {
+  CapturedFrame frame;
+  PcapBlock* block = nullptr;
+  // A live capture's frames may trickle in: a batch is handed on when it is
+  // old enough, so that records are not held back.
+  const auto started = std::chrono::steady_clock::now();
+  while (!batch.full()) {
+    if (live_ && !batch.frames.empty() && std::chrono::steady_clock::now() - started > kBatchAge) return true;
+    switch (source_(&frame, &block)) {
+      case ReadStatus::kFrame:
+        batch.Add(frame, block, workers());
+        break;
+      case ReadStatus::kTimeout:
+        batch.advance_us = frame.time_us;
+        return true;
+      case ReadStatus::kEnd:
+      case ReadStatus::kError:
+        return false;
+    }
   }
-  if (free_.TryPop(&current_)) return;
-  // Every other batch is with the workers: make sure none of them waits for
-  // more before the reader waits for them.
-  for (const auto& worker : workers_) worker->Wake();
-  current_ = free_.Pop();
+  return true;
 }
 
 void ParallelPipeline::Done(Batch* batch) {
   if (batch->pending.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
-  if (batch->last) return;  // the reader is done: nobody takes it back
   batch->Clear();
-  free_.Push(batch, false);
-}
-
-void ParallelPipeline::Flush() {
-  if (finished_) return;
-  // An empty batch too: it wakes a worker that waits for more batches.
-  Send(true);
-}
-
-void ParallelPipeline::Advance(uint64_t time_us) {
-  if (finished_ || time_us == 0) return;
-  current_->advance_us = time_us;
-  Send(true);
-}
-
-void ParallelPipeline::Finish() {
-  if (finished_) return;
-  finished_ = true;
-  current_->last = true;
-  Send(true);
-  for (const auto& worker : workers_) worker->Join();
-  // The last batch still holds its blocks; they go back before the pool does.
-  for (const auto& batch : batches_)
-    if (batch->last) batch->Clear();
+  const std::lock_guard<std::mutex> lock(mutex_);
+  free_.push_back(batch);
+  // Only a worker that waits for a batch to read into needs to hear of it.
+  if (free_.size() == 1) changed_.notify_all();
 }
 
 FlowTrackerCounters ParallelPipeline::counters() const {
@@ -197,17 +238,7 @@ FlowTrackerCounters ParallelPipeline::counters() const {
 
 DecoderCounters ParallelPipeline::decoder_counters() const {
   DecoderCounters total;
-  for (const auto& worker : workers_) {
-    const DecoderCounters& more = worker->decoder_counters();
-    total.frames += more.frames;
-    total.tcp += more.tcp;
-    total.not_tcp += more.not_tcp;
-    total.fragments += more.fragments;
-    total.truncated += more.truncated;
-    total.malformed += more.malformed;
-    total.unsupported_link += more.unsupported_link;
-    total.payload_cut += more.payload_cut;
-  }
+  for (const auto& worker : workers_) AddDecoderCounters(total, worker->decoder_counters());
   return total;
 }
 

@@ -1,39 +1,36 @@
-// Flows spread over several worker threads.
+// Flows spread over several worker threads, which also take turns at reading.
 //
-// The reading thread does little more than read: OnFrame adds each frame to
-// the current batch with its worker when the frame's first bytes name it
-// (plain Ethernet, IPv4, TCP: WorkerOfFrame), and a full batch goes to every
-// worker. Each worker decodes its own frames, and the frames no worker was
-// named for to see whether they are its own, keeps the TCP packets whose
-// connection hashes to it (ConnectionHash.h) and hands them to a FlowTracker
-// of its own. So every flow is handled by one thread, in the order of its
-// packets; the sink must accept calls for different flows from different
-// threads. Nobody decodes a frame twice in the usual case, and the reading
-// thread touches only the first bytes of a frame, which it has at hand after
-// the record header.
+// There is no reading thread: a worker that has handled every batch read so
+// far reads the next one itself through the FrameSource, while the others go
+// on with the batches before it. So N workers keep N cores busy, and the
+// worker that is ahead does the reading, which evens out connections of
+// unequal weight. One worker reads at a time.
+//
+// A batch is seen by every worker. Its frames carry their worker when the
+// frame's first bytes name it (plain Ethernet, IPv4, TCP: WorkerOfFrame); the
+// others each worker decodes to see whether they are its own. Each worker
+// hands the TCP packets whose connection hashes to it (ConnectionHash.h) to a
+// FlowTracker of its own, so every flow is handled by one thread, in the order
+// of its packets; the sink must accept calls for different flows from
+// different threads.
 //
 // A frame that lies in a shared PcapBlock is not copied: the batch keeps a
 // reference on the block until the last worker is done with the batch. Other
-// frames are copied into the batch.
-//
-// Memory is bounded: kBatches batches circulate; a batch goes back to the
-// reader when the last worker is done with it, and the reader waits when none
-// is free. A waiting worker is woken for several batches at once, not for
-// each: on a virtual machine a wake-up costs as much as a batch's work. A
-// reader about to wait, Flush, Advance and Finish wake the workers at once,
-// so a live capture's records are not held back and nobody waits for a batch
-// that is not coming.
-//
-// Finish (also at destruction) sends the partial batch, lets every tracker
-// end its flows on its own thread and joins the workers.
+// frames are copied into the batch. Memory is bounded: kBatches batches
+// circulate, a batch goes back when the last worker is done with it, and a
+// worker about to read waits for one. A batch holds at most kBatchFrames
+// frames, kBatchBytes of frame bytes but for its last frame, and frames of
+// two blocks.
 #pragma once
 
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <vector>
 
-#include "capture/BlockingQueue.h"
 #include "capture/CaptureSource.h"
 #include "capture/FlowSink.h"
 #include "capture/FlowTracker.h"
@@ -45,11 +42,21 @@ namespace pelka {
 // Adds every counter of `more` to `total`.
 void AddCounters(FlowTrackerCounters& total, const FlowTrackerCounters& more);
 
+// What the workers read through, one call at a time but from any of them:
+// - kFrame: `*frame` is the next frame. `*block` is the PcapBlock it lies in
+//   (the pipeline takes references), or nullptr when the frame is valid only
+//   until the next call (it is copied).
+// - kTimeout: no frame now; the flows pass capture time `frame->time_us`
+//   (0: none), and the frames read so far go to the workers at once. A live
+//   capture answers it now and then so that its records are not held back.
+// - kEnd: the input is over (kError counts as kEnd: report errors inside).
+using FrameSource = std::function<ReadStatus(CapturedFrame* frame, PcapBlock** block)>;
+
 class ParallelPipeline {
  public:
-  static constexpr size_t kBatchFrames = 1024;
-  static constexpr size_t kBatchBytes = 512 * 1024;
-  static constexpr size_t kBatches = 32;
+  static constexpr size_t kBatchFrames = 512;
+  static constexpr size_t kBatchBytes = 256 * 1024;
+  static constexpr size_t kBatches = 16;
 
   // `options.max_flows` is the bound of the whole run; each worker gets its
   // share.
@@ -58,38 +65,41 @@ class ParallelPipeline {
   ParallelPipeline(const ParallelPipeline&) = delete;
   ParallelPipeline& operator=(const ParallelPipeline&) = delete;
 
-  // One frame of the capture, in capture order. With `block` the frame lies
-  // in it and stays there until the workers are done; with nullptr its bytes
-  // are copied before OnFrame returns.
-  void OnFrame(const CapturedFrame& frame, PcapBlock* block);
-  // Sends the workers the batch so far and wakes them, so that the blocks the
-  // batch holds come back (the reader waits for a free block).
-  void Flush();
-  // Capture time moved on without a packet: every worker gets the batch so
-  // far and then the new time.
-  void Advance(uint64_t time_us);
-  // End of input. Only the first call acts.
-  void Finish();
+  // Reads the whole input through `next` on the workers' threads and returns
+  // once every worker has ended its flows. Only the first call reads. `live`:
+  // frames arrive as they happen, and a batch is handed on after 50 ms.
+  void Run(FrameSource next, bool live = false);
 
   unsigned workers() const { return static_cast<unsigned>(workers_.size()); }
-  // The sums over the workers; complete after Finish.
+  // The sums over the workers; complete after Run.
   FlowTrackerCounters counters() const;
-  // What the frames decoded to, each frame counted once; complete after Finish.
+  // What the frames decoded to, each frame counted once; complete after Run.
   DecoderCounters decoder_counters() const;
 
  private:
   struct Batch;
   class Worker;
 
-  void Send(bool wake);
-  // A worker is done with `batch`; the last one gives it back to the reader.
+  // Batch number `index` for a worker, read by the caller if nobody has read
+  // it yet; nullptr once the input ended before it.
+  Batch* Take(uint64_t index);
+  // Fills `batch` through the source; false when the input is over.
+  bool Fill(Batch& batch);
+  // A worker is done with `batch`; the last one frees it.
   void Done(Batch* batch);
 
+  std::mutex mutex_;
+  std::condition_variable changed_;  // a batch was read or freed, or the input ended
   std::vector<std::unique_ptr<Batch>> batches_;
-  BlockingQueue<Batch*> free_;
-  Batch* current_ = nullptr;
+  std::vector<Batch*> free_;
+  std::vector<Batch*> read_;  // batch number n at n % kBatches, while some worker needs it
+  uint64_t read_count_ = 0;
+  bool reading_ = false;  // a worker is filling a batch
+  bool ended_ = false;
+  FrameSource source_;
+  bool live_ = false;
   std::vector<std::unique_ptr<Worker>> workers_;
-  bool finished_ = false;
+  bool ran_ = false;
 };
 
 }  // namespace pelka

@@ -20,11 +20,6 @@ PcapBlock* PcapBlockPool::Acquire() {
     blocks_.push_back(std::make_unique<PcapBlock>(this, block_bytes_));
     free_.push_back(blocks_.back().get());
   }
-  if (free_.empty() && on_starved_) {
-    lock.unlock();
-    on_starved_();
-    lock.lock();
-  }
   released_.wait(lock, [this] { return !free_.empty(); });
   PcapBlock* block = free_.back();
   free_.pop_back();

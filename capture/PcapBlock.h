@@ -1,4 +1,4 @@
-// Blocks of a capture file that the reading thread and the workers share.
+// Blocks of a capture file that the reader and the workers share.
 //
 // The reader fills a block from the file and hands out frames that point into
 // it; every batch that holds such frames keeps a reference on the block, and
@@ -12,7 +12,6 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -53,11 +52,8 @@ class PcapBlockPool {
   PcapBlockPool(const PcapBlockPool&) = delete;
   PcapBlockPool& operator=(const PcapBlockPool&) = delete;
 
-  // A free block with one reference, the caller's. When none is free,
-  // `on_starved` runs first (to send batches that hold blocks on their way),
-  // then Acquire waits.
+  // A free block with one reference, the caller's; waits while none is free.
   PcapBlock* Acquire();
-  void set_on_starved(std::function<void()> on_starved) { on_starved_ = std::move(on_starved); }
   size_t block_bytes() const { return block_bytes_; }
   // Blocks made so far, and of those the ones not in use.
   size_t made_blocks();
@@ -70,7 +66,6 @@ class PcapBlockPool {
   size_t block_bytes_;
   size_t max_blocks_;
   std::vector<std::unique_ptr<PcapBlock>> blocks_;
-  std::function<void()> on_starved_;
   std::mutex mutex_;
   std::condition_variable released_;
   std::vector<PcapBlock*> free_;

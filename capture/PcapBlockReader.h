@@ -43,6 +43,7 @@ class PcapBlockReader {
   void Stop() { stopped_ = true; }
 
   const std::string& error() const { return error_; }
+  bool live() const { return false; }
   uint64_t bytes_read() const;
   uint64_t total_bytes() const { return RegularFileBytes(paths_); }
   uint64_t frames_read() const;

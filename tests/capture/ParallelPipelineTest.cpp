@@ -11,7 +11,6 @@
 
 #include "FrameBuilder.h"
 #include "ProgramHarness.h"
-#include "capture/BlockingQueue.h"
 #include "capture/ConnectionHash.h"
 #include "capture/FlowTracker.h"
 #include "capture/ParallelPipeline.h"
@@ -45,28 +44,6 @@ Segment Reversed(Segment segment) {
   std::swap(segment.source, segment.destination);
   std::swap(segment.source_port, segment.destination_port);
   return segment;
-}
-
-// Items arrive whole and in order between threads whatever the capacity and
-// however many a waiting consumer waits for; the last push asks for a wake,
-// as the pipeline's last batch does, so no consumer is left waiting.
-TEST(BlockingQueueTest, DeliversEveryItemInOrderBetweenThreads) {
-  struct Case {
-    size_t capacity;
-    size_t wake_at;
-  };
-  for (const Case& c : {Case{1, 1}, Case{2, 1}, Case{4, 2}, Case{16, 8}, Case{3, 10}}) {
-    BlockingQueue<std::unique_ptr<int>> queue(c.capacity, c.wake_at);
-    constexpr int kItems = 2000;
-    std::vector<int> received;
-    std::thread consumer([&] {
-      for (int i = 0; i < kItems; ++i) received.push_back(*queue.Pop());
-    });
-    for (int i = 0; i < kItems; ++i) queue.Push(std::make_unique<int>(i), i + 1 == kItems || i % 97 == 0);
-    consumer.join();
-    ASSERT_EQ(received.size(), static_cast<size_t>(kItems)) << "capacity " << c.capacity;
-    for (int i = 0; i < kItems; ++i) ASSERT_EQ(received[static_cast<size_t>(i)], i) << "capacity " << c.capacity;
-  }
 }
 
 TEST(ConnectionHashTest, BothDirectionsGoToTheSameWorker) {
@@ -246,9 +223,23 @@ void Feed(FlowTracker& tracker, const std::vector<Packet>& packets, PacketDecode
   }
 }
 
-void Feed(ParallelPipeline& parallel, const std::vector<Packet>& packets) {
-  uint64_t number = 0;
-  for (const Packet& packet : packets) parallel.OnFrame(FrameOf(packet, ++number), nullptr);
+// The packets as the workers read them: copied frames, and with `advance_us`
+// a timeout passing that capture time after the last one.
+void Feed(ParallelPipeline& parallel, const std::vector<Packet>& packets, uint64_t advance_us = 0) {
+  size_t next = 0;
+  bool advanced = advance_us == 0;
+  parallel.Run([&](CapturedFrame* frame, PcapBlock** block) {
+    *block = nullptr;
+    if (next < packets.size()) {
+      *frame = FrameOf(packets[next], next + 1);
+      ++next;
+      return ReadStatus::kFrame;
+    }
+    if (advanced) return ReadStatus::kEnd;
+    advanced = true;
+    frame->time_us = advance_us;
+    return ReadStatus::kTimeout;
+  });
 }
 
 struct PipelineCase {
@@ -273,7 +264,6 @@ TEST_P(ParallelPipelineTest, EveryFlowHearsWhatOneTrackerTellsIt) {
   FlowLogSink parallel_sink;
   ParallelPipeline parallel(c.workers, &parallel_sink);
   Feed(parallel, packets);
-  parallel.Finish();
 
   const auto expected = single_sink.logs();
   EXPECT_EQ(expected.size(), c.sessions + 1);
@@ -302,9 +292,6 @@ INSTANTIATE_TEST_SUITE_P(Traffic, ParallelPipelineTest,
 // Frames read in place from a few small blocks, as the block reader hands
 // them out: the flows hear the same, the reader waits for blocks without
 // stalling, and every block comes back once the workers are done.
-// Frames read in place from a few small blocks, as the block reader hands
-// them out: the flows hear the same, the reader waits for blocks without
-// stalling, and every block comes back once the workers are done.
 TEST(ParallelPipelineBlocksTest, FramesInSharedBlocksReachTheFlowsAndBlocksComeBack) {
   const std::vector<Packet> packets = Traffic(200, 40);
   FlowLogSink single_sink;
@@ -314,33 +301,37 @@ TEST(ParallelPipelineBlocksTest, FramesInSharedBlocksReachTheFlowsAndBlocksComeB
   single.Finish();
 
   FlowLogSink parallel_sink;
-  PcapBlockPool pool(4, 16384);
+  PcapBlockPool pool(2, 16384);
   {
     ParallelPipeline parallel(2, &parallel_sink);
-    pool.set_on_starved([&parallel] { parallel.Flush(); });
-    PcapBlock* block = pool.Acquire();
+    PcapBlock* current = nullptr;
     size_t used = 0;
-    uint64_t number = 0;
-    for (const Packet& packet : packets) {
-      if (used + packet.frame.size() > block->capacity()) {
-        PcapBlock* next = pool.Acquire();
-        block->Unref();
-        block = next;
+    size_t next = 0;
+    parallel.Run([&](CapturedFrame* frame, PcapBlock** block) {
+      if (next == packets.size()) {
+        if (current) current->Unref();
+        current = nullptr;
+        return ReadStatus::kEnd;
+      }
+      const Packet& packet = packets[next];
+      if (!current || used + packet.frame.size() > current->capacity()) {
+        PcapBlock* fresh = pool.Acquire();
+        if (current) current->Unref();
+        current = fresh;
         used = 0;
       }
-      uint8_t* bytes = block->data() + used;
+      uint8_t* bytes = current->data() + used;
       std::copy(packet.frame.begin(), packet.frame.end(), bytes);
       used += packet.frame.size();
-      CapturedFrame frame = FrameOf(packet, ++number);
-      frame.data = bytes;
-      parallel.OnFrame(frame, block);
-    }
-    block->Unref();
-    parallel.Finish();
+      *frame = FrameOf(packet, ++next);
+      frame->data = bytes;
+      *block = current;
+      return ReadStatus::kFrame;
+    });
   }
   EXPECT_EQ(parallel_sink.logs(), single_sink.logs());
-  EXPECT_EQ(pool.made_blocks(), 4u);
-  EXPECT_EQ(pool.free_blocks(), 4u);
+  EXPECT_EQ(pool.made_blocks(), 2u);
+  EXPECT_EQ(pool.free_blocks(), 2u);
 }
 
 TEST(ParallelPipelineAdvanceTest, CaptureTimeReachesEveryWorker) {
@@ -352,9 +343,7 @@ TEST(ParallelPipelineAdvanceTest, CaptureTimeReachesEveryWorker) {
   // Only the handshakes: every flow stays open.
   std::vector<Packet> openings;
   for (size_t i = 0; i < 12 * 3; ++i) openings.push_back(packets[i]);
-  Feed(parallel, openings);
-  parallel.Advance(openings.back().time_us + options.idle_timeout_us + 1);
-  parallel.Finish();
+  Feed(parallel, openings, openings.back().time_us + options.idle_timeout_us + 1);
 
   const auto logs = sink.logs();
   ASSERT_EQ(logs.size(), 12u);
@@ -364,12 +353,11 @@ TEST(ParallelPipelineAdvanceTest, CaptureTimeReachesEveryWorker) {
   }
 }
 
-TEST(ParallelPipelineAdvanceTest, FinishWithoutPacketsAndTwiceIsHarmless) {
+TEST(ParallelPipelineAdvanceTest, RunWithoutPacketsAndTwiceIsHarmless) {
   FlowLogSink sink;
   ParallelPipeline parallel(4, &sink);
-  parallel.Advance(1);
-  parallel.Finish();
-  parallel.Finish();
+  Feed(parallel, {}, 1);
+  Feed(parallel, {}, 1);
   EXPECT_TRUE(sink.logs().empty());
   EXPECT_EQ(parallel.counters().packets, 0u);
 }

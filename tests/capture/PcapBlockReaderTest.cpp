@@ -160,39 +160,5 @@ TEST(PcapBlockReaderTest, HandsOutWhatCaptureSourceDoes) {
   }
 }
 
-// The reader never holds more blocks than the pool's bound: when all are
-// taken, it asks for them back and waits.
-TEST(PcapBlockReaderTest, WaitsForBlocksWithinThePoolsBound) {
-  test::TempDir dir;
-  const fs::path path = dir / "capture";
-  test::WriteWholeFile(path, Capture(Layout{}, 400));
-  PcapBlockPool pool(3, 4096);
-  std::vector<PcapBlock*> held;
-  size_t starved = 0;
-  pool.set_on_starved([&] {
-    ++starved;
-    for (PcapBlock* block : held) block->Unref();
-    held.clear();
-  });
-  PcapBlockReader reader(&pool);
-  reader.OpenFiles({path.string()});
-  CapturedFrame frame;
-  PcapBlock* block = nullptr;
-  uint64_t frames = 0;
-  while (reader.Next(&frame, &block) == ReadStatus::kFrame) {
-    ASSERT_NE(block, nullptr);
-    // Like a batch: one reference per block.
-    if (held.empty() || held.back() != block) {
-      block->Ref();
-      held.push_back(block);
-    }
-    ++frames;
-  }
-  EXPECT_EQ(frames, 400u);
-  EXPECT_LE(pool.made_blocks(), 3u);
-  EXPECT_GT(starved, 0u);
-  for (PcapBlock* held_block : held) held_block->Unref();
-}
-
 }  // namespace
 }  // namespace pelka
