@@ -134,8 +134,7 @@ void FlowTracker::OnPacket(const DecodedPacket& decoded, const uint8_t* frame, u
 
   const Key key = MakeKey(decoded);
   Packet packet{decoded, {frame, decoded.payload_offset, decoded.tcp_offset, decoded.payload_length, packet_number, time_us}, 0};
-  auto found = flows_.find(key);
-  Flow* flow = found == flows_.end() ? nullptr : found->second.get();
+  Flow* flow = Find(key);
   if (flow) {
     const FlowEndpoint& first = flow->view.sides_[0];
     packet.side = first.address == decoded.source && first.port == decoded.source_port ? 0 : 1;
@@ -366,7 +365,15 @@ void FlowTracker::ReleaseHeld(Stream& stream) {
   stream.held_bytes = 0;
 }
 
+FlowTracker::Flow* FlowTracker::Find(const Key& key) {
+  if (last_found_ && last_found_->key == key) return last_found_;
+  const auto found = flows_.find(key);
+  last_found_ = found == flows_.end() ? nullptr : found->second.get();
+  return last_found_;
+}
+
 void FlowTracker::Erase(Flow& flow) {
+  if (last_found_ == &flow) last_found_ = nullptr;
   for (Stream& stream : flow.streams) ReleaseHeld(stream);
   Unlink(flow);
   const Key key = flow.key;  // the flow, and its key, go with the entry

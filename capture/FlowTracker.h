@@ -106,6 +106,9 @@ class FlowTracker {
   struct Packet;
 
   static Key MakeKey(const DecodedPacket& packet);
+  // The entry of `key`, or nullptr. Most packets belong to the connection of
+  // the packet before, so the last entry found is tried first.
+  Flow* Find(const Key& key);
   Flow* StartFlow(const Key& key, const Packet& packet, uint16_t protocol);
   bool StartsNewConnection(const Flow& flow, const Packet& packet) const;
   void HandlePacket(Flow& flow, const Packet& packet);
@@ -128,6 +131,7 @@ class FlowTracker {
   Options options_;
   PacketRecordBuilder builder_;
   std::unordered_map<Key, std::unique_ptr<Flow>, KeyHash> flows_;
+  Flow* last_found_ = nullptr;
   Flow* oldest_ = nullptr;  // least recently active entry
   Flow* newest_ = nullptr;
   uint64_t next_id_ = 1;
