@@ -1,5 +1,6 @@
 // The whole program on a random small capture file: the command line
-// "pelka-email -q --copies -o OUT IN" goes through ParseCommandLine and
+// "pelka-email -q --copies -o OUT IN" (with "--threads 2" for a third of the
+// inputs) goes through ParseCommandLine and
 // RunCapture, which load the real module library (the sanitizer-built one of
 // this build tree) and write the real output files and copies. The input is
 // written to IN and OUT is removed again after each input, so every run
@@ -104,8 +105,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   const std::string out = g_scratch->out().string();
   const std::string in = g_scratch->input().string();
-  const char* const argv[] = {"pelka-email", "-q", "--copies", "-o", out.c_str(), in.c_str()};
-  const pelka::CommandLineOutcome outcome = pelka::ParseCommandLine(static_cast<int>(std::size(argv)), argv);
+  // A third of the inputs, chosen by their length, run with two workers.
+  const bool two_workers = size % 3 == 0;
+  const char* const argv[] = {"pelka-email", "-q", "--copies", "-o", out.c_str(), in.c_str(), "--threads", "2"};
+  const int argc = static_cast<int>(std::size(argv)) - (two_workers ? 0 : 2);
+  const pelka::CommandLineOutcome outcome = pelka::ParseCommandLine(argc, argv);
   if (!outcome.options) __builtin_trap();  // the command line is fixed and valid
 
   std::ostringstream summary;
