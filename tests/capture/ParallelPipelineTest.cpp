@@ -65,7 +65,7 @@ TEST(ConnectionHashTest, BothDirectionsGoToTheSameWorker) {
   }
 }
 
-// The reading thread names a frame's worker from its first bytes when it can;
+// The worker reading a batch names each frame's worker from its first bytes;
 // that must be the worker the decoded frame hashes to, or a connection would
 // be split between two workers.
 TEST(ConnectionHashTest, FrameBytesNameTheDecodedFramesWorker) {
