@@ -99,12 +99,17 @@ std::optional<std::wstring_view> TakePlainName(std::wstring_view text, std::wstr
 
 void SplitNameAndAddress(const SplitScratch& scratch, std::wstring_view value, std::wstring& display_name,
                          std::wstring& address) {
-  const std::wstring text = WithoutLineBreaks(value);
-  const std::wstring lower = AsciiLowerCopy<wchar_t>(text);
-
-  PrefixScanner<wchar_t, kPrefixes.size()> first_scan(lower, kPrefixes);
-  const auto first = first_scan.FindFrom(0);
+  // Copies are made only when needed: most values have no line break and no
+  // "=?", with which every prefix starts.
+  std::wstring joined;
+  const std::wstring_view text = value.find(L"\r\n"sv) == npos ? value : std::wstring_view(joined = WithoutLineBreaks(value));
   std::optional<std::wstring_view> rest;
+  std::optional<PrefixScanner<wchar_t, kPrefixes.size()>::Match> first;
+  std::wstring lower;
+  if (text.find(L"=?"sv) != npos) {
+    lower = AsciiLowerCopy<wchar_t>(text);
+    first = PrefixScanner<wchar_t, kPrefixes.size()>(lower, kPrefixes).FindFrom(0);
+  }
   if (first) {
     if (lower.find(kWordEnd) == npos) {
       address = text;
