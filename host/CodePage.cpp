@@ -208,25 +208,30 @@ std::wstring MultiByteToWide(unsigned code_page, std::string_view bytes) {
 // the converter would, without its per-call cost. Non-scalar values become
 // '?', as they do on the converter's path.
 void EncodeUtf8(std::wstring_view text, std::string& out) {
-  out.reserve(text.size() * 3);
+  // Written through a pointer into room for the longest form, then cut to
+  // what was written: appending byte by byte cost more than the encoding.
+  const size_t start = out.size();
+  out.resize(start + text.size() * 4);
+  char* bytes = out.data() + start;
   for (wchar_t wide : text) {
     const auto c = static_cast<uint32_t>(IsScalarValue(wide) ? wide : L'?');
     if (c < 0x80) {
-      out += static_cast<char>(c);
+      *bytes++ = static_cast<char>(c);
     } else if (c < 0x800) {
-      out += static_cast<char>(0xC0 | (c >> 6));
-      out += static_cast<char>(0x80 | (c & 0x3F));
+      *bytes++ = static_cast<char>(0xC0 | (c >> 6));
+      *bytes++ = static_cast<char>(0x80 | (c & 0x3F));
     } else if (c < 0x10000) {
-      out += static_cast<char>(0xE0 | (c >> 12));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
+      *bytes++ = static_cast<char>(0xE0 | (c >> 12));
+      *bytes++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      *bytes++ = static_cast<char>(0x80 | (c & 0x3F));
     } else {
-      out += static_cast<char>(0xF0 | (c >> 18));
-      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
+      *bytes++ = static_cast<char>(0xF0 | (c >> 18));
+      *bytes++ = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+      *bytes++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      *bytes++ = static_cast<char>(0x80 | (c & 0x3F));
     }
   }
+  out.resize(static_cast<size_t>(bytes - out.data()));
 }
 
 void WideToMultiByte(unsigned code_page, std::wstring_view text, std::string& out) {

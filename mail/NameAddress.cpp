@@ -53,15 +53,14 @@ void SplitRest(std::wstring_view rest, std::wstring& display_name, std::wstring&
 
 // Decodes every word into the display name. Returns what is left for the
 // split, or nothing when a word without payload ended the routine.
-std::optional<std::wstring_view> DecodeWords(const SplitScratch& scratch, std::wstring_view text,
-                                             std::wstring_view lower, size_t kind, size_t position,
-                                             std::wstring& display_name) {
-  PrefixScanner<wchar_t, kPrefixes.size()> scanner(lower, kPrefixes);
+std::optional<std::wstring_view> DecodeWords(const SplitScratch& scratch, std::wstring_view text, size_t kind,
+                                             size_t position, std::wstring& display_name) {
+  PrefixScanner<wchar_t, kPrefixes.size()> scanner(text, kPrefixes);
   size_t cut = 0;  // everything before has been consumed
   for (;;) {
     display_name.append(text.substr(cut, position - cut));
     cut = position + kPrefixes[kind].size();
-    const size_t end = lower.find(kWordEnd, cut);
+    const size_t end = text.find(kWordEnd, cut);
     if (end == npos || end == cut) {
       display_name.append(text.substr(cut));
       return std::nullopt;
@@ -99,23 +98,18 @@ std::optional<std::wstring_view> TakePlainName(std::wstring_view text, std::wstr
 
 void SplitNameAndAddress(const SplitScratch& scratch, std::wstring_view value, std::wstring& display_name,
                          std::wstring& address) {
-  // Copies are made only when needed: most values have no line break and no
-  // "=?", with which every prefix starts.
+  // A copy is made only for a value with line breaks, which few have.
   std::wstring joined;
-  const std::wstring_view text = value.find(L"\r\n"sv) == npos ? value : std::wstring_view(joined = WithoutLineBreaks(value));
+  const std::wstring_view text =
+      value.find(L"\r\n"sv) == npos ? value : std::wstring_view(joined = WithoutLineBreaks(value));
+  const auto first = PrefixScanner<wchar_t, kPrefixes.size()>(text, kPrefixes).FindFrom(0);
   std::optional<std::wstring_view> rest;
-  std::optional<PrefixScanner<wchar_t, kPrefixes.size()>::Match> first;
-  std::wstring lower;
-  if (text.find(L"=?"sv) != npos) {
-    lower = AsciiLowerCopy<wchar_t>(text);
-    first = PrefixScanner<wchar_t, kPrefixes.size()>(lower, kPrefixes).FindFrom(0);
-  }
   if (first) {
-    if (lower.find(kWordEnd) == npos) {
+    if (text.find(kWordEnd) == npos) {
       address = text;
       return;
     }
-    rest = DecodeWords(scratch, text, lower, first->form, first->position, display_name);
+    rest = DecodeWords(scratch, text, first->form, first->position, display_name);
   } else {
     rest = TakePlainName(text, display_name, address);
   }
