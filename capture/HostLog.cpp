@@ -25,8 +25,8 @@ const char* StandardKey(uint32_t field) {
 
 // What a record keeps of its flow at NewRecord.
 struct FlowView {
-  char address[2][kAddressTextSize];  // [0] client, [1] server
-  char mac[2][kMacTextSize];
+  char address[2][kAddressTextSize] = {};  // [0] client, [1] server
+  char mac[2][kMacTextSize] = {};
   uint8_t address_length[2] = {0, 0};
   uint8_t mac_length[2] = {0, 0};
   uint16_t port[2] = {0, 0};

@@ -13,9 +13,10 @@
 // - The export lines: the first storage kind with an export callback is asked
 //   for both forms (comma-separated into the CSV file, text into the text
 //   file) over the posted records, in batches of kExportBatch as records are
-//   posted and for the rest at Finish. Only the field texts of a batch are
-//   kept, so memory does not grow with the capture. The first batch (or, with
-//   no record at all, Finish) asks for the header line.
+//   posted and for the rest at Finish. Only the records of a batch are kept,
+//   so memory does not grow with the capture; the export's field texts are
+//   made from them when asked for. The first batch (or, with no record at
+//   all, Finish) asks for the header line.
 // - Storage: the log is always saving (GetSaveMode 2); the storage kind keyed
 //   "email_copy" is enabled only when copies are on; every storage kind's
 //   folder is its key; the storage root is the output directory.

@@ -4,8 +4,10 @@
 #include <stdio_ext.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -76,12 +78,13 @@ void OutputFile::Fail(const char* what) {
 
 bool OutputFile::Write(std::string_view text) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  return WriteLocked(text);
+  return WriteLocked(text, false);
 }
 
-bool OutputFile::WriteLocked(std::string_view text) {
+bool OutputFile::WriteLocked(std::string_view text, bool add_line_end) {
   if (!file_ || !error_.empty()) return false;
   pending_.append(text);
+  if (add_line_end) pending_ += '\n';
   ++pending_lines_;
   const auto now = std::chrono::steady_clock::now();
   if (each_line_ || pending_.size() >= kFlushBytes || now - last_flush_ >= kFlushInterval) return FlushLocked();
@@ -125,9 +128,7 @@ void OutputFile::DropPartialLine() {
 
 bool OutputFile::WriteLine(std::string_view line) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  line_.assign(line);
-  line_ += '\n';
-  return WriteLocked(line_);
+  return WriteLocked(line, true);
 }
 
 bool OutputFile::Close() {
@@ -223,7 +224,19 @@ void AppendJsonString(std::string& out, std::string_view utf8) {
 
 void AppendJsonString(std::string& out, std::wstring_view text) {
   out += '"';
-  for (const wchar_t c : text) {
+  size_t i = 0;
+  while (i < text.size()) {
+    // A run of ASCII that needs no escape is narrowed in one go.
+    const size_t run = i;
+    while (i < text.size() && text[i] >= 0 && text[i] < 0x80 && kJsonEscapes[static_cast<size_t>(text[i])] == 0) ++i;
+    if (i > run) {
+      const size_t at = out.size();
+      out.resize(at + (i - run));
+      std::copy(text.begin() + static_cast<std::ptrdiff_t>(run), text.begin() + static_cast<std::ptrdiff_t>(i),
+                out.begin() + static_cast<std::ptrdiff_t>(at));
+    }
+    if (i == text.size()) break;
+    const wchar_t c = text[i++];
     if (c >= 0 && c < 0x80) {
       AppendEscapedAscii(out, static_cast<unsigned char>(c));
     } else {

@@ -64,7 +64,7 @@ class OutputFile {
   uint64_t lines() const { return lines_.load(std::memory_order_relaxed); }
 
  private:
-  bool WriteLocked(std::string_view text);
+  bool WriteLocked(std::string_view text, bool add_line_end);
   bool FlushLocked();
   bool CloseLocked();
 
@@ -77,7 +77,6 @@ class OutputFile {
   std::string path_;
   std::string error_;
   std::atomic<bool> failed_{false};
-  std::string line_;  // reused buffer of WriteLine
   std::atomic<uint64_t> lines_{0};
   uint64_t complete_bytes_ = 0;  // bytes of the whole lines written so far
   std::string pending_;          // whole lines taken, not yet written

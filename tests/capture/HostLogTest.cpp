@@ -3,12 +3,14 @@
 // entry lines as they always have.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <ctime>
 #include <fstream>
 #include <limits>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "capture/HostLog.h"
@@ -205,6 +207,46 @@ TEST_F(HostLogTest, BatchesAreExportedAsPostedAndTheRestAtFinish) {
                 "\", \"kind\": \"Email\", \"summary\": \"a@b To \xe4\xbd\xa0\\\"\", \"group\": \"\"}\n"
                 "{\"time\": \"" + ReferenceLocalTime(0) + "\", \"kind\": \"\", \"summary\": \"\", \"group\": \"grp\"}\n");
   EXPECT_EQ(service_->entries(), 2u);
+}
+
+TEST_F(HostLogTest, RecordsFromSeveralThreadsKeepTheirOwnFields) {
+  // Records are reused once exported: a record posted by one thread must never
+  // lend its buffers to another thread's open record.
+  constexpr int kThreads = 4;
+  constexpr int kPerThread = 300;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([this, t] {
+      for (int i = 0; i < kPerThread; ++i) {
+        const uint64_t number = static_cast<uint64_t>(t * kPerThread + i);
+        IPelkaLogRecord* record = log_->NewRecord(kStart + number % 7, nullptr, 0);
+        log_->SetNumber(record, number_, number);
+        log_->SetText(record, subject_, (L"subject " + std::to_wstring(number) + L" \x4F60").c_str());
+        log_->SetText(record, group_, std::to_wstring(number).c_str());
+        log_->PostRecord(record);
+        log_->AddEntry(kStart, nullptr, L"Email", std::to_wstring(number).c_str(), L"");
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  Finish();
+
+  std::istringstream lines(FileText(records_.second.path()));
+  std::string line;
+  size_t count = 0;
+  while (std::getline(lines, line)) {
+    const size_t at = line.find("\"email_number\": ");
+    ASSERT_NE(at, std::string::npos) << line;
+    const std::string number = line.substr(at + 16, line.find(',', at) - at - 16);
+    EXPECT_NE(line.find("\"email_subject\": \"subject " + number + " \xe4\xbd\xa0\""), std::string::npos) << line;
+    EXPECT_NE(line.find("\"group\": \"" + number + "\"}"), std::string::npos) << line;
+    EXPECT_NE(line.find(ReferenceLocalTime(kStart + std::stoull(number) % 7)), std::string::npos) << line;
+    ++count;
+  }
+  EXPECT_EQ(count, static_cast<size_t>(kThreads * kPerThread));
+  const std::string csv = FileText(csv_.second.path());
+  EXPECT_EQ(static_cast<size_t>(std::count(csv.begin(), csv.end(), '\n')), static_cast<size_t>(kThreads * kPerThread + 1));
+  EXPECT_EQ(service_->entries(), static_cast<uint64_t>(kThreads * kPerThread));
 }
 
 TEST_F(HostLogTest, AFinishWithoutRecordsWritesTheHeaderAlone) {
