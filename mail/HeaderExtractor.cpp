@@ -94,14 +94,12 @@ void DecodeInto(std::wstring_view text, std::wstring& out, std::string& bytes) {
     return;
   }
   text = text.substr(0, text.find(L'\0'));
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == L'\r' && i + 1 < text.size() && text[i + 1] == L'\n') {
-      out += L' ';
-      ++i;
-    } else {
-      out += text[i];
-    }
+  size_t start = 0;
+  for (size_t at = text.find(L"\r\n"); at != std::wstring_view::npos; at = text.find(L"\r\n", start)) {
+    out.append(text.substr(start, at - start)).append(1, L' ');
+    start = at + 2;
   }
+  out.append(text.substr(start));
 }
 
 // Fills the field from the split value. Every field but From's and To's two

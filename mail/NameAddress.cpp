@@ -21,13 +21,12 @@ constexpr size_t npos = std::wstring_view::npos;
 std::wstring WithoutLineBreaks(std::wstring_view value) {
   std::wstring text;
   text.reserve(value.size());
-  for (size_t i = 0; i < value.size(); ++i) {
-    if (value[i] == L'\r' && i + 1 < value.size() && value[i + 1] == L'\n') {
-      ++i;
-      continue;
-    }
-    text.push_back(value[i]);
+  size_t start = 0;
+  for (size_t at = value.find(L"\r\n"sv); at != npos; at = value.find(L"\r\n"sv, start)) {
+    text.append(value.substr(start, at - start));
+    start = at + 2;
   }
+  text.append(value.substr(start));
   return text;
 }
 
