@@ -2,17 +2,22 @@
 
 #include <arpa/inet.h>
 
-#include <cstdio>
+#include <cstring>
 
 #include "host/Types.h"
 
 namespace pelka {
 
 std::string AddressText(const IpAddress& address) {
-  char text[INET6_ADDRSTRLEN] = {};
+  char text[kAddressTextSize];
+  return std::string(text, WriteAddressText(address, text));
+}
+
+size_t WriteAddressText(const IpAddress& address, char (&text)[kAddressTextSize]) {
+  static_assert(kAddressTextSize >= INET6_ADDRSTRLEN);
   const int family = address.version == 6 ? AF_INET6 : AF_INET;
-  if (!inet_ntop(family, address.bytes.data(), text, sizeof text)) return {};
-  return text;
+  if (!inet_ntop(family, address.bytes.data(), text, sizeof text)) return 0;
+  return std::strlen(text);
 }
 
 std::string EndpointText(const FlowEndpoint& endpoint) {
@@ -22,11 +27,20 @@ std::string EndpointText(const FlowEndpoint& endpoint) {
 }
 
 std::string MacText(const FlowEndpoint& endpoint) {
-  if (!endpoint.has_mac) return {};
-  char text[18];
-  const auto& m = endpoint.mac;
-  std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
-  return text;
+  char text[kMacTextSize];
+  return std::string(text, WriteMacText(endpoint, text));
+}
+
+size_t WriteMacText(const FlowEndpoint& endpoint, char (&text)[kMacTextSize]) {
+  if (!endpoint.has_mac) return 0;
+  static const char kHex[] = "0123456789abcdef";
+  char* out = text;
+  for (size_t i = 0; i < endpoint.mac.size(); ++i) {
+    if (i > 0) *out++ = ':';
+    *out++ = kHex[endpoint.mac[i] >> 4];
+    *out++ = kHex[endpoint.mac[i] & 0xF];
+  }
+  return static_cast<size_t>(out - text);
 }
 
 const char* ApplicationName(uint16_t protocol) {

@@ -20,6 +20,13 @@ std::string AddressText(const IpAddress& address);
 std::string EndpointText(const FlowEndpoint& endpoint);
 // "00:11:22:aa:bb:cc"; empty when the side's MAC address is unknown.
 std::string MacText(const FlowEndpoint& endpoint);
+
+// The same texts in a caller's buffer, for writers that make many: the
+// text's length is returned, and nothing is written beyond it.
+constexpr size_t kAddressTextSize = 46;  // the longest IPv6 text and its zero
+constexpr size_t kMacTextSize = 17;
+size_t WriteAddressText(const IpAddress& address, char (&text)[kAddressTextSize]);
+size_t WriteMacText(const FlowEndpoint& endpoint, char (&text)[kMacTextSize]);
 // "SMTP", "POP3", "IMAP4"; empty for another number.
 const char* ApplicationName(uint16_t protocol);
 

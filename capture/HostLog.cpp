@@ -1,9 +1,9 @@
 #include "capture/HostLog.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
 #include <ctime>
-#include <optional>
 
 #include "capture/HostFlow.h"
 #include "capture/OutputFiles.h"
@@ -25,34 +25,42 @@ const char* StandardKey(uint32_t field) {
 
 // What a record keeps of its flow at NewRecord.
 struct FlowView {
-  std::string address[2];  // [0] client, [1] server
-  std::string mac[2];
+  char address[2][kAddressTextSize] = {};  // [0] client, [1] server
+  char mac[2][kMacTextSize] = {};
+  uint8_t address_length[2] = {0, 0};
+  uint8_t mac_length[2] = {0, 0};
   uint16_t port[2] = {0, 0};
+
+  std::string_view Address(int side) const { return {address[side], address_length[side]}; }
+  std::string_view Mac(int side) const { return {mac[side], mac_length[side]}; }
 };
 
-std::string Ipv4Text(uint32_t address) {
-  return std::to_string(address >> 24) + "." + std::to_string((address >> 16) & 0xFF) + "." +
-         std::to_string((address >> 8) & 0xFF) + "." + std::to_string(address & 0xFF);
+// The address as dotted decimal; the text is at most 15 characters.
+uint8_t WriteIpv4Text(uint32_t address, char (&text)[kAddressTextSize]) {
+  char* out = text;
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    if (shift != 24) *out++ = '.';
+    out = std::to_chars(out, text + sizeof text, (address >> shift) & 0xFF).ptr;
+  }
+  return static_cast<uint8_t>(out - text);
 }
 
-FlowView ViewOf(IPelkaFlow* flow) {
-  FlowView view;
-  if (!flow) return view;
+void FillView(IPelkaFlow* flow, FlowView& view) {
+  if (!flow) return;
   if (const auto* host_flow = dynamic_cast<const HostFlow*>(flow)) {
     const TrackedFlow& tracked = host_flow->tracked();
     const FlowEndpoint* sides[2] = {&tracked.client(), &tracked.server()};
     for (int i = 0; i < 2; ++i) {
-      view.address[i] = AddressText(sides[i]->address);
-      view.mac[i] = MacText(*sides[i]);
+      view.address_length[i] = static_cast<uint8_t>(WriteAddressText(sides[i]->address, view.address[i]));
+      view.mac_length[i] = static_cast<uint8_t>(WriteMacText(*sides[i], view.mac[i]));
       view.port[i] = sides[i]->port;
     }
-    return view;
+    return;
   }
-  view.address[0] = Ipv4Text(flow->GetClientAddress());
-  view.address[1] = Ipv4Text(flow->GetServerAddress());
+  view.address_length[0] = WriteIpv4Text(flow->GetClientAddress(), view.address[0]);
+  view.address_length[1] = WriteIpv4Text(flow->GetServerAddress(), view.address[1]);
   view.port[0] = flow->GetClientPort();
   view.port[1] = flow->GetServerPort();
-  return view;
 }
 
 }  // namespace
@@ -124,74 +132,137 @@ class HostLog::Storage final : public IPelkaLogStorage {
 
 // --- Records ---------------------------------------------------------------------
 
+// A record's fields: texts kept one after another in one buffer, numbers in
+// place. A record object is reused for later records once exported.
 class HostLog::Record final : public IPelkaLogRecord {
  public:
-  Record(uint64_t seconds, FlowView flow, size_t columns) : seconds(seconds), flow(std::move(flow)), values(columns) {}
-  ~Record() = default;
+  enum class Kind : uint8_t { kUnset, kText, kNumber, kDouble };
+  struct Field {
+    Kind kind = Kind::kUnset;
+    size_t offset = 0;  // a text's place in texts
+    size_t length = 0;
+    uint64_t number = 0;
+    double real = 0;
+  };
 
-  uint64_t seconds;
-  FlowView flow;
-  std::vector<Value> values;
-};
-
-// The field texts of the records waiting for export, as the export reads them.
-class HostLog::Batch final : public IPelkaLogRecordSet {
- public:
-  explicit Batch(Columns& columns) : columns_(columns) {}
-
-  IPelkaLogColumns* GetColumns() override { return &columns_; }
-  int32_t GetRecordCount() override { return static_cast<int32_t>(records_.size()); }
-  wchar_t* GetFieldText(int32_t record, uint16_t column, uint32_t) override {
-    if (record < 0 || static_cast<size_t>(record) >= records_.size()) return nullptr;
-    const auto& fields = records_[static_cast<size_t>(record)];
-    if (column >= fields.size() || !fields[column]) return nullptr;
-    const std::wstring& text = *fields[column];
-    auto buffer = std::make_unique<wchar_t[]>(text.size() + 1);
-    std::copy(text.begin(), text.end(), buffer.get());
-    return buffer.release();
+  void Reset(uint64_t time, const FlowView& view, size_t columns) {
+    seconds = time;
+    flow = view;
+    fields.assign(columns, Field{});
+    texts.clear();
   }
-
-  void Add(const Record& record) {
-    std::vector<std::optional<std::wstring>> fields(columns_.list.size());
-    for (size_t i = 0; i < fields.size(); ++i) fields[i] = FieldText(*columns_.list[i], record);
-    records_.push_back(std::move(fields));
+  // A text set again leaves its old copy unused in the buffer.
+  void SetText(uint16_t column, std::wstring_view text) {
+    Field& field = fields[column];
+    field.kind = Kind::kText;
+    field.offset = texts.size();
+    field.length = text.size();
+    texts.append(text);
   }
-  void Clear() { records_.clear(); }
-  bool empty() const { return records_.empty(); }
+  std::wstring_view Text(const Field& field) const { return std::wstring_view(texts).substr(field.offset, field.length); }
 
- private:
-  static std::optional<std::wstring> FieldText(const Column& column, const Record& record) {
-    if (column.field() != 0) return Utf8ToWideText(StandardText(column.field(), record));
-    const Value& value = record.values[column.id()];
-    if (const auto* text = std::get_if<std::wstring>(&value)) return *text;
-    if (const auto* number = std::get_if<uint64_t>(&value)) return std::to_wstring(*number);
-    if (const auto* real = std::get_if<double>(&value)) return Utf8ToWideText(FormatDouble(*real));
-    return std::nullopt;
-  }
-
-  Columns& columns_;
-  std::vector<std::vector<std::optional<std::wstring>>> records_;
-
- public:
-  static std::string StandardText(uint32_t field, const Record& record) {
+  // The text of a standard field: the local time, an address, a MAC address
+  // or a port number (written into `digits`); empty for an unknown field.
+  std::string_view StandardText(uint32_t field, std::string_view time, char (&digits)[8]) const {
     switch (field) {
-      case kLogFieldDateTime: return LocalTimeText(record.seconds);
-      case kLogFieldClientMac: return record.flow.mac[0];
-      case kLogFieldServerMac: return record.flow.mac[1];
-      case kLogFieldClientAddress: return record.flow.address[0];
-      case kLogFieldServerAddress: return record.flow.address[1];
-      case kLogFieldClientPort: return std::to_string(record.flow.port[0]);
-      case kLogFieldServerPort: return std::to_string(record.flow.port[1]);
+      case kLogFieldDateTime: return time;
+      case kLogFieldClientMac: return flow.Mac(0);
+      case kLogFieldServerMac: return flow.Mac(1);
+      case kLogFieldClientAddress: return flow.Address(0);
+      case kLogFieldServerAddress: return flow.Address(1);
+      case kLogFieldClientPort:
+      case kLogFieldServerPort: {
+        const uint16_t port = flow.port[field == kLogFieldClientPort ? 0 : 1];
+        return {digits, static_cast<size_t>(std::to_chars(digits, digits + sizeof digits, port).ptr - digits)};
+      }
       default: return {};
     }
   }
+
+  uint64_t seconds = 0;
+  FlowView flow;
+  std::vector<Field> fields;
+  std::wstring texts;
+};
+
+// The records waiting for export, whose field texts the export reads. Texts
+// are made when asked for; the set is only read under the log's lock.
+class HostLog::Batch final : public IPelkaLogRecordSet {
+ public:
+  Batch(Columns& columns, TimeTexts& times) : columns_(columns), times_(times) {}
+
+  IPelkaLogColumns* GetColumns() override { return &columns_; }
+  int32_t GetRecordCount() override { return static_cast<int32_t>(records_.size()); }
+  wchar_t* GetFieldText(int32_t index, uint16_t column, uint32_t) override {
+    if (index < 0 || static_cast<size_t>(index) >= records_.size()) return nullptr;
+    const Record& record = *records_[static_cast<size_t>(index)];
+    // A column declared after the record was opened has no field in it.
+    if (column >= record.fields.size()) return nullptr;
+    if (const uint32_t field = columns_.list[column]->field(); field != 0) {
+      char digits[8];
+      const std::string_view time = field == kLogFieldDateTime ? times_.Text(record.seconds) : std::string_view();
+      return Copy(record.StandardText(field, time, digits));
+    }
+    const Record::Field& value = record.fields[column];
+    switch (value.kind) {
+      case Record::Kind::kText: return Copy(record.Text(value));
+      case Record::Kind::kNumber: {
+        char digits[24];
+        return Copy(std::string_view(digits, std::to_chars(digits, digits + sizeof digits, value.number).ptr));
+      }
+      case Record::Kind::kDouble:
+        number_text_.clear();
+        AppendDouble(number_text_, value.real);
+        return Copy(number_text_);
+      case Record::Kind::kUnset: return nullptr;
+    }
+    return nullptr;
+  }
+
+  void Add(std::unique_ptr<Record> record) { records_.push_back(std::move(record)); }
+  // Hands the exported records over for reuse.
+  void Clear(std::vector<std::unique_ptr<Record>>& spare) {
+    for (auto& record : records_) spare.push_back(std::move(record));
+    records_.clear();
+  }
+  bool empty() const { return records_.empty(); }
+
+ private:
+  // The caller's copy, allocated as the interface promises. Standard and
+  // number texts are ASCII, so each byte is its own wide character.
+  static wchar_t* Copy(std::string_view text) {
+    auto* buffer = new wchar_t[text.size() + 1];
+    std::copy(text.begin(), text.end(), buffer);
+    buffer[text.size()] = L'\0';
+    return buffer;
+  }
+  static wchar_t* Copy(std::wstring_view text) {
+    auto* buffer = new wchar_t[text.size() + 1];
+    std::copy(text.begin(), text.end(), buffer);
+    buffer[text.size()] = L'\0';
+    return buffer;
+  }
+
+  Columns& columns_;
+  TimeTexts& times_;
+  std::vector<std::unique_ptr<Record>> records_;
+  std::string number_text_;
 };
 
 // --- The log -----------------------------------------------------------------------
 
+std::string_view HostLog::TimeTexts::Text(uint64_t seconds) {
+  if (!valid_ || seconds != seconds_) {
+    text_ = LocalTimeText(seconds);
+    seconds_ = seconds;
+    valid_ = true;
+  }
+  return text_;
+}
+
 HostLog::HostLog(const LogOutputs& outputs, bool copies)
     : outputs_(outputs), copies_(copies), columns_(std::make_unique<Columns>()),
-      batch_(std::make_unique<Batch>(*columns_)) {}
+      batch_(std::make_unique<Batch>(*columns_, record_times_)) {}
 
 HostLog::~HostLog() = default;
 
@@ -201,6 +272,7 @@ uint16_t HostLog::AddColumn(const char* key, const wchar_t* caption, uint32_t va
   if (!key || !open_.empty() || columns_->list.size() >= 0x7FFF) return 0xFFFF;
   const auto id = static_cast<uint16_t>(columns_->list.size());
   columns_->list.push_back(std::make_unique<Column>(id, key, caption ? caption : L"", value_kind, 0));
+  if (copy_path_column_ < 0 && std::strcmp(key, kCopyPathKey) == 0) copy_path_column_ = id;
   return id;
 }
 
@@ -235,8 +307,10 @@ uint32_t HostLog::AddEntry(uint64_t seconds, IPelkaFlow*, const wchar_t* kind, c
   // Needs no lock of the log: the line is whole and the file takes turns.
   entries_.fetch_add(1, std::memory_order_relaxed);
   if (!outputs_.entries) return 0;
-  JsonObjectLine line;
-  line.Text("time", LocalTimeText(seconds));
+  const std::lock_guard<std::mutex> lock(entry_mutex_);
+  JsonObjectLine& line = entry_line_;
+  line.Clear();
+  line.Text("time", entry_times_.Text(seconds));
   line.Text("kind", std::wstring_view(kind ? kind : L""));
   line.Text("summary", std::wstring_view(summary ? summary : L""));
   line.Text("group", std::wstring_view(group ? group : L""));
@@ -245,11 +319,18 @@ uint32_t HostLog::AddEntry(uint64_t seconds, IPelkaFlow*, const wchar_t* kind, c
 }
 
 IPelkaLogRecord* HostLog::NewRecord(uint64_t seconds, IPelkaFlow* flow, uint32_t) {
-  auto record = std::make_unique<Record>(seconds, ViewOf(flow), columns_->list.size());
-  IPelkaLogRecord* handle = record.get();
+  FlowView view;
+  FillView(flow, view);
   const std::lock_guard<std::mutex> lock(mutex_);
-  open_.push_back(std::move(record));
-  return handle;
+  if (spare_.empty()) {
+    open_.push_back(std::make_unique<Record>());
+  } else {
+    open_.push_back(std::move(spare_.back()));
+    spare_.pop_back();
+  }
+  Record& record = *open_.back();
+  record.Reset(seconds, view, columns_->list.size());
+  return &record;
 }
 
 HostLog::Record* HostLog::FindOpen(IPelkaLogRecord* record) {
@@ -258,60 +339,76 @@ HostLog::Record* HostLog::FindOpen(IPelkaLogRecord* record) {
   return nullptr;
 }
 
-uint32_t HostLog::Set(IPelkaLogRecord* handle, uint16_t column, Value value) {
+template <typename SetValue>
+uint32_t HostLog::Set(IPelkaLogRecord* handle, uint16_t column, SetValue set_value) {
   const std::lock_guard<std::mutex> lock(mutex_);
   Record* record = FindOpen(handle);
-  if (!record || column >= record->values.size() || columns_->list[column]->field() != 0) return kStatusRefused;
-  record->values[column] = std::move(value);
+  if (!record || column >= record->fields.size() || columns_->list[column]->field() != 0) return kStatusRefused;
+  set_value(*record, column);
   return 0;
 }
 
 uint32_t HostLog::SetDouble(IPelkaLogRecord* record, uint16_t column, double value) {
-  return Set(record, column, value);
+  return Set(record, column, [value](Record& open, uint16_t id) {
+    open.fields[id].kind = Record::Kind::kDouble;
+    open.fields[id].real = value;
+  });
 }
 
 uint32_t HostLog::SetText(IPelkaLogRecord* record, uint16_t column, const wchar_t* value) {
-  return Set(record, column, std::wstring(value ? value : L""));
+  const std::wstring_view text(value ? value : L"");
+  return Set(record, column, [text](Record& open, uint16_t id) { open.SetText(id, text); });
 }
 
 uint32_t HostLog::SetNumber(IPelkaLogRecord* record, uint16_t column, uint64_t value) {
-  return Set(record, column, value);
+  return Set(record, column, [value](Record& open, uint16_t id) {
+    open.fields[id].kind = Record::Kind::kNumber;
+    open.fields[id].number = value;
+  });
 }
 
-std::string HostLog::RecordLine(const Record& record) const {
-  JsonObjectLine line;
+void HostLog::BuildRecordLine(const Record& record) {
+  JsonObjectLine& line = record_line_;
+  line.Clear();
   for (const auto& column : columns_->list) {
     const uint32_t field = column->field();
     if (field == kLogFieldClientPort || field == kLogFieldServerPort) {
       line.Number(column->key(), record.flow.port[field == kLogFieldClientPort ? 0 : 1]);
     } else if (field != 0) {
-      const std::string text = Batch::StandardText(field, record);
+      char digits[8];
+      const std::string_view time = field == kLogFieldDateTime ? record_times_.Text(record.seconds) : std::string_view();
+      const std::string_view text = record.StandardText(field, time, digits);
       // A MAC address the capture did not show is left out.
       if (!text.empty() || field == kLogFieldDateTime) line.Text(column->key(), text);
     } else {
-      const Value& value = record.values[column->GetId()];
-      if (const auto* text = std::get_if<std::wstring>(&value)) line.Text(column->key(), std::wstring_view(*text));
-      if (const auto* number = std::get_if<uint64_t>(&value)) line.Number(column->key(), *number);
-      if (const auto* real = std::get_if<double>(&value)) line.Double(column->key(), *real);
+      const Record::Field& value = record.fields[column->id()];
+      switch (value.kind) {
+        case Record::Kind::kText: line.Text(column->key(), record.Text(value)); break;
+        case Record::Kind::kNumber: line.Number(column->key(), value.number); break;
+        case Record::Kind::kDouble: line.Double(column->key(), value.real); break;
+        case Record::Kind::kUnset: break;
+      }
     }
   }
-  return line.Finish();
 }
 
 uint32_t HostLog::PostRecord(IPelkaLogRecord* handle) {
   const std::lock_guard<std::mutex> lock(mutex_);
   const auto found = std::find_if(open_.begin(), open_.end(), [handle](const auto& r) { return r.get() == handle; });
   if (found == open_.end()) return kStatusRefused;
-  const std::unique_ptr<Record> record = std::move(*found);
+  std::unique_ptr<Record> record = std::move(*found);
   open_.erase(found);
 
   posted_.fetch_add(1, std::memory_order_relaxed);
-  if (const Column* copy_path = columns_->Find(kCopyPathKey)) {
-    const auto* text = std::get_if<std::wstring>(&record->values[copy_path->id()]);
-    if (text && !text->empty()) copies_written_.fetch_add(1, std::memory_order_relaxed);
+  if (copy_path_column_ >= 0 && static_cast<size_t>(copy_path_column_) < record->fields.size()) {
+    const Record::Field& path = record->fields[static_cast<size_t>(copy_path_column_)];
+    if (path.kind == Record::Kind::kText && path.length > 0) copies_written_.fetch_add(1, std::memory_order_relaxed);
   }
-  if (outputs_.records) outputs_.records->WriteLine(RecordLine(*record));
-  batch_->Add(*record);
+  if (outputs_.records) {
+    BuildRecordLine(*record);
+    outputs_.records->WriteLine(record_line_.Finish());
+  }
+  batch_->Add(std::move(record));
   if (batch_->GetRecordCount() >= kExportBatch) Export(!header_written_);
   return 0;
 }
@@ -322,16 +419,17 @@ void HostLog::Export(bool header) {
     const PelkaLogExportFn export_fn = (*found)->export_fn();
     // The comma-separated form is 0; any other number asks for the text form.
     const std::pair<uint32_t, OutputFile*> forms[] = {{0, outputs_.csv}, {1, outputs_.text}};
-    std::wstring lines;
     for (const auto& [format, file] : forms) {
       if (!file) continue;
-      lines.clear();
-      export_fn(batch_.get(), format, header ? 1 : 0, lines);
-      if (!lines.empty()) file->Write(WideToUtf8(lines));
+      export_lines_.clear();
+      export_fn(batch_.get(), format, header ? 1 : 0, export_lines_);
+      if (export_lines_.empty()) continue;
+      WideToMultiByte(kCodePageUtf8, export_lines_, export_utf8_);
+      file->Write(export_utf8_);
     }
     header_written_ = true;
   }
-  batch_->Clear();
+  batch_->Clear(spare_);
 }
 
 void HostLog::Finish() {

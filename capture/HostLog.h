@@ -13,16 +13,22 @@
 // - The export lines: the first storage kind with an export callback is asked
 //   for both forms (comma-separated into the CSV file, text into the text
 //   file) over the posted records, in batches of kExportBatch as records are
-//   posted and for the rest at Finish. Only the field texts of a batch are
-//   kept, so memory does not grow with the capture. The first batch (or, with
-//   no record at all, Finish) asks for the header line.
+//   posted and for the rest at Finish. Only the records of a batch are kept,
+//   so memory does not grow with the capture; the export's field texts are
+//   made from them when asked for. The first batch (or, with no record at
+//   all, Finish) asks for the header line.
 // - Storage: the log is always saving (GetSaveMode 2); the storage kind keyed
 //   "email_copy" is enabled only when copies are on; every storage kind's
 //   folder is its key; the storage root is the output directory.
 // - Threads: logs, columns and storage kinds are made before flows are
 //   handled. Records and entries may then come from several threads at once:
 //   each log keeps its open records and export batch under its own lock, and
-//   the export callback is only ever called under it.
+//   the export callback is only ever called under it. Entries are written
+//   under a lock of their own.
+// - Cost: a record is made, filled and written without allocating once the
+//   log has run a while. Records are reused after their export, their field
+//   texts are kept in one buffer per record, and the lines are built in
+//   buffers the log keeps.
 #pragma once
 
 #include <cstdint>
@@ -30,14 +36,13 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <variant>
+#include <string_view>
 #include <vector>
 
+#include "capture/OutputFiles.h"
 #include "host/LogInterfaces.h"
 
 namespace pelka {
-
-class OutputFile;
 
 // Where the log service writes. Any file may be null (nothing written there).
 struct LogOutputs {
@@ -118,21 +123,44 @@ class HostLog final : public IPelkaLog {
   class Storage;
   class Record;
   class Batch;
-  using Value = std::variant<std::monostate, std::wstring, uint64_t, double>;
+
+  // Local time texts of the last second asked for: records come in time
+  // order, many in the same second.
+  class TimeTexts {
+   public:
+    std::string_view Text(uint64_t seconds);
+
+   private:
+    bool valid_ = false;
+    uint64_t seconds_ = 0;
+    std::string text_;
+  };
 
   Record* FindOpen(IPelkaLogRecord* record);
-  uint32_t Set(IPelkaLogRecord* record, uint16_t column, Value value);
-  std::string RecordLine(const Record& record) const;
+  template <typename SetValue>
+  uint32_t Set(IPelkaLogRecord* record, uint16_t column, SetValue set_value);
+  void BuildRecordLine(const Record& record);
   void Export(bool header);
 
   LogOutputs outputs_;
   bool copies_;
-  std::mutex mutex_;  // guards the open records, the batch and the export
+  std::mutex mutex_;  // guards the open records, the batch, the export and the buffers below
   std::unique_ptr<Columns> columns_;
+  int32_t copy_path_column_ = -1;
   std::vector<std::unique_ptr<Storage>> storages_;
   std::vector<std::unique_ptr<Record>> open_;
+  std::vector<std::unique_ptr<Record>> spare_;  // exported records, for reuse
   std::unique_ptr<Batch> batch_;
   bool header_written_ = false;
+  TimeTexts record_times_;
+  JsonObjectLine record_line_;
+  std::wstring export_lines_;
+  std::string export_utf8_;
+
+  std::mutex entry_mutex_;  // guards the buffers of the entry lines
+  TimeTexts entry_times_;
+  JsonObjectLine entry_line_;
+
   std::atomic<uint64_t> posted_{0};
   std::atomic<uint64_t> entries_{0};
   std::atomic<uint64_t> copies_written_{0};

@@ -64,7 +64,7 @@ class OutputFile {
   uint64_t lines() const { return lines_.load(std::memory_order_relaxed); }
 
  private:
-  bool WriteLocked(std::string_view text);
+  bool WriteLocked(std::string_view text, bool add_line_end);
   bool FlushLocked();
   bool CloseLocked();
 
@@ -77,7 +77,6 @@ class OutputFile {
   std::string path_;
   std::string error_;
   std::atomic<bool> failed_{false};
-  std::string line_;  // reused buffer of WriteLine
   std::atomic<uint64_t> lines_{0};
   uint64_t complete_bytes_ = 0;  // bytes of the whole lines written so far
   std::string pending_;          // whole lines taken, not yet written
@@ -92,10 +91,15 @@ class OutputFile {
 // JSON text pieces. Texts must be UTF-8; control characters, quotes and
 // backslashes are escaped, every other byte is copied.
 void AppendJsonString(std::string& out, std::string_view utf8);
+// The same for wide text, written as its UTF-8 form (WideToUtf8) would be.
+void AppendJsonString(std::string& out, std::wstring_view text);
 
 // Builds one JSON object on one line, keys in the order they are added.
 class JsonObjectLine {
  public:
+  // Starts a new object in the same buffer, for writers that build many.
+  void Clear();
+
   JsonObjectLine& Text(std::string_view key, std::string_view utf8);
   JsonObjectLine& Text(std::string_view key, std::wstring_view text);
   JsonObjectLine& Number(std::string_view key, uint64_t value);
@@ -117,5 +121,7 @@ class JsonObjectLine {
 
 // A double in the shortest form that reads back to the same value.
 std::string FormatDouble(double value);
+// FormatDouble appended to `out`.
+void AppendDouble(std::string& out, double value);
 
 }  // namespace pelka

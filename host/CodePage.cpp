@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <unordered_map>
 
@@ -164,6 +165,46 @@ void RunIconv(iconv_t handle, const char* input, size_t input_length, size_t uni
   out.resize(out_used);
 }
 
+// Well-formed UTF-8 (shortest forms, no surrogates, nothing above U+10FFFF)
+// has one reading, which is decoded here without the converter's per-call
+// cost. False at anything else; the converter then decides what it means.
+bool DecodeWellFormedUtf8(std::string_view bytes, std::wstring& out) {
+  out.resize(bytes.size());
+  wchar_t* wide = out.data();
+  const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
+  const auto* const end = p + bytes.size();
+  while (p < end) {
+    const uint32_t lead = *p;
+    if (lead < 0x80) {
+      *wide++ = static_cast<wchar_t>(lead);
+      ++p;
+      continue;
+    }
+    ptrdiff_t followers = 0;
+    uint32_t c = 0;
+    uint32_t smallest = 0;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+      followers = 1, c = lead & 0x1F, smallest = 0x80;
+    } else if ((lead & 0xF0) == 0xE0) {
+      followers = 2, c = lead & 0x0F, smallest = 0x800;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+      followers = 3, c = lead & 0x07, smallest = 0x10000;
+    } else {
+      return false;
+    }
+    if (end - p <= followers) return false;
+    for (ptrdiff_t i = 1; i <= followers; ++i) {
+      if ((p[i] & 0xC0) != 0x80) return false;
+      c = (c << 6) | (p[i] & 0x3F);
+    }
+    if (c < smallest || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) return false;
+    *wide++ = static_cast<wchar_t>(c);
+    p += followers + 1;
+  }
+  out.resize(static_cast<size_t>(wide - out.data()));
+  return true;
+}
+
 }  // namespace
 
 bool SetAnsiCodePage(unsigned code_page) {
@@ -188,8 +229,10 @@ void MultiByteToWide(unsigned code_page, std::string_view bytes, std::wstring& o
     out.assign(bytes.begin(), bytes.end());
     return;
   }
+  if (ResolveCodePage(code_page) == kCodePageUtf8 && DecodeWellFormedUtf8(bytes, out)) return;
   iconv_t handle = ThreadConverter(ResolveCodePage(code_page), Direction::kToWide);
   if (handle == kNoHandle) {
+    out.clear();
     WidenWithoutConverter(bytes, out);
     return;
   }
@@ -208,25 +251,30 @@ std::wstring MultiByteToWide(unsigned code_page, std::string_view bytes) {
 // the converter would, without its per-call cost. Non-scalar values become
 // '?', as they do on the converter's path.
 void EncodeUtf8(std::wstring_view text, std::string& out) {
-  out.reserve(text.size() * 3);
+  // Written through a pointer into room for the longest form, then cut to
+  // what was written: appending byte by byte cost more than the encoding.
+  const size_t start = out.size();
+  out.resize(start + text.size() * 4);
+  char* bytes = out.data() + start;
   for (wchar_t wide : text) {
     const auto c = static_cast<uint32_t>(IsScalarValue(wide) ? wide : L'?');
     if (c < 0x80) {
-      out += static_cast<char>(c);
+      *bytes++ = static_cast<char>(c);
     } else if (c < 0x800) {
-      out += static_cast<char>(0xC0 | (c >> 6));
-      out += static_cast<char>(0x80 | (c & 0x3F));
+      *bytes++ = static_cast<char>(0xC0 | (c >> 6));
+      *bytes++ = static_cast<char>(0x80 | (c & 0x3F));
     } else if (c < 0x10000) {
-      out += static_cast<char>(0xE0 | (c >> 12));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
+      *bytes++ = static_cast<char>(0xE0 | (c >> 12));
+      *bytes++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      *bytes++ = static_cast<char>(0x80 | (c & 0x3F));
     } else {
-      out += static_cast<char>(0xF0 | (c >> 18));
-      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
+      *bytes++ = static_cast<char>(0xF0 | (c >> 18));
+      *bytes++ = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+      *bytes++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      *bytes++ = static_cast<char>(0x80 | (c & 0x3F));
     }
   }
+  out.resize(static_cast<size_t>(bytes - out.data()));
 }
 
 void WideToMultiByte(unsigned code_page, std::wstring_view text, std::string& out) {

@@ -62,8 +62,8 @@ struct JoinedWords {
 
 // Joins the payloads of every word. A prefix without a closing "?=" after it
 // still names the form but ends the scan: nothing after it is a word.
-std::optional<JoinedWords> JoinWords(std::string_view text, std::string_view lower) {
-  PrefixScanner<char, kPrefixes.size()> scanner(lower, kPrefixes);
+std::optional<JoinedWords> JoinWords(std::string_view text) {
+  PrefixScanner<char, kPrefixes.size()> scanner(text, kPrefixes);
   auto match = scanner.FindFrom(0);
   if (!match) return std::nullopt;
 
@@ -97,9 +97,8 @@ std::string DecodePayload(const JoinedWords& words) {
 void DecodeEncodedWords(std::string& text, std::wstring& output) {
   text.resize(UpToZero(text).size());
   ReplaceLineBreaksWithBlanks(text);
-  const std::string lower = AsciiLowerCopy<char>(text);
 
-  const std::optional<JoinedWords> words = JoinWords(text, lower);
+  const std::optional<JoinedWords> words = JoinWords(text);
   if (!words) {
     MultiByteToWide(kCodePageThreadAnsi, text, output);
     return;

@@ -64,43 +64,78 @@ bool IsFilled(const CEmailFlowContext& c, Field field) {
   return true;
 }
 
-// Wide text back to the multi-byte form that the encoded-word decoder reads.
-std::string ToAnsiBytes(std::wstring_view text) { return WideToMultiByte(kCodePageThreadAnsi, text); }
-
-std::wstring Decoded(std::wstring_view text) {
-  std::string bytes = ToAnsiBytes(text);
+// Buffers one extraction reuses from field to field.
+struct Scratch {
+  std::wstring value;
+  std::wstring name;
+  std::wstring address;
   std::wstring decoded;
-  DecodeEncodedWords(bytes, decoded);
-  return decoded;
+  std::string bytes;
+};
+
+// ASCII text without "=?": every encoded-word prefix starts with it, and
+// ASCII goes to bytes and back unchanged in every code page.
+bool IsPlainAscii(std::wstring_view text) {
+  for (const wchar_t c : text) {
+    if (c < 0 || c >= 0x80) return false;
+  }
+  return text.find(L"=?") == std::wstring_view::npos;
 }
 
-void SetIfEmpty(std::wstring& field, std::wstring value) {
-  if (field.empty()) field = std::move(value);
+// The text's multi-byte form (the ANSI code page) through the encoded-word
+// decoder, into `out`, which is emptied first. Plain ASCII gets what the
+// decoder does to any text without words, without the round trip: the text
+// ends at its first zero and each CR LF becomes one blank.
+void DecodeInto(std::wstring_view text, std::wstring& out, std::string& bytes) {
+  out.clear();
+  if (!IsPlainAscii(text)) {
+    WideToMultiByte(kCodePageThreadAnsi, text, bytes);
+    DecodeEncodedWords(bytes, out);
+    return;
+  }
+  text = text.substr(0, text.find(L'\0'));
+  size_t start = 0;
+  for (size_t at = text.find(L"\r\n"); at != std::wstring_view::npos; at = text.find(L"\r\n", start)) {
+    out.append(text.substr(start, at - start)).append(1, L' ');
+    start = at + 2;
+  }
+  out.append(text.substr(start));
 }
 
-void FillField(CEmailFlowContext& c, Field field, const std::wstring& name, const std::wstring& address) {
+// Fills the field from the split value. Every field but From's and To's two
+// is empty here (IsFilled), and those two are only filled while empty.
+void FillField(CEmailFlowContext& c, Field field, Scratch& s) {
+  const std::wstring& name = s.name;
+  const std::wstring& address = s.address;
   switch (field) {
     case Field::kFrom:
-      SetIfEmpty(c.sender_name, Decoded(name));
-      SetIfEmpty(c.sender_address, Decoded(address));
+      if (c.sender_name.empty()) DecodeInto(name, c.sender_name, s.bytes);
+      if (c.sender_address.empty()) DecodeInto(address, c.sender_address, s.bytes);
       return;
     case Field::kTo:
-      SetIfEmpty(c.receiver_name, Decoded(name));
-      SetIfEmpty(c.receiver_address, Decoded(address));
+      if (c.receiver_name.empty()) DecodeInto(name, c.receiver_name, s.bytes);
+      if (c.receiver_address.empty()) DecodeInto(address, c.receiver_address, s.bytes);
       return;
     case Field::kCc:
-      c.cc = name.empty() ? Decoded(address) : L"\"" + Decoded(name) + L"\"<" + Decoded(address) + L">";
+      if (name.empty()) {
+        DecodeInto(address, c.cc, s.bytes);
+        return;
+      }
+      DecodeInto(name, s.decoded, s.bytes);
+      c.cc.assign(L"\"").append(s.decoded).append(L"\"<");
+      DecodeInto(address, s.decoded, s.bytes);
+      c.cc.append(s.decoded).append(L">");
       return;
-    case Field::kReturnPath: c.return_path = Decoded(address); return;
-    case Field::kEnvelopeTo: c.envelope_to = Decoded(address); return;
-    case Field::kSubject: c.subject = Decoded(address); return;
+    case Field::kReturnPath: DecodeInto(address, c.return_path, s.bytes); return;
+    case Field::kEnvelopeTo: DecodeInto(address, c.envelope_to, s.bytes); return;
+    case Field::kSubject: DecodeInto(address, c.subject, s.bytes); return;
     case Field::kDate: c.sent_time = address; return;
     case Field::kMailer: c.mailer = address; return;
     case Field::kOther: return;
   }
 }
 
-void ExtractHeaderField(CEmailFlowContext& context, CEmailFlowDataImpl& data, uint32_t index) {
+void ExtractHeaderField(CEmailFlowContext& context, CEmailFlowDataImpl& data, uint32_t index, Scratch& scratch) {
   const char* raw_name = data.GetHeaderName(index);
   if (!raw_name) return;
   const Field field = FieldOf(raw_name);
@@ -108,10 +143,11 @@ void ExtractHeaderField(CEmailFlowContext& context, CEmailFlowDataImpl& data, ui
   // The name's copy is gone once the value is asked for.
   const char* raw_value = data.GetHeaderValue(index);
   if (!raw_value) return;
-  std::wstring name;
-  std::wstring address;
-  SplitNameAndAddress(context, AnsiToWide(raw_value), name, address);
-  FillField(context, field, name, address);
+  MultiByteToWide(kCodePageThreadAnsi, raw_value, scratch.value);
+  scratch.name.clear();
+  scratch.address.clear();
+  SplitNameAndAddress(context, scratch.value, scratch.name, scratch.address);
+  FillField(context, field, scratch);
 }
 
 void MeasureMessage(CEmailFlowContext& context, CEmailFlowDataImpl& data) {
@@ -174,7 +210,8 @@ void ExtractMailHeaders(CEmailFlowContext& context, int protocol) {
 
   data.IndexHeader(0, -1, nullptr);
   const uint32_t count = data.GetHeaderCount();
-  for (uint32_t i = 0; i < count; ++i) ExtractHeaderField(context, data, i);
+  Scratch scratch;
+  for (uint32_t i = 0; i < count; ++i) ExtractHeaderField(context, data, i, scratch);
   ScanAttachments(context, data);
 }
 

@@ -21,13 +21,12 @@ constexpr size_t npos = std::wstring_view::npos;
 std::wstring WithoutLineBreaks(std::wstring_view value) {
   std::wstring text;
   text.reserve(value.size());
-  for (size_t i = 0; i < value.size(); ++i) {
-    if (value[i] == L'\r' && i + 1 < value.size() && value[i + 1] == L'\n') {
-      ++i;
-      continue;
-    }
-    text.push_back(value[i]);
+  size_t start = 0;
+  for (size_t at = value.find(L"\r\n"sv); at != npos; at = value.find(L"\r\n"sv, start)) {
+    text.append(value.substr(start, at - start));
+    start = at + 2;
   }
+  text.append(value.substr(start));
   return text;
 }
 
@@ -53,15 +52,14 @@ void SplitRest(std::wstring_view rest, std::wstring& display_name, std::wstring&
 
 // Decodes every word into the display name. Returns what is left for the
 // split, or nothing when a word without payload ended the routine.
-std::optional<std::wstring_view> DecodeWords(const SplitScratch& scratch, std::wstring_view text,
-                                             std::wstring_view lower, size_t kind, size_t position,
-                                             std::wstring& display_name) {
-  PrefixScanner<wchar_t, kPrefixes.size()> scanner(lower, kPrefixes);
+std::optional<std::wstring_view> DecodeWords(const SplitScratch& scratch, std::wstring_view text, size_t kind,
+                                             size_t position, std::wstring& display_name) {
+  PrefixScanner<wchar_t, kPrefixes.size()> scanner(text, kPrefixes);
   size_t cut = 0;  // everything before has been consumed
   for (;;) {
     display_name.append(text.substr(cut, position - cut));
     cut = position + kPrefixes[kind].size();
-    const size_t end = lower.find(kWordEnd, cut);
+    const size_t end = text.find(kWordEnd, cut);
     if (end == npos || end == cut) {
       display_name.append(text.substr(cut));
       return std::nullopt;
@@ -99,18 +97,18 @@ std::optional<std::wstring_view> TakePlainName(std::wstring_view text, std::wstr
 
 void SplitNameAndAddress(const SplitScratch& scratch, std::wstring_view value, std::wstring& display_name,
                          std::wstring& address) {
-  const std::wstring text = WithoutLineBreaks(value);
-  const std::wstring lower = AsciiLowerCopy<wchar_t>(text);
-
-  PrefixScanner<wchar_t, kPrefixes.size()> first_scan(lower, kPrefixes);
-  const auto first = first_scan.FindFrom(0);
+  // A copy is made only for a value with line breaks, which few have.
+  std::wstring joined;
+  const std::wstring_view text =
+      value.find(L"\r\n"sv) == npos ? value : std::wstring_view(joined = WithoutLineBreaks(value));
+  const auto first = PrefixScanner<wchar_t, kPrefixes.size()>(text, kPrefixes).FindFrom(0);
   std::optional<std::wstring_view> rest;
   if (first) {
-    if (lower.find(kWordEnd) == npos) {
+    if (text.find(kWordEnd) == npos) {
       address = text;
       return;
     }
-    rest = DecodeWords(scratch, text, lower, first->form, first->position, display_name);
+    rest = DecodeWords(scratch, text, first->form, first->position, display_name);
   } else {
     rest = TakePlainName(text, display_name, address);
   }

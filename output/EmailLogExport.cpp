@@ -1,6 +1,8 @@
 #include "output/EmailLogExport.h"
 
+#include <algorithm>
 #include <array>
+#include <cstddef>
 
 namespace pelka {
 namespace {
@@ -61,8 +63,8 @@ bool LookUpColumnIds(IPelkaLogColumns* columns, std::array<uint16_t, kExportKeys
   return true;
 }
 
-std::wstring BuildHeader(IPelkaLogColumns* columns, bool csv) {
-  std::wstring header;
+void BuildHeader(IPelkaLogColumns* columns, bool csv, std::wstring& header) {
+  header.clear();
   for (size_t i = 0; i < kExportColumns.size(); ++i) {
     if (i > 0) header += csv ? L", " : L" ";
     IPelkaLogColumn* column = columns->GetColumnAt(kExportColumns[i].caption_position);
@@ -70,34 +72,33 @@ std::wstring BuildHeader(IPelkaLogColumns* columns, bool csv) {
     if (caption) header += caption;
   }
   header += L"\r\n";
-  return header;
 }
 
 void AppendCsvValue(std::wstring& line, const wchar_t* value) {
-  for (; *value; ++value) line += *value == L',' ? kFullwidthComma : *value;
+  const size_t start = line.size();
+  line += value;
+  std::replace(line.begin() + static_cast<std::ptrdiff_t>(start), line.end(), L',', kFullwidthComma);
 }
 
-// One record's line. The field buffers are the host's allocations, handed over
-// to us; they are freed when the line is made.
-std::wstring BuildRecordLine(IPelkaLogRecordSet* records, int32_t index,
-                             const std::array<uint16_t, kExportKeys.size()>& ids, bool csv) {
+// One record's line, appended to `out`. The field buffers are the host's
+// allocations, handed over to us; they are freed when the line is made.
+void AppendRecordLine(IPelkaLogRecordSet* records, int32_t index, const std::array<uint16_t, kExportKeys.size()>& ids,
+                      bool csv, std::wstring& out) {
   std::array<FieldText, kExportColumns.size()> fields;
   for (size_t i = 0; i < kExportColumns.size(); ++i)
     fields[i].reset(records->GetFieldText(index, ids[kExportColumns[i].key_index], 0));
 
-  std::wstring line;
   for (size_t i = 0; i < kExportColumns.size(); ++i) {
     const wchar_t* value = fields[i] ? fields[i].get() : L"";
     if (!csv) {
-      line += value;
-      line += kExportColumns[i].text_separator;
+      out += value;
+      out += kExportColumns[i].text_separator;
       continue;
     }
-    if (i > 0) line += L", ";
-    AppendCsvValue(line, value);
+    if (i > 0) out += L", ";
+    AppendCsvValue(out, value);
   }
-  if (csv) line += L"\r\n";
-  return line;
+  if (csv) out += L"\r\n";
 }
 
 }  // namespace
@@ -110,17 +111,15 @@ void FormatEmailLogLines(IPelkaLogRecordSet* records, uint32_t format, uint32_t 
   if (!LookUpColumnIds(columns, ids)) return;
 
   const bool csv = IsCsv(format);
-  std::wstring result;
   std::wstring& cached = CachedHeader();
   if (cached.empty() || header_wanted != 0) {
-    cached = BuildHeader(columns, csv);
-    result = cached;
+    BuildHeader(columns, csv, cached);
+    out = cached;
   }
   // The count is read again for every record: the set may grow while it is
-  // exported.
-  for (int32_t index = 0; index < records->GetRecordCount(); ++index)
-    result += BuildRecordLine(records, index, ids, csv);
-  out = std::move(result);
+  // exported. The lines go straight into `out`, whose buffer the caller may
+  // keep from call to call.
+  for (int32_t index = 0; index < records->GetRecordCount(); ++index) AppendRecordLine(records, index, ids, csv, out);
 }
 
 void ResetEmailLogHeaderCache() { CachedHeader().clear(); }

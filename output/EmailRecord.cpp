@@ -1,4 +1,5 @@
 // The email log record of one finished message, and its summary entry.
+#include <charconv>
 #include <string>
 
 #include "flow/EmailFlowContext.h"
@@ -35,13 +36,21 @@ const wchar_t* ProtocolName(uint16_t server_port, uint16_t client_port) {
 }
 
 // "a.b.c.d:port", or "[address]:port" for a flow that gives its address as
-// text (IPv6).
-std::wstring Endpoint(const CTQDataFormat& format, IPelkaFlow* flow, uint32_t side, uint32_t address,
-                      uint16_t port) {
+// text (IPv6), into `out`.
+void WriteEndpoint(const CTQDataFormat& format, IPelkaFlow* flow, uint32_t side, uint32_t address, uint16_t port,
+                   std::wstring& out) {
+  out.clear();
   if (const wchar_t* text = flow ? flow->GetAddressText(side) : nullptr) {
-    return L"[" + std::wstring(text) + L"]:" + std::to_wstring(port);
+    out += L'[';
+    out += text;
+    out += L"]:";
+  } else {
+    out += format.FormatIpAddress(address);
+    out += L':';
   }
-  return format.FormatIpAddress(address) + L":" + std::to_wstring(port);
+  char digits[8];
+  const char* end = std::to_chars(digits, digits + sizeof digits, port).ptr;
+  out.append(static_cast<const char*>(digits), end);
 }
 
 const wchar_t* NodeText(const wchar_t* text) { return text ? text : L""; }
@@ -67,9 +76,9 @@ void CPelkaEmailModule::PostEmailRecord(IPelkaFlow* flow, CEmailFlowContext& con
   const uint16_t client_port = flow ? flow->GetClientPort() : 0;
   const uint16_t server_port = flow ? flow->GetServerPort() : 0;
   const CTQDataFormat format;
-  context.server_endpoint = Endpoint(format, flow, kFromServer, server_address, server_port);
+  WriteEndpoint(format, flow, kFromServer, server_address, server_port, context.server_endpoint);
   log->SetText(record, id[kColumnServer], context.server_endpoint.c_str());
-  context.client_endpoint = Endpoint(format, flow, kFromClient, client_address, client_port);
+  WriteEndpoint(format, flow, kFromClient, client_address, client_port, context.client_endpoint);
   log->SetText(record, id[kColumnClient], context.client_endpoint.c_str());
   if (const wchar_t* protocol = ProtocolName(server_port, client_port))
     log->SetText(record, id[kColumnProtocol], protocol);
@@ -93,7 +102,9 @@ void CPelkaEmailModule::PostEmailRecord(IPelkaFlow* flow, CEmailFlowContext& con
   log->SetText(record, id[kColumnGroup], group);
   log->PostRecord(record);
 
-  const std::wstring summary = sender + L" To " + receiver;
+  std::wstring summary;
+  summary.reserve(sender.size() + receiver.size() + 4);
+  summary.append(sender).append(L" To ").append(receiver);
   log->AddEntry(seconds, flow, L"Email", summary.c_str(), group);
 }
 
