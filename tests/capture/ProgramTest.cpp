@@ -7,7 +7,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -317,57 +316,25 @@ TEST_F(ProgramTest, CorpusCapturesGiveTheirMessages) {
   }
 }
 
-// ---------------------------------------------------------------------------
-// One capture split in two files, the cut inside a conversation.
-
-struct PcapFrame {
-  uint32_t seconds, microseconds;
-  std::string bytes;
-};
-
-// Frames of a little-endian microsecond pcap file.
-std::vector<PcapFrame> PcapFrames(const std::string& file) {
-  std::vector<PcapFrame> frames;
-  for (size_t at = 24; at + 16 <= file.size();) {
-    uint32_t header[4];
-    std::memcpy(header, file.data() + at, sizeof header);
-    frames.push_back({header[0], header[1], file.substr(at + 16, header[2])});
-    at += 16 + header[2];
-  }
-  return frames;
-}
-
-std::string Pcap(const std::string& file_header, const std::vector<PcapFrame>& frames) {
-  std::string out = file_header;
-  for (const PcapFrame& frame : frames) {
-    for (uint32_t word : {frame.seconds, frame.microseconds, static_cast<uint32_t>(frame.bytes.size()),
-                          static_cast<uint32_t>(frame.bytes.size())}) {
-      test::PutLe32(out, word);
-    }
-    out += frame.bytes;
-  }
-  return out;
-}
-
+// A capture split in two files, the cut inside a message: the flow goes on
+// across the files and the records are those of the whole capture.
 TEST_F(ProgramTest, ACaptureSplitInTwoFilesGivesTheSameRecords) {
-  const std::string sample = ReadWholeFile(kSample);
-  const std::vector<PcapFrame> frames = PcapFrames(sample);
-  ASSERT_EQ(frames.size(), 82u);
-  const auto half = frames.begin() + 41;  // in the middle of the POP3 conversation
-  const fs::path first = dir_ / "first.pcap";
-  const fs::path second = dir_ / "second.pcap";
-  test::WriteWholeFile(first, Pcap(sample.substr(0, 24), {frames.begin(), half}));
-  test::WriteWholeFile(second, Pcap(sample.substr(0, 24), {half, frames.end()}));
-
+  const std::vector<test::Frame> frames = test::SmtpSession(40000, "Split", 20000);
+  const size_t half = frames.size() / 2;  // the body's 15 packets fill the middle of the session
+  test::WriteWholeFile(dir_ / "whole.pcap", test::PcapFileHeader() + test::PcapRecords(frames));
+  test::WriteWholeFile(dir_ / "first.pcap",
+                       test::PcapFileHeader() + test::PcapRecords({frames.begin(), frames.begin() + half}));
+  test::WriteWholeFile(dir_ / "second.pcap",
+                       test::PcapFileHeader() + test::PcapRecords({frames.begin() + half, frames.end()}, half));
   const auto records_of = [this](std::vector<std::string> inputs) {
     fs::remove_all(Out());
     inputs.insert(inputs.begin(), {"-q", "-o", Out()});
     EXPECT_EQ(Run(inputs).status, kExitDone);
     return ReadWholeFile(fs::path(Out()) / "emails.jsonl");
   };
-  const std::string whole = records_of({kSample.string()});
-  EXPECT_EQ(LineCount(fs::path(Out()) / "emails.jsonl"), 3u);
-  EXPECT_EQ(records_of({first.string(), second.string()}), whole);
+  const std::string whole = records_of({(dir_ / "whole.pcap").string()});
+  EXPECT_EQ(test::RecordedSubjects(Out()), std::vector<std::string>{"Split"});
+  EXPECT_EQ(records_of({(dir_ / "first.pcap").string(), (dir_ / "second.pcap").string()}), whole);
 }
 
 // ---------------------------------------------------------------------------
