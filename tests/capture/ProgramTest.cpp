@@ -38,8 +38,8 @@ size_t LineCount(const fs::path& file) {
 
 // Regular files below the folder; 0 when there is none.
 size_t FileCount(const fs::path& folder) {
-  size_t files = 0;
   if (!fs::exists(folder)) return 0;
+  size_t files = 0;
   for (const auto& entry : fs::recursive_directory_iterator(folder)) files += entry.is_regular_file();
   return files;
 }
