@@ -75,18 +75,8 @@ TEST(FlowTrackerShuffleTest, BytesComeOnceAndInOrderWhateverTheCaptureOrder) {
     FlowTracker tracker(&sink);
     PacketDecoder decoder;
     uint64_t number = 0;
-    for (Step& step : steps) {
-      step.time_s = 1;
-      test::Segment s;
-      const bool client = step.from == 'c';
-      s.source = client ? test::V4(10, 0, 0, 1) : test::V4(10, 0, 0, 2);
-      s.destination = client ? test::V4(10, 0, 0, 2) : test::V4(10, 0, 0, 1);
-      s.source_port = client ? 40000 : 25;
-      s.destination_port = client ? 25 : 40000;
-      s.sequence = step.sequence;
-      s.flags = step.flags;
-      s.payload = step.payload;
-      const test::Bytes frame = test::Ipv4Packet(s);
+    for (const Step& step : steps) {
+      const test::Bytes frame = test::StepFrame(step);
       DecodedPacket packet;
       ASSERT_EQ(decoder.Decode(kLinkRaw, frame.data(), frame.size(), &packet), DecodeStatus::kTcp);
       tracker.OnPacket(packet, frame.data(), ++number, 1000000);

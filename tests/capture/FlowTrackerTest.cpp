@@ -128,36 +128,33 @@ TEST(FlowTrackerTest, DeclinedFlowsGetNoPackets) {
   EXPECT_EQ(harness.tracker.counters().packets_ignored, 4u);
 }
 
-TEST(FlowTrackerTest, HoldsAtMost64SegmentsThenDeliversTheLowestAfterItsGap) {
-  TrackerHarness harness;
-  harness.Feed({'c', 100, PA, "a"});
-  for (uint32_t i = 0; i < FlowTracker::kMaxHeldSegments; ++i) harness.Feed({'c', 200 + 2 * i, PA, "h"});
-  EXPECT_EQ(harness.sink.events.size(), 2u);  // start and the first packet; 64 held
-  harness.Feed({'c', 1000, PA, "z"});         // the 65th: the lowest (#2 at 200) goes out after its gap
-  ASSERT_EQ(harness.sink.events.size(), 3u);
-  EXPECT_EQ(harness.sink.events[2], "#2 1 h");
-  EXPECT_EQ(harness.tracker.counters().gaps_skipped, 1u);
-  harness.tracker.Finish();
-  // Every packet was delivered exactly once: start + 66 packets + end.
-  EXPECT_EQ(harness.sink.events.size(), 1u + 66u + 1u);
-  EXPECT_EQ(harness.sink.events[66], "#66 1 z");
-}
-
-TEST(FlowTrackerTest, HoldsAtMostOneMebibyteThenDeliversTheLowestAfterItsGap) {
-  TrackerHarness harness;
-  const std::string big(60000, 'x');
-  harness.Feed({'c', 100, PA, "a"});
-  uint32_t sequence = 200;
-  size_t held = 0;
-  for (; held + big.size() <= FlowTracker::kMaxHeldBytes; held += big.size()) {
-    harness.Feed({'c', sequence, PA, big});
-    sequence += static_cast<uint32_t>(big.size()) + 10;  // a gap before each
+// Segments held ahead of a gap are bounded in number and in bytes; one more
+// sends the lowest out after its gap, and every packet still comes once.
+TEST(FlowTrackerTest, HeldSegmentsAreBoundedThenTheLowestGoesOutAfterItsGap) {
+  struct Case {
+    const char* name;
+    size_t payload;
+    size_t held;  // the most that fit
+  } cases[] = {
+      {"64 segments", 1, FlowTracker::kMaxHeldSegments},
+      {"1 MiB", 60000, FlowTracker::kMaxHeldBytes / 60000},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TrackerHarness harness;
+    harness.Feed({'c', 100, PA, "a"});
+    uint32_t sequence = 200;
+    for (size_t i = 0; i < c.held; ++i, sequence += static_cast<uint32_t>(c.payload) + 10) {
+      harness.Feed({'c', sequence, PA, std::string(c.payload, 'h')});
+    }
+    EXPECT_EQ(harness.sink.events.size(), 2u);  // start and the first packet
+    harness.Feed({'c', sequence, PA, std::string(c.payload, 'z')});
+    ASSERT_EQ(harness.sink.events.size(), 3u);
+    EXPECT_EQ(harness.sink.events[2].substr(0, 5), "#2 1 ");
+    EXPECT_EQ(harness.tracker.counters().gaps_skipped, 1u);
+    harness.tracker.Finish();
+    EXPECT_EQ(harness.sink.events.size(), 1 + (c.held + 2) + 1);  // start, packets, end
   }
-  EXPECT_EQ(harness.sink.events.size(), 2u);
-  harness.Feed({'c', sequence, PA, big});
-  ASSERT_EQ(harness.sink.events.size(), 3u);
-  EXPECT_EQ(harness.sink.events[2].substr(0, 5), "#2 1 ");
-  EXPECT_EQ(harness.tracker.counters().gaps_skipped, 1u);
 }
 
 TEST(FlowTrackerTest, LiveFlowBoundEndsTheLeastRecentlyActive) {

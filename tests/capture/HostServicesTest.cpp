@@ -290,16 +290,6 @@ TEST_F(HostServicesTest, NoRecordsStillGiveHeadersAndZeroCounters) {
                                        "\"IMAP4\": {\"Count\": 0}}}\n");
 }
 
-TEST_F(HostServicesTest, AnOutputDirectoryThatCannotBeMadeIsReported) {
-  std::filesystem::create_directories(out_);
-  std::ofstream(out_ / "file") << "x";
-  options_.out_dir = (out_ / "file" / "run").string();
-  HostServices services(options_);
-  EXPECT_FALSE(services.Open());
-  EXPECT_TRUE(services.failed());
-  EXPECT_NE(services.error().find(options_.out_dir), std::string::npos) << services.error();
-}
-
 TEST_F(HostServicesTest, AnOutputFileThatIsASymbolicLinkIsRefused) {
   std::filesystem::create_directories(out_ / "run");
   std::filesystem::create_symlink("/dev/full", out_ / "run" / "emails.jsonl");

@@ -64,25 +64,31 @@ struct Step {
   uint32_t acknowledgement = 0;
 };
 
+// The step as a raw IP frame, its payload cut to what was captured.
+inline Bytes StepFrame(const Step& step) {
+  Segment s;
+  const bool client = step.from == 'c';
+  const IpAddress a = step.ipv6 ? V6(1) : V4(10, 0, 0, 1);
+  const IpAddress b = step.ipv6 ? V6(2) : V4(10, 0, 0, 2);
+  s.source = client ? a : b;
+  s.destination = client ? b : a;
+  s.source_port = client ? step.client_port : step.service_port;
+  s.destination_port = client ? step.service_port : step.client_port;
+  s.sequence = step.sequence;
+  s.flags = step.flags;
+  s.acknowledgement = step.acknowledgement;
+  s.payload = step.payload;
+  Bytes frame = IpPacket(s);
+  if (step.captured >= 0) frame.resize(frame.size() - step.payload.size() + step.captured);
+  return frame;
+}
+
 class TrackerHarness {
  public:
   explicit TrackerHarness(FlowTracker::Options options = {}) : tracker(&sink, options) {}
 
   void Feed(const Step& step) {
-    Segment s;
-    const bool client = step.from == 'c';
-    const IpAddress a = step.ipv6 ? V6(1) : V4(10, 0, 0, 1);
-    const IpAddress b = step.ipv6 ? V6(2) : V4(10, 0, 0, 2);
-    s.source = client ? a : b;
-    s.destination = client ? b : a;
-    s.source_port = client ? step.client_port : step.service_port;
-    s.destination_port = client ? step.service_port : step.client_port;
-    s.sequence = step.sequence;
-    s.flags = step.flags;
-    s.acknowledgement = step.acknowledgement;
-    s.payload = step.payload;
-    Bytes frame = IpPacket(s);
-    if (step.captured >= 0) frame.resize(frame.size() - step.payload.size() + step.captured);
+    const Bytes frame = StepFrame(step);
     DecodedPacket packet;
     if (decoder.Decode(kLinkRaw, frame.data(), frame.size(), &packet) != DecodeStatus::kTcp) return;
     ++number;

@@ -170,15 +170,5 @@ TEST_F(ConversationRecordsTest, ImapFetchLiteralsBecomeOneRecordEach) {
   }
 }
 
-TEST_F(ConversationRecordsTest, ImapMarkerInsideAMessageCompletesEarly) {
-  Conversation imap(module_, 143, kProtocolImap4);
-  imap.Client("A5 UID FETCH 7 (BODY.PEEK[])\r\n", 1);
-  const std::string message = "From: a@example.org\r\nTo: b@example.org\r\n\r\nquoting A5 OK here\r\n";
-  imap.Server(Literal(message, 7).substr(0, 60), 2);
-  imap.Server(Literal(message, 7).substr(60), 3);
-  EXPECT_EQ(imap.context().in_body, 0u);
-  ASSERT_EQ(records().size(), 1u) << "the literal was whole when the marker was seen";
-}
-
 }  // namespace
 }  // namespace pelka

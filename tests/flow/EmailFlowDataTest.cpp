@@ -190,16 +190,6 @@ TEST(FlowDataHeaders, BodyLinesAreWalkedUntilTheRangeEnds) {
   EXPECT_STREQ(store->GetHeaderName(1), "Body");
 }
 
-TEST(FlowDataHeaders, RecordsAtMost32Fields) {
-  std::string message;
-  for (int i = 0; i < 40; ++i) message += "X-Field-" + std::to_string(i) + ": v\r\n";
-  message += "\r\n\r\n";
-  Store store(message, "");
-  store->IndexHeader(0, -1, nullptr);
-  EXPECT_EQ(store->GetHeaderCount(), 32u);
-  EXPECT_STREQ(store->GetHeaderName(31), "X-Field-31");
-}
-
 TEST(FlowDataHeaders, ALastFieldWithoutLineEndIsNotRecorded) {
   Store store("From: a@x\r\nTo: b@y", "");
   store->IndexHeader(0, -1, nullptr);

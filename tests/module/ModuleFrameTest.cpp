@@ -85,16 +85,6 @@ TEST(ModuleInterfaces, EveryInterfaceIsFoundFromTheMainTable) {
   EXPECT_EQ(main_table->QueryInterface(kFlowClientId, nullptr), kStatusMissingOutParameter);
 }
 
-TEST(ModuleInterfaces, IdentityAndPluginState) {
-  CPelkaEmailModule module;
-  IPelkaPluginModule& plugin = module;
-  EXPECT_EQ(std::wstring(plugin.GetClassId()), L"{0F212197-DB95-43e9-BCB8-06C68B8A5EE6}");
-  EXPECT_EQ(std::wstring(plugin.GetName()), L"Email");
-  EXPECT_EQ(plugin.GetPluginState(), 1u);
-  plugin.SetPluginState(5);
-  EXPECT_EQ(plugin.GetPluginState(), 5u);
-}
-
 std::wstring SavedAttribute(CPelkaEmailModule& module) {
   std::wstring document;
   EXPECT_EQ(module.SaveOptions(&document), 1u);

@@ -23,12 +23,8 @@ inline std::string CollectedBytes(CEmailFlowContext& context) {
 
 class Conversation {
  public:
-  Conversation(CPelkaEmailModule& module, uint16_t service_port, uint16_t application,
-               PacketRecordBuilder::Layout layout = PacketRecordBuilder::Layout::kInline)
-      : module_(module),
-        flow_(0x0A000002, 40001, 0x0A000001, service_port, application),
-        builder_(layout),
-        service_port_(service_port) {
+  Conversation(CPelkaEmailModule& module, uint16_t service_port, uint16_t application)
+      : module_(module), flow_(0x0A000002, 40001, 0x0A000001, service_port, application), service_port_(service_port) {
     bound_ = module_.BindFlow(&flow_, &stats_, &bind_context_) == 0;
   }
   ~Conversation() {
@@ -42,7 +38,6 @@ class Conversation {
   FakeFlow& flow() { return flow_; }
   FakeFlowNode& node() { return node_; }
   FakeFlowStats& stats() { return stats_; }
-  uint64_t last_packet_number() const { return packet_number_; }
 
   // Sends one packet; the time is in microseconds. Returns the module's answer.
   uint32_t Client(std::string_view payload, uint64_t time_us) { return Send(kFromClient, payload, time_us); }

@@ -32,9 +32,8 @@ class FakeFlow final : public IPelkaFlow {
     ++swaps;
   }
   uint16_t GetApplicationProtocol() override { return application_; }
-  uint16_t GetTransportProtocol() override { return transport; }
+  uint16_t GetTransportProtocol() override { return kProtocolTcp; }
 
-  uint16_t transport = kProtocolTcp;
   int swaps = 0;
 
  private:

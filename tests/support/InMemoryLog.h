@@ -31,11 +31,7 @@ using LogValue = std::variant<std::wstring, uint64_t, double>;
 // One record, as opened by NewRecord and filled by the Set operations.
 struct InMemoryRecord final : IPelkaLogRecord {
   uint64_t seconds = 0;
-  // The flow's sides at NewRecord time (the flow object is not kept).
-  uint32_t client_address = 0;
-  uint32_t server_address = 0;
-  uint16_t client_port = 0;
-  uint16_t server_port = 0;
+  uint32_t client_address = 0;  // the flow's at NewRecord time (the flow object is not kept)
   // Fields by log key.
   std::map<std::string, LogValue> fields;
 
@@ -65,15 +61,10 @@ struct InMemoryEntry {
   std::wstring group;
 };
 
-// A declared column: keyed (key set, standard_field 0) or standard.
+// A declared column; a standard one gets the host key of its field.
 struct InMemoryColumn final : IPelkaLogColumn {
   std::string key;
   std::wstring caption;
-  uint32_t value_kind = 0;
-  uint32_t standard_field = 0;
-  uint32_t width = 0;
-  uint32_t flags = 0;
-  uint32_t final_flag = 0;
   uint16_t id = 0;
 
   uint16_t GetId() override { return id; }
@@ -96,12 +87,9 @@ inline const char* StandardFieldKey(uint32_t field) {
 
 struct InMemoryStorage final : IPelkaLogStorage {
   std::string name;
-  std::string key;
-  std::string third;
-  std::wstring caption;
   PelkaLogExportFn export_fn = nullptr;
   uint32_t enabled = 0;
-  std::string folder;  // defaults to the key
+  std::string folder;  // defaults to the storage's key
 
   uint32_t IsStorageEnabled() override { return enabled; }
   const char* GetFolderName() override { return folder.c_str(); }
@@ -109,34 +97,24 @@ struct InMemoryStorage final : IPelkaLogStorage {
 
 class InMemoryLog final : public IPelkaLog {
  public:
-  InMemoryLog(std::string name, std::wstring caption, uint32_t capacity, int32_t icon)
-      : name(std::move(name)), caption(std::move(caption)), capacity(capacity), icon(icon) {}
+  InMemoryLog(std::wstring caption, int32_t icon) : caption(std::move(caption)), icon(icon) {}
 
   // --- IPelkaLog ---------------------------------------------------------------
-  uint16_t AddColumn(const char* key, const wchar_t* column_caption, uint32_t value_kind, uint32_t width,
-                     uint32_t flags, uint32_t final_flag) override {
-    auto& column = AppendColumn(column_caption, width, flags);
-    column.key = key ? key : "";
-    column.value_kind = value_kind;
-    column.final_flag = final_flag;
-    if (column.key == refuse_key) return 0xFFFF;
-    return column.id;
+  uint16_t AddColumn(const char* key, const wchar_t* column_caption, uint32_t, uint32_t, uint32_t,
+                     uint32_t) override {
+    auto& column = AppendColumn(key ? key : "", column_caption);
+    return column.key == refuse_key ? 0xFFFF : column.id;
   }
-  void AddStandardColumn(const wchar_t* column_caption, uint32_t field, uint32_t width, uint32_t flags) override {
-    auto& column = AppendColumn(column_caption, width, flags);
-    column.standard_field = field;
-    column.key = StandardFieldKey(field);
+  void AddStandardColumn(const wchar_t* column_caption, uint32_t field, uint32_t, uint32_t) override {
+    AppendColumn(StandardFieldKey(field), column_caption);
   }
   void EndColumns() override { ++end_columns_calls; }
-  uint32_t AddStorage(const char* storage_name, const char* key, const char* third, const wchar_t* storage_caption,
+  uint32_t AddStorage(const char* storage_name, const char* key, const char*, const wchar_t*,
                       PelkaLogExportFn export_fn) override {
     auto storage = std::make_unique<InMemoryStorage>();
     storage->name = storage_name ? storage_name : "";
-    storage->key = key ? key : "";
-    storage->third = third ? third : "";
-    storage->caption = storage_caption ? storage_caption : L"";
     storage->export_fn = export_fn;
-    storage->folder = storage->key;
+    storage->folder = key ? key : "";
     storages.push_back(std::move(storage));
     return 0;
   }
@@ -158,12 +136,7 @@ class InMemoryLog final : public IPelkaLog {
     if (refuse_records) return nullptr;
     auto record = std::make_unique<InMemoryRecord>();
     record->seconds = seconds;
-    if (flow) {
-      record->client_address = flow->GetClientAddress();
-      record->server_address = flow->GetServerAddress();
-      record->client_port = flow->GetClientPort();
-      record->server_port = flow->GetServerPort();
-    }
+    if (flow) record->client_address = flow->GetClientAddress();
     pending_.push_back(std::move(record));
     return pending_.back().get();
   }
@@ -186,18 +159,10 @@ class InMemoryLog final : public IPelkaLog {
     return 1;
   }
 
-  // --- Inspection ---------------------------------------------------------------
-  const InMemoryColumn* Column(const std::string& key) const {
-    for (const auto& column : columns)
-      if (column->key == key) return column.get();
-    return nullptr;
-  }
   // Records opened but never posted.
   size_t pending_records() const { return pending_.size(); }
 
-  std::string name;
   std::wstring caption;
-  uint32_t capacity;
   int32_t icon;
   std::vector<std::unique_ptr<InMemoryColumn>> columns;  // id == position
   std::vector<std::unique_ptr<InMemoryStorage>> storages;
@@ -216,11 +181,10 @@ class InMemoryLog final : public IPelkaLog {
  private:
   static std::wstring Copy(const wchar_t* text) { return text ? text : L""; }
 
-  InMemoryColumn& AppendColumn(const wchar_t* column_caption, uint32_t width, uint32_t flags) {
+  InMemoryColumn& AppendColumn(std::string key, const wchar_t* column_caption) {
     auto column = std::make_unique<InMemoryColumn>();
+    column->key = std::move(key);
     column->caption = Copy(column_caption);
-    column->width = width;
-    column->flags = flags;
     column->id = static_cast<uint16_t>(columns.size());
     columns.push_back(std::move(column));
     return *columns.back();
@@ -248,10 +212,9 @@ class InMemoryLog final : public IPelkaLog {
 
 class InMemoryLogService final : public IPelkaLogService {
  public:
-  uint32_t CreateLog(const char* name, const wchar_t* caption, uint32_t capacity, int32_t icon,
-                     IPelkaLog** log) override {
+  uint32_t CreateLog(const char*, const wchar_t* caption, uint32_t, int32_t icon, IPelkaLog** log) override {
     if (create_status != 0) return create_status;
-    logs.push_back(std::make_unique<InMemoryLog>(name ? name : "", caption ? caption : L"", capacity, icon));
+    logs.push_back(std::make_unique<InMemoryLog>(caption ? caption : L"", icon));
     logs.back()->refuse_key = refuse_key;
     if (log) *log = logs.back().get();
     return 0;

@@ -19,8 +19,6 @@ namespace pelka::testing {
 struct StatDefinition {
   std::string name;
   std::wstring caption;
-  uint64_t scope = 0;
-  std::string owner;
 };
 
 class InMemoryStatCounter final : public IPelkaStatCounter {
@@ -28,11 +26,6 @@ class InMemoryStatCounter final : public IPelkaStatCounter {
   explicit InMemoryStatCounter(uint16_t index) : index(index) {}
   uint16_t GetIndex() override { return index; }
 
-  std::string name;
-  int32_t kind = 0;
-  int32_t width = 0;
-  uint64_t scope = 0;
-  std::string owner;
   uint16_t index;
 };
 
@@ -41,16 +34,9 @@ class InMemoryStatItem final : public IPelkaStatItem {
   InMemoryStatItem(StatDefinition definition, uint16_t* next_index, bool refuse_counters)
       : definition(std::move(definition)), next_index_(next_index), refuse_counters_(refuse_counters) {}
 
-  IPelkaStatCounter* AddCounter(const char* name, int32_t kind, int32_t width, uint64_t scope,
-                                const char* owner) override {
+  IPelkaStatCounter* AddCounter(const char*, int32_t, int32_t, uint64_t, const char*) override {
     if (refuse_counters_) return nullptr;
-    auto counter = std::make_unique<InMemoryStatCounter>((*next_index_)++);
-    counter->name = name;
-    counter->kind = kind;
-    counter->width = width;
-    counter->scope = scope;
-    counter->owner = owner ? owner : "";
-    counters.push_back(std::move(counter));
+    counters.push_back(std::make_unique<InMemoryStatCounter>((*next_index_)++));
     return counters.back().get();
   }
 
@@ -71,11 +57,10 @@ class InMemoryStatCategory final : public IPelkaStatCategory {
         refused_counters_(refused_counters),
         next_index_(next_index) {}
 
-  IPelkaStatItem* AddItem(const char* name, const wchar_t* caption, uint64_t scope, const char* owner) override {
+  IPelkaStatItem* AddItem(const char* name, const wchar_t* caption, uint64_t, const char*) override {
     if (refused_items_->count(name)) return nullptr;
-    items.push_back(std::make_unique<InMemoryStatItem>(
-        StatDefinition{name, caption ? caption : L"", scope, owner ? owner : ""}, next_index_,
-        refused_counters_->count(name) != 0));
+    items.push_back(std::make_unique<InMemoryStatItem>(StatDefinition{name, caption ? caption : L""}, next_index_,
+                                                       refused_counters_->count(name) != 0));
     return items.back().get();
   }
 
@@ -102,12 +87,10 @@ class InMemoryStats final : public IPelkaStatService, public IPelkaStatRegistrar
     return 0;
   }
   uint64_t ParseScopes(const char*) override { return kScope; }
-  IPelkaStatCategory* AddCategory(const char* name, const wchar_t* caption, uint64_t scope,
-                                  const char* owner) override {
+  IPelkaStatCategory* AddCategory(const char* name, const wchar_t* caption, uint64_t, const char*) override {
     if (refuse_categories) return nullptr;
-    categories.push_back(std::make_unique<InMemoryStatCategory>(
-        StatDefinition{name, caption ? caption : L"", scope, owner ? owner : ""}, &refused_items,
-        &refused_counters, &next_index_));
+    categories.push_back(std::make_unique<InMemoryStatCategory>(StatDefinition{name, caption ? caption : L""},
+                                                                &refused_items, &refused_counters, &next_index_));
     return categories.back().get();
   }
 
