@@ -262,13 +262,14 @@ std::string_view HostLog::TimeTexts::Text(uint64_t seconds) {
 
 HostLog::HostLog(const LogOutputs& outputs, bool copies)
     : outputs_(outputs), copies_(copies), columns_(std::make_unique<Columns>()),
-      batch_(std::make_unique<Batch>(*columns_, record_times_)) {}
+      batch_(std::make_unique<Batch>(*columns_, export_times_)) {}
 
 HostLog::~HostLog() = default;
 
 uint16_t HostLog::AddColumn(const char* key, const wchar_t* caption, uint32_t value_kind, uint32_t, uint32_t,
                             uint32_t) {
   const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<std::mutex> open_lock(open_mutex_);
   if (!key || !open_.empty() || columns_->list.size() >= 0x7FFF) return 0xFFFF;
   const auto id = static_cast<uint16_t>(columns_->list.size());
   columns_->list.push_back(std::make_unique<Column>(id, key, caption ? caption : L"", value_kind, 0));
@@ -278,6 +279,7 @@ uint16_t HostLog::AddColumn(const char* key, const wchar_t* caption, uint32_t va
 
 void HostLog::AddStandardColumn(const wchar_t* caption, uint32_t field, uint32_t, uint32_t) {
   const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<std::mutex> open_lock(open_mutex_);
   if (!open_.empty() || columns_->list.size() >= 0x7FFF) return;
   const auto id = static_cast<uint16_t>(columns_->list.size());
   columns_->list.push_back(std::make_unique<Column>(id, StandardKey(field), caption ? caption : L"", 0, field));
@@ -321,7 +323,7 @@ uint32_t HostLog::AddEntry(uint64_t seconds, IPelkaFlow*, const wchar_t* kind, c
 IPelkaLogRecord* HostLog::NewRecord(uint64_t seconds, IPelkaFlow* flow, uint32_t) {
   FlowView view;
   FillView(flow, view);
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<std::mutex> lock(open_mutex_);
   if (spare_.empty()) {
     open_.push_back(std::make_unique<Record>());
   } else {
@@ -341,7 +343,7 @@ HostLog::Record* HostLog::FindOpen(IPelkaLogRecord* record) {
 
 template <typename SetValue>
 uint32_t HostLog::Set(IPelkaLogRecord* handle, uint16_t column, SetValue set_value) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<std::mutex> lock(open_mutex_);
   Record* record = FindOpen(handle);
   if (!record || column >= record->fields.size() || columns_->list[column]->field() != 0) return kStatusRefused;
   set_value(*record, column);
@@ -367,8 +369,8 @@ uint32_t HostLog::SetNumber(IPelkaLogRecord* record, uint16_t column, uint64_t v
   });
 }
 
-void HostLog::BuildRecordLine(const Record& record) {
-  JsonObjectLine& line = record_line_;
+void HostLog::BuildRecordLine(const Record& record, LineWriter& writer) {
+  JsonObjectLine& line = writer.line;
   line.Clear();
   for (const auto& column : columns_->list) {
     const uint32_t field = column->field();
@@ -376,7 +378,7 @@ void HostLog::BuildRecordLine(const Record& record) {
       line.Number(column->key(), record.flow.port[field == kLogFieldClientPort ? 0 : 1]);
     } else if (field != 0) {
       char digits[8];
-      const std::string_view time = field == kLogFieldDateTime ? record_times_.Text(record.seconds) : std::string_view();
+      const std::string_view time = field == kLogFieldDateTime ? writer.times.Text(record.seconds) : std::string_view();
       const std::string_view text = record.StandardText(field, time, digits);
       // A MAC address the capture did not show is left out.
       if (!text.empty() || field == kLogFieldDateTime) line.Text(column->key(), text);
@@ -392,22 +394,39 @@ void HostLog::BuildRecordLine(const Record& record) {
   }
 }
 
-uint32_t HostLog::PostRecord(IPelkaLogRecord* handle) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  const auto found = std::find_if(open_.begin(), open_.end(), [handle](const auto& r) { return r.get() == handle; });
-  if (found == open_.end()) return kStatusRefused;
-  std::unique_ptr<Record> record = std::move(*found);
-  open_.erase(found);
+void HostLog::WriteRecordLine(const Record& record) {
+  std::unique_ptr<LineWriter> writer;
+  {
+    const std::lock_guard<std::mutex> lock(open_mutex_);
+    if (!writers_.empty()) {
+      writer = std::move(writers_.back());
+      writers_.pop_back();
+    }
+  }
+  if (!writer) writer = std::make_unique<LineWriter>();
+  BuildRecordLine(record, *writer);
+  outputs_.records->WriteLine(writer->line.Finish());
+  const std::lock_guard<std::mutex> lock(open_mutex_);
+  writers_.push_back(std::move(writer));
+}
 
+uint32_t HostLog::PostRecord(IPelkaLogRecord* handle) {
+  std::unique_ptr<Record> record;
+  {
+    const std::lock_guard<std::mutex> lock(open_mutex_);
+    const auto found = std::find_if(open_.begin(), open_.end(), [handle](const auto& r) { return r.get() == handle; });
+    if (found == open_.end()) return kStatusRefused;
+    record = std::move(*found);
+    open_.erase(found);
+  }
   posted_.fetch_add(1, std::memory_order_relaxed);
   if (copy_path_column_ >= 0 && static_cast<size_t>(copy_path_column_) < record->fields.size()) {
     const Record::Field& path = record->fields[static_cast<size_t>(copy_path_column_)];
     if (path.kind == Record::Kind::kText && path.length > 0) copies_written_.fetch_add(1, std::memory_order_relaxed);
   }
-  if (outputs_.records) {
-    BuildRecordLine(*record);
-    outputs_.records->WriteLine(record_line_.Finish());
-  }
+  // The record is the caller's alone now: its line is built without a lock.
+  if (outputs_.records) WriteRecordLine(*record);
+  const std::lock_guard<std::mutex> lock(mutex_);
   batch_->Add(std::move(record));
   if (batch_->GetRecordCount() >= kExportBatch) Export(!header_written_);
   return 0;
@@ -429,6 +448,7 @@ void HostLog::Export(bool header) {
     }
     header_written_ = true;
   }
+  const std::lock_guard<std::mutex> lock(open_mutex_);
   batch_->Clear(spare_);
 }
 

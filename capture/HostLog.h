@@ -22,9 +22,9 @@
 //   folder is its key; the storage root is the output directory.
 // - Threads: logs, columns and storage kinds are made before flows are
 //   handled. Records and entries may then come from several threads at once:
-//   each log keeps its open records and export batch under its own lock, and
-//   the export callback is only ever called under it. Entries are written
-//   under a lock of their own.
+//   a record's line is built by the thread that posts it, without a lock;
+//   the open records, the export batch (the export callback is only ever
+//   called under its lock) and the entry lines each have a lock of their own.
 // - Cost: a record is made, filled and written without allocating once the
 //   log has run a while. Records are reused after their export, their field
 //   texts are kept in one buffer per record, and the lines are built in
@@ -136,24 +136,39 @@ class HostLog final : public IPelkaLog {
     std::string text_;
   };
 
+  // What a record's line is built with: one per thread posting at a time,
+  // kept for reuse.
+  struct LineWriter {
+    JsonObjectLine line;
+    TimeTexts times;
+  };
+
   Record* FindOpen(IPelkaLogRecord* record);
   template <typename SetValue>
   uint32_t Set(IPelkaLogRecord* record, uint16_t column, SetValue set_value);
-  void BuildRecordLine(const Record& record);
+  void WriteRecordLine(const Record& record);
+  void BuildRecordLine(const Record& record, LineWriter& writer);
   void Export(bool header);
 
   LogOutputs outputs_;
   bool copies_;
-  std::mutex mutex_;  // guards the open records, the batch, the export and the buffers below
   std::unique_ptr<Columns> columns_;
   int32_t copy_path_column_ = -1;
   std::vector<std::unique_ptr<Storage>> storages_;
+
+  // Records are opened, filled and posted by several threads at once; only
+  // moments of that need a lock. The export of a batch takes long and has a
+  // lock of its own, so that the other threads go on filling their records.
+  // Lock order: mutex_ before open_mutex_.
+  std::mutex open_mutex_;  // guards the open and spare records and the line writers
   std::vector<std::unique_ptr<Record>> open_;
   std::vector<std::unique_ptr<Record>> spare_;  // exported records, for reuse
+  std::vector<std::unique_ptr<LineWriter>> writers_;
+
+  std::mutex mutex_;  // guards the batch, the export and its buffers
   std::unique_ptr<Batch> batch_;
   bool header_written_ = false;
-  TimeTexts record_times_;
-  JsonObjectLine record_line_;
+  TimeTexts export_times_;
   std::wstring export_lines_;
   std::string export_utf8_;
 
