@@ -35,6 +35,7 @@ flow_limit_mib=2                # the module's default max_flow_length
 
 generator=$build/bench/pelka-traffic-gen
 read_limit=$build/bench/pelka-read-limit
+core_speed=$build/bench/pelka-core-speed
 pelka=${PELKA_BENCH_EMAIL:-$build/capture/pelka-email}
 failed=0
 
@@ -45,7 +46,7 @@ fail() { say "FAIL: $*"; failed=1; }
 if [ ! -f "$build/build.ninja" ] && [ ! -f "$build/Makefile" ]; then
   cmake -S "$repo" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 fi
-cmake --build "$build" --target pelka-traffic-gen pelka-read-limit >/dev/null
+cmake --build "$build" --target pelka-traffic-gen pelka-read-limit pelka-core-speed >/dev/null
 if cmake --build "$build" --target help 2>/dev/null | grep -q 'pelka-email'; then
   cmake --build "$build" --target pelka-email >/dev/null
 fi
@@ -191,6 +192,19 @@ report() {
 check() {
   if [ "$(echo "$2" | bc -l)" -eq 1 ]; then say "PASS: $1 ($3)"; else fail "$1 ($3)"; fi
 }
+
+# --- the cores ------------------------------------------------------------------
+# Two workers can only be as fast as the slower of two cores. On a virtual
+# machine a core whose host sibling is busy runs at about half speed, and
+# which cores are slow changes from minute to minute; the figures below are
+# worth comparing only when the cores are about equal.
+if command -v taskset >/dev/null && [ "$(nproc)" -ge 2 ]; then
+  core_line="cores (same work on each, seconds):"
+  for ((cpu = 0; cpu < $(nproc) && cpu < 8; ++cpu)); do
+    core_line+=" cpu$cpu $(taskset -c "$cpu" "$core_speed")"
+  done
+  say "$core_line"
+fi
 
 # --- scenario 1: the mixed capture -------------------------------------------
 say "scenario 1: mixed mail traffic"

@@ -28,6 +28,7 @@ void AddCounters(FlowTrackerCounters& total, const FlowTrackerCounters& more) {
 namespace {
 
 constexpr auto kBatchAge = std::chrono::milliseconds(50);
+constexpr size_t kFreeBatchesToWake = ParallelPipeline::kBatches / 4;
 
 void AddDecoderCounters(DecoderCounters& total, const DecoderCounters& more) {
   total.frames += more.frames;
@@ -226,8 +227,9 @@ void ParallelPipeline::Done(Batch* batch) {
   batch->Clear();
   const std::lock_guard<std::mutex> lock(mutex_);
   free_.push_back(batch);
-  // Only a worker that waits for a batch to read into needs to hear of it.
-  if (free_.size() == 1) changed_.notify_all();
+  // A worker that waits for a batch to read into is ahead of another one: it
+  // is woken when it can read several, not for each batch the other frees.
+  if (free_.size() == kFreeBatchesToWake) changed_.notify_all();
 }
 
 FlowTrackerCounters ParallelPipeline::counters() const {
