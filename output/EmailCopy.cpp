@@ -1,5 +1,6 @@
 #include "output/EmailCopy.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -113,6 +114,21 @@ void CreateDirectoryPath(std::wstring_view text) {
   MakeOneDirectory(path);
 }
 
+namespace {
+
+// An existing file of the same name (same microsecond) is replaced; a
+// symbolic link in its place is refused rather than followed, so that a link
+// planted in the copy folder cannot send a message elsewhere.
+FILE* OpenCopyFile(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
+  if (fd < 0) return nullptr;
+  FILE* file = ::fdopen(fd, "w+b");
+  if (!file) ::close(fd);
+  return file;
+}
+
+}  // namespace
+
 const wchar_t* CPelkaEmailModule::MakeCopyTimeText(uint64_t seconds) {
   text_holder_ = FormatCopyTimeText(seconds);
   return text_holder_.c_str();
@@ -130,8 +146,7 @@ void CPelkaEmailModule::SaveEmailCopy(CEmailFlowContext* context, const PacketRe
   context->copy_path += MakeCopyFileName(FormatCopyTimeText(time / kMicrosecondsPerSecond), time);
 
   if (context->copy_file) std::fclose(context->copy_file);
-  // An existing file of the same name (same microsecond) is replaced.
-  context->copy_file = std::fopen(NativePath(context->copy_path).c_str(), "w+b");
+  context->copy_file = OpenCopyFile(NativePath(context->copy_path));
   if (!context->copy_file) return;
   CEmailFlowDataImpl* data = context->flow_data.get();
   const uint32_t length = data ? data->GetLength() : 0;

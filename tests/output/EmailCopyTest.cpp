@@ -118,7 +118,7 @@ TEST_F(EmailCopyTest, NoCopyUnlessTheHostAsksForOne) {
   EXPECT_TRUE(fs::is_empty(root_));
 }
 
-TEST_F(EmailCopyTest, FolderNameIsCreatedAndAFailedOpenKeepsThePath) {
+TEST_F(EmailCopyTest, FolderNameIsCreatedAndAFailedOrRefusedOpenKeepsThePath) {
   service_.log()->storages[1]->folder = "mail\\copies";
   Collect("x");
   Save(kCompletedAt);
@@ -131,6 +131,14 @@ TEST_F(EmailCopyTest, FolderNameIsCreatedAndAFailedOpenKeepsThePath) {
   Save(kCompletedAt);
   EXPECT_EQ(context_.copy_path, Wide(root_ + "blocked/2024-03-05 07.08.09.42.eml"));
   EXPECT_TRUE(fs::is_regular_file(root_ + "blocked"));
+
+  // A symbolic link where the copy goes is not followed.
+  service_.log()->storages[1]->folder = "email_copy";
+  fs::create_directory(root_ + "email_copy");
+  std::ofstream(root_ + "elsewhere").put('!');
+  fs::create_symlink(root_ + "elsewhere", root_ + "email_copy/2024-03-05 07.08.09.42.eml");
+  Save(kCompletedAt);
+  EXPECT_EQ(ReadFile(root_ + "elsewhere"), "!");
 }
 
 }  // namespace
