@@ -1,6 +1,7 @@
 #include "capture/CaptureSource.h"
 
 #include <pcap/pcap.h>
+#include <poll.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -95,6 +96,12 @@ bool CaptureSource::OpenLive(const std::string& interface_name, int read_timeout
   handle_ = handle;
   live_ = true;
   nanosecond_ = pcap_get_tstamp_precision(handle) == PCAP_TSTAMP_PRECISION_NANO;
+  // libpcap's read timeout does not run out while nothing arrives, so a
+  // quiet interface would never time out: reads do not block, and Next waits
+  // on the descriptor itself.
+  read_timeout_ms_ = read_timeout_ms;
+  selectable_fd_ = pcap_get_selectable_fd(handle);
+  if (selectable_fd_ >= 0 && pcap_setnonblock(handle, 1, message) != 0) selectable_fd_ = -1;
   current_name_ = interface_name;
   return true;
 }
@@ -146,6 +153,7 @@ void CaptureSource::CloseCurrent() {
   finished_bytes_ += position >= 0 ? static_cast<uint64_t>(position) : current_bytes_;
   pcap_close(handle_);  // closes the file too
   handle_ = nullptr;
+  selectable_fd_ = -1;
   file_ = nullptr;
   current_bytes_ = 0;
   current_name_.clear();
@@ -180,7 +188,10 @@ ReadStatus CaptureSource::Next(CapturedFrame* frame) {
       current_bytes_ += header->caplen + kRecordHeaderBytes;
       return ReadStatus::kFrame;
     }
-    if (status == 0) return ReadStatus::kTimeout;
+    if (status == 0) {
+      if (!WaitForFrames()) return ReadStatus::kTimeout;
+      continue;
+    }
     if (status == PCAP_ERROR_BREAK) {
       if (live_) return ReadStatus::kEnd;
       CloseCurrent();
@@ -188,6 +199,12 @@ ReadStatus CaptureSource::Next(CapturedFrame* frame) {
     }
     return Fail(current_name_ + ": " + pcap_geterr(handle_) + " (after frame " + std::to_string(frames_) + ")");
   }
+}
+
+bool CaptureSource::WaitForFrames() {
+  if (selectable_fd_ < 0) return false;
+  pollfd wanted{selectable_fd_, POLLIN, 0};
+  return ::poll(&wanted, 1, read_timeout_ms_) > 0;
 }
 
 void CaptureSource::Stop() {

@@ -84,6 +84,9 @@ class CaptureSource {
 
  private:
   bool OpenNextFile();
+  // Live capture: waits up to the read timeout for frames to read; false when
+  // none came (or the capture cannot be waited on).
+  bool WaitForFrames();
   void CloseCurrent();
   void CloseHeldFiles();
 
@@ -101,6 +104,8 @@ class CaptureSource {
   FILE* file_ = nullptr;
   std::vector<char> file_buffer_;
   bool live_ = false;
+  int selectable_fd_ = -1;
+  int read_timeout_ms_ = 0;
   bool nanosecond_ = false;
   std::atomic<bool> stopped_{false};
   std::string current_name_;
