@@ -11,14 +11,6 @@
 namespace pelka {
 namespace {
 
-// The module's own context, or null for any other. The class is final, so
-// comparing the dynamic type answers as a dynamic_cast would, at a fraction
-// of its cost on every packet.
-CEmailFlowContext* OwnContext(IPelkaFlowBindContext* context) {
-  if (!context || typeid(*context) != typeid(CEmailFlowContext)) return nullptr;
-  return static_cast<CEmailFlowContext*>(context);
-}
-
 struct ProtocolChoice {
   MailProtocol protocol;
   uint16_t service_port;
@@ -42,6 +34,14 @@ bool ChooseProtocol(uint16_t application_protocol, ProtocolChoice* choice) {
 
 bool EitherPortIs(uint16_t source, uint16_t destination, uint16_t port) {
   return destination == port || source == port;
+}
+
+// The module's own context, or null for any other. The class is final, so
+// comparing the dynamic type answers as a dynamic_cast would, at a fraction
+// of its cost on every packet.
+CEmailFlowContext* OwnContext(IPelkaFlowBindContext* context) {
+  if (!context || typeid(*context) != typeid(CEmailFlowContext)) return nullptr;
+  return static_cast<CEmailFlowContext*>(context);
 }
 
 }  // namespace
