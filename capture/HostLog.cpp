@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstring>
 #include <ctime>
+#include <typeinfo>
 
 #include "capture/HostFlow.h"
 #include "capture/OutputFiles.h"
@@ -47,8 +48,9 @@ uint8_t WriteIpv4Text(uint32_t address, char (&text)[kAddressTextSize]) {
 
 void FillView(IPelkaFlow* flow, FlowView& view) {
   if (!flow) return;
-  if (const auto* host_flow = dynamic_cast<const HostFlow*>(flow)) {
-    const TrackedFlow& tracked = host_flow->tracked();
+  // HostFlow is final: its dynamic type is compared, cheaper than a cast.
+  if (typeid(*flow) == typeid(HostFlow)) {
+    const TrackedFlow& tracked = static_cast<const HostFlow*>(flow)->tracked();
     const FlowEndpoint* sides[2] = {&tracked.client(), &tracked.server()};
     for (int i = 0; i < 2; ++i) {
       view.address_length[i] = static_cast<uint8_t>(WriteAddressText(sides[i]->address, view.address[i]));
@@ -103,15 +105,30 @@ class HostLog::Columns final : public IPelkaLogColumns {
     if (position < 0 || static_cast<size_t>(position) >= list.size()) return nullptr;
     return list[static_cast<size_t>(position)].get();
   }
+  // The first declared column with the key: the export looks up twenty keys
+  // for every batch, so keys are kept sorted beside the list.
   IPelkaLogColumn* FindColumn(const char* key) override {
     if (!key) return nullptr;
-    for (const auto& column : list)
-      if (column->key() == key) return column.get();
-    return nullptr;
+    const std::string_view wanted(key);
+    const auto found = std::lower_bound(by_key_.begin(), by_key_.end(), wanted,
+                                        [](const KeyEntry& entry, std::string_view k) { return entry.first < k; });
+    return found != by_key_.end() && found->first == wanted ? found->second : nullptr;
   }
-  const Column* Find(const char* key) { return static_cast<const Column*>(FindColumn(key)); }
+
+  void Add(std::unique_ptr<Column> column) {
+    // Behind every column of the same key, so the first declared stays first.
+    const KeyEntry entry{column->key(), column.get()};
+    by_key_.insert(std::upper_bound(by_key_.begin(), by_key_.end(), entry,
+                                    [](const KeyEntry& a, const KeyEntry& b) { return a.first < b.first; }),
+                   entry);
+    list.push_back(std::move(column));
+  }
 
   std::vector<std::unique_ptr<Column>> list;
+
+ private:
+  using KeyEntry = std::pair<std::string_view, Column*>;  // views of the columns' own keys
+  std::vector<KeyEntry> by_key_;
 };
 
 // --- Storage kinds ---------------------------------------------------------------
@@ -272,7 +289,7 @@ uint16_t HostLog::AddColumn(const char* key, const wchar_t* caption, uint32_t va
   const std::lock_guard<std::mutex> open_lock(open_mutex_);
   if (!key || !open_.empty() || columns_->list.size() >= 0x7FFF) return 0xFFFF;
   const auto id = static_cast<uint16_t>(columns_->list.size());
-  columns_->list.push_back(std::make_unique<Column>(id, key, caption ? caption : L"", value_kind, 0));
+  columns_->Add(std::make_unique<Column>(id, key, caption ? caption : L"", value_kind, 0));
   if (copy_path_column_ < 0 && std::strcmp(key, kCopyPathKey) == 0) copy_path_column_ = id;
   return id;
 }
@@ -282,7 +299,7 @@ void HostLog::AddStandardColumn(const wchar_t* caption, uint32_t field, uint32_t
   const std::lock_guard<std::mutex> open_lock(open_mutex_);
   if (!open_.empty() || columns_->list.size() >= 0x7FFF) return;
   const auto id = static_cast<uint16_t>(columns_->list.size());
-  columns_->list.push_back(std::make_unique<Column>(id, StandardKey(field), caption ? caption : L"", 0, field));
+  columns_->Add(std::make_unique<Column>(id, StandardKey(field), caption ? caption : L"", 0, field));
 }
 
 void HostLog::EndColumns() {}

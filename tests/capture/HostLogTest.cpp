@@ -52,6 +52,13 @@ void ShowFields(IPelkaLogRecordSet* records, uint32_t format, uint32_t header_wa
     }
     out += L'\n';
   }
+  IPelkaLogColumns* columns = records->GetColumns();
+  EXPECT_EQ(columns->FindColumn("email_subject")->GetId(), 7) << "the first of two columns with the key";
+  EXPECT_EQ(columns->FindColumn("timestamp")->GetId(), 0);
+  EXPECT_EQ(columns->FindColumn("group")->GetId(), 11);
+  EXPECT_EQ(columns->FindColumn("")->GetId(), 10) << "a standard field without a host key";
+  EXPECT_EQ(columns->FindColumn("email_subjec"), nullptr);
+  EXPECT_EQ(columns->FindColumn(nullptr), nullptr);
   EXPECT_EQ(records->GetFieldText(-1, 0, 0), nullptr);
   EXPECT_EQ(records->GetFieldText(records->GetRecordCount(), 0, 0), nullptr);
 }
@@ -75,6 +82,7 @@ class HostLogTest : public ::testing::Test {
     path_ = log_->AddColumn("email_file_path", L"Path", kLogValueText, 0, 0, 0);
     log_->AddStandardColumn(L"Unknown", 9, 0, 0);
     group_ = log_->AddColumn("group", L"Group", kLogValueText, 0, 0, 0);
+    log_->AddColumn("email_subject", L"Subject again", kLogValueText, 0, 0, 0);
     log_->EndColumns();
     log_->AddStorage("log", "email_log", "", L"Log", ShowFields);
   }
@@ -143,7 +151,7 @@ TEST_F(HostLogTest, RecordsComeOutAsLinesAndExportFieldsWithTheirTexts) {
     EXPECT_EQ(log_->SetText(record, group_, L"first"), 0u);
     EXPECT_EQ(log_->SetText(record, group_, L"g"), 0u) << "the last value counts";
     EXPECT_NE(log_->SetText(record, 0, L"standard"), 0u);
-    EXPECT_NE(log_->SetNumber(record, 12, 1), 0u);
+    EXPECT_NE(log_->SetNumber(record, 13, 1), 0u) << "no such column";
     EXPECT_EQ(log_->PostRecord(record), 0u);
     EXPECT_NE(log_->PostRecord(record), 0u) << "posted once";
   }
