@@ -4,6 +4,7 @@
 #include <functional>
 #include <string>
 
+#include "host/DataFormat.h"
 #include "host/PacketRecord.h"
 #include "host/WideFormat.h"
 #include "support/FakeFlow.h"
@@ -23,6 +24,14 @@ TEST(WideFormat, WindowsConversionsMeanWhatTheyMeantThere) {
   EXPECT_EQ(FormatWide(L"%c%c", L'\x4E2D', L'a'), L"\x4E2D" L"a");
   const std::wstring long_text(5000, L'z');
   EXPECT_EQ(FormatWide(L"[%s]", long_text.c_str()), L"[" + long_text + L"]") << "the buffer grows";
+}
+
+TEST(DataFormat, Ipv4AddressesAsDottedDecimal) {
+  const CTQDataFormat format;
+  EXPECT_EQ(format.FormatIpAddress(0), L"0.0.0.0");
+  EXPECT_EQ(format.FormatIpAddress(0xFFFFFFFF), L"255.255.255.255");
+  EXPECT_EQ(format.FormatIpAddress(0x0A006409), L"10.0.100.9");
+  EXPECT_EQ(format.FormatIpAddress(0xC0A8010A), L"192.168.1.10");
 }
 
 TEST(PacketRecordReader, ReadsNumberTimeAndPortsInEveryLayout) {
