@@ -78,7 +78,7 @@ TEST(FlowWithoutDiagnosis, TheConversationIsFollowedAndCountedAsUsual) {
   module.AssignStatisticIndexes(&stats);
 
   Conversation smtp(module, kSmtpPort, kProtocolSmtp);
-  EXPECT_EQ(smtp.stats().added, std::vector<int32_t>{stats.IndexOf("SMTP")});
+  EXPECT_EQ(smtp.stats().counts, (std::map<int32_t, uint64_t>{{stats.IndexOf("SMTP"), 1}}));
   smtp.Server("220 hi\r\n", 1'000'000);
   smtp.Client("AUTH LOGIN\r\n", 1'010'000);
   smtp.Server("334 VXNlcm5hbWU6\r\n", 1'020'000);
