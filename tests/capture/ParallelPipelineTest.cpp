@@ -175,25 +175,13 @@ struct Packet {
 // Many SMTP sessions, `concurrent` of them at a time, their frames
 // interleaved; some end with FINs, some stay open; one is IPv6.
 std::vector<Packet> Traffic(size_t sessions, size_t concurrent) {
-  std::vector<std::vector<test::Frame>> open;
   std::vector<Packet> packets;
   uint64_t time = test::kCaptureStartUs;
-  for (size_t started = 0; started < sessions || !open.empty();) {
-    while (open.size() < concurrent && started < sessions) {
-      open.push_back(test::SmtpSession(static_cast<uint16_t>(30000 + started), "Message " + std::to_string(started),
-                                       300 + 700 * (started % 5), started % 7 != 3));
-      std::reverse(open.back().begin(), open.back().end());
-      ++started;
-    }
-    for (size_t i = 0; i < open.size();) {
-      packets.push_back({open[i].back().bytes, time += 100});
-      open[i].pop_back();
-      if (open[i].empty()) {
-        open.erase(open.begin() + static_cast<std::ptrdiff_t>(i));
-      } else {
-        ++i;
-      }
-    }
+  for (test::Frame& frame : test::Interleaved(sessions, concurrent, [](size_t i) {
+         return test::SmtpSession(static_cast<uint16_t>(30000 + i), "Message " + std::to_string(i),
+                                  300 + 700 * (i % 5), i % 7 != 3);
+       })) {
+    packets.push_back({std::move(frame.bytes), time += 100});
   }
   Segment v6 = Between(test::V6(1), 50000, test::V6(2), 143);
   v6.flags = kTcpAck | kTcpPsh;
