@@ -200,16 +200,24 @@ CapturedFrame FrameOf(const Packet& packet, uint64_t number) {
   return frame;
 }
 
-void Feed(FlowTracker& tracker, const std::vector<Packet>& packets, PacketDecoder& decoder) {
-  uint64_t number = 0;
-  for (const Packet& packet : packets) {
-    DecodedPacket decoded;
-    ++number;
-    if (decoder.Decode(kLinkEthernet, packet.frame.data(), packet.frame.size(), &decoded) != DecodeStatus::kTcp)
-      continue;
-    tracker.OnPacket(decoded, packet.frame.data(), number, packet.time_us);
+// What one tracker tells the flows of these packets.
+struct SingleTracker {
+  explicit SingleTracker(const std::vector<Packet>& packets) {
+    uint64_t number = 0;
+    for (const Packet& packet : packets) {
+      DecodedPacket decoded;
+      ++number;
+      if (decoder.Decode(kLinkEthernet, packet.frame.data(), packet.frame.size(), &decoded) != DecodeStatus::kTcp)
+        continue;
+      tracker.OnPacket(decoded, packet.frame.data(), number, packet.time_us);
+    }
+    tracker.Finish();
   }
-}
+
+  FlowLogSink sink;
+  FlowTracker tracker{&sink};
+  PacketDecoder decoder;
+};
 
 // The packets as the workers read them: copied frames, and with `advance_us`
 // a timeout passing that capture time after the last one.
@@ -242,18 +250,12 @@ class ParallelPipelineTest : public ::testing::TestWithParam<PipelineCase> {};
 TEST_P(ParallelPipelineTest, EveryFlowHearsWhatOneTrackerTellsIt) {
   const PipelineCase& c = GetParam();
   const std::vector<Packet> packets = Traffic(c.sessions, c.concurrent);
-
-  FlowLogSink single_sink;
-  FlowTracker single(&single_sink);
-  PacketDecoder decoder;
-  Feed(single, packets, decoder);
-  single.Finish();
-
+  SingleTracker single(packets);
   FlowLogSink parallel_sink;
   ParallelPipeline parallel(c.workers, &parallel_sink);
   Feed(parallel, packets);
 
-  const auto expected = single_sink.logs();
+  const auto expected = single.sink.logs();
   EXPECT_EQ(expected.size(), c.sessions + 1);
   EXPECT_EQ(parallel_sink.logs(), expected);
   EXPECT_LE(parallel_sink.threads().size(), c.workers);
@@ -261,13 +263,13 @@ TEST_P(ParallelPipelineTest, EveryFlowHearsWhatOneTrackerTellsIt) {
     EXPECT_EQ(parallel_sink.threads().size(), c.workers);
   }
 
-  const FlowTrackerCounters want = single.counters();
+  const FlowTrackerCounters want = single.tracker.counters();
   const FlowTrackerCounters got = parallel.counters();
   EXPECT_EQ(got.packets, want.packets);
   EXPECT_EQ(got.packets_delivered, want.packets_delivered);
   EXPECT_EQ(got.flows_smtp, want.flows_smtp);
   EXPECT_EQ(got.flows_imap, want.flows_imap);
-  EXPECT_EQ(parallel.decoder_counters().tcp, decoder.counters().tcp);
+  EXPECT_EQ(parallel.decoder_counters().tcp, single.decoder.counters().tcp);
 }
 
 INSTANTIATE_TEST_SUITE_P(Traffic, ParallelPipelineTest,
@@ -282,11 +284,7 @@ INSTANTIATE_TEST_SUITE_P(Traffic, ParallelPipelineTest,
 // stalling, and every block comes back once the workers are done.
 TEST(ParallelPipelineBlocksTest, FramesInSharedBlocksReachTheFlowsAndBlocksComeBack) {
   const std::vector<Packet> packets = Traffic(200, 40);
-  FlowLogSink single_sink;
-  FlowTracker single(&single_sink);
-  PacketDecoder decoder;
-  Feed(single, packets, decoder);
-  single.Finish();
+  SingleTracker single(packets);
 
   FlowLogSink parallel_sink;
   PcapBlockPool pool(2, 16384);
@@ -317,7 +315,7 @@ TEST(ParallelPipelineBlocksTest, FramesInSharedBlocksReachTheFlowsAndBlocksComeB
       return ReadStatus::kFrame;
     });
   }
-  EXPECT_EQ(parallel_sink.logs(), single_sink.logs());
+  EXPECT_EQ(parallel_sink.logs(), single.sink.logs());
   EXPECT_EQ(pool.made_blocks(), 2u);
   EXPECT_EQ(pool.free_blocks(), 2u);
 }
