@@ -2,10 +2,7 @@
 // the statistics tree and the diagnosis parameters.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <limits>
-#include <sstream>
 #include <string>
 
 #include "capture/HostDiagnosis.h"
@@ -41,35 +38,28 @@ TEST(HostJson, TextsAreEscapedAndNumbersStayNumbers) {
             "{\"w\": \"\xe4\xbd\xa0\", \"n\": 18446744073709551615, \"d\": null, \"s\": -3, \"r\": [1, 2]}");
 }
 
-std::string FileText(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 TEST(HostOutputFile, LinesAreGatheredUntilFlushOr64KiBOrWrittenAtOnceWhenAsked) {
   test::TempFile gathered("");
   OutputFile file;
   ASSERT_TRUE(file.Open(gathered.path()));
   ASSERT_TRUE(file.WriteLine("one"));
-  EXPECT_EQ(FileText(gathered.path()), "");
+  EXPECT_EQ(test::ReadWholeFile(gathered.path()), "");
   ASSERT_TRUE(file.Flush());
-  EXPECT_EQ(FileText(gathered.path()), "one\n");
+  EXPECT_EQ(test::ReadWholeFile(gathered.path()), "one\n");
   const std::string long_line(40 * 1024, 'x');
   ASSERT_TRUE(file.WriteLine(long_line));
   ASSERT_TRUE(file.WriteLine(long_line));
-  EXPECT_EQ(FileText(gathered.path()).size(), 4 + 2 * (long_line.size() + 1)) << "64 KiB waiting are written";
+  EXPECT_EQ(test::ReadWholeFile(gathered.path()).size(), 4 + 2 * (long_line.size() + 1)) << "64 KiB waiting are written";
   ASSERT_TRUE(file.WriteLine("last"));
   ASSERT_TRUE(file.Close());
-  EXPECT_EQ(FileText(gathered.path()).substr(4 + 2 * (long_line.size() + 1)), "last\n");
+  EXPECT_EQ(test::ReadWholeFile(gathered.path()).substr(4 + 2 * (long_line.size() + 1)), "last\n");
   EXPECT_EQ(file.lines(), 4u);
 
   test::TempFile at_once("");
   ASSERT_TRUE(file.Open(at_once.path()));
   file.WriteEachLine(true);
   ASSERT_TRUE(file.WriteLine("now"));
-  EXPECT_EQ(FileText(at_once.path()), "now\n");
+  EXPECT_EQ(test::ReadWholeFile(at_once.path()), "now\n");
 }
 
 TEST(HostOutputFile, TheFirstWriteFailureIsKeptAndLaterWritesStop) {

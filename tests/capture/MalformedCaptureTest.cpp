@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -65,10 +64,7 @@ Frame WithIpTotalLength(uint16_t length) {
 // A pcap record header claiming `captured` bytes, with `present` bytes after it.
 std::string RecordClaiming(uint32_t captured, size_t present) {
   std::string out;
-  test::PutLe32(out, 1700000000);
-  test::PutLe32(out, 500000);
-  test::PutLe32(out, captured);
-  test::PutLe32(out, captured);
+  for (uint32_t field : {1700000000u, 500000u, captured, captured}) test::PutLe32(out, field);
   return out + std::string(present, '\x55');
 }
 
@@ -89,7 +85,7 @@ std::string SynFlood(size_t count) {
 
 struct MalformedCase {
   const char* name;
-  std::function<std::vector<std::string>()> files;  // capture files, read in order
+  std::vector<std::string> files;     // capture files, read in order
   int status;
   std::vector<std::string> subjects;  // the records that must be found, in order
   std::vector<std::string> err_parts; // stderr must hold each; "FILE0" names the first file
@@ -98,71 +94,41 @@ struct MalformedCase {
 void PrintTo(const MalformedCase& c, std::ostream* out) { *out << c.name; }
 
 const std::vector<MalformedCase>& Cases() {
+  const std::string header = test::PcapFileHeader();
+  const std::string zero = test::PcapRecord({{}, 0}, test::kCaptureStartUs + 1) +
+                           test::PcapRecord({{}, 60}, test::kCaptureStartUs + 2);
+  const std::vector<Frame> lies = {
+      PatchedFrame(kEthernetHeader, 0x4F),  // IP header of 60 bytes, longer than the frame's IP part
+      PatchedFrame(kEthernetHeader, 0x42),  // IP header of 8 bytes, shorter than any
+      PatchedFrame(kEthernetHeader, 0x60),  // says version 6 inside an IPv4 frame
+      WithIpTotalLength(2000),              // more bytes than captured
+      WithIpTotalLength(24),                // less than the IP and TCP headers
+      WithIpTotalLength(0),
+      PatchedFrame(kTcpOffsetByte, 0xF0),   // 60-byte TCP header, beyond the segment
+      PatchedFrame(kTcpOffsetByte, 0x20),   // 8-byte TCP header, shorter than any
+      PatchedFrame(kTcpOffsetByte, 0x00),
+  };
   static const std::vector<MalformedCase> cases = {
-      {"TruncatedInsideARecord",
-       [] { return std::vector<std::string>{CutInsideSecondSession()}; },
-       kInputProblem, {kBefore}, {"FILE0", "truncated"}},
-      {"TruncatedInsideTheFileHeader", [] { return std::vector<std::string>{test::PcapFileHeader().substr(0, 13)}; },
-       kInputProblem, {}, {"FILE0"}},
-      {"EmptyFile", [] { return std::vector<std::string>{""}; }, kInputProblem, {}, {"FILE0"}},
-      {"BadMagic",
-       [] { return std::vector<std::string>{"JUNK" + test::PcapFileHeader().substr(4) + SessionBefore()}; },
-       kInputProblem, {}, {"FILE0"}},
-      {"BadMagicThenAGoodFile",
-       [] {
-         return std::vector<std::string>{"JUNK" + test::PcapFileHeader().substr(4),
-                                         test::PcapFileHeader() + SessionBefore()};
-       },
+      {"TruncatedInsideARecord", {CutInsideSecondSession()}, kInputProblem, {kBefore}, {"FILE0", "truncated"}},
+      {"TruncatedInsideTheFileHeader", {header.substr(0, 13)}, kInputProblem, {}, {"FILE0"}},
+      {"EmptyFile", {""}, kInputProblem, {}, {"FILE0"}},
+      {"BadMagic", {"JUNK" + header.substr(4) + SessionBefore()}, kInputProblem, {}, {"FILE0"}},
+      {"BadMagicThenAGoodFile", {"JUNK" + header.substr(4), header + SessionBefore()}, kInputProblem, {kBefore},
+       {"FILE0"}},
+      {"RecordLongerThanTheRestOfTheFile", {header + SessionBefore() + RecordClaiming(1000, 10)}, kInputProblem,
+       {kBefore}, {"FILE0", "truncated"}},
+      {"RecordLengthBeyondAnySnapLength", {header + SessionBefore() + RecordClaiming(0x7FFFFFF0, 64) + SessionAfter()},
        kInputProblem, {kBefore}, {"FILE0"}},
-      {"RecordLongerThanTheRestOfTheFile",
-       [] { return std::vector<std::string>{test::PcapFileHeader() + SessionBefore() + RecordClaiming(1000, 10)}; },
-       kInputProblem, {kBefore}, {"FILE0", "truncated"}},
-      {"RecordLengthBeyondAnySnapLength",
-       [] {
-         return std::vector<std::string>{test::PcapFileHeader() + SessionBefore() + RecordClaiming(0x7FFFFFF0, 64) +
-                                         SessionAfter()};
-       },
-       kInputProblem, {kBefore}, {"FILE0"}},
-      {"SnapLength64",
-       [] {
-         std::string file = test::PcapFileHeader(64);
-         file += test::PcapRecords(test::SmtpSession(40001, kBefore), 0, 64);
-         return std::vector<std::string>{file};
-       },
+      {"SnapLength64", {test::PcapFileHeader(64) + test::PcapRecords(test::SmtpSession(40001, kBefore), 0, 64)},
        kDone, {}, {"FILE0"}},
-      {"ZeroLengthFrames",
-       [] {
-         std::string zero = test::PcapRecord({{}, 0}, test::kCaptureStartUs + 1) +
-                            test::PcapRecord({{}, 60}, test::kCaptureStartUs + 2);
-         return std::vector<std::string>{test::PcapFileHeader() + zero + SessionBefore() + zero + SessionAfter() +
-                                         zero};
-       },
-       kDone, {kBefore, kAfter}, {}},
-      {"HeaderLengthsThatLie",
-       [] {
-         const std::vector<Frame> lies = {
-             PatchedFrame(kEthernetHeader, 0x4F),  // IP header of 60 bytes, longer than the frame's IP part
-             PatchedFrame(kEthernetHeader, 0x42),  // IP header of 8 bytes, shorter than any
-             PatchedFrame(kEthernetHeader, 0x60),  // says version 6 inside an IPv4 frame
-             WithIpTotalLength(2000),              // more bytes than captured
-             WithIpTotalLength(24),                // less than the IP and TCP headers
-             WithIpTotalLength(0),
-             PatchedFrame(kTcpOffsetByte, 0xF0),   // 60-byte TCP header, beyond the segment
-             PatchedFrame(kTcpOffsetByte, 0x20),   // 8-byte TCP header, shorter than any
-             PatchedFrame(kTcpOffsetByte, 0x00),
-         };
-         return std::vector<std::string>{test::PcapFileHeader() + SessionBefore() + Records(lies, 900) +
-                                         SessionAfter()};
-       },
-       // The frame claiming 2000 bytes is a cut segment, the one claiming 0 is
-       // taken whole; the other seven are skipped.
-       kDone, {kBefore, kAfter}, {"FILE0", "7 frames were skipped"}},
-      {"SynFloodOfHalfOpenFlows",
-       [] {
-         return std::vector<std::string>{test::PcapFileHeader() + SessionBefore() + SynFlood(120000) +
-                                         SessionAfter()};
-       },
-       kDone, {kBefore, kAfter}, {"100000"}},
+      {"ZeroLengthFrames", {header + zero + SessionBefore() + zero + SessionAfter() + zero}, kDone,
+       {kBefore, kAfter}, {}},
+      // The frame claiming 2000 bytes is a cut segment, the one claiming 0 is
+      // taken whole; the other seven are skipped.
+      {"HeaderLengthsThatLie", {header + SessionBefore() + Records(lies, 900) + SessionAfter()}, kDone,
+       {kBefore, kAfter}, {"FILE0", "7 frames were skipped"}},
+      {"SynFloodOfHalfOpenFlows", {header + SessionBefore() + SynFlood(120000) + SessionAfter()}, kDone,
+       {kBefore, kAfter}, {"100000"}},
   };
   return cases;
 }
@@ -172,10 +138,9 @@ class MalformedCaptureTest : public ::testing::TestWithParam<MalformedCase> {};
 // The run's files on the command line, after "-o DIR --quiet".
 std::vector<std::string> CommandLine(const TempDir& dir, const MalformedCase& c) {
   std::vector<std::string> args = {"-o", (dir / "out").string(), "--quiet"};
-  const std::vector<std::string> files = c.files();
-  for (size_t i = 0; i < files.size(); ++i) {
+  for (size_t i = 0; i < c.files.size(); ++i) {
     const test::fs::path path = dir / ("capture" + std::to_string(i) + ".pcap");
-    test::WriteWholeFile(path, files[i]);
+    test::WriteWholeFile(path, c.files[i]);
     args.push_back(path.string());
   }
   return args;

@@ -175,25 +175,13 @@ struct Packet {
 // Many SMTP sessions, `concurrent` of them at a time, their frames
 // interleaved; some end with FINs, some stay open; one is IPv6.
 std::vector<Packet> Traffic(size_t sessions, size_t concurrent) {
-  std::vector<std::vector<test::Frame>> open;
   std::vector<Packet> packets;
   uint64_t time = test::kCaptureStartUs;
-  for (size_t started = 0; started < sessions || !open.empty();) {
-    while (open.size() < concurrent && started < sessions) {
-      open.push_back(test::SmtpSession(static_cast<uint16_t>(30000 + started), "Message " + std::to_string(started),
-                                       300 + 700 * (started % 5), started % 7 != 3));
-      std::reverse(open.back().begin(), open.back().end());
-      ++started;
-    }
-    for (size_t i = 0; i < open.size();) {
-      packets.push_back({open[i].back().bytes, time += 100});
-      open[i].pop_back();
-      if (open[i].empty()) {
-        open.erase(open.begin() + static_cast<std::ptrdiff_t>(i));
-      } else {
-        ++i;
-      }
-    }
+  for (test::Frame& frame : test::Interleaved(sessions, concurrent, [](size_t i) {
+         return test::SmtpSession(static_cast<uint16_t>(30000 + i), "Message " + std::to_string(i),
+                                  300 + 700 * (i % 5), i % 7 != 3);
+       })) {
+    packets.push_back({std::move(frame.bytes), time += 100});
   }
   Segment v6 = Between(test::V6(1), 50000, test::V6(2), 143);
   v6.flags = kTcpAck | kTcpPsh;
@@ -212,16 +200,24 @@ CapturedFrame FrameOf(const Packet& packet, uint64_t number) {
   return frame;
 }
 
-void Feed(FlowTracker& tracker, const std::vector<Packet>& packets, PacketDecoder& decoder) {
-  uint64_t number = 0;
-  for (const Packet& packet : packets) {
-    DecodedPacket decoded;
-    ++number;
-    if (decoder.Decode(kLinkEthernet, packet.frame.data(), packet.frame.size(), &decoded) != DecodeStatus::kTcp)
-      continue;
-    tracker.OnPacket(decoded, packet.frame.data(), number, packet.time_us);
+// What one tracker tells the flows of these packets.
+struct SingleTracker {
+  explicit SingleTracker(const std::vector<Packet>& packets) {
+    uint64_t number = 0;
+    for (const Packet& packet : packets) {
+      DecodedPacket decoded;
+      ++number;
+      if (decoder.Decode(kLinkEthernet, packet.frame.data(), packet.frame.size(), &decoded) != DecodeStatus::kTcp)
+        continue;
+      tracker.OnPacket(decoded, packet.frame.data(), number, packet.time_us);
+    }
+    tracker.Finish();
   }
-}
+
+  FlowLogSink sink;
+  FlowTracker tracker{&sink};
+  PacketDecoder decoder;
+};
 
 // The packets as the workers read them: copied frames, and with `advance_us`
 // a timeout passing that capture time after the last one.
@@ -254,18 +250,12 @@ class ParallelPipelineTest : public ::testing::TestWithParam<PipelineCase> {};
 TEST_P(ParallelPipelineTest, EveryFlowHearsWhatOneTrackerTellsIt) {
   const PipelineCase& c = GetParam();
   const std::vector<Packet> packets = Traffic(c.sessions, c.concurrent);
-
-  FlowLogSink single_sink;
-  FlowTracker single(&single_sink);
-  PacketDecoder decoder;
-  Feed(single, packets, decoder);
-  single.Finish();
-
+  SingleTracker single(packets);
   FlowLogSink parallel_sink;
   ParallelPipeline parallel(c.workers, &parallel_sink);
   Feed(parallel, packets);
 
-  const auto expected = single_sink.logs();
+  const auto expected = single.sink.logs();
   EXPECT_EQ(expected.size(), c.sessions + 1);
   EXPECT_EQ(parallel_sink.logs(), expected);
   EXPECT_LE(parallel_sink.threads().size(), c.workers);
@@ -273,13 +263,13 @@ TEST_P(ParallelPipelineTest, EveryFlowHearsWhatOneTrackerTellsIt) {
     EXPECT_EQ(parallel_sink.threads().size(), c.workers);
   }
 
-  const FlowTrackerCounters want = single.counters();
+  const FlowTrackerCounters want = single.tracker.counters();
   const FlowTrackerCounters got = parallel.counters();
   EXPECT_EQ(got.packets, want.packets);
   EXPECT_EQ(got.packets_delivered, want.packets_delivered);
   EXPECT_EQ(got.flows_smtp, want.flows_smtp);
   EXPECT_EQ(got.flows_imap, want.flows_imap);
-  EXPECT_EQ(parallel.decoder_counters().tcp, decoder.counters().tcp);
+  EXPECT_EQ(parallel.decoder_counters().tcp, single.decoder.counters().tcp);
 }
 
 INSTANTIATE_TEST_SUITE_P(Traffic, ParallelPipelineTest,
@@ -294,11 +284,7 @@ INSTANTIATE_TEST_SUITE_P(Traffic, ParallelPipelineTest,
 // stalling, and every block comes back once the workers are done.
 TEST(ParallelPipelineBlocksTest, FramesInSharedBlocksReachTheFlowsAndBlocksComeBack) {
   const std::vector<Packet> packets = Traffic(200, 40);
-  FlowLogSink single_sink;
-  FlowTracker single(&single_sink);
-  PacketDecoder decoder;
-  Feed(single, packets, decoder);
-  single.Finish();
+  SingleTracker single(packets);
 
   FlowLogSink parallel_sink;
   PcapBlockPool pool(2, 16384);
@@ -329,7 +315,7 @@ TEST(ParallelPipelineBlocksTest, FramesInSharedBlocksReachTheFlowsAndBlocksComeB
       return ReadStatus::kFrame;
     });
   }
-  EXPECT_EQ(parallel_sink.logs(), single_sink.logs());
+  EXPECT_EQ(parallel_sink.logs(), single.sink.logs());
   EXPECT_EQ(pool.made_blocks(), 2u);
   EXPECT_EQ(pool.free_blocks(), 2u);
 }

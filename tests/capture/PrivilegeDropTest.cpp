@@ -31,7 +31,7 @@ using ::testing::HasSubstr;
 using test::ProgramResult;
 using test::TempDir;
 
-const fs::path kSample = fs::path(PELKA_SOURCE_DIR) / "samples" / "mail-sample.pcap";
+using test::kSample;
 constexpr const char* kUnprivileged = "nobody";
 
 // Runs `body` in a child process and hands back the text it returns (empty:
@@ -240,29 +240,14 @@ TEST(PrivilegeDropProgram, RefusalsStopTheRunBeforeItReads) {
 TEST(CopyFileNames, ComeFromThePacketTimeNeverFromTheMessage) {
   REQUIRE_PROGRAM();
   const std::string hostile = "../../../../tmp/pelka-escape/x";
-  test::TcpConversation c(40001);
-  c.Handshake();
-  c.Server("220 mx.example.net ESMTP\r\n");
-  c.Client("HELO ../../host\r\n");
-  c.Server("250 ok\r\n");
-  c.Client("MAIL FROM:<" + hostile + "@example.org>\r\n");
-  c.Server("250 OK\r\n");
-  c.Client("RCPT TO:<../bob@example.net>\r\n");
-  c.Server("250 OK\r\n");
-  c.Client("DATA\r\n");
-  c.Server("354 go ahead\r\n");
-  c.Client("From: \"" + hostile + "\" <" + hostile + "@example.org>\r\nTo: ../bob@example.net\r\nSubject: " + hostile +
-           ".eml\r\nMIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n--b\r\n"
-           "Content-Type: text/plain\r\n\r\nhi\r\n--b\r\nContent-Type: application/octet-stream; name=\"" + hostile +
-           "\"\r\nContent-Disposition: attachment; filename=\"/etc/" + hostile + "\"\r\n\r\nAAAA\r\n--b--\r\n");
-  c.Client(".\r\n");
-  c.Server("250 queued\r\n");
-  c.Client("QUIT\r\n");
-  c.Server("221 bye\r\n");
-  c.Close();
-
+  const std::vector<test::Frame> frames = test::SmtpExchange(
+      40001, "HELO ../../host", hostile + "@example.org", "../bob@example.net",
+      {"From: \"" + hostile + "\" <" + hostile + "@example.org>\r\nTo: ../bob@example.net\r\nSubject: " + hostile +
+       ".eml\r\nMIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n--b\r\n"
+       "Content-Type: text/plain\r\n\r\nhi\r\n--b\r\nContent-Type: application/octet-stream; name=\"" + hostile +
+       "\"\r\nContent-Disposition: attachment; filename=\"/etc/" + hostile + "\"\r\n\r\nAAAA\r\n--b--\r\n"});
   TempDir dir;
-  test::WriteWholeFile(dir / "in.pcap", test::PcapFileHeader() + test::PcapRecords(c.frames()));
+  test::WriteWholeFile(dir / "in.pcap", test::PcapFileHeader() + test::PcapRecords(frames));
   const fs::path out = dir / "out";
   const ProgramResult result = test::RunProgram({"--copies", "-q", "-o", out.string(), (dir / "in.pcap").string()});
   test::ExpectNoCrash(result);

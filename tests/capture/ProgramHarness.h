@@ -15,12 +15,14 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "FrameBuilder.h"
+#include "support/TempFile.h"
 
 namespace pelka::test {
 
@@ -37,38 +39,18 @@ inline fs::path ProgramPath() {
     GTEST_SKIP() << "pelka-email is not built at " << ::pelka::test::ProgramPath() << "; skipping"; \
   }
 
-// A fresh directory under the system's temporary directory, removed at the end.
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "pelka-tough-XXXXXX").string();
-    if (::mkdtemp(pattern.data())) path_ = pattern;
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  const fs::path& path() const { return path_; }
-  fs::path operator/(const std::string& name) const { return path_ / name; }
-
- private:
-  fs::path path_;
-};
-
-inline std::string ReadWholeFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 inline void WriteWholeFile(const fs::path& path, const std::string& bytes) {
   std::ofstream out(path, std::ios::binary);
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
+
+inline size_t LineCount(const fs::path& file) {
+  const std::string text = ReadWholeFile(file);
+  return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+// The bundled sample: one SMTP, one POP3 and one IMAP4 message.
+inline const fs::path kSample = fs::path(PELKA_SOURCE_DIR) / "samples" / "mail-sample.pcap";
 
 struct ProgramResult {
   bool exited = false;  // false: killed by a signal or never finished
@@ -227,11 +209,27 @@ inline std::vector<std::string> RecordedSubjects(const fs::path& out_dir) {
 inline bool WaitForLines(const fs::path& path, size_t count, std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (std::chrono::steady_clock::now() < deadline) {
-    const std::string text = ReadWholeFile(path);
-    if (static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) >= count) return true;
+    if (LineCount(path) >= count) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return false;
+}
+
+// Every output file the run left ends in whole lines: JSON Lines files parse
+// line by line, the export files end with a line end, statistics.json parses
+// when present. Files that are not regular (a link to /dev/full) are passed over.
+inline void ExpectWholeLines(const fs::path& out_dir) {
+  const auto text = [&out_dir](const char* name) {
+    return fs::is_regular_file(out_dir / name) ? ReadWholeFile(out_dir / name) : std::string();
+  };
+  for (const char* name : {"emails.jsonl", "entries.jsonl", "diagnosis.jsonl"}) {
+    if (fs::is_regular_file(out_dir / name)) ReadJsonLines(out_dir / name);
+  }
+  for (const char* name : {"email_log.csv", "email_log.txt"}) {
+    EXPECT_TRUE(text(name).empty() || text(name).back() == '\n') << name << " ends inside a line";
+  }
+  const std::string statistics = text("statistics.json");
+  EXPECT_TRUE(statistics.empty() || nlohmann::json::parse(statistics, nullptr, false).is_object()) << statistics;
 }
 
 // --- Captures built from bytes -------------------------------------------
@@ -248,10 +246,7 @@ inline std::string PcapFileHeader(uint32_t snap_length = 65535, uint32_t link_ty
   std::string out;
   PutLe32(out, magic);
   out += std::string("\x02\x00\x04\x00", 4);
-  PutLe32(out, 0);
-  PutLe32(out, 0);
-  PutLe32(out, snap_length);
-  PutLe32(out, link_type);
+  for (uint32_t field : {0u, 0u, snap_length, link_type}) PutLe32(out, field);
   return out;
 }
 
@@ -265,11 +260,12 @@ struct Frame {
 // snap length would.
 inline std::string PcapRecord(const Frame& frame, uint64_t time_us, uint32_t snap = UINT32_MAX) {
   const uint32_t captured = std::min<uint32_t>(static_cast<uint32_t>(frame.bytes.size()), snap);
+  const uint32_t wire = frame.wire_length ? frame.wire_length : static_cast<uint32_t>(frame.bytes.size());
   std::string out;
-  PutLe32(out, static_cast<uint32_t>(time_us / 1000000));
-  PutLe32(out, static_cast<uint32_t>(time_us % 1000000));
-  PutLe32(out, captured);
-  PutLe32(out, frame.wire_length ? frame.wire_length : static_cast<uint32_t>(frame.bytes.size()));
+  for (uint32_t field : {static_cast<uint32_t>(time_us / 1000000), static_cast<uint32_t>(time_us % 1000000), captured,
+                         wire}) {
+    PutLe32(out, field);
+  }
   out.append(frame.bytes.begin(), frame.bytes.begin() + captured);
   return out;
 }
@@ -331,35 +327,68 @@ class TcpConversation {
   std::vector<Frame> frames_;
 };
 
-// A whole SMTP session that sends one message with this subject and a body of
-// about `body_bytes`, then closes the connection.
-inline std::vector<Frame> SmtpSession(uint16_t client_port, const std::string& subject, size_t body_bytes = 200,
-                                      bool close = true) {
+// A whole SMTP session: the client greets with `helo`, sends the message in
+// these packets (the end marker follows them) from `from` to `to`, and quits.
+inline std::vector<Frame> SmtpExchange(uint16_t client_port, const std::string& helo, const std::string& from,
+                                       const std::string& to, const std::vector<std::string>& message,
+                                       bool close = true) {
   TcpConversation c(client_port);
   c.Handshake();
   c.Server("220 mx.example.net ESMTP\r\n");
-  c.Client("EHLO client.example.org\r\n");
+  c.Client(helo + "\r\n");
   c.Server("250 mx.example.net\r\n");
-  c.Client("MAIL FROM:<alice@example.org>\r\n");
+  c.Client("MAIL FROM:<" + from + ">\r\n");
   c.Server("250 OK\r\n");
-  c.Client("RCPT TO:<bob@example.net>\r\n");
+  c.Client("RCPT TO:<" + to + ">\r\n");
   c.Server("250 OK\r\n");
   c.Client("DATA\r\n");
   c.Server("354 go ahead\r\n");
-  c.Client("From: Alice <alice@example.org>\r\nTo: Bob <bob@example.net>\r\nSubject: " + subject +
-           "\r\nDate: Tue, 14 Nov 2023 22:13:20 +0000\r\n\r\n");
-  const std::string line(70, 'b');
-  for (size_t sent = 0; sent < body_bytes; sent += 1400) {
-    std::string chunk;
-    while (chunk.size() + line.size() + 2 <= 1400 && sent + chunk.size() < body_bytes) chunk += line + "\r\n";
-    c.Client(chunk);
-  }
+  for (const std::string& packet : message) c.Client(packet);
   c.Client(".\r\n");
   c.Server("250 queued\r\n");
   c.Client("QUIT\r\n");
   c.Server("221 bye\r\n");
   if (close) c.Close();
   return std::move(c.frames());
+}
+
+// A session that sends one message with this subject and a body of about
+// `body_bytes`, then closes the connection.
+inline std::vector<Frame> SmtpSession(uint16_t client_port, const std::string& subject, size_t body_bytes = 200,
+                                      bool close = true) {
+  std::vector<std::string> message = {"From: Alice <alice@example.org>\r\nTo: Bob <bob@example.net>\r\nSubject: " +
+                                      subject + "\r\nDate: Tue, 14 Nov 2023 22:13:20 +0000\r\n\r\n"};
+  const std::string line(70, 'b');
+  for (size_t sent = 0; sent < body_bytes; sent += 1400) {
+    message.emplace_back();
+    while (message.back().size() + line.size() + 2 <= 1400 && sent + message.back().size() < body_bytes)
+      message.back() += line + "\r\n";
+  }
+  return SmtpExchange(client_port, "EHLO client.example.org", "alice@example.org", "bob@example.net", message, close);
+}
+
+// Sessions made by `session(i)`, `concurrent` of them open at a time, their
+// frames interleaved one by one.
+inline std::vector<Frame> Interleaved(size_t sessions, size_t concurrent,
+                                      const std::function<std::vector<Frame>(size_t)>& session) {
+  std::vector<std::vector<Frame>> open;
+  std::vector<Frame> frames;
+  for (size_t started = 0; started < sessions || !open.empty();) {
+    while (open.size() < concurrent && started < sessions) {
+      open.push_back(session(started++));
+      std::reverse(open.back().begin(), open.back().end());
+    }
+    for (size_t i = 0; i < open.size();) {
+      frames.push_back(std::move(open[i].back()));
+      open[i].pop_back();
+      if (open[i].empty()) {
+        open.erase(open.begin() + static_cast<std::ptrdiff_t>(i));
+      } else {
+        ++i;
+      }
+    }
+  }
+  return frames;
 }
 
 }  // namespace pelka::test

@@ -19,7 +19,7 @@ namespace {
 namespace fs = std::filesystem;
 using test::TempDir;
 
-const fs::path kSample = fs::path(PELKA_SOURCE_DIR) / "samples" / "mail-sample.pcap";
+using test::kSample;
 const fs::path kCorpus = PELKA_CORPUS_DIR;
 
 std::multiset<std::string> TextLines(const fs::path& path) {
@@ -41,12 +41,6 @@ struct Outputs {
   std::string statistics;
   std::set<std::string> copies;
   int status = -1;
-
-  bool operator==(const Outputs& other) const {
-    return records == other.records && entries == other.entries && diagnosis == other.diagnosis &&
-           csv == other.csv && text == other.text && statistics == other.statistics && copies == other.copies &&
-           status == other.status;
-  }
 };
 
 std::multiset<std::string> JsonLines(const fs::path& path, std::vector<uint64_t>* numbers = nullptr) {
@@ -127,27 +121,10 @@ void ExpectSameAsSingleThread(const fs::path& capture, const std::vector<std::st
 
 // Many SMTP sessions, `concurrent` at a time, frames interleaved.
 std::string ManyFlowsCapture(size_t sessions, size_t concurrent) {
-  std::string file = test::PcapFileHeader();
-  std::vector<std::vector<test::Frame>> open;
-  std::vector<test::Frame> frames;
-  for (size_t started = 0; started < sessions || !open.empty();) {
-    while (open.size() < concurrent && started < sessions) {
-      open.push_back(test::SmtpSession(static_cast<uint16_t>(20000 + started), "Many " + std::to_string(started),
-                                       200 + 1500 * (started % 4)));
-      std::reverse(open.back().begin(), open.back().end());
-      ++started;
-    }
-    for (size_t i = 0; i < open.size();) {
-      frames.push_back(std::move(open[i].back()));
-      open[i].pop_back();
-      if (open[i].empty()) {
-        open.erase(open.begin() + static_cast<std::ptrdiff_t>(i));
-      } else {
-        ++i;
-      }
-    }
-  }
-  return file + test::PcapRecords(frames);
+  return test::PcapFileHeader() + test::PcapRecords(test::Interleaved(sessions, concurrent, [](size_t i) {
+           return test::SmtpSession(static_cast<uint16_t>(20000 + i), "Many " + std::to_string(i),
+                                    200 + 1500 * (i % 4));
+         }));
 }
 
 class ThreadsTest : public ::testing::Test {
@@ -245,17 +222,9 @@ TEST_F(ThreadsTest, SigtermKeepsEveryLineWhole) {
 
   test::ExpectNoCrash(result);
   EXPECT_EQ(result.status, 0) << result.err;
-  std::vector<uint64_t> numbers;
-  const size_t records = JsonLines(out / "emails.jsonl", &numbers).size();
-  JsonLines(out / "entries.jsonl");
-  JsonLines(out / "diagnosis.jsonl");
-  EXPECT_TRUE(nlohmann::json::parse(test::ReadWholeFile(out / "statistics.json"), nullptr, false).is_object());
-  for (const char* name : {"email_log.csv", "email_log.txt"}) {
-    const std::string text = test::ReadWholeFile(out / name);
-    ASSERT_FALSE(text.empty());
-    EXPECT_EQ(text.back(), '\n') << name;
-  }
-  EXPECT_EQ(TextLines(out / "email_log.csv").size(), records + 1);
+  test::ExpectWholeLines(out);
+  const size_t records = test::LineCount(out / "emails.jsonl");
+  EXPECT_EQ(test::LineCount(out / "email_log.csv"), records + 1);
   if (records == 6000) GTEST_SKIP() << "the run ended before the signal came";
   EXPECT_THAT(result.out, ::testing::HasSubstr("Stopped before the end of the input"));
 }

@@ -17,6 +17,7 @@ namespace pelka {
 namespace {
 
 using test::fs::path;
+using test::LineCount;
 using test::ProgramResult;
 using test::TempDir;
 using ::testing::HasSubstr;
@@ -39,31 +40,6 @@ std::string SessionsCapture(size_t sessions, size_t body_bytes) {
     index += frames.size();
   }
   return file;
-}
-
-// Every file the run left: JSON Lines files parse line by line, the other
-// text files end with a line end, statistics.json parses when present. Files
-// that are not regular (a link to /dev/full) are passed over.
-void ExpectWholeLines(const path& out_dir) {
-  const auto readable = [&out_dir](const char* name) { return test::fs::is_regular_file(out_dir / name); };
-  for (const char* name : {"emails.jsonl", "entries.jsonl", "diagnosis.jsonl"}) {
-    if (readable(name)) test::ReadJsonLines(out_dir / name);
-  }
-  for (const char* name : {"email_log.csv", "email_log.txt"}) {
-    const std::string text = readable(name) ? test::ReadWholeFile(out_dir / name) : std::string();
-    if (!text.empty()) {
-      EXPECT_EQ(text.back(), '\n') << name << " ends inside a line";
-    }
-  }
-  const std::string statistics = readable("statistics.json") ? test::ReadWholeFile(out_dir / "statistics.json") : "";
-  if (!statistics.empty()) {
-    EXPECT_FALSE(nlohmann::json::parse(statistics, nullptr, false).is_discarded()) << statistics;
-  }
-}
-
-size_t LineCount(const path& file) {
-  const std::string text = test::ReadWholeFile(file);
-  return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
 }
 
 // Runs pelka-email inside a private mount namespace with a fresh tmpfs
@@ -158,7 +134,7 @@ TEST_F(WriteFaultTest, OutputFileSystemFillsUpMidRun) {
   EXPECT_EQ(result.status, kInputProblem);
   EXPECT_THAT(result.err, HasSubstr("No space left on device"));
   EXPECT_LT(LineCount(saved / "emails.jsonl"), 40u) << "the file system did not fill up";
-  ExpectWholeLines(saved);
+  test::ExpectWholeLines(saved);
 }
 
 // Ctrl-C and SIGTERM end a run cleanly: exit status 0, the summary says the
@@ -209,7 +185,7 @@ TEST_P(StopSignalTest, StopsCleanlyKeepingWholeLines) {
   test::ExpectNoCrash(result);
   EXPECT_EQ(result.status, kDone) << result.err;
   EXPECT_THAT(result.out, HasSubstr("Stopped before the end of the input"));
-  ExpectWholeLines(out);
+  test::ExpectWholeLines(out);
   const size_t records = LineCount(out / "emails.jsonl");
   if (c.from_pipe) {
     EXPECT_EQ(records, kPipeSessions);

@@ -39,12 +39,10 @@ TEST_F(FlowDiagnosisTest, SmtpSessionReportsSlowRepliesAndServerErrorsOnly) {
   smtp.Server("550 5.1.0 sender rejected\r\n", 2'010'000);          // 8
 
   ASSERT_EQ(service_.reports.size(), 2u);
-  EXPECT_EQ(service_.reports[0].event, kSmtpSlow);
-  EXPECT_EQ(service_.reports[0].packet, 6u);
-  EXPECT_EQ(service_.reports[0].related_packet, 3u);
-  EXPECT_EQ(service_.reports[0].text, L"SMTP Server  Slow Response#(数据包 [3] 与数据包 [6] 相隔480ms)");
-  EXPECT_EQ(service_.reports[1].event, kSmtpError);
-  EXPECT_EQ(service_.reports[1].packet, 8u);
+  EXPECT_EQ(service_.reports[0].Fields(),
+            std::make_tuple(kSmtpSlow, L"SMTP Server  Slow Response#(数据包 [3] 与数据包 [6] 相隔480ms)", 1u, 1u, 6u, 3u));
+  EXPECT_EQ(service_.reports[1].Fields(),
+            std::make_tuple(kSmtpError, L"#POP3 Server Returned Error(See Packet 8)", 0u, 1u, 8u, 0u));
   EXPECT_EQ(service_.reports[1].target, &smtp.node());
   EXPECT_EQ(smtp.node().mark, 0u);
 }
@@ -78,7 +76,7 @@ TEST(FlowWithoutDiagnosis, TheConversationIsFollowedAndCountedAsUsual) {
   module.AssignStatisticIndexes(&stats);
 
   Conversation smtp(module, kSmtpPort, kProtocolSmtp);
-  EXPECT_EQ(smtp.stats().added, std::vector<int32_t>{stats.IndexOf("SMTP")});
+  EXPECT_EQ(smtp.stats().counts, (std::map<int32_t, uint64_t>{{stats.IndexOf("SMTP"), 1}}));
   smtp.Server("220 hi\r\n", 1'000'000);
   smtp.Client("AUTH LOGIN\r\n", 1'010'000);
   smtp.Server("334 VXNlcm5hbWU6\r\n", 1'020'000);

@@ -47,12 +47,7 @@ TEST(SlowResponse, ReportsWholeMillisecondsAboveTheThreshold) {
     }
     ASSERT_EQ(bench.service().reports.size(), 1u);
     const auto& report = bench.service().reports[0];
-    EXPECT_EQ(report.event, smtp ? kSmtpSlow : kPop3Slow);
-    EXPECT_EQ(report.text, c.text);
-    EXPECT_EQ(report.code1, 1u);
-    EXPECT_EQ(report.code2, 1u);
-    EXPECT_EQ(report.packet, 6u);
-    EXPECT_EQ(report.related_packet, 5u);
+    EXPECT_EQ(report.Fields(), std::make_tuple(smtp ? kSmtpSlow : kPop3Slow, c.text, 1u, 1u, 6u, 5u));
     EXPECT_EQ(report.target, &bench.node());
   }
 }
@@ -96,12 +91,8 @@ TEST_P(DubiousConversation, ReportsOnceAtTheFourthNonReply) {
   smtp_.Server(5, 0, "<html>");
 
   ASSERT_EQ(smtp_.service().reports.size(), 1u);
-  const auto& report = smtp_.service().reports[0];
-  EXPECT_EQ(report.event, kSmtpDubious);
-  EXPECT_EQ(report.text, L"可疑的SMTP会话# (数据包序号 [5])");
-  EXPECT_EQ(report.code1, 1u);
-  EXPECT_EQ(report.code2, 1u);
-  EXPECT_EQ(report.related_packet, 0u);
+  EXPECT_EQ(smtp_.service().reports[0].Fields(),
+            std::make_tuple(kSmtpDubious, L"可疑的SMTP会话# (数据包序号 [5])", 1u, 1u, 5u, 0u));
   EXPECT_EQ(smtp_.node().mark, 1u);
 
   for (uint64_t number = 6; number < 12; ++number) smtp_.Server(number, 0, "garbage");
@@ -161,11 +152,7 @@ TEST(ServerError, ReportsSmtpCodes400To599AndBarePop3ErrorLines) {
     const auto reports = bench.service().ReportsOf(c.protocol == MailProtocol::kSmtp ? kSmtpError : kPop3Error);
     ASSERT_EQ(reports.size(), c.text.empty() ? 0u : 1u) << c.payload;
     if (c.text.empty()) continue;
-    EXPECT_EQ(reports[0].text, c.text);
-    EXPECT_EQ(reports[0].code1, 0u);
-    EXPECT_EQ(reports[0].code2, 1u);
-    EXPECT_EQ(reports[0].packet, 7u);
-    EXPECT_EQ(reports[0].related_packet, 0u);
+    EXPECT_EQ(reports[0].Fields(), std::make_tuple(reports[0].event, c.text, 0u, 1u, 7u, 0u));
   }
 }
 

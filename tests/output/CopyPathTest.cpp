@@ -2,12 +2,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "output/EmailCopy.h"
+#include "support/TempFile.h"
 
 namespace pelka {
 namespace {
@@ -18,16 +18,8 @@ std::wstring Wide(const std::string& text) { return std::wstring(text.begin(), t
 
 class CopyPathTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ::setenv("TZ", "UTC", 1);
-    ::tzset();
-    char pattern[] = "/tmp/pelka-copypath-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    root_ = pattern;
-  }
-  void TearDown() override { fs::remove_all(root_); }
-
-  std::string root_;
+  test::TempDir dir_;
+  const std::string root_ = dir_.path().string();
 };
 
 TEST_F(CopyPathTest, CreatesMissingLevels) {

@@ -4,7 +4,6 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -13,6 +12,7 @@
 #include "module/EmailModule.h"
 #include "support/FakeFlow.h"
 #include "support/InMemoryLog.h"
+#include "support/TempFile.h"
 
 namespace pelka {
 namespace {
@@ -26,11 +26,6 @@ using testing::PacketRecordBuilder;
 
 constexpr uint64_t kCompletedAt = 1709622489000042ull;  // 2024-03-05 07:08:09 UTC + 42 us
 
-std::string ReadFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 class EmailCopyTest : public ::testing::Test {
  protected:
   EmailCopyTest() : flow_(0x0A000002, 40001, 0x0A000001, 25), context_(&module_, &flow_) {}
@@ -38,14 +33,10 @@ class EmailCopyTest : public ::testing::Test {
   void SetUp() override {
     ::setenv("TZ", "UTC", 1);
     ::tzset();
-    char pattern[] = "/tmp/pelka-copy-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    root_ = std::string(pattern) + "/";
     module_.set_log_service(&service_);
     module_.DefineEmailLog();
     service_.EnableCopies(std::wstring(root_.begin(), root_.end()));
   }
-  void TearDown() override { fs::remove_all(root_); }
 
   void Collect(const std::string& bytes) {
     context_.flow_data->Append(reinterpret_cast<const uint8_t*>(bytes.data()), static_cast<uint32_t>(bytes.size()));
@@ -60,7 +51,8 @@ class EmailCopyTest : public ::testing::Test {
   FakeFlowNode node_;
   CEmailFlowContext context_;
   PacketRecordBuilder builder_;
-  std::string root_;
+  test::TempDir dir_;
+  const std::string root_ = dir_.path().string() + "/";
 };
 
 TEST_F(EmailCopyTest, EachMessageGetsItsOwnFileAndSameNameReplaces) {
@@ -81,9 +73,9 @@ TEST_F(EmailCopyTest, EachMessageGetsItsOwnFileAndSameNameReplaces) {
   }
   const std::string folder = root_ + "email_copy/";
   EXPECT_EQ(context_.copy_path, Wide(folder + "2024-03-05 07.08.09.49.eml"));
-  EXPECT_EQ(ReadFile(folder + "2024-03-05 07.08.09.45.eml"), binary);
-  EXPECT_EQ(ReadFile(folder + "2024-03-05 07.08.09.42.eml"), "short");
-  EXPECT_EQ(ReadFile(folder + "2024-03-05 07.08.10.0.eml"), "second");
+  EXPECT_EQ(test::ReadWholeFile(folder + "2024-03-05 07.08.09.45.eml"), binary);
+  EXPECT_EQ(test::ReadWholeFile(folder + "2024-03-05 07.08.09.42.eml"), "short");
+  EXPECT_EQ(test::ReadWholeFile(folder + "2024-03-05 07.08.10.0.eml"), "second");
   EXPECT_TRUE(fs::exists(folder + "2024-03-05 07.08.09.49.eml"));
   EXPECT_EQ(fs::file_size(folder + "2024-03-05 07.08.09.49.eml"), 0u);
   EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 4);
@@ -122,7 +114,7 @@ TEST_F(EmailCopyTest, FolderNameIsCreatedAndAFailedOrRefusedOpenKeepsThePath) {
   service_.log()->storages[1]->folder = "mail\\copies";
   Collect("x");
   Save(kCompletedAt);
-  EXPECT_EQ(ReadFile(root_ + "mail/copies/2024-03-05 07.08.09.42.eml"), "x");
+  EXPECT_EQ(test::ReadWholeFile(root_ + "mail/copies/2024-03-05 07.08.09.42.eml"), "x");
 
   // A file where the folder should be: the directory cannot be made, the open
   // fails, and the record still shows the path it would have had.
@@ -138,7 +130,7 @@ TEST_F(EmailCopyTest, FolderNameIsCreatedAndAFailedOrRefusedOpenKeepsThePath) {
   std::ofstream(root_ + "elsewhere").put('!');
   fs::create_symlink(root_ + "elsewhere", root_ + "email_copy/2024-03-05 07.08.09.42.eml");
   Save(kCompletedAt);
-  EXPECT_EQ(ReadFile(root_ + "elsewhere"), "!");
+  EXPECT_EQ(test::ReadWholeFile(root_ + "elsewhere"), "!");
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "flow/EmailFlowContext.h"
@@ -100,11 +101,9 @@ TEST_F(EmailRecordTest, FinishedMessageFillsEveryField) {
   EXPECT_EQ(context_.client_endpoint, L"10.0.0.2:40001");
 
   ASSERT_EQ(log_->entries.size(), 1u);
-  EXPECT_EQ(log_->entries[0].seconds, 1700000000u);
-  EXPECT_EQ(log_->entries[0].flow, &flow_);
-  EXPECT_EQ(log_->entries[0].kind, L"Email");
-  EXPECT_EQ(log_->entries[0].summary, L"ann@example.org To bob@example.org");
-  EXPECT_EQ(log_->entries[0].group, L"Office");
+  const auto& entry = log_->entries[0];
+  EXPECT_EQ(std::tie(entry.seconds, entry.flow, entry.kind, entry.summary, entry.group),
+            std::make_tuple(1700000000u, &flow_, L"Email", L"ann@example.org To bob@example.org", L"Office"));
 }
 
 TEST_F(EmailRecordTest, SenderAndReceiverChoice) {

@@ -10,6 +10,7 @@
 #include "flow/EmailFlowData.h"
 #include "module/EmailModule.h"
 #include "support/FakeFlow.h"
+#include "support/InMemoryStats.h"
 
 namespace pelka::testing {
 
@@ -37,7 +38,7 @@ class Conversation {
   CEmailFlowContext& context() { return *dynamic_cast<CEmailFlowContext*>(bind_context_); }
   FakeFlow& flow() { return flow_; }
   FakeFlowNode& node() { return node_; }
-  FakeFlowStats& stats() { return stats_; }
+  InMemoryFlowStats& stats() { return stats_; }
 
   // Sends one packet; the time is in microseconds. Returns the module's answer.
   uint32_t Client(std::string_view payload, uint64_t time_us) { return Send(kFromClient, payload, time_us); }
@@ -62,7 +63,7 @@ class Conversation {
   CPelkaEmailModule& module_;
   FakeFlow flow_;
   FakeFlowNode node_;
-  FakeFlowStats stats_;
+  InMemoryFlowStats stats_;
   PacketRecordBuilder builder_;
   IPelkaFlowBindContext* bind_context_ = nullptr;
   uint16_t service_port_;

@@ -56,15 +56,6 @@ class FakeFlowNode final : public IPelkaFlowNode {
   uint32_t mark = 0;
 };
 
-class FakeFlowStats final : public IPelkaFlowStats {
- public:
-  void UseCounter(int32_t index) override { used.push_back(index); }
-  void AddToCounter(int32_t index, uint64_t, uint64_t, uint64_t) override { added.push_back(index); }
-
-  std::vector<int32_t> used;
-  std::vector<int32_t> added;
-};
-
 // Builds host packet records the way the capture host does: a 32-byte fixed
 // part, then the variable area with a layer table (IP, then TCP 600).
 class PacketRecordBuilder {

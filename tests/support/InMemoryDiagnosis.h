@@ -8,6 +8,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "host/DiagnosisInterfaces.h"
@@ -24,6 +25,9 @@ struct DiagnosisReport {
   uint64_t packet = 0;  // packet number of the record given
   uint64_t time = 0;    // capture time of the record given
   uint64_t related_packet = 0;
+
+  // What a test compares: event, text, codes, packet and related packet.
+  auto Fields() const { return std::tie(event, text, code1, code2, packet, related_packet); }
 };
 
 struct DiagnosisParameter {
@@ -118,10 +122,6 @@ class InMemoryDiagnosisService final : public IPelkaDiagnosisService {
     std::copy_if(reports.begin(), reports.end(), std::back_inserter(found),
                  [&](const DiagnosisReport& report) { return report.event == key; });
     return found;
-  }
-
-  void EnableAll(bool enabled) {
-    for (auto& event : events_) event->enabled = enabled;
   }
 
   std::set<std::string> refused_keys;     // DefineEvent fails for these

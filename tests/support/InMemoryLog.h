@@ -36,21 +36,16 @@ struct InMemoryRecord final : IPelkaLogRecord {
   std::map<std::string, LogValue> fields;
 
   bool Has(const std::string& key) const { return fields.count(key) != 0; }
-  std::wstring Text(const std::string& key) const {
+  // The field's value when it was set with this kind.
+  template <typename T>
+  std::optional<T> Get(const std::string& key) const {
     auto it = fields.find(key);
-    if (it == fields.end() || !std::holds_alternative<std::wstring>(it->second)) return L"<not a text>";
-    return std::get<std::wstring>(it->second);
+    if (it == fields.end() || !std::holds_alternative<T>(it->second)) return std::nullopt;
+    return std::get<T>(it->second);
   }
-  std::optional<uint64_t> Number(const std::string& key) const {
-    auto it = fields.find(key);
-    if (it == fields.end() || !std::holds_alternative<uint64_t>(it->second)) return std::nullopt;
-    return std::get<uint64_t>(it->second);
-  }
-  std::optional<double> Double(const std::string& key) const {
-    auto it = fields.find(key);
-    if (it == fields.end() || !std::holds_alternative<double>(it->second)) return std::nullopt;
-    return std::get<double>(it->second);
-  }
+  std::wstring Text(const std::string& key) const { return Get<std::wstring>(key).value_or(L"<not a text>"); }
+  std::optional<uint64_t> Number(const std::string& key) const { return Get<uint64_t>(key); }
+  std::optional<double> Double(const std::string& key) const { return Get<double>(key); }
 };
 
 struct InMemoryEntry {

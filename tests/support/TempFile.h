@@ -1,13 +1,15 @@
-// A file in the system's temporary directory that is removed again when the
-// test is done with it.
+// Files and folders in the system's temporary directory that are removed
+// again when the test is done with them.
 #pragma once
 
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <string_view>
 
+#include <stdlib.h>
 #include <unistd.h>
 
 namespace pelka::test {
@@ -35,6 +37,34 @@ class TempFile {
  private:
   std::filesystem::path path_;
 };
+
+// A fresh directory, removed with everything in it at the end.
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "pelka-test-XXXXXX").string();
+    if (::mkdtemp(pattern.data())) path_ = pattern;
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::filesystem::path& path() const { return path_; }
+  std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+inline std::string ReadWholeFile(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
 
 // UTF-16 little-endian bytes with a byte-order mark, for characters of the
 // basic plane.
