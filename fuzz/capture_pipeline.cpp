@@ -51,7 +51,7 @@ class ModuleSink final : public pelka::FlowSink {
     explicit Bound(pelka::TrackedFlow& flow) : adapter(flow), node(adapter) {}
     pelka::HostFlow adapter;
     pelka::HostFlowNode node;
-    pelka::testing::FakeFlowStats stats;
+    pelka::testing::InMemoryFlowStats stats;
     pelka::IPelkaFlowBindContext* context = nullptr;
   };
 

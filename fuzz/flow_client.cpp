@@ -39,7 +39,7 @@ namespace {
 
 using pelka::testing::FakeFlow;
 using pelka::testing::FakeFlowNode;
-using pelka::testing::FakeFlowStats;
+using pelka::testing::InMemoryFlowStats;
 using pelka::testing::PacketRecordBuilder;
 
 constexpr uint16_t kClientPort = 40001;
@@ -217,7 +217,7 @@ class FlowRun {
   ProtocolChoice choice_;
   FakeFlow flow_;
   FakeFlowNode node_;
-  FakeFlowStats stats_;
+  InMemoryFlowStats stats_;
   pelka::IPelkaFlowBindContext* context_ = nullptr;
   bool bound_ = false;
   bool single_family_ = true;

@@ -124,6 +124,11 @@ class InMemoryDiagnosisService final : public IPelkaDiagnosisService {
     return found;
   }
 
+  // The fuzz targets switch every event on.
+  void EnableAll(bool enabled) {
+    for (auto& event : events_) event->enabled = enabled;
+  }
+
   std::set<std::string> refused_keys;     // DefineEvent fails for these
   std::vector<std::string> defined_keys;  // every DefineEvent call, refused ones too
   std::vector<DiagnosisReport> reports;   // every report of every event, in order
