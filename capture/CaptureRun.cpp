@@ -9,6 +9,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -211,14 +212,18 @@ template <typename Source>
 bool ReadAllInWorkers(Source& source, Pipeline& pipeline, HostServices& services, Progress& progress,
                       std::ostream& err) {
   bool inputs_ok = true;
-  pipeline.parallel->Run([&](CapturedFrame* frame, PcapBlock** block) {
-    const ReadStatus status = NextForFlows(source, frame, block, progress, inputs_ok, err);
-    if (status == ReadStatus::kTimeout) {
-      frame->time_us = NowMicroseconds();
-      services.FlushOutputs();
-    }
-    return status;
-  }, source.live());
+  std::function<bool()> prefetch;
+  if constexpr (std::is_same_v<Source, PcapBlockReader>) prefetch = [&source] { return source.Prefetch(); };
+  pipeline.parallel->Run(
+      [&](CapturedFrame* frame, PcapBlock** block) {
+        const ReadStatus status = NextForFlows(source, frame, block, progress, inputs_ok, err);
+        if (status == ReadStatus::kTimeout) {
+          frame->time_us = NowMicroseconds();
+          services.FlushOutputs();
+        }
+        return status;
+      },
+      source.live(), std::move(prefetch));
   return inputs_ok;
 }
 

@@ -159,10 +159,11 @@ ParallelPipeline::ParallelPipeline(unsigned workers, FlowSink* sink, FlowTracker
 
 ParallelPipeline::~ParallelPipeline() { Run([](CapturedFrame*, PcapBlock**) { return ReadStatus::kEnd; }); }
 
-void ParallelPipeline::Run(FrameSource next, bool live) {
+void ParallelPipeline::Run(FrameSource next, bool live, std::function<bool()> prefetch) {
   if (ran_) return;
   ran_ = true;
   source_ = std::move(next);
+  prefetch_ = std::move(prefetch);
   live_ = live;
   // Started once every worker exists: each reads the number of workers.
   for (const auto& worker : workers_) worker->Start();
@@ -194,7 +195,14 @@ ParallelPipeline::Batch* ParallelPipeline::Take(uint64_t index) {
       changed_.notify_all();
       continue;
     }
-    // Another worker is reading, or every batch is still in use.
+    // Another worker is reading, or every batch is still in use: read a block
+    // ahead for whoever reads next.
+    if (prefetch_) {
+      lock.unlock();
+      const bool fetched = prefetch_();
+      lock.lock();
+      if (fetched) continue;
+    }
     changed_.wait(lock);
   }
 }

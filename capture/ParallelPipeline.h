@@ -68,7 +68,10 @@ class ParallelPipeline {
   // Reads the whole input through `next` on the workers' threads and returns
   // once every worker has ended its flows. Only the first call reads. `live`:
   // frames arrive as they happen, and a batch is handed on after 50 ms.
-  void Run(FrameSource next, bool live = false);
+  // `prefetch`, when given, is called by a worker that would otherwise wait
+  // for the one reading; it may read ahead what `next` hands out later, and
+  // answers whether it found anything to do.
+  void Run(FrameSource next, bool live = false, std::function<bool()> prefetch = {});
 
   unsigned workers() const { return static_cast<unsigned>(workers_.size()); }
   // The sums over the workers; complete after Run.
@@ -97,6 +100,7 @@ class ParallelPipeline {
   bool reading_ = false;  // a worker is filling a batch
   bool ended_ = false;
   FrameSource source_;
+  std::function<bool()> prefetch_;
   bool live_ = false;
   std::vector<std::unique_ptr<Worker>> workers_;
   bool ran_ = false;

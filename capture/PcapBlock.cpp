@@ -16,11 +16,24 @@ PcapBlockPool::PcapBlockPool(size_t blocks, size_t block_bytes)
 
 PcapBlock* PcapBlockPool::Acquire() {
   std::unique_lock<std::mutex> lock(mutex_);
-  if (free_.empty() && blocks_.size() < max_blocks_) {
-    blocks_.push_back(std::make_unique<PcapBlock>(this, block_bytes_));
-    free_.push_back(blocks_.back().get());
-  }
+  MakeOneIfNoneFree();
   released_.wait(lock, [this] { return !free_.empty(); });
+  return TakeFree();
+}
+
+PcapBlock* PcapBlockPool::TryAcquire() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  MakeOneIfNoneFree();
+  return free_.empty() ? nullptr : TakeFree();
+}
+
+void PcapBlockPool::MakeOneIfNoneFree() {
+  if (!free_.empty() || blocks_.size() >= max_blocks_) return;
+  blocks_.push_back(std::make_unique<PcapBlock>(this, block_bytes_));
+  free_.push_back(blocks_.back().get());
+}
+
+PcapBlock* PcapBlockPool::TakeFree() {
   PcapBlock* block = free_.back();
   free_.pop_back();
   block->refs_.store(1, std::memory_order_relaxed);

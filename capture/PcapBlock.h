@@ -54,6 +54,8 @@ class PcapBlockPool {
 
   // A free block with one reference, the caller's; waits while none is free.
   PcapBlock* Acquire();
+  // The same without waiting: nullptr while none is free.
+  PcapBlock* TryAcquire();
   size_t block_bytes() const { return block_bytes_; }
   // Blocks made so far, and of those the ones not in use.
   size_t made_blocks();
@@ -62,6 +64,9 @@ class PcapBlockPool {
  private:
   friend class PcapBlock;
   void Release(PcapBlock* block);
+  // With the mutex held.
+  void MakeOneIfNoneFree();
+  PcapBlock* TakeFree();
 
   size_t block_bytes_;
   size_t max_blocks_;

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -81,10 +82,18 @@ void PcapBlockReader::OpenFiles(std::vector<std::string> paths) {
 }
 
 void PcapBlockReader::CloseFile() {
+  int fd = -1;
+  {
+    std::unique_lock<std::mutex> lock(ahead_mutex_);
+    std::swap(fd, fd_);
+    // A block still being read ahead uses the descriptor.
+    ahead_ready_.wait(lock, [this] { return reads_in_flight_ == 0; });
+    for (const Ahead& ahead : ahead_) ahead.block->Unref();
+    ahead_.clear();
+  }
   if (block_) block_->Unref();
   block_ = nullptr;
-  if (fd_ >= 0) ::close(fd_);
-  fd_ = -1;
+  if (fd >= 0) ::close(fd);
 }
 
 bool PcapBlockReader::OpenNext() {
@@ -105,7 +114,7 @@ bool PcapBlockReader::OpenBlocks(const std::string& path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
   uint8_t header[kFileHeaderBytes];
-  if (::pread(fd, header, sizeof header, 0) != static_cast<ssize_t>(sizeof header)) {
+  if (::fstat(fd, &info) != 0 || ::pread(fd, header, sizeof header, 0) != static_cast<ssize_t>(sizeof header)) {
     ::close(fd);
     return false;
   }
@@ -117,50 +126,140 @@ bool PcapBlockReader::OpenBlocks(const std::string& path) {
   }
   swapped_ = magic != kMagicMicro && magic != kMagicNano;
   nanosecond_ = (swapped_ ? swapped_magic : magic) == kMagicNano;
-  if (!InPlaceLinkType(link_type_) || ::lseek(fd, kFileHeaderBytes, SEEK_SET) < 0) {
+  if (!InPlaceLinkType(link_type_)) {
     ::close(fd);
     return false;
   }
-  fd_ = fd;
   path_ = path;
   file_end_ = false;
   block_offset_ = kFileHeaderBytes;
   filled_ = 0;
   position_ = 0;
+  const std::lock_guard<std::mutex> lock(ahead_mutex_);
+  fd_ = fd;
+  next_unclaimed_ = kFileHeaderBytes;
+  prefetch_end_ = static_cast<uint64_t>(info.st_size);
   return true;
 }
 
-bool PcapBlockReader::Have(size_t wanted) {
-  if (filled_ - position_ >= wanted) return true;
-  if (file_end_) return false;
-  // Carry the rest of this block to the start of the next one.
-  const size_t rest = filled_ - position_;
-  PcapBlock* next = pool_->Acquire();
-  if (block_) {
-    std::memcpy(next->data(), block_->data() + position_, rest);
-    block_->Unref();
-  }
-  block_ = next;
-  block_offset_ += position_;
-  position_ = 0;
-  filled_ = rest;
-  while (filled_ < block_->capacity()) {
-    const ssize_t got = ::read(fd_, block_->data() + filled_, block_->capacity() - filled_);
+size_t PcapBlockReader::ReadBlock(int fd, PcapBlock* block, uint64_t offset) const {
+  size_t filled = 0;
+  while (filled < block->capacity()) {
+    const ssize_t got =
+        ::pread(fd, block->data() + filled, block->capacity() - filled, static_cast<off_t>(offset + filled));
     if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) {
-      // A read error is left to CaptureSource, which reads the record again.
-      file_end_ = true;
-      break;
-    }
-    filled_ += static_cast<size_t>(got);
+    // A read error ends the blocks: CaptureSource reads the record again and
+    // reports it.
+    if (got <= 0) break;
+    filled += static_cast<size_t>(got);
   }
-  return filled_ >= wanted;
+  return filled;
+}
+
+bool PcapBlockReader::Prefetch() {
+  uint64_t offset = 0;
+  PcapBlock* block = nullptr;
+  int fd = -1;
+  {
+    const std::lock_guard<std::mutex> lock(ahead_mutex_);
+    if (fd_ < 0 || ahead_.size() >= kMaxAhead || next_unclaimed_ >= prefetch_end_) return false;
+    block = pool_->TryAcquire();
+    if (!block) return false;
+    offset = next_unclaimed_;
+    next_unclaimed_ += pool_->block_bytes();
+    ahead_.push_back({offset, block, 0, false});
+    ++reads_in_flight_;
+    fd = fd_;
+  }
+  const size_t filled = ReadBlock(fd, block, offset);
+  {
+    const std::lock_guard<std::mutex> lock(ahead_mutex_);
+    for (Ahead& ahead : ahead_) {
+      if (ahead.block != block) continue;
+      ahead.filled = filled;
+      ahead.ready = true;
+    }
+    --reads_in_flight_;
+  }
+  ahead_ready_.notify_all();
+  return true;
+}
+
+void PcapBlockReader::NextBlock() {
+  const uint64_t offset = block_ ? block_offset_ + pool_->block_bytes() : kFileHeaderBytes;
+  if (block_) block_->Unref();
+  block_ = nullptr;
+  Ahead next;
+  {
+    std::unique_lock<std::mutex> lock(ahead_mutex_);
+    if (ahead_.empty()) {
+      next_unclaimed_ = offset + pool_->block_bytes();
+    } else {
+      // Blocks are claimed in file order, so the first one read ahead is the
+      // one wanted.
+      ahead_ready_.wait(lock, [this] { return ahead_.front().ready; });
+      next = ahead_.front();
+      ahead_.pop_front();
+    }
+  }
+  if (!next.block) {
+    next.block = pool_->Acquire();
+    next.filled = ReadBlock(fd_, next.block, offset);
+  }
+  block_ = next.block;
+  block_offset_ = offset;
+  position_ = 0;
+  filled_ = next.filled;
+  file_end_ = filled_ < block_->capacity();
 }
 
 void PcapBlockReader::HandOver(uint64_t offset) {
   CloseFile();
   fallback_ = std::make_unique<CaptureSource>();
   fallback_->ContinueFile(path_, offset, frames_);
+}
+
+// The record header at `header` describes a record libpcap would read as it is.
+bool PcapBlockReader::Usual(const uint8_t* header) const {
+  const uint32_t seconds = Load32(header, swapped_);
+  const uint32_t fraction = Load32(header + 4, swapped_);
+  const uint32_t captured = Load32(header + 8, swapped_);
+  const uint32_t wire = Load32(header + 12, swapped_);
+  return seconds < 0x80000000u && fraction < (nanosecond_ ? 1000000000u : 1000000u) && captured <= snap_length_ &&
+         captured <= kMaxRecordLength && captured <= wire;
+}
+
+void PcapBlockReader::SetFrame(const uint8_t* header, CapturedFrame* frame) {
+  const uint32_t seconds = Load32(header, swapped_);
+  const uint32_t fraction = Load32(header + 4, swapped_);
+  frame->data = header + kRecordHeaderBytes;
+  frame->captured_length = Load32(header + 8, swapped_);
+  frame->wire_length = Load32(header + 12, swapped_);
+  frame->number = ++frames_;
+  frame->time_us = uint64_t{seconds} * 1000000 + (nanosecond_ ? fraction / 1000 : fraction);
+  frame->link_type = link_type_;
+}
+
+bool PcapBlockReader::TakeSpanning(size_t wanted) {
+  while (spanning_.size() < wanted) {
+    if (position_ == filled_) {
+      if (file_end_) return false;
+      NextBlock();
+    }
+    const size_t take = std::min(wanted - spanning_.size(), filled_ - position_);
+    spanning_.insert(spanning_.end(), block_->data() + position_, block_->data() + position_ + take);
+    position_ += take;
+  }
+  return true;
+}
+
+bool PcapBlockReader::JoinSpanningRecord(CapturedFrame* frame) {
+  spanning_.clear();
+  if (!TakeSpanning(kRecordHeaderBytes) || !Usual(spanning_.data())) return false;
+  const uint32_t captured = Load32(spanning_.data() + 8, swapped_);
+  if (!TakeSpanning(kRecordHeaderBytes + captured)) return false;
+  SetFrame(spanning_.data(), frame);
+  return true;
 }
 
 ReadStatus PcapBlockReader::Next(CapturedFrame* frame, PcapBlock** block) {
@@ -180,35 +279,35 @@ ReadStatus PcapBlockReader::Next(CapturedFrame* frame, PcapBlock** block) {
       if (!OpenNext()) return ReadStatus::kEnd;
       continue;
     }
+    if (!block_ || (position_ == filled_ && !file_end_)) {
+      NextBlock();
+      continue;
+    }
     const uint64_t record_offset = block_offset_ + position_;
-    if (!Have(kRecordHeaderBytes)) {
-      if (filled_ == position_) {
-        finished_bytes_ += record_offset;
-        CloseFile();
-      } else {
-        HandOver(record_offset);
-      }
+    const size_t left = filled_ - position_;
+    if (left == 0) {
+      finished_bytes_ += record_offset;
+      CloseFile();
       continue;
     }
     const uint8_t* header = block_->data() + position_;
-    const uint32_t seconds = Load32(header, swapped_);
-    const uint32_t fraction = Load32(header + 4, swapped_);
-    const uint32_t captured = Load32(header + 8, swapped_);
-    const uint32_t wire = Load32(header + 12, swapped_);
-    const bool usual = seconds < 0x80000000u && fraction < (nanosecond_ ? 1000000000u : 1000000u) &&
-                       captured <= snap_length_ && captured <= kMaxRecordLength && captured <= wire;
-    if (!usual || !Have(kRecordHeaderBytes + captured)) {
+    if (left >= kRecordHeaderBytes) {
+      if (!Usual(header)) {
+        HandOver(record_offset);
+        continue;
+      }
+      const size_t length = kRecordHeaderBytes + Load32(header + 8, swapped_);
+      if (left >= length) {
+        SetFrame(header, frame);
+        position_ += length;
+        *block = block_;
+        return ReadStatus::kFrame;
+      }
+    }
+    if (!JoinSpanningRecord(frame)) {
       HandOver(record_offset);
       continue;
     }
-    frame->data = block_->data() + position_ + kRecordHeaderBytes;
-    frame->captured_length = captured;
-    frame->wire_length = wire;
-    frame->number = ++frames_;
-    frame->time_us = uint64_t{seconds} * 1000000 + (nanosecond_ ? fraction / 1000 : fraction);
-    frame->link_type = link_type_;
-    position_ += kRecordHeaderBytes + captured;
-    *block = block_;
     return ReadStatus::kFrame;
   }
 }

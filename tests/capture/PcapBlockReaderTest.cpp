@@ -95,11 +95,15 @@ std::vector<std::string> ThroughCaptureSource(const std::vector<std::string>& pa
       [&] { return source.bytes_read(); }, [&] { return source.frames_read(); });
 }
 
-std::vector<std::string> ThroughBlockReader(const std::vector<std::string>& paths, PcapBlockPool& pool) {
+// `read_ahead`: blocks are read ahead before every frame, as idle workers do.
+std::vector<std::string> ThroughBlockReader(const std::vector<std::string>& paths, PcapBlockPool& pool,
+                                            bool read_ahead) {
   PcapBlockReader reader(&pool);
   reader.OpenFiles(paths);
   return Transcript(
       [&](CapturedFrame* frame, std::string* error) {
+        while (read_ahead && reader.Prefetch()) {
+        }
         PcapBlock* block = nullptr;
         const ReadStatus status = reader.Next(frame, &block);
         *error = reader.error();
@@ -149,13 +153,16 @@ TEST(PcapBlockReaderTest, HandsOutWhatCaptureSourceDoes) {
       test::WriteWholeFile(paths.back(), bytes);
     }
     const std::vector<std::string> expected = ThroughCaptureSource(paths);
-    // Small blocks carry records over often; 1 MiB blocks hold a whole file.
-    for (size_t block_bytes : {size_t{2048}, size_t{5000}, PcapBlockPool::kBlockBytes}) {
-      SCOPED_TRACE("blocks of " + std::to_string(block_bytes));
-      PcapBlockPool pool(2, block_bytes);
-      EXPECT_EQ(ThroughBlockReader(paths, pool), expected);
-      EXPECT_EQ(pool.made_blocks() > 0, c.in_place);
-      EXPECT_EQ(pool.free_blocks(), pool.made_blocks());
+    // Records span small blocks often, some of them several; 1 MiB blocks
+    // hold a whole file.
+    for (size_t block_bytes : {size_t{700}, size_t{2048}, size_t{5000}, PcapBlockPool::kBlockBytes}) {
+      for (const size_t blocks : {2, 8}) {
+        SCOPED_TRACE("blocks of " + std::to_string(block_bytes) + ", " + std::to_string(blocks) + " in the pool");
+        PcapBlockPool pool(blocks, block_bytes);
+        EXPECT_EQ(ThroughBlockReader(paths, pool, blocks > 2), expected);
+        EXPECT_EQ(pool.made_blocks() > 0, c.in_place);
+        EXPECT_EQ(pool.free_blocks(), pool.made_blocks());
+      }
     }
   }
 }
