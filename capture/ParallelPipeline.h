@@ -4,7 +4,9 @@
 // far reads the next one itself through the FrameSource, while the others go
 // on with the batches before it. So N workers keep N cores busy, and the
 // worker that is ahead does the reading, which evens out connections of
-// unequal weight. One worker reads at a time.
+// unequal weight. One worker reads at a time; a worker that would wait for
+// it meanwhile reads ahead through the prefetch callback, if Run was given
+// one (the block reader's Prefetch: the copy out of the file is then shared).
 //
 // A batch is seen by every worker. Its frames carry their worker when the
 // frame's first bytes name it (plain Ethernet, IPv4, TCP: WorkerOfFrame); the
