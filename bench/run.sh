@@ -5,7 +5,8 @@
 # buffered read limit and to tshark. It also checks that pelka-email posts one
 # record for every message the generator expects the module to record, and
 # that the time per MB of a capture of large messages stays within 1.25x of
-# the mixed capture's.
+# the mixed capture's. Two single-thread runs at once show how far two cores
+# scale here for work that shares nothing, the yardstick for --threads 2.
 #
 #   bench/run.sh            # ~1 GB mixed capture + 500 messages of 2 MiB
 #
@@ -132,6 +133,26 @@ run_pelka() {
   rm -rf "$out"
 }
 
+# measure_pair CAPTURE: two single-thread runs at once, each over the whole
+# capture, best of $repeat. Twice the work of one run with nothing shared:
+# what the cores give to work that splits perfectly, to judge --threads by.
+measure_pair() {
+  local capture=$1 best=0 run start end seconds out1 out2
+  for ((run = 0; run < repeat; ++run)); do
+    out1=$(mktemp -d "$cache/out.XXXXXX")
+    out2=$(mktemp -d "$cache/out.XXXXXX")
+    start=$(date +%s.%N)
+    "$pelka" -o "$out1" --quiet "$capture" >/dev/null 2>&1 &
+    "$pelka" -o "$out2" --quiet "$capture" >/dev/null 2>&1
+    wait
+    end=$(date +%s.%N)
+    rm -rf "$out1" "$out2"
+    seconds=$(echo "$end - $start" | bc -l)
+    if [ "$best" = 0 ] || [ "$(echo "$seconds < $best" | bc -l)" = 1 ]; then best=$seconds; fi
+  done
+  result_seconds[pair]=$best
+}
+
 # run_all CAPTURE: every contender over CAPTURE.
 run_all() {
   local capture=$1
@@ -147,6 +168,7 @@ run_all() {
   if [ -x "$pelka" ]; then
     run_pelka "$capture" pelka-email
     run_pelka "$capture" pelka-email-2t --threads 2
+    measure_pair "$capture"
   else
     say "  (pelka-email not built yet: $pelka)"
   fi
@@ -220,6 +242,11 @@ if [ -n "${result_seconds[pelka-email]:-}" ]; then
   if [ -n "${result_seconds[pelka-email-2t]:-}" ]; then
     check "--threads 2 at least 1.6x single thread" "$single / ${result_seconds[pelka-email-2t]} >= 1.6" \
       "$(echo "$single / ${result_seconds[pelka-email-2t]}" | bc -l | xargs printf '%.2f')x"
+  fi
+  if [ -n "${result_seconds[pair]:-}" ]; then
+    say "two single-thread runs at once: $(printf '%.2f' "${result_seconds[pair]}") s for twice the work," \
+      "$(echo "2 * $single / ${result_seconds[pair]}" | bc -l | xargs printf '%.2f')x one run:" \
+      "what the cores give right now to work that shares nothing"
   fi
   if [ -n "${result_seconds[tshark]:-}" ]; then
     check "single thread at least 50x tshark" "${result_seconds[tshark]} / $single >= 50" \
