@@ -178,6 +178,7 @@ bool PcapBlockReader::Prefetch() {
       if (ahead.block != block) continue;
       ahead.filled = filled;
       ahead.ready = true;
+      break;
     }
     --reads_in_flight_;
   }
