@@ -323,8 +323,12 @@ class NameScan {
   // tab: up to there every line is plain (no field, no continuation), and the
   // walk would step over those lines LF by LF to the same place.
   uint32_t Next(uint32_t p) {
-    if (!searched_ || next_colon_ < p) next_colon_ = Find(':', p);
-    if (!searched_ || next_tab_ < p) next_tab_ = Find('\t', p);
+    if (!searched_ || next_colon_ < p) next_colon_ = Find(':', p, end_);
+    // Without a colon ahead no line holds a field: the walk would only step
+    // to the end, most often through a message's whole body.
+    if (next_colon_ == end_) return end_;
+    // A tab past the next colon does not change where this scan stops.
+    if (!searched_ || next_tab_ < p) next_tab_ = Find('\t', p, next_colon_);
     searched_ = true;
     const uint32_t plain_end = std::min(next_colon_, next_tab_);
     if (const void* lf = memrchr(bytes_ + p, kLf, plain_end - p)) {
@@ -332,13 +336,14 @@ class NameScan {
     }
     if (plain_end == next_colon_) return next_colon_;
     // A tab in p's line: the line ends at its LF unless a colon comes first.
-    return std::min(Find(kLf, plain_end), next_colon_);
+    return std::min(Find(kLf, plain_end, next_colon_), next_colon_);
   }
 
  private:
-  uint32_t Find(uint8_t byte, uint32_t from) const {
-    const void* found = std::memchr(bytes_ + from, byte, end_ - from);
-    return found ? static_cast<uint32_t>(static_cast<const uint8_t*>(found) - bytes_) : end_;
+  // The first `byte` in [from, to), or `to`.
+  uint32_t Find(uint8_t byte, uint32_t from, uint32_t to) const {
+    const void* found = std::memchr(bytes_ + from, byte, to - from);
+    return found ? static_cast<uint32_t>(static_cast<const uint8_t*>(found) - bytes_) : to;
   }
 
   const uint8_t* bytes_;
