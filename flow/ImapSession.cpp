@@ -166,7 +166,11 @@ void SplitFetchResponse(CPelkaEmailModule& module, CEmailFlowContext& context, c
   const uint8_t* bytes = total ? data.GetBuffer(0, total) : nullptr;
   if (!bytes) return;
   const uint8_t* remaining = bytes;
-  const uint8_t* end = bytes + TextLength(bytes, total);
+  // The completion test has usually measured the text already.
+  const EndSearchProgress& progress = context.end_search;
+  const bool measured = progress.zero_free_length == total ||
+                        (progress.fetch_text_ended && progress.zero_free_length < total);
+  const uint8_t* end = bytes + (measured ? static_cast<uint32_t>(progress.zero_free_length) : TextLength(bytes, total));
   // The keyword only decides whether to go on; the braces are searched from
   // the start of what remains.
   while (FindNoCase(remaining, end, kFetchKeyword)) {
