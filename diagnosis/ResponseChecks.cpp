@@ -113,9 +113,12 @@ bool IsServerReply(const uint8_t* payload, uint32_t length) {
 
 bool IsPop3ErrorReply(const uint8_t* payload, uint32_t length) {
   if (!payload || length < kMinimumLineLength) return false;
-  const int64_t line_end = FindLineEnd(payload, length);
-  if (line_end < 0 || line_end > kLastPop3ErrorLineEnd) return false;
-  return StartsWithNoCase(payload, length, "-ERR");
+  if (!StartsWithNoCase(payload, length, "-ERR")) return false;
+  // Only a line end early enough counts, so a body packet is not searched
+  // past its first bytes.
+  const uint32_t head = std::min<uint32_t>(length, kLastPop3ErrorLineEnd + 2);
+  const int64_t line_end = FindLineEnd(payload, head);
+  return line_end >= 0 && line_end <= kLastPop3ErrorLineEnd;
 }
 
 uint64_t MeasureResponse(CEmailFlowContext& context, const PacketRecord* packet, uint32_t direction,
