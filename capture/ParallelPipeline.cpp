@@ -192,18 +192,20 @@ ParallelPipeline::Batch* ParallelPipeline::Take(uint64_t index) {
         read_[read_count_++ % kBatches] = batch;
       }
       if (!more) ended_ = true;
-      changed_.notify_all();
+      Announce();
       continue;
     }
     // Another worker is reading, or every batch is still in use: read a block
-    // ahead for whoever reads next.
+    // ahead for whoever reads next. What happened meanwhile was announced
+    // while nobody waited here: it is seen by its count, not by a wake-up.
+    const uint64_t seen = changes_;
     if (prefetch_) {
       lock.unlock();
       const bool fetched = prefetch_();
       lock.lock();
       if (fetched) continue;
     }
-    changed_.wait(lock);
+    changed_.wait(lock, [&] { return changes_ != seen; });
   }
 }
 
@@ -237,7 +239,12 @@ void ParallelPipeline::Done(Batch* batch) {
   free_.push_back(batch);
   // A worker that waits for a batch to read into is ahead of another one: it
   // is woken when it can read several, not for each batch the other frees.
-  if (free_.size() == kFreeBatchesToWake) changed_.notify_all();
+  if (free_.size() == kFreeBatchesToWake) Announce();
+}
+
+void ParallelPipeline::Announce() {
+  ++changes_;
+  changed_.notify_all();
 }
 
 FlowTrackerCounters ParallelPipeline::counters() const {

@@ -92,9 +92,12 @@ class ParallelPipeline {
   bool Fill(Batch& batch);
   // A worker is done with `batch`; the last one frees it.
   void Done(Batch* batch);
+  // With the mutex held: wakes the waiting workers to look again.
+  void Announce();
 
   std::mutex mutex_;
   std::condition_variable changed_;  // a batch was read or freed, or the input ended
+  uint64_t changes_ = 0;             // counts those, so that none is missed
   std::vector<std::unique_ptr<Batch>> batches_;
   std::vector<Batch*> free_;
   std::vector<Batch*> read_;  // batch number n at n % kBatches, while some worker needs it
