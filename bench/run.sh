@@ -17,9 +17,9 @@
 #   PELKA_BENCH_LARGE   number of 2 MiB messages of the second capture (default 500)
 #   PELKA_BENCH_SEED    seed of the mixed capture (default 1)
 #   PELKA_BENCH_EMAIL   the pelka-email program (default <build>/capture/pelka-email)
-#   PELKA_BENCH_REPEAT  runs of each fast contender, the best kept (default 3):
-#                       a shared or virtual machine's speed wanders by tens of
-#                       per cent between runs; tshark runs once
+#   PELKA_BENCH_REPEAT  rounds of the fast contenders, the best run of each kept
+#                       (default 5): a shared or virtual machine's speed wanders
+#                       by tens of per cent between runs; tshark runs once
 #
 # Exit status: 0 when every check that could run passed, 1 otherwise.
 set -euo pipefail
@@ -30,7 +30,7 @@ cache=${PELKA_BENCH_CACHE:-$HOME/.cache/pelka-bench}
 size=${PELKA_BENCH_SIZE:-1G}
 large=${PELKA_BENCH_LARGE:-500}
 seed=${PELKA_BENCH_SEED:-1}
-repeat=${PELKA_BENCH_REPEAT:-3}
+repeat=${PELKA_BENCH_REPEAT:-5}
 sessions=8                      # concurrent sessions in the captures: the live flows
 flow_limit_mib=2                # the module's default max_flow_length
 
@@ -95,37 +95,34 @@ measure_once() {
   rss_kib=$(tail -n1 "$cache/time.out")
 }
 
-# measure COMMAND...: the best time of $repeat runs, and the highest peak RSS.
-measure() {
-  local best=0 highest=0 run
-  for ((run = 0; run < repeat; ++run)); do
-    measure_once "$@" || return 1
-    if [ "$best" = 0 ] || [ "$(echo "$seconds < $best" | bc -l)" = 1 ]; then best=$seconds; fi
-    [ "$rss_kib" -gt "$highest" ] && highest=$rss_kib
-  done
-  seconds=$best
-  rss_kib=$highest
-}
-
 # Results of one capture, one line per contender: name seconds rss_kib.
 declare -A result_seconds result_rss
 
-# run_pelka CAPTURE NAME ARGS...: pelka-email over CAPTURE, checking its records.
-run_pelka() {
-  local capture=$1 name=$2
-  shift 2
+# keep NAME: folds the last measurement into NAME's best time and highest RSS.
+keep() {
+  local name=$1 best=${result_seconds[$1]:-}
+  if [ -z "$best" ] || [ "$(echo "$seconds < $best" | bc -l)" = 1 ]; then result_seconds[$name]=$seconds; fi
+  if [ "$rss_kib" -gt "${result_rss[$name]:-0}" ]; then result_rss[$name]=$rss_kib; fi
+}
+
+# pelka_once CAPTURE NAME ROUND ARGS...: one pelka-email run over CAPTURE;
+# its records are checked in the first round.
+pelka_once() {
+  local capture=$1 name=$2 round=$3
+  shift 3
   local out
   out=$(mktemp -d "$cache/out.XXXXXX")
-  if measure "$pelka" -o "$out" --quiet "$@" "$capture"; then
-    result_seconds[$name]=$seconds
-    result_rss[$name]=$rss_kib
-    local records expected
-    records=$( [ -f "$out/emails.jsonl" ] && wc -l <"$out/emails.jsonl" || echo 0)
-    expected=$(count "$capture" expected_records)
-    if [ "$records" -eq "$expected" ]; then
-      say "  $name: $records records, as expected"
-    else
-      fail "$name posted $records records; the generator expects $expected"
+  if measure_once "$pelka" -o "$out" --quiet "$@" "$capture"; then
+    keep "$name"
+    if [ "$round" = 0 ]; then
+      local records expected
+      records=$( [ -f "$out/emails.jsonl" ] && wc -l <"$out/emails.jsonl" || echo 0)
+      expected=$(count "$capture" expected_records)
+      if [ "$records" -eq "$expected" ]; then
+        say "  $name: $records records, as expected"
+      else
+        fail "$name posted $records records; the generator expects $expected"
+      fi
     fi
   else
     fail "$name did not finish"
@@ -133,50 +130,48 @@ run_pelka() {
   rm -rf "$out"
 }
 
-# measure_pair CAPTURE: two single-thread runs at once, each over the whole
-# capture, best of $repeat. Twice the work of one run with nothing shared:
-# what the cores give to work that splits perfectly, to judge --threads by.
-measure_pair() {
-  local capture=$1 best=0 run start end seconds out1 out2
-  for ((run = 0; run < repeat; ++run)); do
-    out1=$(mktemp -d "$cache/out.XXXXXX")
-    out2=$(mktemp -d "$cache/out.XXXXXX")
-    start=$(date +%s.%N)
-    "$pelka" -o "$out1" --quiet "$capture" >/dev/null 2>&1 &
-    "$pelka" -o "$out2" --quiet "$capture" >/dev/null 2>&1
-    wait
-    end=$(date +%s.%N)
-    rm -rf "$out1" "$out2"
-    seconds=$(echo "$end - $start" | bc -l)
-    if [ "$best" = 0 ] || [ "$(echo "$seconds < $best" | bc -l)" = 1 ]; then best=$seconds; fi
-  done
-  result_seconds[pair]=$best
+# pair_once CAPTURE: two single-thread runs at once, each over the whole
+# capture. Twice the work of one run with nothing shared: what the cores give
+# to work that splits perfectly, to judge --threads by.
+pair_once() {
+  local capture=$1 start end out1 out2
+  out1=$(mktemp -d "$cache/out.XXXXXX")
+  out2=$(mktemp -d "$cache/out.XXXXXX")
+  start=$(date +%s.%N)
+  "$pelka" -o "$out1" --quiet "$capture" >/dev/null 2>&1 &
+  "$pelka" -o "$out2" --quiet "$capture" >/dev/null 2>&1
+  wait
+  end=$(date +%s.%N)
+  rm -rf "$out1" "$out2"
+  seconds=$(echo "$end - $start" | bc -l)
+  rss_kib=0
+  keep pair
 }
 
-# run_all CAPTURE: every contender over CAPTURE.
+# run_all CAPTURE: every contender over CAPTURE, best of $repeat runs. The
+# contenders take turns, round after round, so that a slow spell of a shared
+# machine falls on all of them alike rather than on whoever runs then.
 run_all() {
-  local capture=$1
+  local capture=$1 round
   result_seconds=()
   result_rss=()
   cat "$capture" >/dev/null  # into the page cache
 
-  measure "$read_limit" "$capture" && { result_seconds[read-limit]=$seconds; result_rss[read-limit]=$rss_kib; }
-  measure "$read_limit" --default "$capture" &&
-    { result_seconds[libpcap-default]=$seconds; result_rss[libpcap-default]=$rss_kib; }
-
-  # ---- pelka-email contenders: they run once the capture program exists ----
-  if [ -x "$pelka" ]; then
-    run_pelka "$capture" pelka-email
-    run_pelka "$capture" pelka-email-2t --threads 2
-    measure_pair "$capture"
-  else
-    say "  (pelka-email not built yet: $pelka)"
-  fi
+  for ((round = 0; round < repeat; ++round)); do
+    measure_once "$read_limit" "$capture" && keep read-limit
+    measure_once "$read_limit" --default "$capture" && keep libpcap-default
+    # ---- pelka-email contenders: they run once the capture program exists ----
+    if [ -x "$pelka" ]; then
+      pelka_once "$capture" pelka-email "$round"
+      pelka_once "$capture" pelka-email-2t "$round" --threads 2
+      pair_once "$capture"
+    fi
+  done
+  [ -x "$pelka" ] || say "  (pelka-email not built yet: $pelka)"
   # ---------------------------------------------------------------------------
 
   if command -v tshark >/dev/null; then
-    measure_once tshark -r "$capture" -Y imf -T fields -e imf.from -e imf.subject &&
-      { result_seconds[tshark]=$seconds; result_rss[tshark]=$rss_kib; }
+    measure_once tshark -r "$capture" -Y imf -T fields -e imf.from -e imf.subject && keep tshark
   fi
 }
 
