@@ -6,20 +6,16 @@
 //
 // Input: one byte choosing the link type, then the frame.
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <vector>
 
 #include "capture/PacketDecoder.h"
 #include "capture/PacketRecordBuilder.h"
+#include "fuzz/FuzzCommon.h"
 #include "host/PacketRecord.h"
 
 namespace {
 
-[[noreturn]] void Fail(const char* what) {
-  std::fprintf(stderr, "packet decoder: %s\n", what);
-  std::abort();
-}
+using pelka::fuzz::Fail;
 
 constexpr int kLinkTypes[] = {pelka::kLinkNull,        pelka::kLinkEthernet, pelka::kLinkRaw,
                               pelka::kLinkRawOpenBsd,  pelka::kLinkRawLinktype, pelka::kLinkLoop,

@@ -20,8 +20,6 @@
 //                      server; [1] TCP flags; [2-3] sequence offset;
 //                  [4] pause in 10 ms steps; [5] payload length
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <map>
 #include <set>
 #include <string>
@@ -29,17 +27,14 @@
 
 #include "capture/FlowTracker.h"
 #include "capture/FrameBuilder.h"
+#include "fuzz/FuzzCommon.h"
 #include "host/PacketRecord.h"
 #include "host/Types.h"
 
 namespace {
 
+using pelka::fuzz::Fail;
 using pelka::test::Segment;
-
-[[noreturn]] void Fail(const char* what) {
-  std::fprintf(stderr, "flow tracker: %s\n", what);
-  std::abort();
-}
 
 class CheckingSink final : public pelka::FlowSink {
  public:

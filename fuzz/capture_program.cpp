@@ -20,33 +20,14 @@
 
 #include "capture/CaptureRun.h"
 #include "capture/CommandLine.h"
+#include "support/TempFile.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
 // A private folder for the input and the outputs, removed at exit.
-class Scratch {
- public:
-  Scratch() {
-    std::string pattern = (fs::temp_directory_path() / "pelka-fuzz-program-XXXXXX").string();
-    if (::mkdtemp(pattern.data())) path_ = pattern;
-  }
-  ~Scratch() {
-    std::error_code ignored;
-    if (!path_.empty()) fs::remove_all(path_, ignored);
-  }
-  Scratch(const Scratch&) = delete;
-  Scratch& operator=(const Scratch&) = delete;
-
-  fs::path input() const { return path_ / "in.pcap"; }
-  fs::path out() const { return path_ / "out"; }
-
- private:
-  fs::path path_;
-};
-
-Scratch* g_scratch = nullptr;
+const pelka::test::TempDir* g_scratch = nullptr;
 
 constexpr const char* kOutputFiles[] = {"emails.jsonl",  "entries.jsonl", "diagnosis.jsonl",
                                         "email_log.csv", "email_log.txt", "statistics.json"};
@@ -93,18 +74,18 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     std::fprintf(stderr, "fuzz_capture_program: cannot load %s: %s\n", library, ::dlerror());
     ::_exit(2);
   }
-  static Scratch scratch;
+  static const pelka::test::TempDir scratch;
   g_scratch = &scratch;
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string out = (*g_scratch / "out").string();
+  const std::string in = (*g_scratch / "in.pcap").string();
   {
-    std::ofstream input(g_scratch->input(), std::ios::binary | std::ios::trunc);
+    std::ofstream input(in, std::ios::binary | std::ios::trunc);
     input.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
   }
-  const std::string out = g_scratch->out().string();
-  const std::string in = g_scratch->input().string();
   // A third of the inputs, chosen by their length, run with two workers.
   const bool two_workers = size % 3 == 0;
   const char* const argv[] = {"pelka-email", "-q", "--copies", "-o", out.c_str(), in.c_str(), "--threads", "2"};
@@ -115,11 +96,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::ostringstream summary;
   std::ostringstream problems;
   const int status = pelka::RunCapture(*outcome.options, summary, problems);
-  if ((status != pelka::kExitDone && status != pelka::kExitInputProblem) || !OutputsAreWhole(g_scratch->out())) {
+  if ((status != pelka::kExitDone && status != pelka::kExitInputProblem) || !OutputsAreWhole(out)) {
     std::fprintf(stderr, "status %d\n%s", status, problems.str().c_str());
     __builtin_trap();
   }
   std::error_code ignored;
-  fs::remove_all(g_scratch->out(), ignored);
+  fs::remove_all(out, ignored);
   return 0;
 }

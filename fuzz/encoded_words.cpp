@@ -2,22 +2,17 @@
 // decoders behind it, with output buffers of exactly the documented size so
 // that a write past the end is caught.
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <span>
 #include <string>
 #include <string_view>
 
-#include "host/CodePage.h"
+#include "fuzz/FuzzCommon.h"
 #include "mail/EncodedWords.h"
 
 namespace {
 
-[[noreturn]] void Fail(const char* what) {
-  std::fprintf(stderr, "decoder broke its promise: %s\n", what);
-  std::abort();
-}
+using pelka::fuzz::Fail;
 
 // Decodes into a heap block of `capacity` bytes and checks the count.
 template <typename Decoder>
@@ -31,8 +26,7 @@ void DecodeInto(Decoder decode, std::string_view input, size_t capacity) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
-  static constexpr unsigned kCodePages[] = {pelka::kCodePageGbk, pelka::kCodePageUtf8, 1252, 950};
-  pelka::SetAnsiCodePage(kCodePages[data[0] & 3]);
+  pelka::fuzz::ChooseAnsiCodePage(data[0], 950);
   const std::string_view input(reinterpret_cast<const char*>(data) + 1, size - 1);
 
   std::string text(input);

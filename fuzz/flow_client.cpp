@@ -19,24 +19,22 @@
 // message (SMTP, POP3) and no completion line that should have (IMAP4).
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "flow/EmailFlowContext.h"
 #include "flow/EmailFlowData.h"
+#include "fuzz/FuzzCommon.h"
 #include "fuzz/HostedModule.h"
-#include "host/CodePage.h"
 #include "host/PacketRecord.h"
 #include "host/Types.h"
 #include "module/EmailModule.h"
-#include "support/FakeFlow.h"
+#include "support/Conversation.h"
 
 namespace {
 
+using pelka::fuzz::Fail;
 using pelka::testing::FakeFlow;
 using pelka::testing::FakeFlowNode;
 using pelka::testing::InMemoryFlowStats;
@@ -45,11 +43,6 @@ using pelka::testing::PacketRecordBuilder;
 constexpr uint16_t kClientPort = 40001;
 constexpr uint32_t kSmallFlowLimit = 64;
 constexpr uint32_t kMaxPayload = 0xFFFF;
-
-[[noreturn]] void Fail(const char* what) {
-  std::fprintf(stderr, "flow client invariant broken: %s\n", what);
-  std::abort();
-}
 
 class Reader {
  public:
@@ -100,13 +93,6 @@ uint16_t PortOf(uint8_t bits, uint16_t flow_port) {
   return bits == 0 ? flow_port : kPorts[bits];
 }
 
-std::string_view Collected(pelka::CEmailFlowContext& context) {
-  pelka::CEmailFlowDataImpl& data = *context.flow_data;
-  const uint32_t length = data.GetLength();
-  const uint8_t* bytes = length ? data.GetBuffer(0, length) : nullptr;
-  return bytes ? std::string_view(reinterpret_cast<const char*>(bytes), length) : std::string_view();
-}
-
 // The IMAP4 completion line searched from the start, stepping over the second
 // byte of GBK characters as the module does.
 bool HoldsFetchCompletion(std::string_view collected, const std::string& tag) {
@@ -127,8 +113,7 @@ class FlowRun {
       : module_(module),
         choice_(ChooseProtocol(configuration)),
         flow_(0x0A000002, kClientPort, 0x0A000001, choice_.port, choice_.application) {
-    static constexpr unsigned kCodePages[] = {pelka::kCodePageGbk, pelka::kCodePageUtf8, 1252, pelka::kCodePageGbk};
-    pelka::SetAnsiCodePage(kCodePages[(configuration >> 2) & 3]);
+    pelka::fuzz::ChooseAnsiCodePage(configuration >> 2);
     module_.set_max_flow_length(configuration & 0x10 ? kSmallFlowLimit : pelka::kDefaultMaxFlowLength);
     bound_ = module_.BindFlow(&flow_, &stats_, &context_) == 0;
     if (bound_ != (choice_.family != Family::kNone)) Fail("only SMTP, POP3 and IMAP4 flows are bound");
@@ -192,7 +177,7 @@ class FlowRun {
 
   void CheckCollection(pelka::CEmailFlowContext& context, uint32_t direction, bool body_before,
                        uint64_t length_before, uint32_t length) {
-    const std::string_view collected = Collected(context);
+    const std::string collected = pelka::testing::CollectedBytes(context);
     if (collected.size() != context.flow_data->GetLength()) Fail("the collection cannot be read whole");
     if (collected.size() > uint64_t{module_.max_flow_length()} + kMaxPayload) Fail("the collection grew past its limit");
     if (length_before <= module_.max_flow_length() && collected.size() > length_before + length) {
@@ -201,7 +186,7 @@ class FlowRun {
     switch (choice_.family) {
       case Family::kSmtp:
       case Family::kPop3:
-        if (collected.find("\r\n.\r\n") != std::string_view::npos) Fail("a finished message stayed collected");
+        if (collected.find("\r\n.\r\n") != std::string::npos) Fail("a finished message stayed collected");
         break;
       case Family::kImap4:
         if (direction == pelka::kFromServer && body_before && context.in_body &&

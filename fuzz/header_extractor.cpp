@@ -9,14 +9,13 @@
 
 #include "flow/EmailFlowContext.h"
 #include "flow/EmailFlowData.h"
-#include "host/CodePage.h"
+#include "fuzz/FuzzCommon.h"
 #include "mail/HeaderExtractor.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   const uint8_t configuration = data[0];
-  static constexpr unsigned kCodePages[] = {pelka::kCodePageGbk, pelka::kCodePageUtf8, 1252, pelka::kCodePageGbk};
-  pelka::SetAnsiCodePage(kCodePages[(configuration >> 2) & 3]);
+  pelka::fuzz::ChooseAnsiCodePage(configuration >> 2);
 
   // Exact-size copies, so that a read past either part is caught.
   const size_t length = size - 1;

@@ -1,25 +1,18 @@
 // Splits random header values into display name and address. The value is
-// read either byte by byte (characters below 256, where the interesting
-// punctuation lives) or two bytes per character (any UTF-16 unit).
+// read either byte by byte or two bytes per character (bit 1 of the first
+// byte; bit 0 chooses UTF-8 over GBK as the ANSI code page).
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
+#include "fuzz/FuzzCommon.h"
 #include "host/Base64Coder.h"
-#include "host/CodePage.h"
 #include "mail/NameAddress.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   const uint8_t configuration = data[0];
   pelka::SetAnsiCodePage(configuration & 1 ? pelka::kCodePageUtf8 : pelka::kCodePageGbk);
-  std::wstring value;
-  if (configuration & 2) {
-    for (size_t i = 1; i + 1 < size; i += 2) value.push_back(static_cast<wchar_t>(data[i] | data[i + 1] << 8));
-  } else {
-    for (size_t i = 1; i < size; ++i) value.push_back(static_cast<wchar_t>(data[i]));
-  }
+  const std::wstring value = pelka::fuzz::WideText(data + 1, size - 1, configuration & 2);
 
   pelka::CTQBase64Coder coder;
   std::wstring qp_text;
@@ -33,10 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (joined.find(L"=?") == std::wstring::npos) {
     for (const std::wstring* part : {&display_name, &address}) {
       for (wchar_t c : *part) {
-        if (value.find(c) == std::wstring::npos) {
-          std::fprintf(stderr, "the split invented a character not in the value\n");
-          std::abort();
-        }
+        if (value.find(c) == std::wstring::npos) pelka::fuzz::Fail("the split invented a character not in the value");
       }
     }
   }

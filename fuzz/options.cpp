@@ -4,31 +4,21 @@
 //
 // Input: one byte (bit 0: two bytes per character, else one), then the text.
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
+#include "fuzz/FuzzCommon.h"
 #include "module/EmailModule.h"
 
 namespace {
 
-[[noreturn]] void Fail(const char* what) {
-  std::fprintf(stderr, "options: %s\n", what);
-  std::abort();
-}
-
+using pelka::fuzz::Fail;
 constexpr uint32_t kMebibyte = 1048576;
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
-  std::wstring text;
-  if (data[0] & 1) {
-    for (size_t i = 1; i + 1 < size; i += 2) text.push_back(static_cast<wchar_t>(data[i] | data[i + 1] << 8));
-  } else {
-    for (size_t i = 1; i < size; ++i) text.push_back(static_cast<wchar_t>(data[i]));
-  }
+  const std::wstring text = pelka::fuzz::WideText(data + 1, size - 1, data[0] & 1);
 
   static pelka::CPelkaEmailModule module;
   const uint32_t before = 3 * kMebibyte + 17;

@@ -5,22 +5,17 @@
 // (A file's bytes that are not UTF-8 are dropped on the way to wide text, so
 // its written form may read differently; it is only walked.)
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "fuzz/FuzzCommon.h"
 #include "host/XmlParser.h"
 #include "support/TempFile.h"
 
 namespace {
 
+using pelka::fuzz::Fail;
 constexpr int kMaxDepth = 64;
-
-[[noreturn]] void Fail(const char* what) {
-  std::fprintf(stderr, "XML parser: %s\n", what);
-  std::abort();
-}
 
 // Visits every element under the current parent; returns how many there are.
 size_t Walk(pelka::CTQXmlParser& parser, int depth) {
@@ -44,26 +39,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view bytes(reinterpret_cast<const char*>(data) + 1, size - 1);
   pelka::CTQXmlParser parser;
   bool read = false;
-  switch (data[0] % 3) {
-    case 0: {
-      const pelka::test::TempFile file(bytes, ".xml");
-      read = parser.Load(file.wide_path().c_str());
-      break;
-    }
-    case 1: {  // one character per byte
-      std::wstring text;
-      for (char c : bytes) text.push_back(static_cast<wchar_t>(static_cast<uint8_t>(c)));
-      read = parser.SetDoc(text.c_str());
-      break;
-    }
-    default: {  // any UTF-16 unit
-      std::wstring text;
-      for (size_t i = 0; i + 1 < bytes.size(); i += 2) {
-        text.push_back(static_cast<wchar_t>(static_cast<uint8_t>(bytes[i]) | static_cast<uint8_t>(bytes[i + 1]) << 8));
-      }
-      read = parser.SetDoc(text.c_str());
-      break;
-    }
+  if (data[0] % 3 == 0) {
+    const pelka::test::TempFile file(bytes, ".xml");
+    read = parser.Load(file.wide_path().c_str());
+  } else {  // one character per byte, or any UTF-16 unit
+    read = parser.SetDoc(pelka::fuzz::WideText(data + 1, size - 1, data[0] % 3 == 2).c_str());
   }
   const size_t elements = Walk(parser, 0);
   if (!read && elements != 0) Fail("a refused document still has elements");

@@ -181,21 +181,6 @@ TEST(FlowDataHeaders, FieldsNamesValuesAndContinuations) {
   EXPECT_EQ(reached, message.size() - 4);
 }
 
-TEST(FlowDataHeaders, BodyLinesAreWalkedUntilTheRangeEnds) {
-  // One blank line does not end the walk: later lines with a colon are fields.
-  const std::string message = "From: a@x\r\n\r\nBody: text\r\nmore\r\n";
-  Store store(message, "");
-  EXPECT_EQ(store->IndexHeader(0, -1, nullptr), message.size());
-  ASSERT_EQ(store->GetHeaderCount(), 2u);
-  EXPECT_STREQ(store->GetHeaderName(1), "Body");
-}
-
-TEST(FlowDataHeaders, ALastFieldWithoutLineEndIsNotRecorded) {
-  Store store("From: a@x\r\nTo: b@y", "");
-  store->IndexHeader(0, -1, nullptr);
-  EXPECT_EQ(store->GetHeaderCount(), 1u);
-}
-
 // The header walk stepped byte by byte, as it is described: the reference the
 // store's faster walk must agree with.
 struct WalkedHeaders {
@@ -245,15 +230,8 @@ WalkedHeaders WalkHeadersByteByByte(const std::string& m) {
   return walked;
 }
 
-TEST(FlowDataHeaders, AgreesWithAByteByByteWalkOnRandomText) {
-  // Few kinds of bytes, so that colons, tabs, blank lines and continuations
-  // meet in every order.
-  const std::string alphabet = "ab:: \t\r\n\n\r\n";
-  std::mt19937 random(7);
-  for (int round = 0; round < 20000; ++round) {
-    std::string message(random() % 120, 'x');
-    for (char& c : message) c = alphabet[random() % alphabet.size()];
-    Store store(message, "");
+void ExpectSameAsByteByByteWalk(const std::string& message) {
+  Store store(message, "");
     uint32_t reached = 0;
     const WalkedHeaders expected = WalkHeadersByteByByte(message);
     ASSERT_EQ(store->IndexHeader(0, -1, &reached), expected.result) << testing::PrintToString(message);
@@ -264,6 +242,21 @@ TEST(FlowDataHeaders, AgreesWithAByteByByteWalkOnRandomText) {
       ASSERT_EQ(store->GetHeaderName(i), message.substr(name, name_length)) << testing::PrintToString(message);
       ASSERT_EQ(store->GetHeaderValue(i), message.substr(value, value_length)) << testing::PrintToString(message);
     }
+}
+
+TEST(FlowDataHeaders, AgreesWithAByteByByteWalk) {
+  // One blank line does not end the walk (later lines with a colon are
+  // fields); a last field without a line end is not recorded.
+  ExpectSameAsByteByByteWalk("From: a@x\r\n\r\nBody: text\r\nmore\r\n");
+  ExpectSameAsByteByByteWalk("From: a@x\r\nTo: b@y");
+  // Few kinds of bytes, so that colons, tabs, blank lines and continuations
+  // meet in every order.
+  const std::string alphabet = "ab:: \t\r\n\n\r\n";
+  std::mt19937 random(7);
+  for (int round = 0; round < 20000 && !HasFatalFailure(); ++round) {
+    std::string message(random() % 120, 'x');
+    for (char& c : message) c = alphabet[random() % alphabet.size()];
+    ExpectSameAsByteByByteWalk(message);
   }
 }
 
@@ -271,8 +264,6 @@ TEST(FlowDataObject, ReferenceCountAndFrameworkAnswers) {
   auto* data = new CEmailFlowDataImpl;
   EXPECT_EQ(data->GetRefCount(), 1);
   EXPECT_EQ(data->AddRef(), 2);
-  EXPECT_STREQ(data->GetClassName(), "NotDynamicClass");
-  EXPECT_STREQ(data->GetThreadModelName(), "CTQMultiThreadModel");
   void* out = data;
   EXPECT_EQ(data->QueryInterface(Guid{}, &out), kStatusNoInterface);
   uint32_t value = 7;

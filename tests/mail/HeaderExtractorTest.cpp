@@ -166,28 +166,12 @@ TEST(HeaderExtractorTest, SizeDurationAndSpeed) {
   }
 }
 
-// Messages built from the pieces that steer the parsing, with zero and
-// invalid bytes among them: the extractor must neither crash nor read past
-// the data (the sanitizer build checks the latter).
-TEST(HeaderExtractorTest, ArbitraryBytesNeverBreakIt) {
-  const std::vector<std::string> pieces = {
-      "From: ", "To:", "Cc: ", "Subject: ", "\r\n", "\r\n\t", "\r\n\r\n", std::string(1, '\0'), "\xFF", "\x81",
-      "\xE4\xB8", "=?gbk?b?", "=?GB2312?B?", "=?gbk?q?", "=?utf-8?b?", "=?utf-8?q?", "?=", "=", "=4", "<", ">",
-      "\"", "\" ", "1tDOxA", "a@x", "Content-Disposition: attachment", "; filename=\"", " ", ":"};
-  std::mt19937 random(20240521);
-  for (int round = 0; round < 3000; ++round) {
-    std::string message;
-    const int length = static_cast<int>(random() % 40);
-    for (int i = 0; i < length; ++i) message += pieces[random() % pieces.size()];
-    const auto context = Extract(message, static_cast<int>(random() % 3));
-    EXPECT_LE(context->message_size, message.size());
-  }
-}
-
-// Every field of many messages built from the same kind of pieces, folded
-// into one digest. The digest was taken from the extractor before its fast
-// paths (plain ASCII texts, values without line breaks or words) were
-// added: any difference in any field of any message changes it.
+// Every field of many messages built from the pieces that steer the parsing,
+// zero and invalid bytes among them, folded into one digest (the sanitizer
+// build also sees that nothing is read past the data; the header_extractor
+// fuzz target goes further). The digest was taken from the extractor before
+// its fast paths (plain ASCII texts, values without line breaks or words)
+// were added: any difference in any field of any message changes it.
 TEST(HeaderExtractorTest, FieldsOfArbitraryMessagesStayAsTheyWere) {
   const std::vector<std::string> pieces = {
       "From: ", "To: ", "Cc: ", "Subject: ", "Date: ", "X-Mailer: ", "Return-Path: ", "Envelope-To: ", "\r\n",
@@ -205,7 +189,9 @@ TEST(HeaderExtractorTest, FieldsOfArbitraryMessagesStayAsTheyWere) {
     std::string message;
     const int length = static_cast<int>(random() % 48);
     for (int i = 0; i < length; ++i) message += pieces[random() % pieces.size()];
-    const auto c = Extract(message + "\r\n\r\nbody\r\n", static_cast<int>(random() % 3));
+    message += "\r\n\r\nbody\r\n";
+    const auto c = Extract(message, static_cast<int>(random() % 3));
+    ASSERT_LE(c->message_size, message.size());
     for (const std::wstring* text : {&c->sender_name, &c->sender_address, &c->receiver_name, &c->receiver_address,
                                      &c->return_path, &c->envelope_to, &c->cc, &c->subject, &c->sent_time,
                                      &c->mailer, &c->attachments}) {
