@@ -257,12 +257,5 @@ TEST_F(HostLogTest, RecordsFromSeveralThreadsKeepTheirOwnFields) {
   EXPECT_EQ(service_->entries(), static_cast<uint64_t>(kThreads * kPerThread));
 }
 
-TEST_F(HostLogTest, AFinishWithoutRecordsWritesTheHeaderAlone) {
-  Finish();
-  EXPECT_EQ(FileText(csv_.second.path()), "header 0\n");
-  EXPECT_EQ(FileText(text_.second.path()), "header 1\n");
-  EXPECT_EQ(FileText(records_.second.path()), "");
-}
-
 }  // namespace
 }  // namespace pelka

@@ -89,6 +89,7 @@ struct MalformedCase {
   int status;
   std::vector<std::string> subjects;  // the records that must be found, in order
   std::vector<std::string> err_parts; // stderr must hold each; "FILE0" names the first file
+  bool on_stdin = false;              // the one file comes through standard input
 };
 
 void PrintTo(const MalformedCase& c, std::ostream* out) { *out << c.name; }
@@ -110,6 +111,10 @@ const std::vector<MalformedCase>& Cases() {
   };
   static const std::vector<MalformedCase> cases = {
       {"TruncatedInsideARecord", {CutInsideSecondSession()}, kInputProblem, {kBefore}, {"FILE0", "truncated"}},
+      {"TruncatedOnStandardInput", {CutInsideSecondSession()}, kInputProblem, {kBefore}, {"FILE0", "truncated"},
+       true},
+      {"TruncatedInsideARecordHeader", {header + SessionBefore() + RecordClaiming(100, 100).substr(0, 7)},
+       kInputProblem, {kBefore}, {"FILE0", "truncated"}},
       {"TruncatedInsideTheFileHeader", {header.substr(0, 13)}, kInputProblem, {}, {"FILE0"}},
       {"EmptyFile", {""}, kInputProblem, {}, {"FILE0"}},
       {"BadMagic", {"JUNK" + header.substr(4) + SessionBefore()}, kInputProblem, {}, {"FILE0"}},
@@ -135,59 +140,55 @@ const std::vector<MalformedCase>& Cases() {
 
 class MalformedCaptureTest : public ::testing::TestWithParam<MalformedCase> {};
 
-// The run's files on the command line, after "-o DIR --quiet".
-std::vector<std::string> CommandLine(const TempDir& dir, const MalformedCase& c) {
-  std::vector<std::string> args = {"-o", (dir / "out").string(), "--quiet"};
+// Runs the case's capture with "-o DIR/out --quiet --threads N" and returns
+// what it gave; `input` is set to the name the messages must use for it.
+ProgramResult RunCase(const TempDir& dir, const MalformedCase& c, const char* threads, std::string* input) {
+  std::vector<std::string> args = {"-o", (dir / "out").string(), "--quiet", "--threads", threads};
   for (size_t i = 0; i < c.files.size(); ++i) {
     const test::fs::path path = dir / ("capture" + std::to_string(i) + ".pcap");
     test::WriteWholeFile(path, c.files[i]);
-    args.push_back(path.string());
+    args.push_back(c.on_stdin ? "-" : path.string());
   }
-  return args;
+  *input = c.on_stdin ? "standard input" : args[5];
+  test::ProgramProcess process(args, c.on_stdin);
+  if (c.on_stdin) {
+    process.WriteStdin(c.files[0]);
+    process.CloseStdin();
+  }
+  return process.Wait();
 }
 
+// A single-threaded and a parallel run must agree on every word.
 TEST_P(MalformedCaptureTest, ClearMessageDocumentedStatusAndEarlierFindingsKept) {
   REQUIRE_PROGRAM();
   const MalformedCase& c = GetParam();
   TempDir dir;
-  const std::vector<std::string> args = CommandLine(dir, c);
+  std::vector<std::string> errs;
+  for (const char* threads : {"1", "2"}) {
+    SCOPED_TRACE(std::string("--threads ") + threads);
+    test::fs::remove_all(dir / "out");
+    std::string input;
+    const ProgramResult result = RunCase(dir, c, threads, &input);
 
-  const ProgramResult result = test::RunProgram(args);
-
-  test::ExpectNoCrash(result);
-  EXPECT_EQ(result.status, c.status) << result.err;
-  // A capture read to its end with parts skipped says so too: the user should
-  // not take an empty result for an empty capture.
-  if (!c.err_parts.empty()) {
-    EXPECT_THAT(result.err, StartsWith("pelka-email: "));
+    test::ExpectNoCrash(result);
+    EXPECT_EQ(result.status, c.status) << result.err;
+    // A capture read to its end with parts skipped says so too: the user should
+    // not take an empty result for an empty capture.
+    if (!c.err_parts.empty()) {
+      EXPECT_THAT(result.err, StartsWith("pelka-email: "));
+    }
+    for (const std::string& part : c.err_parts) EXPECT_THAT(result.err, HasSubstr(part == "FILE0" ? input : part));
+    errs.push_back(result.err);
+    EXPECT_THAT(test::RecordedSubjects(dir / "out"), ElementsAreArray(c.subjects));
+    test::ReadJsonLines(dir / "out" / "entries.jsonl");
+    test::ReadJsonLines(dir / "out" / "diagnosis.jsonl");
   }
-  for (const std::string& part : c.err_parts) EXPECT_THAT(result.err, HasSubstr(part == "FILE0" ? args[3] : part));
-  const std::vector<std::string> subjects = test::RecordedSubjects(dir / "out");
-  EXPECT_THAT(subjects, ElementsAreArray(c.subjects));
-  test::ReadJsonLines(dir / "out" / "entries.jsonl");
-  test::ReadJsonLines(dir / "out" / "diagnosis.jsonl");
+  EXPECT_EQ(errs[1], errs[0]);
 }
 
 std::string CaseName(const ::testing::TestParamInfo<MalformedCase>& info) { return info.param.name; }
 
 INSTANTIATE_TEST_SUITE_P(Captures, MalformedCaptureTest, ::testing::ValuesIn(Cases()), CaseName);
-
-// A capture read from standard input that breaks off: the message names the
-// input and the run keeps what it found.
-TEST(MalformedCaptureStdinTest, TruncatedStreamOnStandardInput) {
-  REQUIRE_PROGRAM();
-  TempDir dir;
-  test::ProgramProcess process({"-o", (dir / "out").string(), "--quiet", "-"}, true);
-  process.WriteStdin(CutInsideSecondSession());
-  process.CloseStdin();
-  const ProgramResult result = process.Wait();
-
-  test::ExpectNoCrash(result);
-  EXPECT_EQ(result.status, kInputProblem);
-  EXPECT_THAT(result.err, HasSubstr("standard input"));
-  EXPECT_THAT(result.err, HasSubstr("truncated"));
-  EXPECT_THAT(test::RecordedSubjects(dir / "out"), ElementsAreArray({kBefore}));
-}
 
 }  // namespace
 }  // namespace pelka

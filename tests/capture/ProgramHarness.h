@@ -234,7 +234,6 @@ inline void ExpectWholeLines(const fs::path& out_dir) {
 
 // --- Captures built from bytes -------------------------------------------
 
-constexpr uint32_t kPcapMagic = 0xA1B2C3D4;
 constexpr uint64_t kCaptureStartUs = 1700000000ull * 1000000;
 
 inline void PutLe32(std::string& out, uint32_t value) {
@@ -242,9 +241,9 @@ inline void PutLe32(std::string& out, uint32_t value) {
 }
 
 // A classic pcap file header (little-endian, microseconds).
-inline std::string PcapFileHeader(uint32_t snap_length = 65535, uint32_t link_type = 1, uint32_t magic = kPcapMagic) {
+inline std::string PcapFileHeader(uint32_t snap_length = 65535, uint32_t link_type = 1) {
   std::string out;
-  PutLe32(out, magic);
+  PutLe32(out, 0xA1B2C3D4);
   out += std::string("\x02\x00\x04\x00", 4);
   for (uint32_t field : {0u, 0u, snap_length, link_type}) PutLe32(out, field);
   return out;

@@ -258,18 +258,16 @@ TEST_F(ProgramTest, ConditionsKeepOnlyTheMessagesThatMeetThemAll) {
 // ---------------------------------------------------------------------------
 // Input problems: status 1, a message, and the outputs found so far kept.
 
-TEST_F(ProgramTest, UnreadableInputGivesOneAndKeepsTheOtherInputsOutputs) {
-  const ProgramResult result = Run({"-o", Out(), (dir_ / "missing.pcap").string(), kSample.string()});
-  EXPECT_EQ(result.status, kExitInputProblem);
-  EXPECT_THAT(result.err, HasSubstr("missing.pcap"));
-  EXPECT_EQ(Records(Out()).size(), 3u);
-}
+TEST_F(ProgramTest, UnreadableInputOrInterfaceGivesOneAndSaysWhich) {
+  const ProgramResult missing = Run({"-o", Out(), (dir_ / "missing.pcap").string(), kSample.string()});
+  EXPECT_EQ(missing.status, kExitInputProblem);
+  EXPECT_THAT(missing.err, HasSubstr("missing.pcap"));
+  EXPECT_EQ(Records(Out()).size(), 3u) << "the other input's records are kept";
 
-TEST_F(ProgramTest, MissingInterfaceGivesOneAndSaysSo) {
-  const ProgramResult result = Run({"-q", "-i", "nosuchiface0", "-o", Out()});
-  EXPECT_EQ(result.status, kExitInputProblem);
-  EXPECT_THAT(result.err, ::testing::AnyOf(HasSubstr("no such interface: nosuchiface0"),
-                                           HasSubstr("no permission to capture on nosuchiface0")));
+  const ProgramResult interface = Run({"-q", "-i", "nosuchiface0", "-o", Out()});
+  EXPECT_EQ(interface.status, kExitInputProblem);
+  EXPECT_THAT(interface.err, ::testing::AnyOf(HasSubstr("no such interface: nosuchiface0"),
+                                              HasSubstr("no permission to capture on nosuchiface0")));
 }
 
 // ---------------------------------------------------------------------------
