@@ -288,9 +288,15 @@ void WarnAboutSkippedParts(const ProgramOptions& options, const Pipeline& pipeli
   if (const uint64_t damaged = frames.truncated + frames.malformed) {
     err << prefix << damaged << " frames were skipped: their headers are cut short or contradict the frame\n";
   }
-  if (flows.flows_evicted) {
-    err << prefix << flows.flows_evicted << " connections were ended early because more than "
-        << FlowTracker::Options{}.max_flows << " were open at once\n";
+  if (!flows.flows_evicted) return;
+  err << prefix << flows.flows_evicted << " connections were ended early because more than ";
+  // Each worker keeps its own share of the bound: one share filling up is
+  // enough, whatever the others hold.
+  if (const ParallelPipeline* parallel = pipeline.parallel.get()) {
+    err << parallel->max_flows_per_worker() << " were open at once in one thread (each of the "
+        << parallel->workers() << " threads keeps its share of " << FlowTracker::Options{}.max_flows << ")\n";
+  } else {
+    err << FlowTracker::Options{}.max_flows << " were open at once\n";
   }
 }
 

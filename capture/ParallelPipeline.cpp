@@ -149,6 +149,7 @@ ParallelPipeline::ParallelPipeline(unsigned workers, FlowSink* sink, FlowTracker
     : read_(kBatches, nullptr) {
   workers = std::max(1u, workers);
   options.max_flows = std::max<size_t>(1, options.max_flows / workers);
+  max_flows_per_worker_ = options.max_flows;
   for (size_t i = 0; i < kBatches; ++i) {
     batches_.push_back(std::make_unique<Batch>());
     free_.push_back(batches_.back().get());

@@ -76,6 +76,8 @@ class ParallelPipeline {
   void Run(FrameSource next, bool live = false, std::function<bool()> prefetch = {});
 
   unsigned workers() const { return static_cast<unsigned>(workers_.size()); }
+  // Each worker's share of `options.max_flows`.
+  size_t max_flows_per_worker() const { return max_flows_per_worker_; }
   // The sums over the workers; complete after Run.
   FlowTrackerCounters counters() const;
   // What the frames decoded to, each frame counted once; complete after Run.
@@ -109,6 +111,7 @@ class ParallelPipeline {
   bool live_ = false;
   std::vector<std::unique_ptr<Worker>> workers_;
   bool ran_ = false;
+  size_t max_flows_per_worker_ = 0;
 };
 
 }  // namespace pelka

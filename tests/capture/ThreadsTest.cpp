@@ -1,6 +1,7 @@
 // pelka-email --threads N finds what a single-threaded run finds: the same
 // records (apart from their numbers and order), summary entries, export lines,
 // diagnosis reports, statistics and copies, every line whole.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -156,6 +157,39 @@ TEST_F(ThreadsTest, ManyConcurrentFlowsGiveTheSameOutputsWithAndWithoutCondition
   EXPECT_EQ(kept.records.size(), 100u);
   EXPECT_EQ(kept.entries.size(), 100u);
   EXPECT_EQ(kept.copies.size(), 100u);
+}
+
+// More connections open at once than the run keeps: the warning names the
+// bound that was reached, which with several threads is each one's share.
+TEST_F(ThreadsTest, TooManyOpenConnectionsAreReportedWithTheBoundReached) {
+  constexpr uint32_t kConnections = 100050;
+  std::vector<test::Frame> frames;
+  frames.reserve(kConnections);
+  for (uint32_t i = 0; i < kConnections; ++i) {
+    test::Segment syn;
+    syn.source = test::V4(10, static_cast<uint8_t>(i >> 16), static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i));
+    syn.flags = kTcpSyn;
+    frames.push_back(test::EthernetFrame(syn));
+  }
+  TempDir dir;
+  const fs::path capture = dir / "flood.pcap";
+  test::WriteWholeFile(capture, test::PcapFileHeader() + test::PcapRecords(frames));
+  const struct {
+    unsigned threads;
+    std::string warning;
+  } cases[] = {
+      {1, ": 50 connections were ended early because more than 100000 were open at once\n"},
+      {2, " connections were ended early because more than 50000 were open at once in one thread "
+          "(each of the 2 threads keeps its share of 100000)\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.threads);
+    const test::ProgramResult result = test::RunProgram(
+        {"-q", "--threads", std::to_string(c.threads), "-o", (dir / "out").string(), capture.string()});
+    test::ExpectNoCrash(result);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.err, ::testing::HasSubstr(c.warning));
+  }
 }
 
 }  // namespace
