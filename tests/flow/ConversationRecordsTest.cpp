@@ -35,9 +35,7 @@ const char kUtf8Base64[] = "=?utf-8?B?5L2g5aW9?=";
 const wchar_t kHello[] = L"\x4F60\x597D";
 
 std::string SmtpMessage(const std::string& subject) {
-  return "Return-Path: <bounce@example.com>\r\n"
-         "Envelope-To: env@example.org\r\n"
-         "From: =?gb2312?B?1cXI/Q==?= <zhang@example.com>\r\n"
+  return "From: =?gb2312?B?1cXI/Q==?= <zhang@example.com>\r\n"
          "To: Bob <bob@example.org>\r\n"
          "Cc: \"Carl\" <carl@example.org>\r\n"
          "Subject: " + subject + "\r\n"
@@ -58,25 +56,24 @@ TEST_F(ConversationRecordsTest, SmtpMessagesCarryEveryHeaderField) {
   smtp.Client("AUTH LOGIN\r\n", 10'100'000);
   smtp.Server("334 VXNlcm5hbWU6\r\n", 10'200'000);
   smtp.Client("emhhbmc=\r\n", 10'300'000);  // "zhang"
-  smtp.Server("334 UGFzc3dvcmQ6\r\n", 10'400'000);
-  smtp.Client("c2VjcmV0\r\n", 10'500'000);
+  const char* subjects[] = {kGb2312Base64, kGbkQuotedPrintable, kUtf8Base64};
   uint64_t time = 20'000'000;
-  for (const char* subject : {kGb2312Base64, kGbkQuotedPrintable, kUtf8Base64}) {
+  for (const char* subject : subjects) {
     smtp.Client("DATA\r\n", time);
-    smtp.Server("354 go on\r\n", time + 100'000);
     const std::string message = SmtpMessage(subject);
     const size_t half = message.size() / 2;
     smtp.Client(message.substr(0, half), time + 1'000'000);
     smtp.Client(message.substr(half), time + 3'000'000);  // two seconds later
-    smtp.Server("250 queued\r\n", time + 3'100'000);
+    smtp.Server("250 queued\r\n", time + 3'100'000);  // the next message's first packet
     time += 10'000'000;
   }
 
   ASSERT_EQ(records().size(), 3u);
-  const char* subjects[] = {kGb2312Base64, kGbkQuotedPrintable, kUtf8Base64};
   for (int i = 0; i < 3; ++i) {
     const InMemoryRecord& record = records()[i];
     const size_t size = SmtpMessage(subjects[i]).size();
+    EXPECT_EQ(record.Number("email_number"), i + 1u);
+    EXPECT_EQ(record.seconds, i == 0 ? 10u : 13u + 10 * i);
     EXPECT_EQ(record.Text("email_subject"), kHello);
     EXPECT_EQ(record.Text("email_sender"), L"\x5F20\x4E09");  // text after the encoded word is dropped
     EXPECT_EQ(record.Text("email_sender_email"), L"zhang@example.com");
@@ -88,23 +85,17 @@ TEST_F(ConversationRecordsTest, SmtpMessagesCarryEveryHeaderField) {
     EXPECT_EQ(record.Text("email_account"), L"zhang");
     EXPECT_EQ(record.Text("email_attachment"), L"report.pdf;\x4E00\x6708.doc;");
     EXPECT_EQ(record.Text("protocol"), L"SMTP");
-    EXPECT_EQ(record.Number("email_filesize"), size);
+    EXPECT_EQ(record.Number("email_filesize"), size) << "the DATA line is not collected";
     EXPECT_EQ(record.Double("email_duration"), 2.0);
     EXPECT_EQ(record.Double("email_averagespeed"), size / 2.0);
   }
-  EXPECT_EQ(records()[0].Number("email_number"), 1u);
-  EXPECT_EQ(records()[2].Number("email_number"), 3u);
 }
 
 TEST_F(ConversationRecordsTest, Pop3RetrievalsBecomeRecordsWithoutTheStatusLine) {
   const std::string first = "From: a@example.org\r\nTo: alice@example.org\r\nSubject: one\r\n\r\nbody one\r\n.\r\n";
   const std::string second = "From: b@example.org\r\nTo: alice@example.org\r\nSubject: two\r\n\r\nbody two\r\n.\r\n";
   Conversation pop3(module_, 110, kProtocolPop3);
-  pop3.Server("+OK ready\r\n", 1'000'000);
-  pop3.Client("USER alice\r\n", 1'100'000);
-  pop3.Server("+OK\r\n", 1'200'000);
-  pop3.Client("PASS secret\r\n", 1'300'000);
-  pop3.Server("+OK\r\n", 1'400'000);
+  pop3.Client("USER alice\r\n", 1'000'000);
   pop3.Client("LIST\r\n", 1'500'000);
   pop3.Server("+OK\r\n1 10\r\n.\r\n", 1'600'000);
   pop3.Client("RETR 1\r\n", 2'000'000);
@@ -141,8 +132,6 @@ TEST_F(ConversationRecordsTest, ImapFetchLiteralsBecomeOneRecordEach) {
   imap.Server("* OK IMAP4 ready\r\n", 1'000'000);
   imap.Client("A1 LOGIN bob secret\r\n", 1'100'000);
   imap.Server("A1 OK LOGIN completed\r\n", 1'200'000);
-  imap.Client("A2 SELECT INBOX\r\n", 1'300'000);
-  imap.Server("* 3 EXISTS\r\nA2 OK SELECT completed\r\n", 1'400'000);
   imap.Client("A3 UID FETCH 1:* (FLAGS)\r\n", 1'500'000);
   imap.Server("* 1 FETCH (UID 1 FLAGS (\\Seen))\r\nA3 OK done\r\n", 1'600'000);
   EXPECT_TRUE(records().empty()) << "a FLAGS fetch collects nothing";
