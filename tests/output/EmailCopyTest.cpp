@@ -1,13 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
-#include "flow/EmailFlowContext.h"
 #include "flow/EmailFlowData.h"
 #include "module/EmailModule.h"
 #include "support/FakeFlow.h"
@@ -19,7 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::FakeFlow;
-using testing::FakeFlowNode;
 using testing::InMemoryLog;
 using testing::InMemoryLogService;
 using testing::PacketRecordBuilder;
@@ -43,12 +40,11 @@ class EmailCopyTest : public ::testing::Test {
     context_.flow_data->Commit();
   }
   void Save(uint64_t time_us) { module_.SaveEmailCopy(&context_, builder_.Build(9, time_us, 40001, 25)); }
-  std::wstring Wide(const std::string& text) { return std::wstring(text.begin(), text.end()); }
+  static std::wstring Wide(const std::string& text) { return std::wstring(text.begin(), text.end()); }
 
   CPelkaEmailModule module_;
   InMemoryLogService service_;
   FakeFlow flow_;
-  FakeFlowNode node_;
   CEmailFlowContext context_;
   PacketRecordBuilder builder_;
   test::TempDir dir_;
@@ -76,18 +72,16 @@ TEST_F(EmailCopyTest, EachMessageGetsItsOwnFileAndSameNameReplaces) {
   EXPECT_EQ(test::ReadWholeFile(folder + "2024-03-05 07.08.09.45.eml"), binary);
   EXPECT_EQ(test::ReadWholeFile(folder + "2024-03-05 07.08.09.42.eml"), "short");
   EXPECT_EQ(test::ReadWholeFile(folder + "2024-03-05 07.08.10.0.eml"), "second");
-  EXPECT_TRUE(fs::exists(folder + "2024-03-05 07.08.09.49.eml"));
   EXPECT_EQ(fs::file_size(folder + "2024-03-05 07.08.09.49.eml"), 0u);
   EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 4);
 }
 
 TEST_F(EmailCopyTest, NoCopyUnlessTheHostAsksForOne) {
-  struct Case {
+  const struct {
     const char* name;
     void (*arrange)(InMemoryLog& log, InMemoryLogService& service);
     bool with_packet;
-  };
-  const std::vector<Case> cases = {
+  } cases[] = {
       {"no packet record", [](InMemoryLog&, InMemoryLogService&) {}, false},
       {"log not saving", [](InMemoryLog& log, InMemoryLogService&) { log.save_mode = 1; }, true},
       {"copies off", [](InMemoryLog& log, InMemoryLogService&) { log.storages[1]->enabled = 0; }, true},
