@@ -20,7 +20,6 @@ inline constexpr const char* kSmtpSlow = "SMTPServerSlowResponseTime";
 inline constexpr const char* kSmtpDubious = "SMTPNonSmtpTraffic";
 inline constexpr const char* kSmtpError = "SMTPServerReturnedError";
 inline constexpr const char* kPop3Slow = "POP3ServerSlowResponseTime";
-inline constexpr const char* kPop3Dubious = "POP3NonPop3Traffic";
 inline constexpr const char* kPop3Error = "POP3ServerReturnedError";
 
 // The module as the host sees it after Initialize: a notification object and
@@ -34,10 +33,6 @@ class DiagnosedModule : public CPelkaEmailModule {
   void DetachNotify() { notify_ = nullptr; }
 
   IPelkaDiagnosisEvent* smtp_slow_event() const { return smtp_slow_event_; }
-  IPelkaDiagnosisEvent* smtp_dubious_event() const { return smtp_dubious_event_; }
-  IPelkaDiagnosisEvent* smtp_error_event() const { return smtp_error_event_; }
-  IPelkaDiagnosisEvent* pop3_slow_event() const { return pop3_slow_event_; }
-  IPelkaDiagnosisEvent* pop3_dubious_event() const { return pop3_dubious_event_; }
   IPelkaDiagnosisEvent* pop3_error_event() const { return pop3_error_event_; }
   uint32_t smtp_time_parameter() const { return smtp_time_parameter_; }
   uint32_t pop3_time_parameter() const { return pop3_time_parameter_; }
@@ -66,8 +61,7 @@ class DiagnosisBench {
 
   void Send(uint32_t direction, uint64_t number, uint64_t time_us, std::string_view payload) {
     const bool from_client = direction == kFromClient;
-    const PacketRecord* packet =
-        builder_.Build(number, time_us, from_client ? 40001 : port_, from_client ? port_ : 40001);
+    const auto* packet = builder_.Build(number, time_us, from_client ? 40001 : port_, from_client ? port_ : 40001);
     const auto* bytes = reinterpret_cast<const uint8_t*>(payload.data());
     const auto length = static_cast<uint32_t>(payload.size());
     module_.CheckSlowResponse(context_, packet, direction, bytes, length, &node_, protocol_);
