@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "DiagnosisBench.h"
 #include "module/ResStringTable.h"
@@ -17,11 +17,6 @@ namespace {
 
 using testing::DiagnosisBench;
 using testing::kSmtpSlow;
-
-struct TextCase {
-  std::wstring actual;
-  std::wstring expected;
-};
 
 [[noreturn]] void RunWithEnglishTable(const std::string& path) {
   CResStringTable::Instance().LoadFromFile(std::wstring(path.begin(), path.end()).c_str());
@@ -37,7 +32,7 @@ struct TextCase {
   auto text_of = [](DiagnosisBench& bench, size_t i) {
     return bench.service().reports.size() > i ? bench.service().reports[i].text : L"(no report)";
   };
-  const std::vector<TextCase> cases = {
+  const std::pair<std::wstring, std::wstring> cases[] = {
       {smtp.Event(kSmtpSlow)->title, L"SMTP Server Slow Response"},
       {smtp.Event(kSmtpSlow)->parameters.at(0).caption, L"Response Time (ms)"},
       {text_of(smtp, 0), L"SMTP Server Slow Response (250 ms between packet [5] and packet [6])"},
@@ -46,9 +41,9 @@ struct TextCase {
       {text_of(pop3, 0), L"POP3 Server Returned Error (see packet 3)"},
   };
   bool all_equal = true;
-  for (const TextCase& c : cases) {
-    if (c.actual == c.expected) continue;
-    std::fprintf(stderr, "got \"%ls\"\nnot \"%ls\"\n", c.actual.c_str(), c.expected.c_str());
+  for (const auto& [actual, expected] : cases) {
+    if (actual == expected) continue;
+    std::fprintf(stderr, "got \"%ls\"\nnot \"%ls\"\n", actual.c_str(), expected.c_str());
     all_equal = false;
   }
   std::exit(all_equal ? 0 : 1);

@@ -2,6 +2,9 @@
 // flow, before the parsers, with or without payload.
 #include <gtest/gtest.h>
 
+#include <map>
+#include <tuple>
+
 #include "DiagnosisBench.h"
 #include "support/Conversation.h"
 #include "support/InMemoryStats.h"
@@ -47,22 +50,17 @@ TEST_F(FlowDiagnosisTest, SmtpSessionReportsSlowRepliesAndServerErrorsOnly) {
   EXPECT_EQ(smtp.node().mark, 0u);
 }
 
-TEST_F(FlowDiagnosisTest, Pop3FlowReportsItsBareErrorLine) {
+TEST_F(FlowDiagnosisTest, Pop3FlowReportsItsBareErrorLineAndImapNothing) {
   Conversation pop3(module_, kPop3Port, kProtocolPop3);
-  pop3.Server("+OK POP3 ready\r\n", 1);
   pop3.Client("USER bob\r\n", 2);
   pop3.Server("-ERR\r\n", 3);
-  pop3.Client("PASS x\r\n", 4);
   pop3.Server("-ERR authentication failed\r\n", 5);
   ASSERT_EQ(service_.reports.size(), 1u);
-  EXPECT_EQ(service_.reports[0].event, kPop3Error);
-  EXPECT_EQ(service_.reports[0].packet, 3u);
-}
+  EXPECT_EQ(std::tie(service_.reports[0].event, service_.reports[0].packet), std::make_tuple(kPop3Error, 2u));
 
-TEST_F(FlowDiagnosisTest, AnImapFlowRunsNoCheck) {
   Conversation imap(module_, kImapPort, kProtocolImap4);
   for (int i = 0; i < 6; ++i) imap.Server("550 garbage", 1'000'000 * i);
-  EXPECT_TRUE(service_.reports.empty());
+  EXPECT_EQ(service_.reports.size(), 1u);
   EXPECT_EQ(imap.context().conversation_unconfirmed, 1u);
 }
 
@@ -77,15 +75,12 @@ TEST(FlowWithoutDiagnosis, TheConversationIsFollowedAndCountedAsUsual) {
 
   Conversation smtp(module, kSmtpPort, kProtocolSmtp);
   EXPECT_EQ(smtp.stats().counts, (std::map<int32_t, uint64_t>{{stats.IndexOf("SMTP"), 1}}));
-  smtp.Server("220 hi\r\n", 1'000'000);
-  smtp.Client("AUTH LOGIN\r\n", 1'010'000);
-  smtp.Server("334 VXNlcm5hbWU6\r\n", 1'020'000);
-  smtp.Client("YWxpY2VAZXhhbXBsZS5jb20=\r\n", 1'030'000);
+  smtp.Client("EHLO a\r\n", 1'000'000);
+  smtp.Server("550 no\r\n", 1'010'000);
   smtp.Client("DATA\r\n", 2'000'000);
   EXPECT_EQ(smtp.context().in_body, 1u);
   smtp.Client("Subject: x\r\n\r\nbody\r\n.\r\n", 9'000'000);
   EXPECT_EQ(smtp.context().in_body, 0u);
-  EXPECT_EQ(smtp.context().account, L"alice@example.com");
   EXPECT_EQ(smtp.context().request_packet, 0u) << "no check keeps state without its event";
   EXPECT_EQ(smtp.context().conversation_unconfirmed, 1u);
 }
