@@ -4,10 +4,12 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "flow/EmailFlowData.h"
 #include "module/EmailModule.h"
+#include "output/EmailCopy.h"
 #include "support/FakeFlow.h"
 #include "support/InMemoryLog.h"
 #include "support/TempFile.h"
@@ -20,6 +22,8 @@ using testing::FakeFlow;
 using testing::InMemoryLog;
 using testing::InMemoryLogService;
 using testing::PacketRecordBuilder;
+
+std::wstring Wide(const std::string& text) { return std::wstring(text.begin(), text.end()); }
 
 constexpr uint64_t kCompletedAt = 1709622489000042ull;  // 2024-03-05 07:08:09 UTC + 42 us
 
@@ -40,7 +44,6 @@ class EmailCopyTest : public ::testing::Test {
     context_.flow_data->Commit();
   }
   void Save(uint64_t time_us) { module_.SaveEmailCopy(&context_, builder_.Build(9, time_us, 40001, 25)); }
-  static std::wstring Wide(const std::string& text) { return std::wstring(text.begin(), text.end()); }
 
   CPelkaEmailModule module_;
   InMemoryLogService service_;
@@ -125,6 +128,60 @@ TEST_F(EmailCopyTest, FolderNameIsCreatedAndAFailedOrRefusedOpenKeepsThePath) {
   fs::create_symlink(root_ + "elsewhere", root_ + "email_copy/2024-03-05 07.08.09.42.eml");
   Save(kCompletedAt);
   EXPECT_EQ(test::ReadWholeFile(root_ + "elsewhere"), "!");
+}
+
+// CreateDirectoryPath on its own, below a temporary root.
+class CopyPathTest : public ::testing::Test {
+ protected:
+  test::TempDir dir_;
+  const std::string root_ = dir_.path().string();
+};
+
+TEST_F(CopyPathTest, CreatesMissingLevels) {
+  fs::create_directories(root_ + "/old/level");
+  const std::string r = root_;
+  // Path, a folder below the root that must exist and one that must not ("": none).
+  const std::tuple<std::string, std::string, std::string> cases[] = {
+      {r + "/a/b/c", "a/b/c", ""},
+      {"  " + r + "/trim/me/ \t", "trim/me", ""},
+      {r + "\\back\\slash\\", "back/slash", ""},
+      {r + "/old/level/new", "old/level/new", ""},              // existing levels above
+      {r + "/gap//f/g/", "gap", "gap/f"},                       // an empty component ends the walk
+      {"/" + r + "/net/share/folder/", "net/share/folder", ""},  // network form
+      {"relative/dir", "", "relative"},
+      {"", "", ""},
+      {" \t ", "", ""},
+  };
+  for (const auto& [path, must_exist, must_not_exist] : cases) {
+    CreateDirectoryPath(Wide(path));
+    EXPECT_TRUE(must_exist.empty() || fs::is_directory(root_ + "/" + must_exist)) << path;
+    EXPECT_TRUE(must_not_exist.empty() || !fs::exists(root_ + "/" + must_not_exist)) << path;
+    EXPECT_TRUE(must_not_exist.empty() || !fs::exists(must_not_exist)) << path;
+  }
+}
+
+TEST_F(CopyPathTest, LengthLimitIs260Characters) {
+  for (size_t length : {size_t{259}, size_t{260}, size_t{261}, size_t{300}}) {
+    // root + "/" + "L<length>/" + padding, one padding component.
+    const std::string parent = root_ + "/L" + std::to_string(length) + "/";
+    ASSERT_LT(parent.size(), length);
+    const std::string path = parent + std::string(length - parent.size(), 'x');
+    CreateDirectoryPath(Wide(path));
+    EXPECT_EQ(fs::is_directory(path), length <= kMaxDirectoryPath) << length;
+  }
+}
+
+TEST_F(CopyPathTest, DriveFormStartsBelowTheDrive) {
+  const fs::path saved = fs::current_path();
+  fs::current_path(root_);
+  CreateDirectoryPath(L"Q:/d1/d2");  // no "Q:" directory: nothing can be made
+  EXPECT_FALSE(fs::exists("Q:"));
+  fs::create_directory("Q:");
+  for (const wchar_t* refused : {L"Q:", L"Q:d3"}) CreateDirectoryPath(refused);
+  CreateDirectoryPath(L"Q:\\d1\\d2");
+  EXPECT_TRUE(fs::is_directory("Q:/d1/d2"));
+  EXPECT_FALSE(fs::exists("Q:d3"));
+  fs::current_path(saved);
 }
 
 }  // namespace

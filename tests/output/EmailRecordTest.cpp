@@ -37,37 +37,24 @@ class EmailRecordTest : public ::testing::Test {
   CEmailFlowContext context_;
 };
 
+// The header texts, size and times a parsed message gives are compared exactly
+// in ConversationRecordsTest; here the fields that come from elsewhere.
 TEST_F(EmailRecordTest, FinishedMessageFillsEveryField) {
-  const std::tuple<std::wstring CEmailFlowContext::*, const char*, const wchar_t*> texts[] = {
-      {&CEmailFlowContext::sender_name, "email_sender", L"Ann"},
-      {&CEmailFlowContext::receiver_name, "email_receiver", L"Bob"},
-      {&CEmailFlowContext::cc, "email_cc", L"\"Carl\"<carl@example.org>"},
-      {&CEmailFlowContext::subject, "email_subject", L"Quarterly report"},
-      {&CEmailFlowContext::sent_time, "email_sent_time", L"Tue, 14 Nov 2023 22:13:20 +0000"},
-      {&CEmailFlowContext::mailer, "email_emailclient", L"Mailer 2.0"},
-      {&CEmailFlowContext::account, "email_account", L"ann"},
-      {&CEmailFlowContext::attachments, "email_attachment", L"a.pdf;b.txt;"},
-      {&CEmailFlowContext::copy_path, "email_file_path", L"/data/email_copy/2023-11-14 22.13.20.999999.eml"},
-  };
-  for (const auto& [member, key, value] : texts) context_.*member = value;
+  context_.copy_path = L"/data/email_copy/2023-11-14 22.13.20.999999.eml";
   context_.first_packet_time = 1700000000999999ull;
-  context_.message_size = 4096;
-  context_.duration = 0.5;
-  context_.average_speed = 8192.0;
   node_.group = L"Office";
   node_.protocol_path = L"ETH/IPv4/TCP/SMTP";
   Post();
 
   ASSERT_EQ(log_->records.size(), 1u);
   const InMemoryRecord& record = log_->records[0];
-  for (const auto& [member, key, value] : texts) EXPECT_EQ(record.Text(key), value) << key;
-  // Sender, receiver, server and protocol have tests of their own below.
-  const std::pair<const char*, const wchar_t*> derived[] = {
-      {"email_client", L"10.0.0.2:40001"}, {"protocol_path", L"ETH/IPv4/TCP/SMTP"}, {"group", L"Office"}};
-  for (const auto& [key, value] : derived) EXPECT_EQ(record.Text(key), value) << key;
-  EXPECT_EQ(record.Number("email_filesize"), 4096u);
-  EXPECT_EQ(record.Double("email_duration"), 0.5);
-  EXPECT_EQ(record.Double("email_averagespeed"), 8192.0);
+  const std::pair<const char*, const wchar_t*> texts[] = {
+      {"email_file_path", L"/data/email_copy/2023-11-14 22.13.20.999999.eml"},
+      {"email_client", L"10.0.0.2:40001"},
+      {"protocol_path", L"ETH/IPv4/TCP/SMTP"},
+      {"group", L"Office"},
+  };
+  for (const auto& [key, value] : texts) EXPECT_EQ(record.Text(key), value) << key;
   EXPECT_EQ(std::tie(record.seconds, record.client_address), std::make_tuple(1700000000u, 0x0A000002u));
   EXPECT_EQ(log_->unknown_column_sets, 0);
   EXPECT_EQ(log_->pending_records(), 0u);
@@ -164,6 +151,40 @@ TEST(EmailRecordWithoutLogTest, NothingHappensAndNothingCrashes) {
     EXPECT_EQ(module.email_log(), nullptr);
     EXPECT_EQ(module.last_email_number(), 0u);
     EXPECT_EQ(context.copy_path, L"");
+  }
+}
+
+// The columns, captions and export reach the host's output files, where the
+// capture host's tests check them; here what a failing log service leaves.
+TEST(EmailLogDefinitionTest, FailuresLeaveWhatWasReached) {
+  struct Case {
+    const char* name;
+    uint32_t create_status;
+    std::string refused_key;
+    int end_columns_calls;  // a refused column leaves the declaration open
+  } cases[] = {
+      {"nothing refused", 0, "", 1},
+      {"create fails", 0x80920001u, "", 0},
+      {"a column is refused", 0, "email_cc", 0},
+      {"the last column is refused", 0, "group", 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    InMemoryLogService service;
+    service.create_status = c.create_status;
+    service.refuse_key = c.refused_key;
+    CPelkaEmailModule module;
+    module.set_log_service(&service);
+    module.DefineEmailLog();
+    EXPECT_EQ(module.email_log(), service.log());
+    if (c.create_status) {
+      EXPECT_EQ(service.log(), nullptr);
+      continue;
+    }
+    ASSERT_NE(service.log(), nullptr);
+    EXPECT_EQ(service.log()->columns.size(), 27u);   // every column is still declared
+    EXPECT_EQ(service.log()->end_columns_calls, c.end_columns_calls);
+    EXPECT_EQ(service.log()->storages.size(), 2u);   // the log exists, so its kinds do
   }
 }
 
