@@ -1,22 +1,80 @@
-// Slow responses, dubious conversations and server errors, packet by packet
-// through the module's checks. The process loads no string table, so every
-// text is its default ("#" marks a text with placeholders).
+// The diagnosis events and their checks: the line tests behind them, slow
+// responses, dubious conversations and server errors packet by packet, and
+// what a missing service or a refused definition leaves working. The process
+// loads no string table, so every text is its default ("#" marks a text with
+// placeholders); the English table is tried in a child process.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <tuple>
+#include <utility>
 
 #include "DiagnosisBench.h"
+#include "diagnosis/ResponseChecks.h"
+#include "module/ResStringTable.h"
 
 namespace pelka {
 namespace {
 
+using testing::DiagnosedModule;
 using testing::DiagnosisBench;
+using testing::InMemoryDiagnosisService;
 using testing::kPop3Error;
 using testing::kPop3Slow;
 using testing::kSmtpDubious;
 using testing::kSmtpError;
 using testing::kSmtpSlow;
+
+using LineTest = bool (*)(const uint8_t*, uint32_t);
+
+bool Check(LineTest test, const std::string& payload, size_t length) {
+  return test(reinterpret_cast<const uint8_t*>(payload.data()), static_cast<uint32_t>(length));
+}
+
+TEST(LineTests, RecogniseCommandsRepliesAndBareErrors) {
+  const LineTest command = IsClientCommand, reply = IsServerReply, error = IsPop3ErrorReply;
+  const struct {
+    LineTest test;
+    std::string payload;
+    bool expected;
+  } cases[] = {
+      {command, "EHLO client.example.com\r\n", true},
+      {command, "quit\r\n", true},              // letter case ignored
+      {command, "MAILX FROM:<a@b>\r\n", true},  // only the beginning is compared
+      {command, "QUIT", false},                 // split over packets
+      {command, "HI\r\n\r\n", false},           // line end before offset 4
+      {command, "HELLO\r\n", false},
+      {command, "QUIT\n", false},               // a bare line feed is no line end
+      {reply, "250 OK\r\n", true},
+      {reply, "+OK ready\r\n", true},
+      {reply, "-err no such message\r\n", true},
+      {reply, " 250 x", true},  // leading white space before the number
+      {reply, "12 x", true},
+      {reply, "600 x", false},
+      {reply, "000 x", false},
+      {reply, "250-mail.example.com\r\n250 OK\r\n", false},  // first space too late
+      {reply, "* OK IMAP4 ready\r\n", false},
+      {reply, "250", false},
+      {error, "-ERR\r\n", true},
+      {error, "-err \r\n", true},  // one further character
+      {error, "-ERR no such message\r\n", false},
+      {error, "-ERRx \r\n", false},
+      {error, "-ERR", false},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Check(c.test, c.payload, c.payload.size()), c.expected) << c.payload;
+}
+
+TEST(LineTests, NeverReadPastTheGivenLength) {
+  // The bytes after the length would make each test true.
+  EXPECT_FALSE(Check(IsClientCommand, "QUIT\r\n", 5));
+  EXPECT_FALSE(Check(IsServerReply, "250 OK", 3));
+  EXPECT_FALSE(Check(IsPop3ErrorReply, "-ERR\r\n", 5));
+  EXPECT_EQ(ParseLeadingNumber(reinterpret_cast<const uint8_t*>("5501"), 3), 550);
+  for (LineTest test : {IsClientCommand, IsServerReply, IsPop3ErrorReply}) EXPECT_FALSE(test(nullptr, 10));
+}
 
 TEST(SlowResponse, ReportsWholeMillisecondsAboveTheThreshold) {
   const struct {
@@ -145,6 +203,85 @@ TEST(ServerError, ReportsSmtpCodes400To599AndBarePop3ErrorLines) {
   off.Event(kSmtpError)->enabled = false;
   off.Server(1, 0, "550 no\r\n");
   EXPECT_TRUE(off.service().ReportsOf(kSmtpError).empty()) << "switched off";
+}
+
+TEST(DefineDiagnosisEvents, NothingWithoutNotificationObjectOrService) {
+  InMemoryDiagnosisService service;
+  DiagnosedModule without_notify;
+  without_notify.Attach(&service);
+  without_notify.DetachNotify();
+  without_notify.DefineDiagnosisEvents();
+  EXPECT_TRUE(service.defined_keys.empty());
+
+  DiagnosedModule without_service;
+  without_service.Attach(nullptr);
+  without_service.DefineDiagnosisEvents();
+  EXPECT_EQ(without_service.smtp_slow_event(), nullptr);
+  EXPECT_EQ(without_service.pop3_error_event(), nullptr);
+  EXPECT_EQ(without_service.smtp_time_parameter() + without_service.pop3_time_parameter(), 0u);
+}
+
+TEST(DefineDiagnosisEvents, AFailedDefinitionSkipsOnlyItsParameter) {
+  DiagnosisBench smtp;  // a second definition below overwrites the first
+  auto& service = smtp.service();
+  service.refused_keys = {kSmtpSlow};
+  smtp.module().DefineDiagnosisEvents();
+  EXPECT_EQ(service.events().size(), 6u + 5u);
+  EXPECT_EQ(smtp.module().smtp_slow_event(), nullptr);
+  EXPECT_EQ(service.Event(kPop3Slow)->parameters.size(), 1u);
+
+  // Without their slow event the SMTP checks still find errors, never slowness.
+  smtp.Client(1, 0, "HELO a\r\n");
+  smtp.Server(2, 9'000'000, "550 no\r\n");
+  ASSERT_EQ(service.reports.size(), 1u);
+  EXPECT_EQ(service.reports[0].event, kSmtpError);
+}
+
+TEST(ReleaseDiagnosisEvents, ReleasesEachDefinedEventOnce) {
+  DiagnosisBench smtp;
+  smtp.service().refused_keys = {kSmtpDubious};
+  smtp.module().DefineDiagnosisEvents();
+  smtp.module().ReleaseDiagnosisEvents();
+  smtp.module().ReleaseDiagnosisEvents();
+  EXPECT_EQ(smtp.module().smtp_slow_event(), nullptr);
+  EXPECT_EQ(smtp.module().pop3_error_event(), nullptr);
+  const auto& events = smtp.service().events();
+  for (size_t i = 6; i < events.size(); ++i) EXPECT_EQ(events[i]->releases, 1) << events[i]->key;
+}
+
+[[noreturn]] void RunWithEnglishTable(const std::string& path) {
+  CResStringTable::Instance().LoadFromFile(std::wstring(path.begin(), path.end()).c_str());
+  DiagnosisBench smtp;
+  smtp.Client(5, 1'000'000, "EHLO a\r\n");
+  smtp.Server(6, 1'250'000, "250 OK\r\n");
+  smtp.Server(7, 1'260'000, "550 no\r\n");
+  DiagnosisBench dubious;
+  for (uint64_t number = 1; number < 5; ++number) dubious.Server(number, 0, "garbage");
+  DiagnosisBench pop3(MailProtocol::kPop3);
+  pop3.Server(3, 0, "-ERR\r\n");
+
+  auto text_of = [](DiagnosisBench& bench, size_t i) {
+    return bench.service().reports.size() > i ? bench.service().reports[i].text : L"(no report)";
+  };
+  const std::pair<std::wstring, std::wstring> cases[] = {
+      {text_of(smtp, 0), L"SMTP Server Slow Response (250 ms between packet [5] and packet [6])"},
+      {text_of(smtp, 1), L"SMTP Server Returned Error (see packet 7)"},
+      {text_of(dubious, 0), L"Dubious SMTP conversation (packet number [4])"},
+      {text_of(pop3, 0), L"POP3 Server Returned Error (see packet 3)"},
+  };
+  bool all_equal = true;
+  for (const auto& [actual, expected] : cases) {
+    if (actual == expected) continue;
+    std::fprintf(stderr, "got \"%ls\"\nnot \"%ls\"\n", actual.c_str(), expected.c_str());
+    all_equal = false;
+  }
+  std::exit(all_equal ? 0 : 1);
+}
+
+TEST(EnglishTextsDeathTest, ReportsUseTheTranslatedTemplates) {
+  const std::string path = std::string(PELKA_SOURCE_DIR) + "/resources/en/PelkaEmailRes.cst";
+  if (!std::filesystem::exists(path)) GTEST_SKIP() << "no English string table at " << path;
+  EXPECT_EXIT(RunWithEnglishTable(path), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
