@@ -41,28 +41,20 @@ TEST(LineTests, RecogniseCommandsRepliesAndBareErrors) {
     std::string payload;
     bool expected;
   } cases[] = {
-      {command, "EHLO client.example.com\r\n", true},
+      {command, "EHLO client.example.com\r\n", true}, {command, "HELLO\r\n", false},
       {command, "quit\r\n", true},              // letter case ignored
       {command, "MAILX FROM:<a@b>\r\n", true},  // only the beginning is compared
       {command, "QUIT", false},                 // split over packets
       {command, "HI\r\n\r\n", false},           // line end before offset 4
-      {command, "HELLO\r\n", false},
       {command, "QUIT\n", false},               // a bare line feed is no line end
-      {reply, "250 OK\r\n", true},
-      {reply, "+OK ready\r\n", true},
-      {reply, "-err no such message\r\n", true},
+      {reply, "250 OK\r\n", true}, {reply, "+OK ready\r\n", true}, {reply, "-err no such message\r\n", true},
       {reply, " 250 x", true},  // leading white space before the number
-      {reply, "12 x", true},
-      {reply, "600 x", false},
-      {reply, "000 x", false},
+      {reply, "12 x", true}, {reply, "600 x", false}, {reply, "000 x", false}, {reply, "250", false},
       {reply, "250-mail.example.com\r\n250 OK\r\n", false},  // first space too late
       {reply, "* OK IMAP4 ready\r\n", false},
-      {reply, "250", false},
       {error, "-ERR\r\n", true},
       {error, "-err \r\n", true},  // one further character
-      {error, "-ERR no such message\r\n", false},
-      {error, "-ERRx \r\n", false},
-      {error, "-ERR", false},
+      {error, "-ERR no such message\r\n", false}, {error, "-ERRx \r\n", false}, {error, "-ERR", false},
   };
   for (const auto& c : cases) EXPECT_EQ(Check(c.test, c.payload, c.payload.size()), c.expected) << c.payload;
 }
@@ -187,7 +179,6 @@ TEST(ServerError, ReportsSmtpCodes400To599AndBarePop3ErrorLines) {
       {MailProtocol::kSmtp, "600 x\r\n", false},
       {MailProtocol::kSmtp, "550", false},  // shorter than four characters
       {MailProtocol::kPop3, "-ERR\r\n", true},
-      {MailProtocol::kPop3, "-ERR no such message\r\n", false},
       {MailProtocol::kPop3, "550 x\r\n", false},
   };
   for (const auto& [protocol, payload, reported] : cases) {
@@ -249,33 +240,26 @@ TEST(ReleaseDiagnosisEvents, ReleasesEachDefinedEventOnce) {
   for (size_t i = 6; i < events.size(); ++i) EXPECT_EQ(events[i]->releases, 1) << events[i]->key;
 }
 
+// The English table is process-wide and loaded once, so this runs in a child
+// process and leaves the defaults to the other tests.
 [[noreturn]] void RunWithEnglishTable(const std::string& path) {
   CResStringTable::Instance().LoadFromFile(std::wstring(path.begin(), path.end()).c_str());
-  DiagnosisBench smtp;
+  DiagnosisBench smtp, dubious, pop3(MailProtocol::kPop3);
   smtp.Client(5, 1'000'000, "EHLO a\r\n");
   smtp.Server(6, 1'250'000, "250 OK\r\n");
   smtp.Server(7, 1'260'000, "550 no\r\n");
-  DiagnosisBench dubious;
   for (uint64_t number = 1; number < 5; ++number) dubious.Server(number, 0, "garbage");
-  DiagnosisBench pop3(MailProtocol::kPop3);
   pop3.Server(3, 0, "-ERR\r\n");
-
-  auto text_of = [](DiagnosisBench& bench, size_t i) {
-    return bench.service().reports.size() > i ? bench.service().reports[i].text : L"(no report)";
-  };
-  const std::pair<std::wstring, std::wstring> cases[] = {
-      {text_of(smtp, 0), L"SMTP Server Slow Response (250 ms between packet [5] and packet [6])"},
-      {text_of(smtp, 1), L"SMTP Server Returned Error (see packet 7)"},
-      {text_of(dubious, 0), L"Dubious SMTP conversation (packet number [4])"},
-      {text_of(pop3, 0), L"POP3 Server Returned Error (see packet 3)"},
-  };
-  bool all_equal = true;
-  for (const auto& [actual, expected] : cases) {
-    if (actual == expected) continue;
-    std::fprintf(stderr, "got \"%ls\"\nnot \"%ls\"\n", actual.c_str(), expected.c_str());
-    all_equal = false;
+  std::wstring texts;
+  for (DiagnosisBench* bench : {&smtp, &dubious, &pop3}) {
+    for (const auto& report : bench->service().reports) texts += report.text + L"\n";
   }
-  std::exit(all_equal ? 0 : 1);
+  const std::wstring expected =
+      L"SMTP Server Slow Response (250 ms between packet [5] and packet [6])\n"
+      L"SMTP Server Returned Error (see packet 7)\nDubious SMTP conversation (packet number [4])\n"
+      L"POP3 Server Returned Error (see packet 3)\n";
+  if (texts != expected) std::fprintf(stderr, "got:\n%ls", texts.c_str());
+  std::exit(texts == expected ? 0 : 1);
 }
 
 TEST(EnglishTextsDeathTest, ReportsUseTheTranslatedTemplates) {
