@@ -18,25 +18,15 @@ namespace {
 
 using testing::Conversation;
 using testing::DiagnosedModule;
-using testing::InMemoryDiagnosisService;
 using testing::InMemoryFlowStats;
 using testing::InMemoryStats;
-using testing::kPop3Error;
 using testing::kSmtpError;
 using testing::kSmtpSlow;
 
-class FlowDiagnosisTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    module_.Attach(&service_);
-    module_.DefineDiagnosisEvents();
-  }
-  InMemoryDiagnosisService service_;
-  DiagnosedModule module_;
-};
+class FlowDiagnosisTest : public ::testing::Test, protected testing::DiagnosedParts {};
 
 TEST_F(FlowDiagnosisTest, SmtpSessionReportsSlowRepliesAndServerErrorsOnly) {
-  Conversation smtp(module_, kSmtpPort, kProtocolSmtp);
+  Conversation smtp(module, kSmtpPort, kProtocolSmtp);
   smtp.Server("220 mail.example.com ESMTP\r\n", 1'000'000);         // 1
   smtp.Client("550 is no command from a client\r\n", 1'010'000);    // 2: never tested
   smtp.Client("EHLO client.example.com\r\n", 1'020'000);            // 3
@@ -46,26 +36,19 @@ TEST_F(FlowDiagnosisTest, SmtpSessionReportsSlowRepliesAndServerErrorsOnly) {
   smtp.Client("MAIL FROM:<a@example.com>\r\n", 2'000'000);          // 7
   smtp.Server("550 5.1.0 sender rejected\r\n", 2'010'000);          // 8
 
-  ASSERT_EQ(service_.reports.size(), 2u);
-  EXPECT_EQ(service_.reports[0].Fields(),
+  ASSERT_EQ(service.reports.size(), 2u);
+  EXPECT_EQ(service.reports[0].Fields(),
             std::make_tuple(kSmtpSlow, L"SMTP Server  Slow Response#(数据包 [3] 与数据包 [6] 相隔480ms)", 1u, 1u, 6u, 3u));
-  EXPECT_EQ(service_.reports[1].Fields(),
+  EXPECT_EQ(service.reports[1].Fields(),
             std::make_tuple(kSmtpError, L"#POP3 Server Returned Error(See Packet 8)", 0u, 1u, 8u, 0u));
-  EXPECT_EQ(service_.reports[1].target, &smtp.node());
+  EXPECT_EQ(service.reports[1].target, &smtp.node());
   EXPECT_EQ(smtp.node().mark, 0u);
 }
 
-TEST_F(FlowDiagnosisTest, Pop3FlowReportsItsBareErrorLineAndImapNothing) {
-  Conversation pop3(module_, kPop3Port, kProtocolPop3);
-  pop3.Client("USER bob\r\n", 2);
-  pop3.Server("-ERR\r\n", 3);
-  pop3.Server("-ERR authentication failed\r\n", 5);
-  ASSERT_EQ(service_.reports.size(), 1u);
-  EXPECT_EQ(std::tie(service_.reports[0].event, service_.reports[0].packet), std::make_tuple(kPop3Error, 2u));
-
-  Conversation imap(module_, kImapPort, kProtocolImap4);
+TEST_F(FlowDiagnosisTest, AnImapFlowRunsNoCheck) {
+  Conversation imap(module, kImapPort, kProtocolImap4);
   for (int i = 0; i < 6; ++i) imap.Server("550 garbage", 1'000'000 * i);
-  EXPECT_EQ(service_.reports.size(), 1u);
+  EXPECT_TRUE(service.reports.empty());
   EXPECT_EQ(imap.context().conversation_unconfirmed, 1u);
 }
 
