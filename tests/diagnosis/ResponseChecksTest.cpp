@@ -196,6 +196,35 @@ TEST(ServerError, ReportsSmtpCodes400To599AndBarePop3ErrorLines) {
   EXPECT_TRUE(off.service.ReportsOf(kSmtpError).empty()) << "switched off";
 }
 
+// Whole conversations: which packets the checks look at.
+TEST(FlowDiagnosis, SmtpSessionReportsSlowRepliesAndServerErrorsOnly) {
+  DiagnosisBench smtp;
+  smtp.Server("220 mail.example.com ESMTP\r\n", 1'000'000);         // 1
+  smtp.Client("550 is no command from a client\r\n", 1'010'000);    // 2: never tested
+  smtp.Client("EHLO client.example.com\r\n", 1'020'000);            // 3
+  smtp.Server("", 1'030'000);                                       // 4: an acknowledgement
+  smtp.Server("250-mail.example.com\r\n250 SIZE\r\n", 1'400'000);   // 5: a continuation line first
+  smtp.Server("250 SIZE\r\n", 1'500'000);                           // 6: 480 ms after packet 3
+  smtp.Client("MAIL FROM:<a@example.com>\r\n", 2'000'000);          // 7
+  smtp.Server("550 5.1.0 sender rejected\r\n", 2'010'000);          // 8
+
+  ASSERT_EQ(smtp.service.reports.size(), 2u);
+  EXPECT_EQ(smtp.service.reports[0].Fields(),
+            std::make_tuple(kSmtpSlow, L"SMTP Server  Slow Response#(数据包 [3] 与数据包 [6] 相隔480ms)", 1u, 1u, 6u, 3u));
+  EXPECT_EQ(smtp.service.reports[1].Fields(),
+            std::make_tuple(kSmtpError, L"#POP3 Server Returned Error(See Packet 8)", 0u, 1u, 8u, 0u));
+  EXPECT_EQ(smtp.service.reports[1].target, &smtp.node());
+  EXPECT_EQ(smtp.node().mark, 0u);
+}
+
+TEST(FlowDiagnosis, AnImapFlowRunsNoCheck) {
+  DiagnosisBench smtp;
+  testing::Conversation imap(smtp.module, kImapPort, kProtocolImap4);
+  for (int i = 0; i < 6; ++i) imap.Server("550 garbage", 1'000'000 * i);
+  EXPECT_TRUE(smtp.service.reports.empty());
+  EXPECT_EQ(imap.context().conversation_unconfirmed, 1u);
+}
+
 TEST(DefineDiagnosisEvents, NothingWithoutNotificationObjectOrService) {
   InMemoryDiagnosisService service;
   DiagnosedModule without_notify;
@@ -210,6 +239,15 @@ TEST(DefineDiagnosisEvents, NothingWithoutNotificationObjectOrService) {
   EXPECT_EQ(without_service.smtp_slow_event(), nullptr);
   EXPECT_EQ(without_service.pop3_error_event(), nullptr);
   EXPECT_EQ(without_service.smtp_time_parameter() + without_service.pop3_time_parameter(), 0u);
+  // The conversation is followed as usual, and no check keeps state.
+  testing::Conversation smtp(without_service, kSmtpPort, kProtocolSmtp);
+  smtp.Client("EHLO a\r\n", 1'000'000);
+  smtp.Server("550 no\r\n", 1'010'000);
+  smtp.Client("DATA\r\n", 2'000'000);
+  EXPECT_EQ(smtp.context().in_body, 1u);
+  smtp.Client("Subject: x\r\n\r\nbody\r\n.\r\n", 9'000'000);
+  EXPECT_EQ(smtp.context().in_body, 0u);
+  EXPECT_EQ(smtp.context().request_packet, 0u);
 }
 
 TEST(DefineDiagnosisEvents, AFailedDefinitionSkipsOnlyItsParameter) {
