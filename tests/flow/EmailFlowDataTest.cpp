@@ -6,6 +6,7 @@
 #include <array>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "flow/EmailFlowData.h"
@@ -54,21 +55,16 @@ TEST(FlowDataStorage, StagedBytesReadInOrderAndConsumeDropsFromTheFront) {
 }
 
 TEST(FlowDataSearch, FindBytesNeverTestsANeedleEndingAtTheRangeEnd) {
-  struct Case {
-    std::string committed, staged, needle;
-    uint32_t start;
-    int32_t limit;
-    uint32_t expected;
-  } cases[] = {
+  // Committed and staged bytes, needle, start, limit, expected.
+  const std::tuple<std::string, std::string, std::string, uint32_t, int32_t, uint32_t> cases[] = {
       {"xxAB", "", "AB", 0, -1, kNotFound}, {"xxABy", "", "AB", 0, -1, 2},        {"xxA", "By", "AB", 0, -1, 2},
       {"ABxAB", "y", "AB", 1, -1, 3},       {"xxABy", "", "AB", 0, 4, kNotFound}, {"xxABy", "", "AB", 9, -1, kNotFound},
       {"", "", "AB", 0, -1, kNotFound},
   };
-  for (const Case& c : cases) {
-    Store store(c.committed, c.staged);
-    EXPECT_EQ(store->FindBytes(c.start, Bytes(c.needle), static_cast<int32_t>(c.needle.size()), c.limit),
-              c.expected)
-        << c.committed << "|" << c.staged << " start " << c.start;
+  for (const auto& [committed, staged, needle, start, limit, expected] : cases) {
+    Store store(committed, staged);
+    EXPECT_EQ(store->FindBytes(start, Bytes(needle), static_cast<int32_t>(needle.size()), limit), expected)
+        << committed << "|" << staged << " start " << start;
   }
   Store store("xxABy", "");
   EXPECT_EQ(store->FindByte('y', 0, -1), kNotFound) << "the last byte is never a match";
@@ -77,16 +73,12 @@ TEST(FlowDataSearch, FindBytesNeverTestsANeedleEndingAtTheRangeEnd) {
 }
 
 TEST(FlowDataSearch, LineLengthWithAndWithoutLineBreak) {
-  struct Case {
-    std::string bytes;
-    int with_break;
-    uint32_t expected;
-  } cases[] = {
+  const std::tuple<std::string, int, uint32_t> cases[] = {  // bytes, with line break, expected
       {"abc\r\nd", 1, 5},  {"abc\r\nd", 0, 3},   {"abc", 1, kNotFound}, {std::string("abc\r\r\0\nd", 8), 1, 7},
       {"abc\rd", 1, 4},    {"abc\r", 1, 4},      {"\nabc", 1, 1},       {std::string("ab\0cd", 5), 0, 2},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(Store(c.bytes, "")->GetLineLength(c.with_break, 0, -1), c.expected) << c.bytes;
+  for (const auto& [bytes, with_break, expected] : cases) {
+    EXPECT_EQ(Store(bytes, "")->GetLineLength(with_break, 0, -1), expected) << bytes;
   }
 }
 

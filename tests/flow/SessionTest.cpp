@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "flow/EmailFlowData.h"
@@ -105,11 +106,7 @@ TEST(EndOfBodyTest, ImapAnswerDoesNotDependOnHowBytesArrive) {
 }
 
 TEST(SmtpAuthTest, PromptsAndLoginLines) {
-  struct Case {
-    const char* prompt;
-    const char* client_line;
-    const wchar_t* account;
-  } cases[] = {
+  const std::tuple<const char*, const char*, const wchar_t*> cases[] = {  // prompt, client line, account
       {"334 VXNlcm5hbWU6\r\n", "Ym9i\r\n", L"bob"},
       {"334 dXNlcm5hbWU6\r\n", "Ym9i\r\n", L"bob"},
       {"250 ok\r\n334 VXNlcm5hbWU6\r\n", "Ym9i\r\n", L"bob"},  // the prompt may stand anywhere
@@ -118,12 +115,12 @@ TEST(SmtpAuthTest, PromptsAndLoginLines) {
       {"334 UGFzc3dvcmQ6\r\n", "Ym9i\r\n", L"old"},            // the password is skipped
       {"334 cGFzc3dvcmQ6\r\n", "Ym9i\r\n", L"old"},
   };
-  for (const Case& c : cases) {
+  for (const auto& [prompt, client_line, account] : cases) {
     Session smtp(25);
     smtp.context().account = L"old";
-    smtp.Server(c.prompt, 1);
-    smtp.Client(c.client_line, 2);
-    EXPECT_EQ(smtp.context().account, c.account) << c.prompt << " / " << c.client_line;
+    smtp.Server(prompt, 1);
+    smtp.Client(client_line, 2);
+    EXPECT_EQ(smtp.context().account, account) << prompt << " / " << client_line;
     EXPECT_EQ(smtp.context().await_auth_user + smtp.context().await_auth_pass, 0u);
   }
   Session smtp(25);

@@ -40,7 +40,7 @@ class EmailRecordTest : public ::testing::Test {
 // The header texts, size and times a parsed message gives are compared exactly
 // in ConversationRecordsTest; here the fields that come from elsewhere.
 TEST_F(EmailRecordTest, FinishedMessageFillsEveryField) {
-  context_.copy_path = L"/data/email_copy/2023-11-14 22.13.20.999999.eml";
+  context_.copy_path = L"/copies/x.eml";
   context_.first_packet_time = 1700000000999999ull;
   node_.group = L"Office";
   node_.protocol_path = L"ETH/IPv4/TCP/SMTP";
@@ -48,12 +48,8 @@ TEST_F(EmailRecordTest, FinishedMessageFillsEveryField) {
 
   ASSERT_EQ(log_->records.size(), 1u);
   const InMemoryRecord& record = log_->records[0];
-  const std::pair<const char*, const wchar_t*> texts[] = {
-      {"email_file_path", L"/data/email_copy/2023-11-14 22.13.20.999999.eml"},
-      {"email_client", L"10.0.0.2:40001"},
-      {"protocol_path", L"ETH/IPv4/TCP/SMTP"},
-      {"group", L"Office"},
-  };
+  const std::pair<const char*, const wchar_t*> texts[] = {{"email_file_path", L"/copies/x.eml"},
+      {"email_client", L"10.0.0.2:40001"}, {"protocol_path", L"ETH/IPv4/TCP/SMTP"}, {"group", L"Office"}};
   for (const auto& [key, value] : texts) EXPECT_EQ(record.Text(key), value) << key;
   EXPECT_EQ(std::tie(record.seconds, record.client_address), std::make_tuple(1700000000u, 0x0A000002u));
   EXPECT_EQ(log_->unknown_column_sets, 0);
@@ -157,33 +153,26 @@ TEST(EmailRecordWithoutLogTest, NothingHappensAndNothingCrashes) {
 // The columns, captions and export reach the host's output files, where the
 // capture host's tests check them; here what a failing log service leaves.
 TEST(EmailLogDefinitionTest, FailuresLeaveWhatWasReached) {
-  struct Case {
-    const char* name;
-    uint32_t create_status;
-    std::string refused_key;
-    int end_columns_calls;  // a refused column leaves the declaration open
-  } cases[] = {
-      {"nothing refused", 0, "", 1},
-      {"create fails", 0x80920001u, "", 0},
-      {"a column is refused", 0, "email_cc", 0},
-      {"the last column is refused", 0, "group", 0},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  // Create status, refused column key, EndColumns calls (a refused column
+  // leaves the declaration open).
+  const std::tuple<uint32_t, std::string, int> cases[] = {
+      {0, "", 1}, {0x80920001u, "", 0}, {0, "email_cc", 0}, {0, "group", 0}};
+  for (const auto& [create_status, refused_key, end_columns_calls] : cases) {
+    SCOPED_TRACE(refused_key);
     InMemoryLogService service;
-    service.create_status = c.create_status;
-    service.refuse_key = c.refused_key;
+    service.create_status = create_status;
+    service.refuse_key = refused_key;
     CPelkaEmailModule module;
     module.set_log_service(&service);
     module.DefineEmailLog();
     EXPECT_EQ(module.email_log(), service.log());
-    if (c.create_status) {
+    if (create_status) {
       EXPECT_EQ(service.log(), nullptr);
       continue;
     }
     ASSERT_NE(service.log(), nullptr);
     EXPECT_EQ(service.log()->columns.size(), 27u);   // every column is still declared
-    EXPECT_EQ(service.log()->end_columns_calls, c.end_columns_calls);
+    EXPECT_EQ(service.log()->end_columns_calls, end_columns_calls);
     EXPECT_EQ(service.log()->storages.size(), 2u);   // the log exists, so its kinds do
   }
 }
