@@ -30,7 +30,7 @@ std::vector<std::pair<std::string, std::wstring>> EmailLogColumns() {
 
 // The full line of every field is compared in the host's output tests; here
 // an empty field, null ones, and commas at either end and doubled.
-InMemoryRecordSet::Row SampleRow() { return {{"timestamp", L"T"}, {"email_sender", L""}, {"email_subject", L",x,, y,"}}; }
+const InMemoryRecordSet::Row kRow = {{"timestamp", L"T"}, {"email_sender", L""}, {"email_subject", L",x,, y,"}};
 
 // Default captions: the process loads no string table.
 constexpr wchar_t kTextHeader[] =
@@ -71,7 +71,7 @@ TEST_F(EmailLogExportTest, HeaderIsCachedAndBuiltWhenMissing) {
     InMemoryRecordSet set(EmailLogColumns());
     std::wstring expected = header;
     for (int r = 0; r < records; ++r) {
-      set.rows.push_back(SampleRow());
+      set.rows.push_back(kRow);
       expected += format == kEmailExportCsv ? kCsvLine : kTextLine;
     }
     EXPECT_EQ(Export(set, format, header_wanted), expected) << "call " << i;
@@ -89,7 +89,7 @@ TEST_F(EmailLogExportTest, EveryLookedUpKeyAndTheSetMustExist) {
     auto columns = EmailLogColumns();
     std::erase_if(columns, [&](const auto& column) { return column.first == key; });
     InMemoryRecordSet set(columns);
-    set.rows.push_back(SampleRow());
+    set.rows.push_back(kRow);
     const bool may_be_missing = std::find(optional.begin(), optional.end(), key) != optional.end();
     EXPECT_EQ(Export(set, 1, 1).empty(), !may_be_missing) << key;
     EXPECT_EQ(set.field_requests == 0, !may_be_missing) << key;
