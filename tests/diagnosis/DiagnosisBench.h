@@ -30,8 +30,6 @@ class DiagnosedModule : public CPelkaEmailModule {
 
   IPelkaDiagnosisEvent* smtp_slow_event() const { return smtp_slow_event_; }
   IPelkaDiagnosisEvent* pop3_error_event() const { return pop3_error_event_; }
-  uint32_t smtp_time_parameter() const { return smtp_time_parameter_; }
-  uint32_t pop3_time_parameter() const { return pop3_time_parameter_; }
 
  private:
   struct SilentNotify final : IPelkaNotify {

@@ -232,7 +232,6 @@ TEST(DefineDiagnosisEvents, NothingWithoutNotificationObjectOrService) {
   without_service.DefineDiagnosisEvents();
   EXPECT_EQ(without_service.smtp_slow_event(), nullptr);
   EXPECT_EQ(without_service.pop3_error_event(), nullptr);
-  EXPECT_EQ(without_service.smtp_time_parameter() + without_service.pop3_time_parameter(), 0u);
   // The conversation is followed as usual, and no check keeps state.
   testing::Conversation smtp(without_service, kSmtpPort, kProtocolSmtp);
   smtp.Client("EHLO a\r\n", 1'000'000);
