@@ -49,7 +49,7 @@ struct DiagnosedParts {
   DiagnosedModule module;
 };
 
-// ... and one SMTP or POP3 flow through the flow client, packets numbered from 1.
+// Those and one SMTP or POP3 flow through the flow client, packets numbered from 1.
 class DiagnosisBench : public DiagnosedParts, public Conversation {
  public:
   explicit DiagnosisBench(MailProtocol protocol = MailProtocol::kSmtp)
