@@ -1,17 +1,13 @@
 // A module with its diagnosis events defined on an in-memory service, and one
-// SMTP or POP3 flow whose packets are run through the checks in the order the
-// flow dispatch runs them.
+// SMTP or POP3 flow through the flow client.
 #pragma once
 
-#include <cstdint>
-#include <string_view>
+#include <string>
 
-#include "flow/EmailFlowContext.h"
 #include "host/DiagnosisInterfaces.h"
 #include "host/ModuleInterfaces.h"
-#include "host/Types.h"
 #include "module/EmailModule.h"
-#include "support/FakeFlow.h"
+#include "support/Conversation.h"
 #include "support/InMemoryDiagnosis.h"
 
 namespace pelka::testing {
@@ -20,7 +16,6 @@ inline constexpr const char* kSmtpSlow = "SMTPServerSlowResponseTime";
 inline constexpr const char* kSmtpDubious = "SMTPNonSmtpTraffic";
 inline constexpr const char* kSmtpError = "SMTPServerReturnedError";
 inline constexpr const char* kPop3Slow = "POP3ServerSlowResponseTime";
-inline constexpr const char* kPop3Dubious = "POP3NonPop3Traffic";
 inline constexpr const char* kPop3Error = "POP3ServerReturnedError";
 
 // The module as the host sees it after Initialize: a notification object and
@@ -34,13 +29,7 @@ class DiagnosedModule : public CPelkaEmailModule {
   void DetachNotify() { notify_ = nullptr; }
 
   IPelkaDiagnosisEvent* smtp_slow_event() const { return smtp_slow_event_; }
-  IPelkaDiagnosisEvent* smtp_dubious_event() const { return smtp_dubious_event_; }
-  IPelkaDiagnosisEvent* smtp_error_event() const { return smtp_error_event_; }
-  IPelkaDiagnosisEvent* pop3_slow_event() const { return pop3_slow_event_; }
-  IPelkaDiagnosisEvent* pop3_dubious_event() const { return pop3_dubious_event_; }
   IPelkaDiagnosisEvent* pop3_error_event() const { return pop3_error_event_; }
-  uint32_t smtp_time_parameter() const { return smtp_time_parameter_; }
-  uint32_t pop3_time_parameter() const { return pop3_time_parameter_; }
 
  private:
   struct SilentNotify final : IPelkaNotify {
@@ -50,51 +39,23 @@ class DiagnosedModule : public CPelkaEmailModule {
   } notify_object_;
 };
 
-class DiagnosisBench {
+// The module with its events defined on an in-memory service.
+struct DiagnosedParts {
+  DiagnosedParts() {
+    module.Attach(&service);
+    module.DefineDiagnosisEvents();
+  }
+  InMemoryDiagnosisService service;
+  DiagnosedModule module;
+};
+
+// Those and one SMTP or POP3 flow through the flow client, packets numbered from 1.
+class DiagnosisBench : public DiagnosedParts, public Conversation {
  public:
   explicit DiagnosisBench(MailProtocol protocol = MailProtocol::kSmtp)
-      : protocol_(protocol),
-        port_(protocol == MailProtocol::kSmtp ? kSmtpPort : kPop3Port),
-        flow_(0x0A000002, 40001, 0x0A000001, port_, protocol == MailProtocol::kSmtp ? kProtocolSmtp : kProtocolPop3) {
-    module_.Attach(&service_);
-    module_.DefineDiagnosisEvents();
-  }
-
-  // One packet with its number and capture time (microseconds).
-  void Client(uint64_t number, uint64_t time_us, std::string_view payload) { Send(kFromClient, number, time_us, payload); }
-  void Server(uint64_t number, uint64_t time_us, std::string_view payload) { Send(kFromServer, number, time_us, payload); }
-
-  void Send(uint32_t direction, uint64_t number, uint64_t time_us, std::string_view payload) {
-    const bool from_client = direction == kFromClient;
-    const PacketRecord* packet =
-        builder_.Build(number, time_us, from_client ? 40001 : port_, from_client ? port_ : 40001);
-    const auto* bytes = reinterpret_cast<const uint8_t*>(payload.data());
-    const auto length = static_cast<uint32_t>(payload.size());
-    module_.CheckSlowResponse(context_, packet, direction, bytes, length, &node_, protocol_);
-    module_.CheckDubiousConversation(context_, packet, direction, bytes, length, &node_, protocol_);
-    if (direction != kFromServer) return;
-    if (protocol_ == MailProtocol::kSmtp) {
-      module_.CheckSmtpServerError(bytes, length, packet, &node_);
-    } else {
-      module_.CheckPop3ServerError(bytes, length, packet, &node_);
-    }
-  }
-
-  InMemoryDiagnosisEvent* Event(const char* key) { return service_.Event(key); }
-  InMemoryDiagnosisService& service() { return service_; }
-  DiagnosedModule& module() { return module_; }
-  CEmailFlowContext& context() { return context_; }
-  FakeFlowNode& node() { return node_; }
-
- private:
-  MailProtocol protocol_;
-  uint16_t port_;
-  InMemoryDiagnosisService service_;
-  DiagnosedModule module_;
-  FakeFlow flow_;
-  FakeFlowNode node_;
-  CEmailFlowContext context_{&module_, &flow_};
-  PacketRecordBuilder builder_;
+      : Conversation(module, protocol == MailProtocol::kSmtp ? kSmtpPort : kPop3Port,
+                     protocol == MailProtocol::kSmtp ? kProtocolSmtp : kProtocolPop3) {}
+  InMemoryDiagnosisEvent* Event(const char* key) { return service.Event(key); }
 };
 
 }  // namespace pelka::testing

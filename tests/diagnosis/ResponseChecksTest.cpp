@@ -1,53 +1,94 @@
-// Slow responses, dubious conversations and server errors, packet by packet
-// through the module's checks. The process loads no string table, so every
-// text is its default ("#" marks a text with placeholders).
+// The diagnosis events and their checks: the line tests behind them, slow
+// responses, dubious conversations and server errors packet by packet, and
+// what a missing service or a refused definition leaves working. The process
+// loads no string table, so every text is its default ("#" marks a text with
+// placeholders); the English table is tried in a child process.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <string>
-#include <vector>
+#include <tuple>
+#include <utility>
 
 #include "DiagnosisBench.h"
+#include "diagnosis/ResponseChecks.h"
+#include "module/ResStringTable.h"
 
 namespace pelka {
 namespace {
 
+using testing::DiagnosedModule;
 using testing::DiagnosisBench;
+using testing::InMemoryDiagnosisService;
 using testing::kPop3Error;
 using testing::kPop3Slow;
 using testing::kSmtpDubious;
 using testing::kSmtpError;
 using testing::kSmtpSlow;
 
-struct SlowCase {
-  MailProtocol protocol;
-  int32_t threshold_ms;
-  uint64_t reply_time_us;
-  std::wstring text;  // empty: nothing reported
-};
+using LineTest = bool (*)(const uint8_t*, uint32_t);
+
+bool Check(LineTest test, const std::string& payload, size_t length) {
+  return test(reinterpret_cast<const uint8_t*>(payload.data()), static_cast<uint32_t>(length));
+}
+
+TEST(LineTests, RecogniseCommandsRepliesAndBareErrors) {
+  const LineTest command = IsClientCommand, reply = IsServerReply, error = IsPop3ErrorReply;
+  const struct {
+    LineTest test;
+    std::string payload;
+    bool expected;
+  } cases[] = {
+      {command, "EHLO client.example.com\r\n", true}, {command, "HELLO\r\n", false},
+      {command, "quit\r\n", true},              // letter case ignored
+      {command, "MAILX FROM:<a@b>\r\n", true},  // only the beginning is compared
+      {command, "QUIT", false},                 // split over packets
+      {command, "HI\r\n\r\n", false},           // line end before offset 4
+      {command, "QUIT\n", false},               // a bare line feed is no line end
+      {reply, "250 OK\r\n", true}, {reply, "+OK ready\r\n", true}, {reply, "-err no such message\r\n", true},
+      {reply, " 250 x", true},  // leading white space before the number
+      {reply, "12 x", true}, {reply, "600 x", false}, {reply, "000 x", false}, {reply, "250", false},
+      {reply, "250-mail.example.com\r\n250 OK\r\n", false},  // first space too late
+      {reply, "* OK IMAP4 ready\r\n", false},
+      {error, "-ERR\r\n", true},
+      {error, "-err \r\n", true},  // one further character
+      {error, "-ERR no such message\r\n", false}, {error, "-ERRx \r\n", false}, {error, "-ERR", false},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Check(c.test, c.payload, c.payload.size()), c.expected) << c.payload;
+}
+
+TEST(LineTests, NeverReadPastTheGivenLength) {
+  // The bytes after the length would make each test true.
+  EXPECT_FALSE(Check(IsClientCommand, "QUIT\r\n", 5));
+  EXPECT_FALSE(Check(IsServerReply, "250 OK", 3));
+  EXPECT_FALSE(Check(IsPop3ErrorReply, "-ERR\r\n", 5));
+  EXPECT_EQ(ParseLeadingNumber(reinterpret_cast<const uint8_t*>("5501"), 3), 550);
+  for (LineTest test : {IsClientCommand, IsServerReply, IsPop3ErrorReply}) EXPECT_FALSE(test(nullptr, 10));
+}
 
 TEST(SlowResponse, ReportsWholeMillisecondsAboveTheThreshold) {
-  const std::vector<SlowCase> cases = {
-      {MailProtocol::kSmtp, 200, 1'250'000, L"SMTP Server  Slow Response#(数据包 [5] 与数据包 [6] 相隔250ms)"},
+  // Protocol, threshold (ms), reply time (us), report text ("": none).
+  const std::tuple<MailProtocol, int32_t, uint64_t, std::wstring> cases[] = {
+      {MailProtocol::kSmtp, 200, 1'250'000, L"SMTP Server  Slow Response#(数据包 [1] 与数据包 [2] 相隔250ms)"},
       {MailProtocol::kSmtp, 250, 1'250'000, L""},  // not strictly above
       {MailProtocol::kSmtp, 200, 1'200'999, L""},  // 200 999 us is 200 ms
-      {MailProtocol::kPop3, 1000, 2'500'000, L"POP3 服务器慢响应#(数据包 [5] 与数据包 [6] 相隔1500ms)"},
+      {MailProtocol::kPop3, 1000, 2'500'000, L"POP3 服务器慢响应#(数据包 [1] 与数据包 [2] 相隔1500ms)"},
   };
-  for (const SlowCase& c : cases) {
-    DiagnosisBench bench(c.protocol);
-    const bool smtp = c.protocol == MailProtocol::kSmtp;
-    bench.Event(smtp ? kSmtpSlow : kPop3Slow)->SetThreshold(c.threshold_ms);
+  for (const auto& [protocol, threshold_ms, reply_time_us, text] : cases) {
+    SCOPED_TRACE(reply_time_us);
+    DiagnosisBench bench(protocol);
+    const bool smtp = protocol == MailProtocol::kSmtp;
+    bench.Event(smtp ? kSmtpSlow : kPop3Slow)->SetThreshold(threshold_ms);
     bench.Event(smtp ? kPop3Slow : kSmtpSlow)->SetThreshold(1);  // must not be the one read
-    bench.Client(5, 1'000'000, smtp ? "EHLO client.example.com\r\n" : "RETR 1\r\n");
-    bench.Server(6, c.reply_time_us, smtp ? "250 mail.example.com\r\n" : "+OK 120 octets\r\n");
+    bench.Client(smtp ? "EHLO client.example.com\r\n" : "RETR 1\r\n", 1'000'000);
+    bench.Server(smtp ? "250 mail.example.com\r\n" : "+OK 120 octets\r\n", reply_time_us);
     EXPECT_EQ(bench.context().request_packet, 0u) << "the reply closes the request either way";
-
-    if (c.text.empty()) {
-      EXPECT_TRUE(bench.service().reports.empty()) << c.threshold_ms << " " << c.reply_time_us;
-      continue;
-    }
-    ASSERT_EQ(bench.service().reports.size(), 1u);
-    const auto& report = bench.service().reports[0];
-    EXPECT_EQ(report.Fields(), std::make_tuple(smtp ? kSmtpSlow : kPop3Slow, c.text, 1u, 1u, 6u, 5u));
+    ASSERT_EQ(bench.service.reports.size(), text.empty() ? 0u : 1u);
+    if (text.empty()) continue;
+    const auto& report = bench.service.reports[0];
+    EXPECT_EQ(report.Fields(), std::make_tuple(smtp ? kSmtpSlow : kPop3Slow, text, 1u, 1u, 2u, 1u));
     EXPECT_EQ(report.target, &bench.node());
   }
 }
@@ -55,22 +96,22 @@ TEST(SlowResponse, ReportsWholeMillisecondsAboveTheThreshold) {
 TEST(SlowResponse, ReadsSwitchAndThresholdForEveryPacket) {
   DiagnosisBench smtp;
   smtp.Event(kSmtpSlow)->enabled = false;
-  smtp.Client(1, 0, "HELO a\r\n");
+  smtp.Client("HELO a\r\n", 0);
   EXPECT_EQ(smtp.context().request_packet, 0u) << "no request is kept while switched off";
   smtp.Event(kSmtpSlow)->enabled = true;
-  smtp.Client(2, 0, "HELO a\r\n");
-  smtp.Client(3, 100'000, "NOOP\r\n");  // does not replace the pending request
+  smtp.Client("HELO a\r\n", 0);
+  smtp.Client("NOOP\r\n", 100'000);  // does not replace the pending request
   smtp.Event(kSmtpSlow)->SetThreshold(500);
-  smtp.Server(4, 400'000, "250 hi\r\n");
+  smtp.Server("250 hi\r\n", 400'000);
   smtp.Event(kSmtpSlow)->SetThreshold(100);
-  smtp.Client(5, 1'000'000, "MAIL FROM:<a@b>\r\n");
+  smtp.Client("MAIL FROM:<a@b>\r\n", 1'000'000);
   smtp.Event(kSmtpSlow)->parameter_read_fails = true;
-  smtp.Server(6, 1'400'000, "250 OK\r\n");
-  EXPECT_TRUE(smtp.service().reports.empty());
+  smtp.Server("250 OK\r\n", 1'400'000);
+  EXPECT_TRUE(smtp.service.reports.empty());
   smtp.Event(kSmtpSlow)->parameter_read_fails = false;
-  smtp.Server(7, 1'400'000, "250 OK\r\n");
-  ASSERT_EQ(smtp.service().reports.size(), 1u);
-  EXPECT_EQ(smtp.service().reports[0].related_packet, 5u);
+  smtp.Server("250 OK\r\n", 1'400'000);
+  ASSERT_EQ(smtp.service.reports.size(), 1u);
+  EXPECT_EQ(smtp.service.reports[0].related_packet, 5u);
 }
 
 // The probation is kept by the slow-response check while that event is on,
@@ -78,89 +119,184 @@ TEST(SlowResponse, ReadsSwitchAndThresholdForEveryPacket) {
 class DubiousConversation : public ::testing::TestWithParam<bool> {
  protected:
   void SetUp() override { smtp_.Event(kSmtpSlow)->enabled = GetParam(); }
+  void ServerGarbage(int packets) {
+    for (int i = 0; i < packets; ++i) smtp_.Server("garbage", 0);
+  }
   DiagnosisBench smtp_;
 };
 
 TEST_P(DubiousConversation, ReportsOnceAtTheFourthNonReply) {
-  smtp_.Server(1, 0, "SSH-2.0-OpenSSH_9.0\r\n");
-  smtp_.Client(1, 0, "SSH-2.0-PuTTY\r\n");  // no command: the probation goes on
-  smtp_.Server(2, 0, "220 a reply does not count\r\n");
-  smtp_.Server(3, 0, "HTTP/1.1 200 OK\r\n");
-  smtp_.Server(4, 0, "\x16\x03\x01");
-  EXPECT_TRUE(smtp_.service().reports.empty());
-  smtp_.Server(5, 0, "<html>");
-
-  ASSERT_EQ(smtp_.service().reports.size(), 1u);
-  EXPECT_EQ(smtp_.service().reports[0].Fields(),
-            std::make_tuple(kSmtpDubious, L"可疑的SMTP会话# (数据包序号 [5])", 1u, 1u, 5u, 0u));
+  smtp_.Server("SSH-2.0-OpenSSH_9.0\r\n", 0);
+  smtp_.Client("SSH-2.0-PuTTY\r\n", 0);  // no command: the probation goes on
+  smtp_.Server("220 a reply does not count\r\n", 0);
+  smtp_.Server("HTTP/1.1 200 OK\r\n", 0);
+  smtp_.Server("\x16\x03\x01", 0);
+  EXPECT_TRUE(smtp_.service.reports.empty());
+  smtp_.Server("<html>", 0);
+  ASSERT_EQ(smtp_.service.reports.size(), 1u);
+  EXPECT_EQ(smtp_.service.reports[0].Fields(),
+            std::make_tuple(kSmtpDubious, L"可疑的SMTP会话# (数据包序号 [6])", 1u, 1u, 6u, 0u));
   EXPECT_EQ(smtp_.node().mark, 1u);
-
-  for (uint64_t number = 6; number < 12; ++number) smtp_.Server(number, 0, "garbage");
-  EXPECT_EQ(smtp_.service().reports.size(), 1u) << "never again on this flow";
+  ServerGarbage(6);
+  EXPECT_EQ(smtp_.service.reports.size(), 1u) << "never again on this flow";
 }
 
 TEST_P(DubiousConversation, AClientCommandEndsTheProbation) {
-  for (uint64_t number = 1; number < 4; ++number) smtp_.Server(number, 0, "garbage");
-  smtp_.Client(4, 0, "QUIT\r\n");
-  for (uint64_t number = 5; number < 12; ++number) smtp_.Server(number, 0, "garbage");
-  EXPECT_TRUE(smtp_.service().reports.empty());
+  ServerGarbage(3);
+  smtp_.Client("QUIT\r\n", 0);
+  ServerGarbage(7);
+  EXPECT_TRUE(smtp_.service.reports.empty());
 }
 
 TEST_P(DubiousConversation, EmptyPacketsCountOnlyWithTheSlowCheck) {
-  for (uint64_t number = 1; number < 5; ++number) smtp_.Server(number, 0, "");
-  EXPECT_EQ(smtp_.service().reports.size(), GetParam() ? 1u : 0u);
+  for (int i = 0; i < 4; ++i) smtp_.Server("", 0);
+  EXPECT_EQ(smtp_.service.reports.size(), GetParam() ? 1u : 0u);
 }
 
-INSTANTIATE_TEST_SUITE_P(WithAndWithoutSlowCheck, DubiousConversation, ::testing::Bool(),
-                         [](const ::testing::TestParamInfo<bool>& info) {
-                           return info.param ? "SlowCheckOn" : "SlowCheckOff";
-                         });
-
-TEST(DubiousConversation, SwitchedOnLaterTakesUpTheCount) {
-  DiagnosisBench smtp;
-  smtp.Event(kSmtpDubious)->enabled = false;
-  for (uint64_t number = 1; number < 6; ++number) smtp.Server(number, 0, "garbage");
-  EXPECT_TRUE(smtp.service().reports.empty());
-  smtp.Event(kSmtpDubious)->enabled = true;
-  smtp.Server(6, 0, "garbage");
-  EXPECT_EQ(smtp.service().ReportsOf(kSmtpDubious).size(), 1u);
+TEST_P(DubiousConversation, SwitchedOnLaterTakesUpTheCount) {
+  smtp_.Event(kSmtpDubious)->enabled = false;
+  ServerGarbage(5);
+  EXPECT_TRUE(smtp_.service.reports.empty());
+  smtp_.Event(kSmtpDubious)->enabled = true;
+  ServerGarbage(1);
+  // Only the slow check keeps counting while this one is off.
+  EXPECT_EQ(smtp_.service.ReportsOf(kSmtpDubious).size(), GetParam() ? 1u : 0u);
 }
 
-struct ErrorCase {
-  MailProtocol protocol;
-  std::string payload;
-  std::wstring text;  // empty: nothing reported
-};
+INSTANTIATE_TEST_SUITE_P(WithAndWithoutSlowCheck, DubiousConversation, ::testing::Bool());
 
 TEST(ServerError, ReportsSmtpCodes400To599AndBarePop3ErrorLines) {
-  // SMTP's default text names POP3 as well.
-  const std::wstring text = L"#POP3 Server Returned Error(See Packet 7)";
-  const std::vector<ErrorCase> cases = {
-      {MailProtocol::kSmtp, "550 mailbox unavailable\r\n", text},
-      {MailProtocol::kSmtp, "421-closing\r\n", text},  // every packet of a multi-line error
-      {MailProtocol::kSmtp, "250 OK\r\n", L""},
-      {MailProtocol::kSmtp, "354 go ahead\r\n", L""},
-      {MailProtocol::kSmtp, "600 x\r\n", L""},
-      {MailProtocol::kSmtp, "550", L""},  // shorter than four characters
-      {MailProtocol::kPop3, "-ERR\r\n", text},
-      {MailProtocol::kPop3, "-ERR no such message\r\n", L""},
-      {MailProtocol::kPop3, "550 x\r\n", L""},
+  // SMTP's default text names POP3 as well. Payload, then whether it is reported.
+  const std::wstring text = L"#POP3 Server Returned Error(See Packet 1)";
+  const std::tuple<MailProtocol, std::string, bool> cases[] = {
+      {MailProtocol::kSmtp, "550 mailbox unavailable\r\n", true},
+      {MailProtocol::kSmtp, "421-closing\r\n", true},  // every packet of a multi-line error
+      {MailProtocol::kSmtp, "354 go ahead\r\n", false},
+      {MailProtocol::kSmtp, "600 x\r\n", false},
+      {MailProtocol::kSmtp, "550", false},  // shorter than four characters
+      {MailProtocol::kPop3, "-ERR\r\n", true},
+      {MailProtocol::kPop3, "550 x\r\n", false},
   };
-  for (const ErrorCase& c : cases) {
-    DiagnosisBench bench(c.protocol);
-    bench.Server(7, 0, c.payload);
-    const auto reports = bench.service().ReportsOf(c.protocol == MailProtocol::kSmtp ? kSmtpError : kPop3Error);
-    ASSERT_EQ(reports.size(), c.text.empty() ? 0u : 1u) << c.payload;
-    if (c.text.empty()) continue;
-    EXPECT_EQ(reports[0].Fields(), std::make_tuple(reports[0].event, c.text, 0u, 1u, 7u, 0u));
+  for (const auto& [protocol, payload, reported] : cases) {
+    DiagnosisBench bench(protocol);
+    bench.Server(payload, 0);
+    const auto reports = bench.service.ReportsOf(protocol == MailProtocol::kSmtp ? kSmtpError : kPop3Error);
+    ASSERT_EQ(reports.size(), reported ? 1u : 0u) << payload;
+    if (reported) {
+      EXPECT_EQ(reports[0].Fields(), std::make_tuple(reports[0].event, text, 0u, 1u, 1u, 0u));
+    }
   }
+  DiagnosisBench off;
+  off.Event(kSmtpError)->enabled = false;
+  off.Server("550 no\r\n", 0);
+  EXPECT_TRUE(off.service.ReportsOf(kSmtpError).empty()) << "switched off";
 }
 
-TEST(ServerError, SwitchedOffReportsNothing) {
+// Whole conversations: which packets the checks look at.
+TEST(FlowDiagnosis, SmtpSessionReportsSlowRepliesAndServerErrorsOnlyImapNothing) {
   DiagnosisBench smtp;
-  smtp.Event(kSmtpError)->enabled = false;
-  smtp.Server(1, 0, "550 no\r\n");
-  EXPECT_TRUE(smtp.service().ReportsOf(kSmtpError).empty());
+  smtp.Server("220 mail.example.com ESMTP\r\n", 1'000'000);         // 1
+  smtp.Client("550 is no command from a client\r\n", 1'010'000);    // 2: never tested
+  smtp.Client("EHLO client.example.com\r\n", 1'020'000);            // 3
+  smtp.Server("", 1'030'000);                                       // 4: an acknowledgement
+  smtp.Server("250-mail.example.com\r\n250 SIZE\r\n", 1'400'000);   // 5: a continuation line first
+  smtp.Server("250 SIZE\r\n", 1'500'000);                           // 6: 480 ms after packet 3
+  smtp.Client("MAIL FROM:<a@example.com>\r\n", 2'000'000);          // 7
+  smtp.Server("550 5.1.0 sender rejected\r\n", 2'010'000);          // 8
+
+  ASSERT_EQ(smtp.service.reports.size(), 2u);
+  EXPECT_EQ(smtp.service.reports[0].Fields(),
+            std::make_tuple(kSmtpSlow, L"SMTP Server  Slow Response#(数据包 [3] 与数据包 [6] 相隔480ms)", 1u, 1u, 6u, 3u));
+  EXPECT_EQ(smtp.service.reports[1].Fields(),
+            std::make_tuple(kSmtpError, L"#POP3 Server Returned Error(See Packet 8)", 0u, 1u, 8u, 0u));
+  EXPECT_EQ(smtp.service.reports[1].target, &smtp.node());
+  EXPECT_EQ(smtp.node().mark, 0u);
+
+  // An IMAP4 flow of the same module runs no check.
+  testing::Conversation imap(smtp.module, kImapPort, kProtocolImap4);
+  for (int i = 0; i < 6; ++i) imap.Server("550 garbage", 1'000'000 * i);
+  EXPECT_EQ(smtp.service.reports.size(), 2u);
+  EXPECT_EQ(imap.context().conversation_unconfirmed, 1u);
+}
+
+TEST(DefineDiagnosisEvents, NothingWithoutNotificationObjectOrService) {
+  InMemoryDiagnosisService service;
+  DiagnosedModule without_notify;
+  without_notify.Attach(&service);
+  without_notify.DetachNotify();
+  without_notify.DefineDiagnosisEvents();
+  EXPECT_TRUE(service.defined_keys.empty());
+
+  DiagnosedModule without_service;
+  without_service.Attach(nullptr);
+  without_service.DefineDiagnosisEvents();
+  EXPECT_EQ(without_service.smtp_slow_event(), nullptr);
+  EXPECT_EQ(without_service.pop3_error_event(), nullptr);
+  // The conversation is followed as usual, and no check keeps state.
+  testing::Conversation smtp(without_service, kSmtpPort, kProtocolSmtp);
+  smtp.Client("EHLO a\r\n", 1'000'000);
+  smtp.Server("550 no\r\n", 1'010'000);
+  smtp.Client("DATA\r\n", 2'000'000);
+  EXPECT_EQ(smtp.context().in_body, 1u);
+  smtp.Client("Subject: x\r\n\r\nbody\r\n.\r\n", 9'000'000);
+  EXPECT_EQ(smtp.context().in_body, 0u);
+  EXPECT_EQ(smtp.context().request_packet, 0u);
+}
+
+TEST(DefineDiagnosisEvents, AFailedDefinitionSkipsOnlyItsParameter) {
+  DiagnosisBench smtp;  // a second definition below overwrites the first
+  auto& service = smtp.service;
+  service.refused_keys = {kSmtpSlow};
+  smtp.module.DefineDiagnosisEvents();
+  EXPECT_EQ(service.events().size(), 6u + 5u);
+  EXPECT_EQ(smtp.module.smtp_slow_event(), nullptr);
+  EXPECT_EQ(service.Event(kPop3Slow)->parameters.size(), 1u);
+
+  // Without their slow event the SMTP checks still find errors, never slowness.
+  smtp.Client("HELO a\r\n", 0);
+  smtp.Server("550 no\r\n", 9'000'000);
+  ASSERT_EQ(service.reports.size(), 1u);
+  EXPECT_EQ(service.reports[0].event, kSmtpError);
+}
+
+TEST(ReleaseDiagnosisEvents, ReleasesEachDefinedEventOnce) {
+  DiagnosisBench smtp;
+  smtp.service.refused_keys = {kSmtpDubious};
+  smtp.module.DefineDiagnosisEvents();
+  smtp.module.ReleaseDiagnosisEvents();
+  smtp.module.ReleaseDiagnosisEvents();
+  EXPECT_EQ(smtp.module.smtp_slow_event(), nullptr);
+  EXPECT_EQ(smtp.module.pop3_error_event(), nullptr);
+  const auto& events = smtp.service.events();
+  for (size_t i = 6; i < events.size(); ++i) EXPECT_EQ(events[i]->releases, 1) << events[i]->key;
+}
+
+// The English table is process-wide and loaded once, so this runs in a child
+// process and leaves the defaults to the other tests.
+[[noreturn]] void RunWithEnglishTable(const std::string& path) {
+  CResStringTable::Instance().LoadFromFile(std::wstring(path.begin(), path.end()).c_str());
+  DiagnosisBench smtp, dubious, pop3(MailProtocol::kPop3);
+  smtp.Client("EHLO a\r\n", 1'000'000);
+  smtp.Server("250 OK\r\n", 1'250'000);
+  smtp.Server("550 no\r\n", 1'260'000);
+  for (int i = 0; i < 4; ++i) dubious.Server("garbage", 0);
+  pop3.Server("-ERR\r\n", 0);
+  std::wstring texts;
+  for (DiagnosisBench* bench : {&smtp, &dubious, &pop3}) {
+    for (const auto& report : bench->service.reports) texts += report.text + L"\n";
+  }
+  const std::wstring expected =
+      L"SMTP Server Slow Response (250 ms between packet [1] and packet [2])\n"
+      L"SMTP Server Returned Error (see packet 3)\nDubious SMTP conversation (packet number [4])\n"
+      L"POP3 Server Returned Error (see packet 1)\n";
+  if (texts != expected) std::fprintf(stderr, "got:\n%ls", texts.c_str());
+  std::exit(texts == expected ? 0 : 1);
+}
+
+TEST(EnglishTextsDeathTest, ReportsUseTheTranslatedTemplates) {
+  const std::string path = std::string(PELKA_SOURCE_DIR) + "/resources/en/PelkaEmailRes.cst";
+  if (!std::filesystem::exists(path)) GTEST_SKIP() << "no English string table at " << path;
+  EXPECT_EXIT(RunWithEnglishTable(path), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

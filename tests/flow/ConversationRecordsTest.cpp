@@ -28,16 +28,8 @@ class ConversationRecordsTest : public ::testing::Test {
   CPelkaEmailModule module_;
 };
 
-// "你好" in the three encodings an encoded word may carry.
-const char kGb2312Base64[] = "=?gb2312?B?xOO6ww==?=";
-const char kGbkQuotedPrintable[] = "=?gbk?Q?=C4=E3=BA=C3?=";
-const char kUtf8Base64[] = "=?utf-8?B?5L2g5aW9?=";
-const wchar_t kHello[] = L"\x4F60\x597D";
-
 std::string SmtpMessage(const std::string& subject) {
-  return "Return-Path: <bounce@example.com>\r\n"
-         "Envelope-To: env@example.org\r\n"
-         "From: =?gb2312?B?1cXI/Q==?= <zhang@example.com>\r\n"
+  return "From: =?gb2312?B?1cXI/Q==?= <zhang@example.com>\r\n"
          "To: Bob <bob@example.org>\r\n"
          "Cc: \"Carl\" <carl@example.org>\r\n"
          "Subject: " + subject + "\r\n"
@@ -47,8 +39,6 @@ std::string SmtpMessage(const std::string& subject) {
          "Content-Type: multipart/mixed; boundary=\"b\"\r\n"
          "\r\n--b\r\nContent-Type: text/plain\r\n\r\nhello\r\n"
          "--b\r\nContent-Disposition: attachment; filename=\"report.pdf\"\r\n\r\nAAAA\r\n"
-         "--b\r\nContent-Disposition: attachment; filename=\"=?gb2312?B?0rvUwg==?=.doc\"\r\n\r\nBBBB\r\n"
-         "--b\r\nContent-Disposition: attachment\r\n\r\nCCCC\r\n"
          "--b--\r\n.\r\n";
 }
 
@@ -58,26 +48,27 @@ TEST_F(ConversationRecordsTest, SmtpMessagesCarryEveryHeaderField) {
   smtp.Client("AUTH LOGIN\r\n", 10'100'000);
   smtp.Server("334 VXNlcm5hbWU6\r\n", 10'200'000);
   smtp.Client("emhhbmc=\r\n", 10'300'000);  // "zhang"
-  smtp.Server("334 UGFzc3dvcmQ6\r\n", 10'400'000);
-  smtp.Client("c2VjcmV0\r\n", 10'500'000);
+  // Raw and decoded subjects; the charsets themselves are the mail tests' part.
+  const std::pair<const char*, const wchar_t*> subjects[] = {
+      {"=?gb2312?B?xOO6ww==?=", L"\x4F60\x597D"}, {"plain", L"plain"}, {"=?utf-8?B?5L2g5aW9?=", L"\x4F60\x597D"}};
   uint64_t time = 20'000'000;
-  for (const char* subject : {kGb2312Base64, kGbkQuotedPrintable, kUtf8Base64}) {
+  for (const auto& subject : subjects) {
     smtp.Client("DATA\r\n", time);
-    smtp.Server("354 go on\r\n", time + 100'000);
-    const std::string message = SmtpMessage(subject);
+    const std::string message = SmtpMessage(subject.first);
     const size_t half = message.size() / 2;
     smtp.Client(message.substr(0, half), time + 1'000'000);
     smtp.Client(message.substr(half), time + 3'000'000);  // two seconds later
-    smtp.Server("250 queued\r\n", time + 3'100'000);
+    smtp.Server("250 queued\r\n", time + 3'100'000);  // the next message's first packet
     time += 10'000'000;
   }
 
   ASSERT_EQ(records().size(), 3u);
-  const char* subjects[] = {kGb2312Base64, kGbkQuotedPrintable, kUtf8Base64};
   for (int i = 0; i < 3; ++i) {
     const InMemoryRecord& record = records()[i];
-    const size_t size = SmtpMessage(subjects[i]).size();
-    EXPECT_EQ(record.Text("email_subject"), kHello);
+    const size_t size = SmtpMessage(subjects[i].first).size();
+    EXPECT_EQ(record.Number("email_number"), i + 1u);
+    EXPECT_EQ(record.seconds, i == 0 ? 10u : 13u + 10 * i);
+    EXPECT_EQ(record.Text("email_subject"), subjects[i].second);
     EXPECT_EQ(record.Text("email_sender"), L"\x5F20\x4E09");  // text after the encoded word is dropped
     EXPECT_EQ(record.Text("email_sender_email"), L"zhang@example.com");
     EXPECT_EQ(record.Text("email_receiver"), L"Bob ");
@@ -86,27 +77,19 @@ TEST_F(ConversationRecordsTest, SmtpMessagesCarryEveryHeaderField) {
     EXPECT_EQ(record.Text("email_sent_time"), L"Tue, 1 Jan 2013 10:00:00 +0800");
     EXPECT_EQ(record.Text("email_emailclient"), L"Mail Client 7");
     EXPECT_EQ(record.Text("email_account"), L"zhang");
-    EXPECT_EQ(record.Text("email_attachment"), L"report.pdf;\x4E00\x6708.doc;");
+    EXPECT_EQ(record.Text("email_attachment"), L"report.pdf;");  // names: the header extractor's tests
     EXPECT_EQ(record.Text("protocol"), L"SMTP");
-    EXPECT_EQ(record.Number("email_filesize"), size);
+    EXPECT_EQ(record.Number("email_filesize"), size) << "the DATA line is not collected";
     EXPECT_EQ(record.Double("email_duration"), 2.0);
     EXPECT_EQ(record.Double("email_averagespeed"), size / 2.0);
   }
-  EXPECT_EQ(records()[0].Number("email_number"), 1u);
-  EXPECT_EQ(records()[2].Number("email_number"), 3u);
 }
 
 TEST_F(ConversationRecordsTest, Pop3RetrievalsBecomeRecordsWithoutTheStatusLine) {
   const std::string first = "From: a@example.org\r\nTo: alice@example.org\r\nSubject: one\r\n\r\nbody one\r\n.\r\n";
   const std::string second = "From: b@example.org\r\nTo: alice@example.org\r\nSubject: two\r\n\r\nbody two\r\n.\r\n";
   Conversation pop3(module_, 110, kProtocolPop3);
-  pop3.Server("+OK ready\r\n", 1'000'000);
-  pop3.Client("USER alice\r\n", 1'100'000);
-  pop3.Server("+OK\r\n", 1'200'000);
-  pop3.Client("PASS secret\r\n", 1'300'000);
-  pop3.Server("+OK\r\n", 1'400'000);
-  pop3.Client("LIST\r\n", 1'500'000);
-  pop3.Server("+OK\r\n1 10\r\n.\r\n", 1'600'000);
+  pop3.Client("USER alice\r\n", 1'000'000);
   pop3.Client("RETR 1\r\n", 2'000'000);
   pop3.Server("+OK message follows\r\n" + first.substr(0, 20), 2'100'000);
   pop3.Server(first.substr(20, 30), 2'600'000);
@@ -117,7 +100,6 @@ TEST_F(ConversationRecordsTest, Pop3RetrievalsBecomeRecordsWithoutTheStatusLine)
   EXPECT_EQ(pop3.Server("-ERR\r\n", 5'100'000), 1u);
   pop3.Client("TOP 1 0\r\n", 5'200'000);
   pop3.Server("+OK\r\nFrom: a@example.org\r\nTo: alice@example.org\r\n\r\n.\r\n", 5'300'000);
-  pop3.Client("QUIT\r\n", 5'400'000);
 
   ASSERT_EQ(records().size(), 2u);
   EXPECT_EQ(records()[0].Text("email_subject"), L"one");
@@ -131,28 +113,20 @@ TEST_F(ConversationRecordsTest, Pop3RetrievalsBecomeRecordsWithoutTheStatusLine)
   }
 }
 
-std::string Literal(const std::string& message, int uid) {
-  return "* " + std::to_string(uid) + " FETCH (UID " + std::to_string(uid) + " BODY[] {" +
-         std::to_string(message.size()) + "}\r\n" + message + ")\r\n";
-}
-
 TEST_F(ConversationRecordsTest, ImapFetchLiteralsBecomeOneRecordEach) {
   Conversation imap(module_, 143, kProtocolImap4);
   imap.Server("* OK IMAP4 ready\r\n", 1'000'000);
   imap.Client("A1 LOGIN bob secret\r\n", 1'100'000);
-  imap.Server("A1 OK LOGIN completed\r\n", 1'200'000);
-  imap.Client("A2 SELECT INBOX\r\n", 1'300'000);
-  imap.Server("* 3 EXISTS\r\nA2 OK SELECT completed\r\n", 1'400'000);
   imap.Client("A3 UID FETCH 1:* (FLAGS)\r\n", 1'500'000);
   imap.Server("* 1 FETCH (UID 1 FLAGS (\\Seen))\r\nA3 OK done\r\n", 1'600'000);
   EXPECT_TRUE(records().empty()) << "a FLAGS fetch collects nothing";
 
   imap.Client("A4 UID FETCH 1:* (BODY.PEEK[])\r\n", 2'000'000);
-  std::string response;
-  for (int uid = 1; uid <= 3; ++uid) {
-    response += Literal("From: s" + std::to_string(uid) + "@example.org\r\nTo: bob@example.org\r\nSubject: m" +
-                            std::to_string(uid) + "\r\n\r\ntext\r\n",
-                        uid);
+  std::string response;  // one literal per message
+  for (const std::string uid : {"1", "2", "3"}) {
+    const std::string message = "From: s@example.org\r\nTo: bob@example.org\r\nSubject: m" + uid + "\r\n\r\nx\r\n";
+    response += "* " + uid + " FETCH (UID " + uid + " BODY[] {" + std::to_string(message.size()) + "}\r\n" +
+                message + ")\r\n";
   }
   for (size_t at = 0; at < response.size(); at += 40) imap.Server(response.substr(at, 40), 2'100'000 + at);
   EXPECT_TRUE(records().empty()) << "nothing before the tagged completion";

@@ -1,15 +1,15 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include "flow/EmailFlowContext.h"
 #include "flow/EmailFlowData.h"
 #include "module/EmailModule.h"
+#include "output/EmailCopy.h"
 #include "support/FakeFlow.h"
 #include "support/InMemoryLog.h"
 #include "support/TempFile.h"
@@ -19,10 +19,11 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::FakeFlow;
-using testing::FakeFlowNode;
 using testing::InMemoryLog;
 using testing::InMemoryLogService;
 using testing::PacketRecordBuilder;
+
+std::wstring Wide(const std::string& text) { return std::wstring(text.begin(), text.end()); }
 
 constexpr uint64_t kCompletedAt = 1709622489000042ull;  // 2024-03-05 07:08:09 UTC + 42 us
 
@@ -43,12 +44,10 @@ class EmailCopyTest : public ::testing::Test {
     context_.flow_data->Commit();
   }
   void Save(uint64_t time_us) { module_.SaveEmailCopy(&context_, builder_.Build(9, time_us, 40001, 25)); }
-  std::wstring Wide(const std::string& text) { return std::wstring(text.begin(), text.end()); }
 
   CPelkaEmailModule module_;
   InMemoryLogService service_;
   FakeFlow flow_;
-  FakeFlowNode node_;
   CEmailFlowContext context_;
   PacketRecordBuilder builder_;
   test::TempDir dir_;
@@ -76,18 +75,16 @@ TEST_F(EmailCopyTest, EachMessageGetsItsOwnFileAndSameNameReplaces) {
   EXPECT_EQ(test::ReadWholeFile(folder + "2024-03-05 07.08.09.45.eml"), binary);
   EXPECT_EQ(test::ReadWholeFile(folder + "2024-03-05 07.08.09.42.eml"), "short");
   EXPECT_EQ(test::ReadWholeFile(folder + "2024-03-05 07.08.10.0.eml"), "second");
-  EXPECT_TRUE(fs::exists(folder + "2024-03-05 07.08.09.49.eml"));
   EXPECT_EQ(fs::file_size(folder + "2024-03-05 07.08.09.49.eml"), 0u);
   EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 4);
 }
 
 TEST_F(EmailCopyTest, NoCopyUnlessTheHostAsksForOne) {
-  struct Case {
+  const struct {
     const char* name;
     void (*arrange)(InMemoryLog& log, InMemoryLogService& service);
     bool with_packet;
-  };
-  const std::vector<Case> cases = {
+  } cases[] = {
       {"no packet record", [](InMemoryLog&, InMemoryLogService&) {}, false},
       {"log not saving", [](InMemoryLog& log, InMemoryLogService&) { log.save_mode = 1; }, true},
       {"copies off", [](InMemoryLog& log, InMemoryLogService&) { log.storages[1]->enabled = 0; }, true},
@@ -131,6 +128,54 @@ TEST_F(EmailCopyTest, FolderNameIsCreatedAndAFailedOrRefusedOpenKeepsThePath) {
   fs::create_symlink(root_ + "elsewhere", root_ + "email_copy/2024-03-05 07.08.09.42.eml");
   Save(kCompletedAt);
   EXPECT_EQ(test::ReadWholeFile(root_ + "elsewhere"), "!");
+}
+
+// CreateDirectoryPath on its own, below the temporary root.
+TEST_F(EmailCopyTest, PathCreatesMissingLevels) {
+  fs::create_directories(root_ + "old/level");
+  const std::string r = root_;
+  // Path, a folder below the root that must exist and one that must not ("": none).
+  const std::tuple<std::string, std::string, std::string> cases[] = {
+      {r + "a/b/c", "a/b/c", ""},
+      {"  " + r + "trim/me/ \t", "trim/me", ""},
+      {r + "back\\slash\\", "back/slash", ""},
+      {r + "old/level/new", "old/level/new", ""},              // existing levels above
+      {r + "gap//f/g/", "gap", "gap/f"},                       // an empty component ends the walk
+      {"/" + r + "net/share/folder/", "net/share/folder", ""},  // network form
+      {"relative/dir", "", "relative"},
+      {"", "", ""},
+      {" \t ", "", ""},
+  };
+  for (const auto& [path, must_exist, must_not_exist] : cases) {
+    CreateDirectoryPath(Wide(path));
+    EXPECT_TRUE(must_exist.empty() || fs::is_directory(root_ + must_exist)) << path;
+    EXPECT_TRUE(must_not_exist.empty() || !fs::exists(root_ + must_not_exist)) << path;
+    EXPECT_TRUE(must_not_exist.empty() || !fs::exists(must_not_exist)) << path;
+  }
+}
+
+TEST_F(EmailCopyTest, PathLengthLimitIs260Characters) {
+  for (size_t length : {size_t{259}, size_t{260}, size_t{261}, size_t{300}}) {
+    // root + "/" + "L<length>/" + padding, one padding component.
+    const std::string parent = root_ + "L" + std::to_string(length) + "/";
+    ASSERT_LT(parent.size(), length);
+    const std::string path = parent + std::string(length - parent.size(), 'x');
+    CreateDirectoryPath(Wide(path));
+    EXPECT_EQ(fs::is_directory(path), length <= kMaxDirectoryPath) << length;
+  }
+}
+
+TEST_F(EmailCopyTest, PathOfDriveFormStartsBelowTheDrive) {
+  const fs::path saved = fs::current_path();
+  fs::current_path(root_);
+  CreateDirectoryPath(L"Q:/d1/d2");  // no "Q:" directory: nothing can be made
+  EXPECT_FALSE(fs::exists("Q:"));
+  fs::create_directory("Q:");
+  for (const wchar_t* refused : {L"Q:", L"Q:d3"}) CreateDirectoryPath(refused);
+  CreateDirectoryPath(L"Q:\\d1\\d2");
+  EXPECT_TRUE(fs::is_directory("Q:/d1/d2"));
+  EXPECT_FALSE(fs::exists("Q:d3"));
+  fs::current_path(saved);
 }
 
 }  // namespace
