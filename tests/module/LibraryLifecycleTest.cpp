@@ -7,11 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "host/DiagnosisInterfaces.h"
 #include "host/InterfaceMap.h"
-#include "host/LogInterfaces.h"
 #include "host/ModuleInterfaces.h"
-#include "host/StatInterfaces.h"
 #include "support/FakeFlow.h"
 #include "support/InMemoryDiagnosis.h"
 #include "support/InMemoryLog.h"
@@ -22,47 +19,38 @@ namespace {
 
 using RegisterFunction = uint32_t (*)(uint32_t, uint32_t, IPelkaDomRegistrar*);
 
-struct SingleClassRegistrar final : IPelkaDomRegistrar {
+struct Host final : IPelkaHost, IPelkaDomRegistrar, IPelkaIconService, IPelkaNotify {
+  int GetService(const Guid& id, void** out, uint32_t) override {
+    if (id == kLogServiceId) *out = static_cast<IPelkaLogService*>(&log);
+    else if (id == kStatServiceId) *out = static_cast<IPelkaStatService*>(&stats);
+    else if (id == kDiagnosisServiceId) *out = static_cast<IPelkaDiagnosisService*>(&diagnosis);
+    else if (id == kIconServiceId) *out = static_cast<IPelkaIconService*>(this);
+    else return 0;
+    return 1;
+  }
   uint32_t RegisterClass(const char* name, CreateObjectFunction create, const InterfaceMapRecord*,
                          const ClassInfoRecord*, uint32_t) override {
     class_name = name;
     factory = create;
     return 0;
   }
-  std::string class_name;
-  CreateObjectFunction factory = nullptr;
-};
-
-struct IconService final : IPelkaIconService {
   int32_t AddIcon(const wchar_t* path) override {
-    paths.push_back(path);
+    icon_path = path;
     return 3;
   }
-  std::vector<std::wstring> paths;
-};
-
-struct ResourceNotify final : IPelkaNotify {
   void GetResourcePath(void* handle, std::wstring* path) override {
-    handles.push_back(handle);
+    module_handle = handle;
     const std::string directory = PELKA_SOURCE_DIR "/resources/en/";
     path->assign(directory.begin(), directory.end());
   }
-  std::vector<void*> handles;
-};
 
-struct Host final : IPelkaHost {
-  int GetService(const Guid& id, void** out, uint32_t) override {
-    if (id == kLogServiceId) *out = static_cast<IPelkaLogService*>(&log);
-    else if (id == kStatServiceId) *out = static_cast<IPelkaStatService*>(&stats);
-    else if (id == kDiagnosisServiceId) *out = static_cast<IPelkaDiagnosisService*>(&diagnosis);
-    else if (id == kIconServiceId) *out = static_cast<IPelkaIconService*>(&icons);
-    else return 0;
-    return 1;
-  }
   testing::InMemoryLogService log;
   testing::InMemoryStats stats;
   testing::InMemoryDiagnosisService diagnosis;
-  IconService icons;
+  std::string class_name;
+  CreateObjectFunction factory = nullptr;
+  std::wstring icon_path;
+  void* module_handle = nullptr;
 };
 
 template <typename Interface>
@@ -71,83 +59,53 @@ Interface* Find(CPAEBaseModule* module, const Guid& id) {
   return module->QueryInterface(id, &found) == kStatusOk ? static_cast<Interface*>(found) : nullptr;
 }
 
-class LibraryLifecycleTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    library_ = dlopen(PELKA_BINARY_DIR "/libPelkaEmail.so", RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(library_, nullptr) << dlerror();
-    register_ = reinterpret_cast<RegisterFunction>(dlsym(library_, "RegisterDomObjects"));
-    ASSERT_NE(register_, nullptr);
+TEST(LibraryLifecycle, RunsFromRegistrationToTheLastRelease) {
+  void* library = dlopen(PELKA_BINARY_DIR "/libPelkaEmail.so", RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(library, nullptr) << dlerror();
+  auto register_classes = reinterpret_cast<RegisterFunction>(dlsym(library, "RegisterDomObjects"));
+  ASSERT_NE(register_classes, nullptr);
+  EXPECT_EQ(dlsym(library, "_ZN5pelka17CreateEmailModuleEPPv"), nullptr) << "only the registration is exported";
+  Host host;
+  for (auto [version, subversion] : {std::pair{1024u, 767u}, {1023u, 768u}, {768u, 1024u}}) {
+    EXPECT_EQ(register_classes(version, subversion, &host), 1u) << version << "/" << subversion;
   }
-  void TearDown() override {
-    if (library_) dlclose(library_);
-  }
-  void* library_ = nullptr;
-  RegisterFunction register_ = nullptr;
-};
-
-TEST_F(LibraryLifecycleTest, ExportsOnlyTheRegistrationFunction) {
-  EXPECT_EQ(dlsym(library_, "CreateEmailModule"), nullptr);
-  EXPECT_EQ(dlsym(library_, "_ZN5pelka17CreateEmailModuleEPPv"), nullptr);
-  SingleClassRegistrar refused;
-  EXPECT_EQ(register_(1024, 767, &refused), 1u);
-  EXPECT_EQ(refused.factory, nullptr);
-}
-
-TEST_F(LibraryLifecycleTest, RunsAWholeCaptureAgainstTheHostServices) {
-  SingleClassRegistrar registrar;
-  ASSERT_EQ(register_(1024, 768, &registrar), 0u);
-  EXPECT_EQ(registrar.class_name, "CPelkaEmailModule");
+  EXPECT_EQ(host.factory, nullptr);
+  ASSERT_EQ(register_classes(1024, 768, &host), 0u);
+  EXPECT_EQ(host.class_name, "CPelkaEmailModule");
   void* object = nullptr;
-  ASSERT_EQ(registrar.factory(&object), kStatusOk);
+  ASSERT_EQ(host.factory(&object), kStatusOk);
   auto* module = static_cast<CPAEBaseModule*>(object);
 
-  Host host;
-  ResourceNotify notify;
   module->SetHost(&host);
-  Find<IPelkaModuleNotify>(module, kModuleNotifyId)->SetNotify(&notify);
+  Find<IPelkaModuleNotify>(module, kModuleNotifyId)->SetNotify(&host);
   module->Initialize();
   EXPECT_EQ(module->RegisterOutputs(), 1u);
-  Find<IPelkaDiagnosisClient>(module, kDiagnosisClientId)->DefineDiagnosisEvents();
   ASSERT_EQ(host.stats.clients.size(), 1u);
   IPelkaStatClient* stat_client = host.stats.clients[0];
-  EXPECT_EQ(stat_client, Find<IPelkaStatClient>(module, kStatClientId));
   stat_client->DefineStatistics(&host.stats, &host.stats);
   stat_client->AssignStatisticIndexes(&host.stats);
-  EXPECT_EQ(module->LoadOptions(L"<options max_flow_length=\"1\"/>"), 1u);
-
-  // Texts come from the English table in the resource directory.
-  ASSERT_NE(host.log.log(), nullptr);
+  // The texts come from the table of the directory named for the library's handle.
+  ASSERT_NE(host.module_handle, nullptr);
+  EXPECT_NE(std::string(static_cast<const char*>(host.module_handle)).find("libPelkaEmail.so"), std::string::npos);
   EXPECT_EQ(host.log.log()->caption, L"Email Information");
   EXPECT_EQ(host.log.log()->icon, 3);
-  ASSERT_EQ(host.icons.paths.size(), 1u);
-  EXPECT_EQ(host.icons.paths[0], std::wstring(L"" PELKA_SOURCE_DIR L"/resources/en/email.ico"));
-  ASSERT_FALSE(notify.handles.empty());
-  EXPECT_NE(std::string(static_cast<const char*>(notify.handles[0])).find("libPelkaEmail.so"), std::string::npos)
-      << "the module handle is the library's own path";
-  EXPECT_EQ(host.stats.Item("SMTP")->definition.caption, L"SMTP Connections");
-  EXPECT_EQ(host.diagnosis.events().size(), 6u);
+  EXPECT_EQ(host.icon_path, L"" PELKA_SOURCE_DIR L"/resources/en/email.ico");
 
-  // Binding only: whole messages through the loaded library run in the
-  // capture program's tests.
   IPelkaFlowClient* client = Find<IPelkaFlowClient>(module, kFlowClientId);
   testing::FakeFlow flow(0x0A000002, 40001, 0x0A000001, 25);
   testing::InMemoryFlowStats flow_stats;
+  testing::FakeFlowNode node;
   IPelkaFlowBindContext* context = nullptr;
   ASSERT_EQ(client->BindFlow(&flow, &flow_stats, &context), 0u);
   EXPECT_EQ(context->GetFlowClient(), client);
   EXPECT_EQ(flow_stats.CountOf(host.stats.IndexOf("SMTP")), 1u);
-  testing::FakeFlowNode node;
   EXPECT_EQ(client->UnbindFlow(&flow, &flow_stats, &node, context), 0u);
-
-  std::wstring options;
-  EXPECT_EQ(module->SaveOptions(&options), 1u);
-  EXPECT_NE(options.find(L"max_flow_length=\"1\""), std::wstring::npos);
 
   stat_client->DetachStatistics(&host.stats);
   module->Uninitialize();
   EXPECT_EQ(host.stats.withdrawn.size(), 1u);
   EXPECT_EQ(module->Release(), 0);
+  dlclose(library);
 }
 
 }  // namespace
