@@ -1,8 +1,6 @@
-// The shipped string tables and icon.
+// The shipped string tables.
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <set>
 #include <string>
@@ -29,15 +27,12 @@ const std::set<std::wstring> kModuleIds = {
     L"IDS_SMTP_RETURN_ERROR_PKT", L"IDS_SMTP_SERVER_SLOW_RESP", L"IDS_SMTP_SLOW_RESP", L"IDS_SN", L"IDS_TITLE",
 };
 
-std::filesystem::path TableFile(const char* language) {
-  return std::filesystem::path(PELKA_SOURCE_DIR) / "resources" / language / "PelkaEmailRes.cst";
-}
-
 // The file's entries as written; a repeated id shows up as an empty map.
 std::map<std::wstring, std::wstring> ReadEntries(const char* language) {
   std::map<std::wstring, std::wstring> entries;
   CTQXmlParser parser;
-  if (!parser.Load(TableFile(language).wstring().c_str()) || !parser.FindElem(L"StringTable")) return {};
+  const auto file = std::filesystem::path(PELKA_SOURCE_DIR) / "resources" / language / "PelkaEmailRes.cst";
+  if (!parser.Load(file.wstring().c_str()) || !parser.FindElem(L"StringTable")) return {};
   parser.IntoElem();
   while (parser.FindElem(L"String")) {
     if (!entries.emplace(parser.GetAttrib(L"id"), parser.GetData()).second) return {};
@@ -63,24 +58,6 @@ TEST(ShippedTables, HoldEveryModuleTextWithTheSamePlaceholders) {
     EXPECT_EQ(PlaceholderRuns(text), PlaceholderRuns(zh.at(id))) << testing::PrintToString(id);
     for (wchar_t c : text) EXPECT_LT(c, 0x80) << testing::PrintToString(id) << " is not English";
   }
-  // The Chinese table repeats the built-in defaults, without the double
-  // space of the built-in SMTP slow-response title.
-  EXPECT_EQ(zh.at(L"IDS_SMTP_SLOW_RESP"), L"SMTP Server Slow Response");
-  EXPECT_EQ(zh.at(L"IDS_EMAIL_LOG"), L"邮件日志");
-  EXPECT_EQ(zh.at(L"IDS_PACKET_NUMBER"), L" (数据包序号 [%I64u_NUM%])");
-}
-
-TEST(ShippedTables, IconIsAWellFormedIconFile) {
-  std::ifstream in(std::filesystem::path(PELKA_SOURCE_DIR) / "resources" / "email.ico", std::ios::binary);
-  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  ASSERT_GE(bytes.size(), 22u);
-  auto u16 = [&](size_t at) { return uint32_t(uint8_t(bytes[at]) | uint8_t(bytes[at + 1]) << 8); };
-  auto u32 = [&](size_t at) { return u16(at) | u16(at + 2) << 16; };
-  EXPECT_EQ(u16(0), 0u);  // reserved
-  EXPECT_EQ(u16(2), 1u);  // icon
-  ASSERT_GE(u16(4), 1u);  // images
-  EXPECT_EQ(uint64_t{u32(18)} + u32(14), bytes.size());  // first image: offset + size
-  EXPECT_EQ(u32(u32(18)), 40u);  // its bitmap header
 }
 
 }  // namespace
