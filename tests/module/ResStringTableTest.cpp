@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include "module/Placeholders.h"
 #include "support/TempFile.h"
 
 namespace pelka {
@@ -20,30 +19,8 @@ int Load(CResStringTable& table, const std::string& bytes) {
   return table.LoadFromFile(file.wide_path().c_str());
 }
 
-TEST(Placeholders, ScanFindsPlaceholdersAndPercentPairs) {
-  const std::vector<std::pair<const wchar_t*, std::vector<std::wstring>>> cases = {
-      {L"no percent, or one %", {}},
-      {L"(%I64u_SNUM% %I64u_DNUM% %d_SLOW%ms)", {L"%I64u_SNUM%", L"%I64u_DNUM%", L"%d_SLOW%"}},
-      {L"%%%d_A% 100%%", {L"%%", L"%d_A%", L"%%"}},
-      // A lone sign pairs with the placeholder's opening one; the closing sign
-      // opens the next run, so the next lone sign realigns the scan.
-      {L"50% [%d_A%] %d_B%", {}},
-      {L"50% [%d_A%] 1% %d_B%", {L"%d_B%"}},
-      {L"%NONAME% %e_EXP% %_N% %u_U%", {L"%u_U%"}},
-      // The underscore must lie within the run's first 32 characters.
-      {L"%301234567890123456789012345678d_X%", {}},
-      {L"%30123456789012345678901234567d_X%", {L"%30123456789012345678901234567d_X%"}},
-      {L"%5.2f_F% %c_C% %x_H% %X_H% %o_O% %s_S%", {L"%5.2f_F%", L"%c_C%", L"%x_H%", L"%X_H%", L"%o_O%", L"%s_S%"}},
-  };
-  for (const auto& [text, expected] : cases) {
-    std::vector<std::wstring> runs;
-    for (const Placeholder& p : ScanPlaceholders(text)) runs.push_back(p.text);
-    EXPECT_EQ(runs, expected) << testing::PrintToString(std::wstring(text));
-  }
-}
-
 // Without a table entry each text is its default with its values, marked "#".
-TEST(Placeholders, FormatsEachTypeWithItsFormatPart) {
+TEST(ResStringTable, DefaultsFormatEachTypeWithItsFormatPart) {
   CResStringTable table;
   EXPECT_EQ(Load(table, "not xml"), 0);
   EXPECT_EQ(table.LoadFromFile(L"/nonexistent/PelkaEmailRes.cst"), 0);
@@ -62,7 +39,12 @@ TEST(Placeholders, FormatsEachTypeWithItsFormatPart) {
       // The lone sign hides the placeholder, which takes no value; the next
       // one still gets the first value.
       {table.GetString(h, L"X", L"50% [%d_A%] 1% %d_B%", 7), L"#50% [%d_A%] 1% 7"},
-      {table.GetString(h, L"X", L"%e_E% %NONAME% %d_N%", 4), L"#%e_E% %NONAME% 4"},
+      {table.GetString(h, L"X", L"%e_E% %NONAME% %_N% %d_N%", 4), L"#%e_E% %NONAME% %_N% 4"},
+      {table.GetString(h, L"X", L"%%%d_A% 100%%", 4), L"#%4 100%"},
+      // The underscore must lie within the run's first 32 characters.
+      {table.GetString(h, L"X", L"%00000000000000000000000000005d_X%", 4), L"#00004"},
+      {table.GetString(h, L"X", L"%000000000000000000000000000005d_X%|%d_Y%", 4),
+       L"#%000000000000000000000000000005d_X%|4"},
       {table.GetString(h, L"X", L"[%s_T%]", L""), L"#[]"},
       {table.GetString(h, L"X", L"100%%"), L"#100%"},
       {table.GetString(h, L"IDS_EMAIL_LOG", L"邮件日志"), L"邮件日志"},  // no pattern, no mark

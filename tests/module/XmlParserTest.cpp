@@ -14,7 +14,7 @@ namespace {
 // checked by the module's options tests, which read back what they save.
 TEST(XmlParser, ReadsTheOptionsDocumentWhateverItsDeclaration) {
   for (const wchar_t* doc : {L"<?xml version=\"1.0\" encoding=\"UTF-16\"?>\r\n<options max_flow_length=\"2\"/>",
-                             L"<?xml version=\"1.0\" encoding=\"UTF-8\"?><options max_flow_length='2'>\n</options>  "}) {
+                             L"<?xml version=\"1.0\" encoding=\"UTF-8\"?><options max_flow_length='2'>\n</options> "}) {
     CTQXmlParser reader;
     ASSERT_TRUE(reader.SetDoc(doc) && reader.FindElem(L"options")) << testing::PrintToString(std::wstring(doc));
     EXPECT_EQ(reader.GetAttrib(L"max_flow_length"), L"2");
