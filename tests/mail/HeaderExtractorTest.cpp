@@ -99,37 +99,25 @@ TEST(HeaderExtractorTest, AttachmentNames) {
   }
 }
 
-TEST(HeaderExtractorTest, Pop3StatusLineIsDropped) {
-  const std::string message = Message("From: a@x\r\n");
-  const auto pop3 = Extract("+OK 120 octets\r\n" + message, kPop3);
-  EXPECT_EQ(pop3->message_size, message.size());
-  EXPECT_EQ(pop3->sender_address, L"a@x");
-
-  const auto no_line_end = Extract("+OK From: a@x", kPop3);
-  EXPECT_EQ(no_line_end->message_size, 0u);
-  EXPECT_EQ(no_line_end->sender_address, L"");
-
-  // SMTP keeps the first line as a header field.
-  EXPECT_EQ(Extract(message)->sender_address, L"a@x");
-}
-
+// POP3 status lines and whole messages are checked by ConversationRecordsTest.
 TEST(HeaderExtractorTest, SizeDurationAndSpeed) {
   struct TimingCase {
     const char* name;
     std::string message;
-    uint64_t start, end;
+    int protocol;
+    uint64_t start, end, size;
     double duration, speed;
   };
   const std::string m(1000, 'x');
   const std::vector<TimingCase> cases = {
-      {"two seconds", m, 1000000, 3000000, 2.0, 500.0},
-      {"times the wrong way round", m, 3000000, 1000000, 2.0, 500.0},
-      {"no end time", m, 1000000, 0, 0.0, 0.0},
-      {"empty message", "", 1000000, 1500000, 0.5, 0.0},
+      {"times the wrong way round", m, kSmtp, 3000000, 1000000, 1000, 2.0, 500.0},
+      {"no end time", m, kSmtp, 1000000, 0, 1000, 0.0, 0.0},
+      {"empty message", "", kSmtp, 1000000, 1500000, 0, 0.5, 0.0},
+      {"pop3 status line without its line end", "+OK From: a@x", kPop3, 0, 0, 0, 0.0, 0.0},
   };
   for (const TimingCase& c : cases) {
-    const auto context = Extract(c.message, kSmtp, c.start, c.end);
-    EXPECT_EQ(context->message_size, c.message.size()) << c.name;
+    const auto context = Extract(c.message, c.protocol, c.start, c.end);
+    EXPECT_EQ(context->message_size, c.size) << c.name;
     EXPECT_DOUBLE_EQ(context->duration, c.duration) << c.name;
     EXPECT_DOUBLE_EQ(context->average_speed, c.speed) << c.name;
   }

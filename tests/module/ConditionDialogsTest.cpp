@@ -1,3 +1,4 @@
+// The condition syntax of the condition dialogs, as the command line uses it.
 #include "module/ConditionDialogs.h"
 
 #include <string>
@@ -9,27 +10,6 @@
 
 namespace pelka {
 namespace {
-
-TEST(ConditionDialogs, CaptionsExistInBothLanguagesOrNeither) {
-  ASSERT_EQ(ConditionDialogs().size(), 3u);
-  for (const ConditionDialog& dialog : ConditionDialogs()) {
-    EXPECT_EQ(FindConditionDialog(dialog.id), &dialog);
-    EXPECT_EQ(TitleIn(dialog, 1031), nullptr);
-    for (const DialogControl& control : dialog.controls) {
-      const bool blank = std::wstring(control.english).empty();
-      EXPECT_EQ(blank, std::wstring(control.chinese).empty()) << dialog.id << "/" << control.id;
-      const bool captioned = control.kind == ControlKind::kCheckBox || control.kind == ControlKind::kRadioButton;
-      EXPECT_FALSE(captioned && blank) << control.id;
-      EXPECT_EQ(FindDialogControl(dialog, control.id), control.id == kNoControlId ? nullptr : &control);
-    }
-  }
-  const ConditionDialog& receive = *FindConditionDialog(kDialogReceiveAddress);
-  EXPECT_STREQ(CaptionIn(*FindDialogControl(receive, kIdcReceiveExcluded), kLanguageEnglish),
-               L"Domain Excluded in Receive Address");
-  EXPECT_EQ(CaptionIn(*FindDialogControl(receive, kIdcReceiveExcluded), 1031), nullptr);
-  EXPECT_EQ(FindDialogControl(receive, kIdcConcernAttachments), nullptr);
-  EXPECT_EQ(FindConditionDialog(101), nullptr);
-}
 
 // A parsed list as "a|b|..." or its error text.
 template <typename T>

@@ -9,7 +9,6 @@
 
 #include "host/InterfaceMap.h"
 #include "host/ModuleInterfaces.h"
-#include "support/FakeFlow.h"
 #include "support/InMemoryDiagnosis.h"
 #include "support/InMemoryLog.h"
 #include "support/InMemoryStats.h"
@@ -90,16 +89,6 @@ TEST(LibraryLifecycle, RunsFromRegistrationToTheLastRelease) {
   EXPECT_EQ(host.log.log()->caption, L"Email Information");
   EXPECT_EQ(host.log.log()->icon, 3);
   EXPECT_EQ(host.icon_path, L"" PELKA_SOURCE_DIR L"/resources/en/email.ico");
-
-  IPelkaFlowClient* client = Find<IPelkaFlowClient>(module, kFlowClientId);
-  testing::FakeFlow flow(0x0A000002, 40001, 0x0A000001, 25);
-  testing::InMemoryFlowStats flow_stats;
-  testing::FakeFlowNode node;
-  IPelkaFlowBindContext* context = nullptr;
-  ASSERT_EQ(client->BindFlow(&flow, &flow_stats, &context), 0u);
-  EXPECT_EQ(context->GetFlowClient(), client);
-  EXPECT_EQ(flow_stats.CountOf(host.stats.IndexOf("SMTP")), 1u);
-  EXPECT_EQ(client->UnbindFlow(&flow, &flow_stats, &node, context), 0u);
 
   stat_client->DetachStatistics(&host.stats);
   module->Uninitialize();
