@@ -99,17 +99,5 @@ TEST(EncodedWordsTest, ByteDecodersNeverWritePastTheBuffer) {
   EXPECT_EQ(DecodeBase64Bytes("aGVsbG8", std::span<char>()), 5u);
 }
 
-TEST(EncodedWordsTest, Utf8ToWide) {
-  EXPECT_EQ(Utf8ToWide(nullptr, 4), nullptr);
-  EXPECT_EQ(Utf8ToWide("abc", 0), nullptr);
-  EXPECT_EQ(Utf8ToWide("abc", -1), nullptr);
-  const auto wide = Utf8ToWide("\xE4\xB8\xAD\xE6\x96\x87xyz", 7);  // stops inside the bytes given
-  ASSERT_NE(wide, nullptr);
-  EXPECT_EQ(std::wstring(wide.get()), kZhongWen + L"x");
-  const auto invalid = Utf8ToWide("a\xFF", 2);
-  ASSERT_NE(invalid, nullptr);
-  EXPECT_EQ(std::wstring(invalid.get()), L"a\uFFFD");
-}
-
 }  // namespace
 }  // namespace pelka
