@@ -12,12 +12,7 @@ namespace {
 const std::wstring kZhongWen = L"\u4E2D\u6587";  // "=?utf-8?b?5Lit5paH?=", GBK "1tDOxA=="
 
 TEST(EncodedWordsTest, DecodeEncodedWords) {
-  struct WordsCase {
-    const char* name;
-    std::string input;
-    std::wstring expected;
-    std::wstring output_before = L"";
-  };
+  struct WordsCase { const char* name; std::string input; std::wstring expected; std::wstring output_before = L""; };
   const std::vector<WordsCase> cases = {
       {"plain gbk bytes", "\xD6\xD0\xCE\xC4!", kZhongWen + L"!"},
       {"line break becomes a blank", "a\r\nb\rc\nd", L"a b\rc\nd"},
@@ -51,11 +46,7 @@ TEST(EncodedWordsTest, DecodeEncodedWords) {
 }
 
 // Bytes written before the terminating zero, and the decoder's answer.
-struct BytesCase {
-  const char* name;
-  std::string input, expected;
-  size_t result;
-};
+struct BytesCase { const char* name; std::string input, expected; size_t result; };
 
 // A "=" ends base64 data, counts one more and leaves the byte after the data
 // as the caller had it; everything else ends with a zero byte.

