@@ -21,8 +21,7 @@ struct DiagnosisReport {
   IPelkaFlowNode* target = nullptr;
   std::wstring text;
   uint32_t code1 = 0, code2 = 0;
-  uint64_t packet = 0;  // packet number and capture time of the record given
-  uint64_t time = 0;
+  uint64_t packet = 0;  // packet number of the record given
   uint64_t related_packet = 0;
 
   // What a test compares.
@@ -65,8 +64,7 @@ class InMemoryDiagnosisEvent final : public IPelkaDiagnosisEvent {
   }
   uint32_t Report(IPelkaFlowNode* target, const wchar_t* text, uint32_t code1, uint32_t code2,
                   const PacketRecord* packet, uint64_t related_packet) override {
-    reports_->push_back({key, target, text ? text : L"", code1, code2, GetPacketNumber(packet),
-                         GetPacketTime(packet), related_packet});
+    reports_->push_back({key, target, text ? text : L"", code1, code2, GetPacketNumber(packet), related_packet});
     return 0;
   }
 

@@ -16,11 +16,6 @@
 
 namespace pelka::testing {
 
-struct StatDefinition {
-  std::string name;
-  std::wstring caption;
-};
-
 class InMemoryStatCounter final : public IPelkaStatCounter {
  public:
   explicit InMemoryStatCounter(uint16_t index) : index(index) {}
@@ -30,8 +25,8 @@ class InMemoryStatCounter final : public IPelkaStatCounter {
 
 class InMemoryStatItem final : public IPelkaStatItem {
  public:
-  InMemoryStatItem(StatDefinition definition, uint16_t* next_index, bool refuse_counters)
-      : definition(std::move(definition)), next_index_(next_index), refuse_counters_(refuse_counters) {}
+  InMemoryStatItem(std::string name, uint16_t* next_index, bool refuse_counters)
+      : name(std::move(name)), next_index_(next_index), refuse_counters_(refuse_counters) {}
 
   IPelkaStatCounter* AddCounter(const char*, int32_t, int32_t, uint64_t, const char*) override {
     if (refuse_counters_) return nullptr;
@@ -39,7 +34,7 @@ class InMemoryStatItem final : public IPelkaStatItem {
     return counters.back().get();
   }
 
-  StatDefinition definition;
+  std::string name;
   std::vector<std::unique_ptr<InMemoryStatCounter>> counters;
 
  private:
@@ -51,12 +46,10 @@ class InMemoryStats;
 
 class InMemoryStatCategory final : public IPelkaStatCategory {
  public:
-  InMemoryStatCategory(StatDefinition definition, InMemoryStats* stats)
-      : definition(std::move(definition)), stats_(stats) {}
+  explicit InMemoryStatCategory(InMemoryStats* stats) : stats_(stats) {}
 
-  inline IPelkaStatItem* AddItem(const char* name, const wchar_t* caption, uint64_t, const char*) override;
+  inline IPelkaStatItem* AddItem(const char* name, const wchar_t*, uint64_t, const char*) override;
 
-  StatDefinition definition;
   std::vector<std::unique_ptr<InMemoryStatItem>> items;
 
  private:
@@ -75,9 +68,9 @@ class InMemoryStats final : public IPelkaStatService, public IPelkaStatRegistrar
     return 0;
   }
   uint64_t ParseScopes(const char*) override { return 0x0B; }
-  IPelkaStatCategory* AddCategory(const char* name, const wchar_t* caption, uint64_t, const char*) override {
+  IPelkaStatCategory* AddCategory(const char*, const wchar_t*, uint64_t, const char*) override {
     if (refuse_categories) return nullptr;
-    categories.push_back(std::make_unique<InMemoryStatCategory>(StatDefinition{name, caption ? caption : L""}, this));
+    categories.push_back(std::make_unique<InMemoryStatCategory>(this));
     return categories.back().get();
   }
 
@@ -85,7 +78,7 @@ class InMemoryStats final : public IPelkaStatService, public IPelkaStatRegistrar
   InMemoryStatItem* Item(const std::string& name) const {
     for (auto category = categories.rbegin(); category != categories.rend(); ++category)
       for (const auto& item : (*category)->items)
-        if (item->definition.name == name) return item.get();
+        if (item->name == name) return item.get();
     return nullptr;
   }
   // The index of the item's first counter, or -1.
@@ -106,10 +99,10 @@ class InMemoryStats final : public IPelkaStatService, public IPelkaStatRegistrar
   uint16_t next_index_ = 7;  // counters are numbered from here
 };
 
-IPelkaStatItem* InMemoryStatCategory::AddItem(const char* name, const wchar_t* caption, uint64_t, const char*) {
+IPelkaStatItem* InMemoryStatCategory::AddItem(const char* name, const wchar_t*, uint64_t, const char*) {
   if (stats_->refused_items.count(name)) return nullptr;
-  items.push_back(std::make_unique<InMemoryStatItem>(StatDefinition{name, caption ? caption : L""},
-                                                     &stats_->next_index_, stats_->refused_counters.count(name) != 0));
+  items.push_back(
+      std::make_unique<InMemoryStatItem>(name, &stats_->next_index_, stats_->refused_counters.count(name) != 0));
   return items.back().get();
 }
 
