@@ -1,10 +1,15 @@
-// The wide formatting of the original platform and the packet record reader.
+// The platform layer: code pages, base64 text, the wide formatting of the
+// original platform and the packet record reader.
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
 
-#include "host/DataFormat.h"
+#include "host/Base64Coder.h"
+#include "host/CodePage.h"
 #include "host/PacketRecord.h"
 #include "host/WideFormat.h"
 #include "support/FakeFlow.h"
@@ -12,32 +17,106 @@
 namespace pelka {
 namespace {
 
-using testing::PacketRecordBuilder;
+const std::wstring kChinese = L"\u4E2D\u6587";
+const std::string kChineseGbk = "\xD6\xD0\xCE\xC4";
+const std::string kChineseUtf8 = "\xE4\xB8\xAD\xE6\x96\x87";
+
+TEST(CodePageTest, BytesToWide) {
+  struct Case { const char* name; unsigned code_page; std::string bytes; std::wstring expected; };
+  const std::vector<Case> cases = {
+      {"zero byte kept", kCodePageGbk, std::string("a\0b", 3), std::wstring(L"a\0b", 3)},
+      {"gbk", kCodePageGbk, "x" + kChineseGbk + "y", L"x" + kChinese + L"y"},
+      {"ansi is gbk by default", kCodePageThreadAnsi, kChineseGbk, kChinese},
+      {"utf-8 beyond the basic plane", kCodePageUtf8, kChineseUtf8 + "\xF0\x9F\x98\x80", kChinese + L"\U0001F600"},
+      {"invalid utf-8 goes on", kCodePageUtf8, "a\xC3(\x80\x80z", L"a\uFFFD(\uFFFD\uFFFDz"},
+      {"truncated utf-8 at the end", kCodePageUtf8, "ok\xE4\xB8", L"ok\uFFFD\uFFFD"},
+      {"utf-8 overlong forms and surrogates", kCodePageUtf8, "\xC0\xAF|\xE0\x80\xAF|\xED\xA0\x80|\xED\x9F\xBF",
+       L"\uFFFD\uFFFD|\uFFFD\uFFFD\uFFFD|\uFFFD\uFFFD\uFFFD|\uD7FF"},
+      {"utf-8 noncharacters and stray bytes", kCodePageUtf8, "\xEF\xBF\xBE\xEF\xB7\x90|\xBF\xFE\xFF|\xF4\x8F\xBF\xBF",
+       L"\uFFFE\uFDD0|\uFFFD\uFFFD\uFFFD|\U0010FFFF"},
+      {"invalid gbk goes on", kCodePageGbk, "a\xFF" + kChineseGbk + "\xD6", L"a\uFFFD" + kChinese + L"\uFFFD"},
+      {"unknown code page keeps ascii", 12345, "ab\xD6", L"ab\uFFFD"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(MultiByteToWide(c.code_page, c.bytes), c.expected) << c.name;
+}
+
+TEST(CodePageTest, WideToBytes) {
+  const std::wstring not_a_character = std::wstring(L"a") + wchar_t(0x110000) + wchar_t(0xD800) + L"b";
+  EXPECT_EQ(WideToMultiByte(kCodePageGbk, L"<" + kChinese + L">"), "<" + kChineseGbk + ">");
+  EXPECT_EQ(WideToMultiByte(kCodePageUtf8, kChinese), kChineseUtf8);
+  EXPECT_EQ(WideToMultiByte(kCodePageGbk, L"a\u0E01b"), "a?b");
+  EXPECT_EQ(WideToMultiByte(kCodePageUtf8, not_a_character), "a??b");
+  EXPECT_EQ(WideToMultiByte(12345, L"a" + kChinese), "a??");
+}
+
+TEST(CodePageTest, LongTextRoundTripsThroughEveryBufferGrowth) {
+  std::wstring text;
+  for (int i = 0; i < 5000; ++i) text += kChinese + L"." + wchar_t(L'a' + i % 26);
+  for (unsigned code_page : {unsigned{kCodePageGbk}, unsigned{kCodePageUtf8}}) {
+    EXPECT_EQ(MultiByteToWide(code_page, WideToMultiByte(code_page, text)), text) << code_page;
+  }
+}
+
+TEST(CodePageTest, AnsiCodePageIsAProcessSetting) {
+  EXPECT_TRUE(IsCodePageSupported(kCodePageAnsi));
+  EXPECT_FALSE(SetAnsiCodePage(12345));
+  EXPECT_FALSE(SetAnsiCodePage(kCodePageThreadAnsi));
+  EXPECT_EQ(GetAnsiCodePage(), unsigned{kCodePageGbk});
+  ASSERT_TRUE(SetAnsiCodePage(kCodePageUtf8));
+  std::wstring seen_on_other_thread;
+  std::thread([&] { seen_on_other_thread = AnsiToWide(kChineseUtf8); }).join();
+  SetAnsiCodePage(kCodePageGbk);
+  EXPECT_EQ(seen_on_other_thread, kChinese);
+}
+
+TEST(CodePageTest, ThreadsConvertIndependently) {
+  std::vector<int> failures(4, 0);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([t, &failures] {
+      for (int i = 0; i < 500; ++i) {
+        const bool utf8 = (i + t) % 2;
+        if (MultiByteToWide(utf8 ? kCodePageUtf8 : kCodePageGbk, utf8 ? kChineseUtf8 : kChineseGbk) != kChinese)
+          ++failures[t];
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(failures, std::vector<int>(4, 0));
+}
+
+TEST(Base64CoderTest, DecodeString) {
+  const std::vector<std::pair<const wchar_t*, const wchar_t*>> cases = {  // null: nothing decodes
+      {nullptr, nullptr},
+      {L"", nullptr},
+      {L"====", nullptr},
+      {L" ?*\r\nQ", nullptr},
+      {L"aGVs\r\n b\u4E2DG8", L"hello"},  // characters outside the alphabet skipped
+      {L"aGk=aGVsbG8=", L"hi"},           // "=" ends the data
+      {L"1tDOxA==", L"\u4E2D\u6587"},     // GBK bytes read in the ANSI code page
+  };
+  CTQBase64Coder coder;  // one coder for all: each call replaces its text
+  for (const auto& [input, expected] : cases) {
+    const wchar_t* decoded = coder.DecodeString(input);
+    EXPECT_EQ(decoded ? std::wstring(decoded) : L"(null)", expected ? expected : L"(null)")
+        << (input ? input : L"(null)");
+  }
+}
+
+using Layout = testing::PacketRecordBuilder::Layout;
 
 TEST(WideFormat, WindowsConversionsMeanWhatTheyMeantThere) {
-  EXPECT_EQ(TranslateWideFormat(L"%s <%s>"), L"%ls <%ls>");
-  EXPECT_EQ(TranslateWideFormat(L"%-10s|%c"), L"%-10ls|%lc");
+  EXPECT_EQ(TranslateWideFormat(L"%-10s|%c|100%%"), L"%-10ls|%lc|100%%");
   EXPECT_EQ(TranslateWideFormat(L"%I64u/%I64d/%I64x"), L"%llu/%lld/%llx");
-  EXPECT_EQ(TranslateWideFormat(L"100%% %d"), L"100%% %d");
-  EXPECT_EQ(FormatWide(L"\"%s\"<%s>", L"N", L"x@y"), L"\"N\"<x@y>");
   EXPECT_EQ(FormatWide(L"%I64u-%I64d", uint64_t{18446744073709551615u}, int64_t{-5}), L"18446744073709551615--5");
-  EXPECT_EQ(FormatWide(L"%c%c", L'\x4E2D', L'a'), L"\x4E2D" L"a");
+  EXPECT_EQ(FormatWide(L"%c%s", L'\x4E2D', L"a"), L"\x4E2D" L"a");
   const std::wstring long_text(5000, L'z');
   EXPECT_EQ(FormatWide(L"[%s]", long_text.c_str()), L"[" + long_text + L"]") << "the buffer grows";
 }
 
-TEST(DataFormat, Ipv4AddressesAsDottedDecimal) {
-  const CTQDataFormat format;
-  EXPECT_EQ(format.FormatIpAddress(0), L"0.0.0.0");
-  EXPECT_EQ(format.FormatIpAddress(0xFFFFFFFF), L"255.255.255.255");
-  EXPECT_EQ(format.FormatIpAddress(0x0A006409), L"10.0.100.9");
-  EXPECT_EQ(format.FormatIpAddress(0xC0A8010A), L"192.168.1.10");
-}
-
 TEST(PacketRecordReader, ReadsNumberTimeAndPortsInEveryLayout) {
-  for (auto layout : {PacketRecordBuilder::Layout::kInline, PacketRecordBuilder::Layout::kShifted,
-                      PacketRecordBuilder::Layout::kIndirect}) {
-    PacketRecordBuilder builder(layout);
+  for (Layout layout : {Layout::kInline, Layout::kShifted, Layout::kIndirect}) {
+    testing::PacketRecordBuilder builder(layout);
     const PacketRecord* packet = builder.Build(42, 1'234'567, 40001, 25);
     uint16_t source = 0, destination = 0;
     ASSERT_TRUE(FindTcpPorts(packet, &source, &destination));
@@ -49,32 +128,24 @@ TEST(PacketRecordReader, ReadsNumberTimeAndPortsInEveryLayout) {
 }
 
 TEST(PacketRecordReader, RefusesRecordsWhoseOffsetsPointOutside) {
-  struct Case {
-    const char* what;
-    PacketRecordBuilder::Layout layout;
-    std::function<void(PacketRecordBuilder&)> damage;
-  } cases[] = {
-      {"no layers", PacketRecordBuilder::Layout::kInline, [](auto& b) { b.record_bytes()[7] = 0; }},
-      {"no TCP entry", PacketRecordBuilder::Layout::kInline, [](auto& b) { b.record_bytes()[36] = 0x11; }},
-      {"table beyond the record", PacketRecordBuilder::Layout::kInline,
-       [](auto& b) { b.record_bytes()[2] = 0xF0; }},
-      {"variable area beyond the record", PacketRecordBuilder::Layout::kInline,
-       [](auto& b) { b.record_bytes()[29] = 0x7F; }},
-      {"header offset beyond the record", PacketRecordBuilder::Layout::kInline,
-       [](auto& b) { b.record_bytes()[38] = 0xFF; }},
-      {"record cut short", PacketRecordBuilder::Layout::kInline, [](auto& b) { b.packet().record_length = 30; }},
-      {"stored address before the frame", PacketRecordBuilder::Layout::kIndirect,
-       [](auto& b) { b.record_bytes()[32] -= 1; }},
-      {"header beyond the frame", PacketRecordBuilder::Layout::kIndirect,
-       [](auto& b) { b.packet().frame_length = 22; }},
-      {"no frame", PacketRecordBuilder::Layout::kIndirect, [](auto& b) { b.packet().frame = nullptr; }},
+  using B = testing::PacketRecordBuilder;
+  const std::vector<std::tuple<const char*, Layout, std::function<void(B&)>>> cases = {
+      {"no layers", Layout::kInline, [](B& b) { b.record_bytes()[7] = 0; }},
+      {"no TCP entry", Layout::kInline, [](B& b) { b.record_bytes()[36] = 0x11; }},
+      {"table beyond the record", Layout::kInline, [](B& b) { b.record_bytes()[2] = 0xF0; }},
+      {"variable area beyond the record", Layout::kInline, [](B& b) { b.record_bytes()[29] = 0x7F; }},
+      {"header offset beyond the record", Layout::kInline, [](B& b) { b.record_bytes()[38] = 0xFF; }},
+      {"record cut short", Layout::kInline, [](B& b) { b.packet().record_length = 30; }},
+      {"stored address before the frame", Layout::kIndirect, [](B& b) { b.record_bytes()[32] -= 1; }},
+      {"header beyond the frame", Layout::kIndirect, [](B& b) { b.packet().frame_length = 22; }},
+      {"no frame", Layout::kIndirect, [](B& b) { b.packet().frame = nullptr; }},
   };
-  for (const Case& c : cases) {
-    PacketRecordBuilder builder(c.layout);
+  for (const auto& [what, layout, damage] : cases) {
+    B builder(layout);
     builder.Build(1, 2, 40001, 25);
-    c.damage(builder);
+    damage(builder);
     uint16_t source = 0, destination = 0;
-    EXPECT_FALSE(FindTcpPorts(&builder.packet(), &source, &destination)) << c.what;
+    EXPECT_FALSE(FindTcpPorts(&builder.packet(), &source, &destination)) << what;
   }
   const PacketRecord empty{};
   EXPECT_EQ(GetPacketNumber(&empty), 0u);

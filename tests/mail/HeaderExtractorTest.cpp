@@ -4,8 +4,8 @@
 
 #include <cstdint>
 #include <memory>
-#include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "flow/EmailFlowContext.h"
@@ -15,43 +15,30 @@ namespace pelka {
 namespace {
 
 const std::wstring kZhongWen = L"\u4E2D\u6587";
-const std::wstring kCeShiYouJian = L"\u6D4B\u8BD5\u90AE\u4EF6";
 
 constexpr int kSmtp = 0;
 constexpr int kPop3 = 1;
 
-std::unique_ptr<CEmailFlowContext> Extract(const std::string& message, int protocol = kSmtp) {
+std::unique_ptr<CEmailFlowContext> Extract(const std::string& message, int protocol = kSmtp, uint64_t start = 0,
+                                           uint64_t end = 0) {
   auto context = std::make_unique<CEmailFlowContext>(nullptr, nullptr);
   context->flow_data->Append(reinterpret_cast<const uint8_t*>(message.data()), static_cast<uint32_t>(message.size()));
   context->flow_data->Commit();
+  context->body_start_time = start;
+  context->body_end_time = end;
   ExtractMailHeaders(*context, protocol);
   return context;
 }
 
 std::string Message(const std::string& header_lines) { return header_lines + "\r\nBody text.\r\n.\r\n"; }
 
-struct FieldCase {
-  const char* name;
-  std::string header_lines;
-  std::wstring CEmailFlowContext::*field;
-  std::wstring expected;
-};
-
+// Whole messages with every field are compared in ConversationRecordsTest.
 TEST(HeaderExtractorTest, HeaderFieldCases) {
   using C = CEmailFlowContext;
+  struct FieldCase { const char* name; std::string header_lines; std::wstring C::*field; std::wstring expected; };
   const std::vector<FieldCase> cases = {
-      {"gb2312 base64 subject", "Subject: =?gb2312?b?suLK1NPKvP4=?=\r\n", &C::subject, kCeShiYouJian},
-      {"utf-8 base64 subject", "Subject: =?utf-8?b?5Lit5paH?=\r\n", &C::subject, kZhongWen},
-      {"utf-8 quoted-printable subject", "Subject: =?UTF-8?Q?=E4=B8=AD=E6=96=87?=\r\n", &C::subject, kZhongWen},
-      {"gb2312 quoted-printable subject", "Subject: =?gb2312?q?=D6=D0=CE=C4?=\r\n", &C::subject, kZhongWen},
-      {"subject after plain text", "Subject: Re: =?utf-8?b?5Lit5paH?=\r\n", &C::subject, L"Re: " + kZhongWen},
-      {"subject with brackets", "Subject: Meeting <today>\r\n", &C::subject, L"today"},
       {"subject of an empty word", "Subject: =?gbk?b?\?=\r\n", &C::subject, L""},
-      {"folded subject keeps the tab", "Subject: Hello\r\n\tworld\r\n", &C::subject, L"Hello\tworld"},
       {"zero byte ends a value", std::string("Subject: ab\0cd\r\n", 16), &C::subject, L"ab"},
-      {"list without brackets", "To: x@a, y@b\r\n", &C::receiver_address, L"x@a, y@b"},
-      {"first < to last >", "To: N <x@a>, M <y@b>\r\n", &C::receiver_address, L"x@a>, M <y@b"},
-      {"name before the first <", "To: N <x@a>, M <y@b>\r\n", &C::receiver_name, L"N "},
       {"first To gives the address", "To: x@a\r\nTo: N <y@b>\r\n", &C::receiver_address, L"x@a"},
       {"a later To gives the name", "To: x@a\r\nTo: N <y@b>\r\n", &C::receiver_name, L"N "},
       {"first From wins", "From: a@x\r\nFrom: b@x\r\n", &C::sender_address, L"a@x"},
@@ -59,7 +46,6 @@ TEST(HeaderExtractorTest, HeaderFieldCases) {
       {"blank before the colon", "From : a@x\r\n", &C::sender_address, L""},
       {"other names ignored", "Reply-To: r@x\r\nResent-From: s@x\r\n", &C::sender_address, L""},
       {"cc without a name", "Cc: x@a\r\n", &C::cc, L"x@a"},
-      {"cc with a quoted name", "Cc: \"N\" <x@a>\r\n", &C::cc, L"\"N\"<x@a>"},
       {"cc with an encoded name", "Cc: =?gbk?b?1tDOxA==?= <x@a>\r\n", &C::cc, L"\"" + kZhongWen + L"\"<x@a>"},
       {"date not decoded", "Date: =?utf-8?b?5Lit?=\r\n", &C::sent_time, L"=?utf-8?b?5Lit?="},
       {"mailer not decoded", "X-Mailer: App 7.2 =?utf-8?b?5Lit?=\r\n", &C::mailer, L"App 7.2 =?utf-8?b?5Lit?="},
@@ -67,12 +53,8 @@ TEST(HeaderExtractorTest, HeaderFieldCases) {
       {"envelope-to", "Envelope-To: e@y.com\r\n", &C::envelope_to, L"e@y.com"},
       // U+FFFD has no GBK form, so the round trip through ANSI bytes makes it '?'.
       {"invalid gbk goes on", "Subject: a\xFFz\r\n", &C::subject, L"a?z"},
-      {"invalid utf-8 goes on", "Subject: =?utf-8?q?a=C3(?=\r\n", &C::subject, L"a\uFFFD("},
   };
-  for (const FieldCase& c : cases) {
-    const auto context = Extract(Message(c.header_lines));
-    EXPECT_EQ((*context).*(c.field), c.expected) << c.name;
-  }
+  for (const FieldCase& c : cases) EXPECT_EQ((*Extract(Message(c.header_lines))).*(c.field), c.expected) << c.name;
 }
 
 TEST(HeaderExtractorTest, OnlyTheFirst32FieldsAreSeen) {
@@ -82,25 +64,12 @@ TEST(HeaderExtractorTest, OnlyTheFirst32FieldsAreSeen) {
   EXPECT_EQ(Extract(Message(fillers + "X-Filler: 32\r\nFrom: a@x\r\n"))->sender_address, L"");
 }
 
-struct AttachmentCase {
-  const char* name;
-  std::string body;
-  std::wstring expected;
-};
-
 TEST(HeaderExtractorTest, AttachmentNames) {
   const std::string part = "--b\r\nContent-Type: application/octet-stream\r\n";
-  const std::vector<AttachmentCase> cases = {
-      {"two quoted names",
-       part + "Content-Disposition: attachment; filename=\"a.doc\"\r\n\r\nAAAA\r\n" + part +
-           "Content-Disposition: attachment;\r\n\tfilename=\"b.xls\"\r\n\r\nBBBB\r\n",
-       L"a.doc;b.xls;"},
-      {"gbk encoded name decoded", part + "Content-Disposition: attachment; filename=\"=?gbk?b?uL28/i5kb2M=?=\"\r\n\r\n",
-       L"\u9644\u4EF6.doc;"},
+  const std::vector<std::tuple<const char*, std::string, std::wstring>> cases = {
       {"utf-8 encoded name kept", part + "Content-Disposition: attachment; filename=\"=?utf-8?b?5Lit?=\"\r\n\r\n",
        L"=?utf-8?b?5Lit?=;"},
       {"unquoted name", part + "Content-Disposition: attachment; filename=a.doc\r\n\r\n", L""},
-      {"no file name", part + "Content-Disposition: attachment\r\n\r\n", L""},
       {"other letter case", part + "content-disposition: Attachment; filename=\"a.doc\"\r\n\r\n", L""},
       {"inline parts ignored", part + "Content-Disposition: inline; filename=\"a.png\"\r\n\r\n", L""},
       {"file name in the next part's header is not taken",
@@ -110,95 +79,33 @@ TEST(HeaderExtractorTest, AttachmentNames) {
       {"part header without an empty line after it", part + "Content-Disposition: attachment; filename=\"z.zip\"",
        L"z.zip;"},
   };
-  for (const AttachmentCase& c : cases) {
-    const auto context = Extract("From: a@x\r\nContent-Type: multipart/mixed\r\n\r\n" + c.body);
-    EXPECT_EQ(context->attachments, c.expected) << c.name;
+  for (const auto& [name, body, expected] : cases) {
+    EXPECT_EQ(Extract("From: a@x\r\nContent-Type: multipart/mixed\r\n\r\n" + body)->attachments, expected) << name;
   }
 }
 
-TEST(HeaderExtractorTest, ManyAttachmentsScanInOnePass) {
-  std::string message = "From: a@x\r\n\r\n";
-  for (int i = 0; i < 20000; ++i) message += "Content-Disposition: attachment; filename=\"f\"\r\n\r\nx\r\n";
-  const auto context = Extract(message);
-  EXPECT_EQ(context->attachments.size(), 40000u);
-}
-
-TEST(HeaderExtractorTest, Pop3StatusLineIsDropped) {
-  const std::string message = Message("From: a@x\r\n");
-  const auto pop3 = Extract("+OK 120 octets\r\n" + message, kPop3);
-  EXPECT_EQ(pop3->message_size, message.size());
-  EXPECT_EQ(pop3->sender_address, L"a@x");
-
-  const auto no_line_end = Extract("+OK From: a@x", kPop3);
-  EXPECT_EQ(no_line_end->message_size, 0u);
-  EXPECT_EQ(no_line_end->sender_address, L"");
-
-  // SMTP keeps the first line as a header field.
-  EXPECT_EQ(Extract(message)->sender_address, L"a@x");
-}
-
-struct TimingCase {
-  const char* name;
-  std::string message;
-  uint64_t start, end;
-  double duration, speed;
-};
-
+// POP3 status lines and whole messages are checked by ConversationRecordsTest.
 TEST(HeaderExtractorTest, SizeDurationAndSpeed) {
+  struct TimingCase {
+    const char* name;
+    std::string message;
+    int protocol;
+    uint64_t start, end, size;
+    double duration, speed;
+  };
   const std::string m(1000, 'x');
   const std::vector<TimingCase> cases = {
-      {"two seconds", m, 1000000, 3000000, 2.0, 500.0},
-      {"times the wrong way round", m, 3000000, 1000000, 2.0, 500.0},
-      {"no end time", m, 1000000, 0, 0.0, 0.0},
-      {"empty message", "", 1000000, 1500000, 0.5, 0.0},
+      {"times the wrong way round", m, kSmtp, 3000000, 1000000, 1000, 2.0, 500.0},
+      {"no end time", m, kSmtp, 1000000, 0, 1000, 0.0, 0.0},
+      {"empty message", "", kSmtp, 1000000, 1500000, 0, 0.5, 0.0},
+      {"pop3 status line without its line end", "+OK From: a@x", kPop3, 0, 0, 0, 0.0, 0.0},
   };
   for (const TimingCase& c : cases) {
-    auto context = std::make_unique<CEmailFlowContext>(nullptr, nullptr);
-    context->flow_data->Append(reinterpret_cast<const uint8_t*>(c.message.data()),
-                               static_cast<uint32_t>(c.message.size()));
-    context->flow_data->Commit();
-    context->body_start_time = c.start;
-    context->body_end_time = c.end;
-    ExtractMailHeaders(*context, kSmtp);
-    EXPECT_EQ(context->message_size, c.message.size()) << c.name;
+    const auto context = Extract(c.message, c.protocol, c.start, c.end);
+    EXPECT_EQ(context->message_size, c.size) << c.name;
     EXPECT_DOUBLE_EQ(context->duration, c.duration) << c.name;
     EXPECT_DOUBLE_EQ(context->average_speed, c.speed) << c.name;
   }
-}
-
-// Every field of many messages built from the pieces that steer the parsing,
-// zero and invalid bytes among them, folded into one digest (the sanitizer
-// build also sees that nothing is read past the data; the header_extractor
-// fuzz target goes further). The digest was taken from the extractor before
-// its fast paths (plain ASCII texts, values without line breaks or words)
-// were added: any difference in any field of any message changes it.
-TEST(HeaderExtractorTest, FieldsOfArbitraryMessagesStayAsTheyWere) {
-  const std::vector<std::string> pieces = {
-      "From: ", "To: ", "Cc: ", "Subject: ", "Date: ", "X-Mailer: ", "Return-Path: ", "Envelope-To: ", "\r\n",
-      "\r\n\t", "\r\n ", std::string(1, '\0'), "\xFF", "\xD6\xD0\xCE\xC4", "\xE4\xB8\xAD", "=?gbk?b?",
-      "=?GbK?B?", "=?GB2312?b?", "=?gbk?Q?", "=?UTF-8?b?", "=?utf-8?q?", "=?iso-8859-1?q?", "?=", "=", "=?", "=E4",
-      "<", ">", "\"", "\" ", "1tDOxA==", "5Lit5paH", "a@x.org", "Bob", "Content-Disposition: attachment",
-      "; filename=\"", " ", ":", "\t"};
-  std::mt19937 random(20251123);
-  uint64_t digest = 14695981039346656037ull;
-  auto fold = [&digest](const std::wstring& text) {
-    for (const wchar_t c : text) digest = (digest ^ static_cast<uint32_t>(c)) * 1099511628211ull;
-    digest = (digest ^ 0xFFFFFFFFu) * 1099511628211ull;
-  };
-  for (int round = 0; round < 4000; ++round) {
-    std::string message;
-    const int length = static_cast<int>(random() % 48);
-    for (int i = 0; i < length; ++i) message += pieces[random() % pieces.size()];
-    message += "\r\n\r\nbody\r\n";
-    const auto c = Extract(message, static_cast<int>(random() % 3));
-    ASSERT_LE(c->message_size, message.size());
-    for (const std::wstring* text : {&c->sender_name, &c->sender_address, &c->receiver_name, &c->receiver_address,
-                                     &c->return_path, &c->envelope_to, &c->cc, &c->subject, &c->sent_time,
-                                     &c->mailer, &c->attachments}) {
-      fold(*text);
-    }
-  }
-  EXPECT_EQ(digest, 12170962240634921635ull);
 }
 
 }  // namespace

@@ -28,9 +28,7 @@ class Conversation {
       : module_(module), flow_(0x0A000002, 40001, 0x0A000001, service_port, application), service_port_(service_port) {
     bound_ = module_.BindFlow(&flow_, &stats_, &bind_context_) == 0;
   }
-  ~Conversation() {
-    if (bound_) module_.UnbindFlow(&flow_, &stats_, &node_, bind_context_);
-  }
+  ~Conversation() { Unbind(); }
   Conversation(const Conversation&) = delete;
   Conversation& operator=(const Conversation&) = delete;
 
@@ -46,9 +44,8 @@ class Conversation {
 
   uint32_t Send(uint32_t direction, std::string_view payload, uint64_t time_us) {
     const bool from_client = direction == kFromClient;
-    const uint16_t client_port = 40001;
-    const PacketRecord* packet = builder_.Build(++packet_number_, time_us, from_client ? client_port : service_port_,
-                                                from_client ? service_port_ : client_port);
+    const PacketRecord* packet = builder_.Build(++packet_number_, time_us, from_client ? 40001 : service_port_,
+                                                from_client ? service_port_ : 40001);
     return module_.ProcessFlowData(&flow_, packet, reinterpret_cast<const uint8_t*>(payload.data()),
                                    static_cast<uint32_t>(payload.size()), direction, &node_, bind_context_);
   }

@@ -16,19 +16,15 @@ class FakeFlow final : public IPelkaFlow {
  public:
   FakeFlow(uint32_t client_address, uint16_t client_port, uint32_t server_address, uint16_t server_port,
            uint16_t application = kProtocolSmtp)
-      : client_address_(client_address),
-        server_address_(server_address),
-        client_port_(client_port),
-        server_port_(server_port),
-        application_(application) {}
+      : addresses_{client_address, server_address}, ports_{client_port, server_port}, application_(application) {}
 
-  uint32_t GetClientAddress() override { return client_address_; }
-  uint32_t GetServerAddress() override { return server_address_; }
-  uint16_t GetClientPort() override { return client_port_; }
-  uint16_t GetServerPort() override { return server_port_; }
+  uint32_t GetClientAddress() override { return addresses_[0]; }
+  uint32_t GetServerAddress() override { return addresses_[1]; }
+  uint16_t GetClientPort() override { return ports_[0]; }
+  uint16_t GetServerPort() override { return ports_[1]; }
   void SwapSides() override {
-    std::swap(client_address_, server_address_);
-    std::swap(client_port_, server_port_);
+    std::swap(addresses_[0], addresses_[1]);
+    std::swap(ports_[0], ports_[1]);
     ++swaps;
   }
   uint16_t GetApplicationProtocol() override { return application_; }
@@ -37,10 +33,8 @@ class FakeFlow final : public IPelkaFlow {
   int swaps = 0;
 
  private:
-  uint32_t client_address_;
-  uint32_t server_address_;
-  uint16_t client_port_;
-  uint16_t server_port_;
+  uint32_t addresses_[2];  // client, server
+  uint16_t ports_[2];
   uint16_t application_;
 };
 
@@ -61,9 +55,9 @@ class FakeFlowNode final : public IPelkaFlowNode {
 class PacketRecordBuilder {
  public:
   enum class Layout {
-    kInline,          // headers copied into the variable area
-    kShifted,         // the same, behind the 24-byte shift of flag bit 22
-    kIndirect,        // flag bit 17: headers reached through a stored address
+    kInline,    // headers copied into the variable area
+    kShifted,   // the same, behind the 24-byte shift of flag bit 22
+    kIndirect,  // flag bit 17: headers reached through a stored address
   };
 
   explicit PacketRecordBuilder(Layout layout = Layout::kInline) : layout_(layout) {}
@@ -93,14 +87,12 @@ class PacketRecordBuilder {
       PutEntry(variable + 8, 500, 0);
       PutEntry(variable + 12, kProtocolTcp, 20);
     } else {
-      Put<uint16_t>(2, 0);  // the layer table starts the variable area
       record_.resize(variable + 8, 0);
       PutEntry(variable, 500, 8);
       PutEntry(variable + 4, kProtocolTcp, 28);
       record_.insert(record_.end(), frame_.begin(), frame_.end());
     }
-    Put<uint32_t>(24, flags);
-    Put<uint16_t>(28, 0);
+    Put<uint32_t>(24, flags);  // the layer table and the variable area start at offset 0 (bytes 2 and 28)
     packet_ = PacketRecord{record_.data(), static_cast<uint32_t>(record_.size()), frame_.data(),
                            static_cast<uint32_t>(frame_.size())};
     return &packet_;
@@ -111,9 +103,7 @@ class PacketRecordBuilder {
 
  private:
   template <typename T>
-  void Put(size_t offset, T value) {
-    std::memcpy(record_.data() + offset, &value, sizeof value);
-  }
+  void Put(size_t offset, T value) { std::memcpy(record_.data() + offset, &value, sizeof value); }
   void PutEntry(size_t offset, uint16_t protocol, uint16_t header_offset) {
     Put<uint16_t>(offset, protocol);
     Put<uint16_t>(offset + 2, header_offset);

@@ -1,6 +1,6 @@
-// An in-memory stand-in for the host's diagnosis service: it keeps every
-// event the module defines, with its parameters, and every report in the
-// order raised, so that tests can look at them and switch events on and off.
+// An in-memory stand-in for the host's diagnosis service: it keeps every event
+// the module defines, with its parameters, and every report in the order
+// raised, so that tests can look at them and switch events on and off.
 #pragma once
 
 #include <algorithm>
@@ -20,13 +20,11 @@ struct DiagnosisReport {
   std::string event;  // the event's key
   IPelkaFlowNode* target = nullptr;
   std::wstring text;
-  uint32_t code1 = 0;
-  uint32_t code2 = 0;
+  uint32_t code1 = 0, code2 = 0;
   uint64_t packet = 0;  // packet number of the record given
-  uint64_t time = 0;    // capture time of the record given
   uint64_t related_packet = 0;
 
-  // What a test compares: event, text, codes, packet and related packet.
+  // What a test compares.
   auto Fields() const { return std::tie(event, text, code1, code2, packet, related_packet); }
 };
 
@@ -34,17 +32,16 @@ struct DiagnosisParameter {
   uint32_t id = 0;
   std::string key;
   std::wstring caption;
-  int32_t default_value = 0;
-  int32_t lowest = 0;
-  int32_t highest = 0;
+  int32_t default_value = 0, lowest = 0, highest = 0;
   int32_t value = 0;  // the user's current setting; starts at the default
 };
 
 class InMemoryDiagnosisEvent final : public IPelkaDiagnosisEvent {
  public:
   InMemoryDiagnosisEvent(std::string key, std::wstring title, uint32_t code1, uint32_t code2, uint32_t code3,
-                         uint32_t flags, std::vector<DiagnosisReport>* reports)
-      : key(std::move(key)), title(std::move(title)), codes{code1, code2, code3}, flags(flags), reports_(reports) {}
+                         uint32_t flags, std::vector<DiagnosisReport>* reports, uint32_t parameter_base)
+      : key(std::move(key)), title(std::move(title)), codes{code1, code2, code3}, flags(flags), reports_(reports),
+        parameter_base_(parameter_base) {}
 
   int32_t Release() override {
     ++releases;
@@ -53,28 +50,25 @@ class InMemoryDiagnosisEvent final : public IPelkaDiagnosisEvent {
   uint32_t IsEnabled() override { return enabled ? 1 : 0; }
   uint32_t AddParameter(const char* parameter_key, const wchar_t* caption, int32_t default_value, int32_t lowest,
                         int32_t highest) override {
-    // Identifiers far from 0 and from each other, so a mixed-up one shows.
-    const uint32_t id = 0x100 + static_cast<uint32_t>(parameters.size()) + next_parameter_base_;
+    // Identifiers far from 0 and from each other's, so a mixed-up one shows.
+    const uint32_t id = 0x100 + parameter_base_ + static_cast<uint32_t>(parameters.size());
     parameters.push_back({id, parameter_key, caption ? caption : L"", default_value, lowest, highest, default_value});
     return id;
   }
   uint32_t GetParameterValue(uint32_t id, int32_t* value) override {
     if (parameter_read_fails || !value) return 0;
-    for (const DiagnosisParameter& parameter : parameters) {
-      if (parameter.id != id) continue;
-      *value = parameter.value;
-      return 1;
-    }
-    return 0;
+    auto it = std::find_if(parameters.begin(), parameters.end(), [id](const auto& p) { return p.id == id; });
+    if (it == parameters.end()) return 0;
+    *value = it->value;
+    return 1;
   }
   uint32_t Report(IPelkaFlowNode* target, const wchar_t* text, uint32_t code1, uint32_t code2,
                   const PacketRecord* packet, uint64_t related_packet) override {
-    reports_->push_back({key, target, text ? text : L"", code1, code2, GetPacketNumber(packet),
-                         GetPacketTime(packet), related_packet});
+    reports_->push_back({key, target, text ? text : L"", code1, code2, GetPacketNumber(packet), related_packet});
     return 0;
   }
 
-  // Sets the current value of the event's only (or first) parameter.
+  // Sets the current value of the event's first parameter.
   void SetThreshold(int32_t value) {
     if (!parameters.empty()) parameters.front().value = value;
   }
@@ -89,9 +83,8 @@ class InMemoryDiagnosisEvent final : public IPelkaDiagnosisEvent {
   std::vector<DiagnosisParameter> parameters;
 
  private:
-  friend class InMemoryDiagnosisService;
-  uint32_t next_parameter_base_ = 0;
   std::vector<DiagnosisReport>* reports_;
+  uint32_t parameter_base_;
 };
 
 class InMemoryDiagnosisService final : public IPelkaDiagnosisService {
@@ -100,19 +93,16 @@ class InMemoryDiagnosisService final : public IPelkaDiagnosisService {
                        IPelkaDiagnosisEvent** event, uint32_t flags) override {
     defined_keys.push_back(key);
     if (refused_keys.count(key) || !event) return 1;
-    auto created = std::make_unique<InMemoryDiagnosisEvent>(key, title ? title : L"", code1, code2, code3, flags,
-                                                            &reports);
-    created->next_parameter_base_ = 0x10 * static_cast<uint32_t>(events_.size());
-    *event = created.get();
-    events_.push_back(std::move(created));
+    events_.push_back(std::make_unique<InMemoryDiagnosisEvent>(key, title ? title : L"", code1, code2, code3, flags,
+                                                               &reports, 0x10 * uint32_t(events_.size())));
+    *event = events_.back().get();
     return 0;
   }
 
   // The latest event defined under the key, or null.
   InMemoryDiagnosisEvent* Event(const std::string& key) const {
-    for (auto it = events_.rbegin(); it != events_.rend(); ++it) {
+    for (auto it = events_.rbegin(); it != events_.rend(); ++it)
       if ((*it)->key == key) return it->get();
-    }
     return nullptr;
   }
   const std::vector<std::unique_ptr<InMemoryDiagnosisEvent>>& events() const { return events_; }
@@ -124,7 +114,6 @@ class InMemoryDiagnosisService final : public IPelkaDiagnosisService {
     return found;
   }
 
-  // The fuzz targets switch every event on.
   void EnableAll(bool enabled) {
     for (auto& event : events_) event->enabled = enabled;
   }

@@ -1,14 +1,6 @@
-// In-memory doubles of the host's log side: a log service, the logs it
-// creates (columns, storage kinds, posted records, summary entries) and a
-// record set for export callbacks.
-//
-// Typical use:
-//   InMemoryLogService service;
-//   module.set_log_service(&service);
-//   module.DefineEmailLog();
-//   service.EnableCopies(L"/tmp/root/");      // copies on, storage root given
-//   ... module.PostEmailRecord(...);
-//   service.log()->records[0].Text("email_subject");
+// In-memory doubles of the host's log side: the log service, the logs it
+// creates (columns, storages, posted records, summary entries) and a record
+// set for export callbacks.
 #pragma once
 
 #include <cstdint>
@@ -25,15 +17,15 @@
 
 namespace pelka::testing {
 
-// A field value as the module set it.
 using LogValue = std::variant<std::wstring, uint64_t, double>;
+
+inline std::wstring CopyText(const wchar_t* text) { return text ? text : L""; }
 
 // One record, as opened by NewRecord and filled by the Set operations.
 struct InMemoryRecord final : IPelkaLogRecord {
   uint64_t seconds = 0;
-  uint32_t client_address = 0;  // the flow's at NewRecord time (the flow object is not kept)
-  // Fields by log key.
-  std::map<std::string, LogValue> fields;
+  uint32_t client_address = 0;  // the flow's at NewRecord time
+  std::map<std::string, LogValue> fields;  // by log key
 
   bool Has(const std::string& key) const { return fields.count(key) != 0; }
   // The field's value when it was set with this kind.
@@ -51,41 +43,32 @@ struct InMemoryRecord final : IPelkaLogRecord {
 struct InMemoryEntry {
   uint64_t seconds = 0;
   IPelkaFlow* flow = nullptr;
-  std::wstring kind;
-  std::wstring summary;
-  std::wstring group;
+  std::wstring kind, summary, group;
 };
 
-// A declared column; a standard one gets the host key of its field.
 struct InMemoryColumn final : IPelkaLogColumn {
   std::string key;
   std::wstring caption;
   uint16_t id = 0;
-
   uint16_t GetId() override { return id; }
   const wchar_t* GetCaption() override { return caption.c_str(); }
 };
 
 // The host key of a standard field, as the export and the outputs know it.
 inline const char* StandardFieldKey(uint32_t field) {
-  switch (field) {
-    case kLogFieldDateTime: return "timestamp";
-    case kLogFieldClientMac: return "src_mac";
-    case kLogFieldServerMac: return "dst_mac";
-    case kLogFieldClientAddress: return "src_ip4";
-    case kLogFieldServerAddress: return "dst_ip4";
-    case kLogFieldClientPort: return "src_port";
-    case kLogFieldServerPort: return "dst_port";
-    default: return "";
-  }
+  static const std::map<uint32_t, const char*> keys = {
+      {kLogFieldDateTime, "timestamp"},        {kLogFieldClientMac, "src_mac"},  {kLogFieldServerMac, "dst_mac"},
+      {kLogFieldClientAddress, "src_ip4"},     {kLogFieldServerAddress, "dst_ip4"},
+      {kLogFieldClientPort, "src_port"},       {kLogFieldServerPort, "dst_port"}};
+  auto it = keys.find(field);
+  return it == keys.end() ? "" : it->second;
 }
 
 struct InMemoryStorage final : IPelkaLogStorage {
   std::string name;
   PelkaLogExportFn export_fn = nullptr;
   uint32_t enabled = 0;
-  std::string folder;  // defaults to the storage's key
-
+  std::string folder;  // the storage's key
   uint32_t IsStorageEnabled() override { return enabled; }
   const char* GetFolderName() override { return folder.c_str(); }
 };
@@ -94,7 +77,6 @@ class InMemoryLog final : public IPelkaLog {
  public:
   InMemoryLog(std::wstring caption, int32_t icon) : caption(std::move(caption)), icon(icon) {}
 
-  // --- IPelkaLog ---------------------------------------------------------------
   uint16_t AddColumn(const char* key, const wchar_t* column_caption, uint32_t, uint32_t, uint32_t,
                      uint32_t) override {
     auto& column = AppendColumn(key ? key : "", column_caption);
@@ -113,17 +95,14 @@ class InMemoryLog final : public IPelkaLog {
     storages.push_back(std::move(storage));
     return 0;
   }
-
   uint32_t GetSaveMode() override { return save_mode; }
   IPelkaLogStorage* GetStorage(int32_t index) override {
-    if (index < 0 || static_cast<size_t>(index) >= storages.size()) return nullptr;
-    return storages[index].get();
+    return index >= 0 && static_cast<size_t>(index) < storages.size() ? storages[index].get() : nullptr;
   }
-
   uint32_t IsLogEnabled() override { return enabled; }
   uint32_t AddEntry(uint64_t seconds, IPelkaFlow* flow, const wchar_t* kind, const wchar_t* summary,
                     const wchar_t* group) override {
-    entries.push_back({seconds, flow, Copy(kind), Copy(summary), Copy(group)});
+    entries.push_back({seconds, flow, CopyText(kind), CopyText(summary), CopyText(group)});
     return 0;
   }
   IPelkaLogRecord* NewRecord(uint64_t seconds, IPelkaFlow* flow, uint32_t reserved) override {
@@ -139,7 +118,7 @@ class InMemoryLog final : public IPelkaLog {
     return Set(record, column, value);
   }
   uint32_t SetText(IPelkaLogRecord* record, uint16_t column, const wchar_t* value) override {
-    return Set(record, column, Copy(value));
+    return Set(record, column, CopyText(value));
   }
   uint32_t SetNumber(IPelkaLogRecord* record, uint16_t column, uint64_t value) override {
     return Set(record, column, value);
@@ -154,8 +133,7 @@ class InMemoryLog final : public IPelkaLog {
     return 1;
   }
 
-  // Records opened but never posted.
-  size_t pending_records() const { return pending_.size(); }
+  size_t pending_records() const { return pending_.size(); }  // opened but never posted
 
   std::wstring caption;
   int32_t icon;
@@ -166,7 +144,6 @@ class InMemoryLog final : public IPelkaLog {
   int end_columns_calls = 0;
   int unknown_column_sets = 0;
   uint32_t last_new_record_reserved = 0;
-
   // Switches a test may turn.
   uint32_t enabled = 1;
   uint32_t save_mode = 0;
@@ -174,32 +151,22 @@ class InMemoryLog final : public IPelkaLog {
   std::string refuse_key;  // AddColumn of this key answers 0xFFFF
 
  private:
-  static std::wstring Copy(const wchar_t* text) { return text ? text : L""; }
-
   InMemoryColumn& AppendColumn(std::string key, const wchar_t* column_caption) {
     auto column = std::make_unique<InMemoryColumn>();
     column->key = std::move(key);
-    column->caption = Copy(column_caption);
+    column->caption = CopyText(column_caption);
     column->id = static_cast<uint16_t>(columns.size());
     columns.push_back(std::move(column));
     return *columns.back();
   }
-
   uint32_t Set(IPelkaLogRecord* record, uint16_t column, LogValue value) {
-    auto* target = Pending(record);
-    if (!target || column >= columns.size()) {
-      ++unknown_column_sets;
-      return 1;
+    for (auto& pending : pending_) {
+      if (pending.get() != record || column >= columns.size()) continue;
+      pending->fields[columns[column]->key] = std::move(value);
+      return 0;
     }
-    const std::string& key = columns[column]->key;
-    target->fields[key] = std::move(value);
-    return 0;
-  }
-
-  InMemoryRecord* Pending(IPelkaLogRecord* record) {
-    for (auto& pending : pending_)
-      if (pending.get() == record) return pending.get();
-    return nullptr;
+    ++unknown_column_sets;
+    return 1;
   }
 
   std::vector<std::unique_ptr<InMemoryRecord>> pending_;
@@ -209,28 +176,26 @@ class InMemoryLogService final : public IPelkaLogService {
  public:
   uint32_t CreateLog(const char*, const wchar_t* caption, uint32_t, int32_t icon, IPelkaLog** log) override {
     if (create_status != 0) return create_status;
-    logs.push_back(std::make_unique<InMemoryLog>(caption ? caption : L"", icon));
+    logs.push_back(std::make_unique<InMemoryLog>(CopyText(caption), icon));
     logs.back()->refuse_key = refuse_key;
     if (log) *log = logs.back().get();
     return 0;
   }
   uint32_t GetStorageRoot(const wchar_t** root) override {
-    if (root_status != 0) return root_status;
-    if (root) *root = storage_root.c_str();
-    return 0;
+    if (root_status == 0 && root) *root = storage_root.c_str();
+    return root_status;
   }
 
   // The most recently created log, or null.
   InMemoryLog* log() const { return logs.empty() ? nullptr : logs.back().get(); }
 
-  // Copies on: the log saves (mode 2) and its storage kind 1 is enabled, with
-  // the given storage root. Call after the log's storages are registered.
+  // Copies on: the log saves and its storage 1 is enabled, under this root.
+  // Call after the log's storages are registered.
   void EnableCopies(std::wstring root) {
     storage_root = std::move(root);
-    InMemoryLog* current = log();
-    if (!current) return;
-    current->save_mode = kLogSaveModeSaving;
-    if (current->storages.size() > 1) current->storages[1]->enabled = 1;
+    if (!log()) return;
+    log()->save_mode = kLogSaveModeSaving;
+    if (log()->storages.size() > 1) log()->storages[1]->enabled = 1;
   }
 
   std::vector<std::unique_ptr<InMemoryLog>> logs;
@@ -246,15 +211,14 @@ class InMemoryRecordSet final : public IPelkaLogRecordSet, public IPelkaLogColum
  public:
   using Row = std::map<std::string, std::wstring>;
 
-  // Columns in position order: (key, caption). Identifiers are 100 + position,
+  // Columns (key, caption) in position order; identifiers are 100 + position
   // so that an identifier is never mistaken for a position.
   explicit InMemoryRecordSet(const std::vector<std::pair<std::string, std::wstring>>& column_list) {
     for (const auto& [key, caption] : column_list) {
-      auto column = std::make_unique<InMemoryColumn>();
-      column->key = key;
-      column->caption = caption;
-      column->id = static_cast<uint16_t>(100 + columns_.size());
-      columns_.push_back(std::move(column));
+      columns_.push_back(std::make_unique<InMemoryColumn>());
+      columns_.back()->key = key;
+      columns_.back()->caption = caption;
+      columns_.back()->id = static_cast<uint16_t>(99 + columns_.size());
     }
   }
 
@@ -267,18 +231,18 @@ class InMemoryRecordSet final : public IPelkaLogRecordSet, public IPelkaLogColum
     ++field_requests;
     if (flags != 0) ++nonzero_flag_requests;
     if (record < 0 || static_cast<size_t>(record) >= rows.size()) return nullptr;
-    const InMemoryColumn* target = ById(column);
-    if (!target) return nullptr;
-    auto it = rows[record].find(target->key);
-    if (it == rows[record].end()) return nullptr;
-    auto* buffer = new wchar_t[it->second.size() + 1];
-    std::wcsncpy(buffer, it->second.c_str(), it->second.size() + 1);
-    return buffer;
+    for (const auto& target : columns_) {
+      if (target->id != column) continue;
+      auto it = rows[record].find(target->key);
+      if (it == rows[record].end()) return nullptr;
+      auto* buffer = new wchar_t[it->second.size() + 1];
+      std::wcsncpy(buffer, it->second.c_str(), it->second.size() + 1);
+      return buffer;
+    }
+    return nullptr;
   }
-
   IPelkaLogColumn* GetColumnAt(int32_t position) override {
-    if (position < 0 || static_cast<size_t>(position) >= columns_.size()) return nullptr;
-    return columns_[position].get();
+    return position >= 0 && static_cast<size_t>(position) < columns_.size() ? columns_[position].get() : nullptr;
   }
   IPelkaLogColumn* FindColumn(const char* key) override {
     for (auto& column : columns_)
@@ -292,12 +256,6 @@ class InMemoryRecordSet final : public IPelkaLogRecordSet, public IPelkaLogColum
   int nonzero_flag_requests = 0;
 
  private:
-  const InMemoryColumn* ById(uint16_t id) const {
-    for (const auto& column : columns_)
-      if (column->id == id) return column.get();
-    return nullptr;
-  }
-
   std::vector<std::unique_ptr<InMemoryColumn>> columns_;
 };
 

@@ -16,23 +16,17 @@
 
 namespace pelka::testing {
 
-struct StatDefinition {
-  std::string name;
-  std::wstring caption;
-};
-
 class InMemoryStatCounter final : public IPelkaStatCounter {
  public:
   explicit InMemoryStatCounter(uint16_t index) : index(index) {}
   uint16_t GetIndex() override { return index; }
-
   uint16_t index;
 };
 
 class InMemoryStatItem final : public IPelkaStatItem {
  public:
-  InMemoryStatItem(StatDefinition definition, uint16_t* next_index, bool refuse_counters)
-      : definition(std::move(definition)), next_index_(next_index), refuse_counters_(refuse_counters) {}
+  InMemoryStatItem(std::string name, uint16_t* next_index, bool refuse_counters)
+      : name(std::move(name)), next_index_(next_index), refuse_counters_(refuse_counters) {}
 
   IPelkaStatCounter* AddCounter(const char*, int32_t, int32_t, uint64_t, const char*) override {
     if (refuse_counters_) return nullptr;
@@ -40,7 +34,7 @@ class InMemoryStatItem final : public IPelkaStatItem {
     return counters.back().get();
   }
 
-  StatDefinition definition;
+  std::string name;
   std::vector<std::unique_ptr<InMemoryStatCounter>> counters;
 
  private:
@@ -48,36 +42,23 @@ class InMemoryStatItem final : public IPelkaStatItem {
   bool refuse_counters_;
 };
 
+class InMemoryStats;
+
 class InMemoryStatCategory final : public IPelkaStatCategory {
  public:
-  InMemoryStatCategory(StatDefinition definition, const std::set<std::string>* refused_items,
-                       const std::set<std::string>* refused_counters, uint16_t* next_index)
-      : definition(std::move(definition)),
-        refused_items_(refused_items),
-        refused_counters_(refused_counters),
-        next_index_(next_index) {}
+  explicit InMemoryStatCategory(InMemoryStats* stats) : stats_(stats) {}
 
-  IPelkaStatItem* AddItem(const char* name, const wchar_t* caption, uint64_t, const char*) override {
-    if (refused_items_->count(name)) return nullptr;
-    items.push_back(std::make_unique<InMemoryStatItem>(StatDefinition{name, caption ? caption : L""}, next_index_,
-                                                       refused_counters_->count(name) != 0));
-    return items.back().get();
-  }
+  inline IPelkaStatItem* AddItem(const char* name, const wchar_t*, uint64_t, const char*) override;
 
-  StatDefinition definition;
   std::vector<std::unique_ptr<InMemoryStatItem>> items;
 
  private:
-  const std::set<std::string>* refused_items_;
-  const std::set<std::string>* refused_counters_;
-  uint16_t* next_index_;
+  InMemoryStats* stats_;
 };
 
 // Both the service and the registrar it hands to its clients.
 class InMemoryStats final : public IPelkaStatService, public IPelkaStatRegistrar {
  public:
-  static constexpr uint64_t kScope = 0x0B;  // what ParseScopes answers
-
   uint32_t RegisterClient(IPelkaStatClient* client) override {
     clients.push_back(client);
     return 0;
@@ -86,21 +67,18 @@ class InMemoryStats final : public IPelkaStatService, public IPelkaStatRegistrar
     withdrawn.push_back(client);
     return 0;
   }
-  uint64_t ParseScopes(const char*) override { return kScope; }
-  IPelkaStatCategory* AddCategory(const char* name, const wchar_t* caption, uint64_t, const char*) override {
+  uint64_t ParseScopes(const char*) override { return 0x0B; }
+  IPelkaStatCategory* AddCategory(const char*, const wchar_t*, uint64_t, const char*) override {
     if (refuse_categories) return nullptr;
-    categories.push_back(std::make_unique<InMemoryStatCategory>(StatDefinition{name, caption ? caption : L""},
-                                                                &refused_items, &refused_counters, &next_index_));
+    categories.push_back(std::make_unique<InMemoryStatCategory>(this));
     return categories.back().get();
   }
 
   // The latest item defined under the name, or null.
   InMemoryStatItem* Item(const std::string& name) const {
-    for (auto category = categories.rbegin(); category != categories.rend(); ++category) {
-      for (const auto& item : (*category)->items) {
-        if (item->definition.name == name) return item.get();
-      }
-    }
+    for (auto category = categories.rbegin(); category != categories.rend(); ++category)
+      for (const auto& item : (*category)->items)
+        if (item->name == name) return item.get();
     return nullptr;
   }
   // The index of the item's first counter, or -1.
@@ -117,8 +95,16 @@ class InMemoryStats final : public IPelkaStatService, public IPelkaStatRegistrar
   std::vector<std::unique_ptr<InMemoryStatCategory>> categories;
 
  private:
+  friend class InMemoryStatCategory;
   uint16_t next_index_ = 7;  // counters are numbered from here
 };
+
+IPelkaStatItem* InMemoryStatCategory::AddItem(const char* name, const wchar_t*, uint64_t, const char*) {
+  if (stats_->refused_items.count(name)) return nullptr;
+  items.push_back(
+      std::make_unique<InMemoryStatItem>(name, &stats_->next_index_, stats_->refused_counters.count(name) != 0));
+  return items.back().get();
+}
 
 // Per-flow statistics: the value of each counter index after AddToCounter,
 // and the order of UseCounter calls.
@@ -129,7 +115,6 @@ class InMemoryFlowStats final : public IPelkaFlowStats {
     counts[index] += a;
     added_values.push_back({a, b, c});
   }
-
   uint64_t CountOf(int32_t index) const {
     auto found = counts.find(index);
     return found == counts.end() ? 0 : found->second;
