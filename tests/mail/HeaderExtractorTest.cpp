@@ -38,6 +38,10 @@ TEST(HeaderExtractorTest, HeaderFieldCases) {
   struct FieldCase { const char* name; std::string header_lines; std::wstring C::*field; std::wstring expected; };
   const std::vector<FieldCase> cases = {
       {"subject of an empty word", "Subject: =?gbk?b?\?=\r\n", &C::subject, L""},
+      {"subject with brackets", "Subject: Meeting <today>\r\n", &C::subject, L"today"},
+      {"folded subject keeps the tab", "Subject: Hello\r\n\tworld\r\n", &C::subject, L"Hello\tworld"},
+      {"list without brackets", "To: x@a, y@b\r\n", &C::receiver_address, L"x@a, y@b"},
+      {"first < to last >", "To: N <x@a>, M <y@b>\r\n", &C::receiver_address, L"x@a>, M <y@b"},
       {"zero byte ends a value", std::string("Subject: ab\0cd\r\n", 16), &C::subject, L"ab"},
       {"first To gives the address", "To: x@a\r\nTo: N <y@b>\r\n", &C::receiver_address, L"x@a"},
       {"a later To gives the name", "To: x@a\r\nTo: N <y@b>\r\n", &C::receiver_name, L"N "},
@@ -67,6 +71,13 @@ TEST(HeaderExtractorTest, OnlyTheFirst32FieldsAreSeen) {
 TEST(HeaderExtractorTest, AttachmentNames) {
   const std::string part = "--b\r\nContent-Type: application/octet-stream\r\n";
   const std::vector<std::tuple<const char*, std::string, std::wstring>> cases = {
+      {"two names, the second header folded",
+       part + "Content-Disposition: attachment; filename=\"a.doc\"\r\n\r\nA\r\n" + part +
+           "Content-Disposition: attachment;\r\n\tfilename=\"b.xls\"\r\n\r\nB\r\n",
+       L"a.doc;b.xls;"},
+      {"gbk encoded name decoded", part + "Content-Disposition: attachment; filename=\"=?gbk?b?uL28/i5kb2M=?=\"\r\n\r\n",
+       L"\u9644\u4EF6.doc;"},
+      {"no file name", part + "Content-Disposition: attachment\r\n\r\n", L""},
       {"utf-8 encoded name kept", part + "Content-Disposition: attachment; filename=\"=?utf-8?b?5Lit?=\"\r\n\r\n",
        L"=?utf-8?b?5Lit?=;"},
       {"unquoted name", part + "Content-Disposition: attachment; filename=a.doc\r\n\r\n", L""},
