@@ -75,8 +75,8 @@ TEST(HeaderExtractorTest, AttachmentNames) {
        part + "Content-Disposition: attachment; filename=\"a.doc\"\r\n\r\nA\r\n" + part +
            "Content-Disposition: attachment;\r\n\tfilename=\"b.xls\"\r\n\r\nB\r\n",
        L"a.doc;b.xls;"},
-      {"gbk encoded name decoded", part + "Content-Disposition: attachment; filename=\"=?gbk?b?uL28/i5kb2M=?=\"\r\n\r\n",
-       L"\u9644\u4EF6.doc;"},
+      {"gbk encoded name decoded",
+       part + "Content-Disposition: attachment; filename=\"=?gbk?b?uL28/i5kb2M=?=\"\r\n\r\n", L"\u9644\u4EF6.doc;"},
       {"no file name", part + "Content-Disposition: attachment\r\n\r\n", L""},
       {"utf-8 encoded name kept", part + "Content-Disposition: attachment; filename=\"=?utf-8?b?5Lit?=\"\r\n\r\n",
        L"=?utf-8?b?5Lit?=;"},
