@@ -165,10 +165,12 @@ void RunIconv(iconv_t handle, const char* input, size_t input_length, size_t uni
   out.resize(out_used);
 }
 
-// Well-formed UTF-8 (shortest forms, no surrogates, nothing above U+10FFFF)
-// has one reading, which is decoded here without the converter's per-call
-// cost. False at anything else; the converter then decides what it means.
-bool DecodeWellFormedUtf8(std::string_view bytes, std::wstring& out) {
+// UTF-8 is decoded here rather than by the converter: it is faster, and the
+// converter reads 4-byte forms above U+10FFFF (and older 5- and 6-byte forms)
+// as characters. A byte that does not start a shortest form of a scalar value
+// becomes U+FFFD and decoding goes on with the next byte, as it does for
+// every other code page.
+void DecodeUtf8(std::string_view bytes, std::wstring& out) {
   out.resize(bytes.size());
   wchar_t* wide = out.data();
   const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
@@ -189,20 +191,17 @@ bool DecodeWellFormedUtf8(std::string_view bytes, std::wstring& out) {
       followers = 2, c = lead & 0x0F, smallest = 0x800;
     } else if (lead >= 0xF0 && lead <= 0xF4) {
       followers = 3, c = lead & 0x07, smallest = 0x10000;
-    } else {
-      return false;
     }
-    if (end - p <= followers) return false;
-    for (ptrdiff_t i = 1; i <= followers; ++i) {
-      if ((p[i] & 0xC0) != 0x80) return false;
+    bool valid = followers > 0 && end - p > followers;
+    for (ptrdiff_t i = 1; valid && i <= followers; ++i) {
+      valid = (p[i] & 0xC0) == 0x80;
       c = (c << 6) | (p[i] & 0x3F);
     }
-    if (c < smallest || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) return false;
-    *wide++ = static_cast<wchar_t>(c);
-    p += followers + 1;
+    valid = valid && c >= smallest && c <= 0x10FFFF && (c < 0xD800 || c > 0xDFFF);
+    *wide++ = valid ? static_cast<wchar_t>(c) : kReplacementChar;
+    p += valid ? followers + 1 : 1;
   }
   out.resize(static_cast<size_t>(wide - out.data()));
-  return true;
 }
 
 }  // namespace
@@ -229,7 +228,10 @@ void MultiByteToWide(unsigned code_page, std::string_view bytes, std::wstring& o
     out.assign(bytes.begin(), bytes.end());
     return;
   }
-  if (ResolveCodePage(code_page) == kCodePageUtf8 && DecodeWellFormedUtf8(bytes, out)) return;
+  if (ResolveCodePage(code_page) == kCodePageUtf8) {
+    DecodeUtf8(bytes, out);
+    return;
+  }
   iconv_t handle = ThreadConverter(ResolveCodePage(code_page), Direction::kToWide);
   if (handle == kNoHandle) {
     out.clear();

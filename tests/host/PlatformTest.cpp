@@ -34,6 +34,8 @@ TEST(CodePageTest, BytesToWide) {
        L"\uFFFD\uFFFD|\uFFFD\uFFFD\uFFFD|\uFFFD\uFFFD\uFFFD|\uD7FF"},
       {"utf-8 noncharacters and stray bytes", kCodePageUtf8, "\xEF\xBF\xBE\xEF\xB7\x90|\xBF\xFE\xFF|\xF4\x8F\xBF\xBF",
        L"\uFFFE\uFDD0|\uFFFD\uFFFD\uFFFD|\U0010FFFF"},
+      {"utf-8 forms beyond U+10FFFF", kCodePageUtf8, "\xF4\x90\x80\x80|\xF8\x88\x80\x80\x80",
+       L"\uFFFD\uFFFD\uFFFD\uFFFD|\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD"},
       {"invalid gbk goes on", kCodePageGbk, "a\xFF" + kChineseGbk + "\xD6", L"a\uFFFD" + kChinese + L"\uFFFD"},
       {"unknown code page keeps ascii", 12345, "ab\xD6", L"ab\uFFFD"},
   };
