@@ -68,21 +68,6 @@ std::string RecordClaiming(uint32_t captured, size_t present) {
   return out + std::string(present, '\x55');
 }
 
-// SYNs of distinct connections to port 25 that never go on: more than the
-// flow tracker keeps at once.
-std::string SynFlood(size_t count) {
-  std::vector<Frame> frames;
-  frames.reserve(count);
-  for (size_t i = 0; i < count; ++i) {
-    test::Segment segment;
-    segment.source = test::V4(10, 9, static_cast<uint8_t>(i >> 16), static_cast<uint8_t>(i >> 8));
-    segment.source_port = static_cast<uint16_t>(1024 + (i & 0xFF) * 200 + (i >> 16));
-    segment.flags = kTcpSyn;
-    frames.push_back(test::EthernetFrame(segment));
-  }
-  return Records(frames, 500);
-}
-
 struct MalformedCase {
   const char* name;
   std::vector<std::string> files;     // capture files, read in order
@@ -132,8 +117,6 @@ const std::vector<MalformedCase>& Cases() {
       // taken whole; the other seven are skipped.
       {"HeaderLengthsThatLie", {header + SessionBefore() + Records(lies, 900) + SessionAfter()}, kDone,
        {kBefore, kAfter}, {"FILE0", "7 frames were skipped"}},
-      {"SynFloodOfHalfOpenFlows", {header + SessionBefore() + SynFlood(120000) + SessionAfter()}, kDone,
-       {kBefore, kAfter}, {"100000"}},
   };
   return cases;
 }
