@@ -1,8 +1,7 @@
-// The writers' building blocks: JSON texts, line files and their failures,
-// the statistics tree and the diagnosis parameters.
+// The writers' building blocks: line files and their failures, the statistics
+// tree and the diagnosis parameters. JSON texts are checked through HostLogTest.
 #include <gtest/gtest.h>
 
-#include <limits>
 #include <string>
 
 #include "capture/HostDiagnosis.h"
@@ -12,31 +11,6 @@
 
 namespace pelka {
 namespace {
-
-TEST(HostJson, TextsAreEscapedAndNumbersStayNumbers) {
-  struct Case {
-    std::string in, out;
-  } cases[] = {
-      {"plain", "\"plain\""},
-      {"say \"hi\" \\ bye", "\"say \\\"hi\\\" \\\\ bye\""},
-      {"a\r\nb\tc", "\"a\\r\\nb\\tc\""},
-      {std::string("nul\0x\x1f\x7f", 7), "\"nul\\u0000x\\u001f\\u007f\""},
-      {"\xe4\xbd\xa0\xe5\xa5\xbd", "\"\xe4\xbd\xa0\xe5\xa5\xbd\""},  // UTF-8 passes unchanged
-  };
-  for (const Case& c : cases) {
-    std::string out;
-    AppendJsonString(out, c.in);
-    EXPECT_EQ(out, c.out);
-  }
-  EXPECT_EQ(FormatDouble(2.0), "2.0");
-  EXPECT_EQ(FormatDouble(80.5), "80.5");
-  EXPECT_EQ(FormatDouble(0.1), "0.1");
-  JsonObjectLine line;
-  line.Text("w", std::wstring_view(L"\x4F60")).Number("n", 18446744073709551615ull).Double("d", std::numeric_limits<double>::infinity());
-  line.SignedNumber("s", -3).Raw("r", "[1, 2]");
-  EXPECT_EQ(line.Finish(),
-            "{\"w\": \"\xe4\xbd\xa0\", \"n\": 18446744073709551615, \"d\": null, \"s\": -3, \"r\": [1, 2]}");
-}
 
 TEST(HostOutputFile, LinesAreGatheredUntilFlushOr64KiBOrWrittenAtOnceWhenAsked) {
   test::TempFile gathered("");
