@@ -46,28 +46,11 @@ Segment Reversed(Segment segment) {
   return segment;
 }
 
-TEST(ConnectionHashTest, BothDirectionsGoToTheSameWorker) {
-  const std::vector<Segment> connections = {
-      Between(test::V4(10, 0, 0, 1), 40000, test::V4(192, 0, 2, 25), 25),
-      Between(test::V4(192, 0, 2, 25), 25, test::V4(10, 0, 0, 1), 40000),
-      Between(test::V4(10, 0, 0, 1), 25, test::V4(10, 0, 0, 1), 110),  // same address on both sides
-      Between(test::V6(1), 51000, test::V6(2), 143),
-      Between(test::V6(7), 110, test::V6(7), 110),
-  };
-  for (const Segment& segment : connections) {
-    const DecodedPacket there = Decode(test::Ethernet(test::IpPacket(segment)));
-    const DecodedPacket back = Decode(test::Ethernet(test::IpPacket(Reversed(segment))));
-    EXPECT_EQ(ConnectionHash(there), ConnectionHash(back));
-    for (unsigned workers : {1u, 2u, 3u, 64u}) {
-      EXPECT_EQ(WorkerOf(there, workers), WorkerOf(back, workers));
-      EXPECT_LT(WorkerOf(there, workers), workers);
-    }
-  }
-}
-
 // The worker reading a batch names each frame's worker from its first bytes;
 // that must be the worker the decoded frame hashes to, or a connection would
-// be split between two workers.
+// be split between two workers. Both directions of a connection meeting on
+// one worker, and connections spreading over all, are checked by the
+// pipeline tests below.
 TEST(ConnectionHashTest, FrameBytesNameTheDecodedFramesWorker) {
   Segment with_options = Between(test::V4(172, 16, 9, 1), 40123, test::V4(192, 0, 2, 25), 25);
   with_options.ip_options = {1, 1, 1, 0};
@@ -99,21 +82,6 @@ TEST(ConnectionHashTest, FrameBytesNameTheDecodedFramesWorker) {
   }
   EXPECT_EQ(WorkerOfFrame(kLinkEthernet, whole.data(), static_cast<uint32_t>(whole.size()), 1), 0u);
   EXPECT_EQ(WorkerOfFrame(kLinkRaw, whole.data() + 14, static_cast<uint32_t>(whole.size() - 14), 2), kAnyWorker);
-}
-
-TEST(ConnectionHashTest, ConnectionsSpreadOverTheWorkers) {
-  // Client ports in a row, as a busy client opens them, must not crowd onto
-  // one worker.
-  for (const bool ipv6 : {false, true}) {
-    std::map<unsigned, int> per_worker;
-    for (uint16_t port = 40000; port < 40400; ++port) {
-      const Segment segment = ipv6 ? Between(test::V6(1), port, test::V6(2), 25)
-                                   : Between(test::V4(10, 0, 0, 1), port, test::V4(10, 0, 0, 2), 25);
-      ++per_worker[WorkerOf(Decode(test::Ethernet(test::IpPacket(segment))), 4)];
-    }
-    ASSERT_EQ(per_worker.size(), 4u);
-    for (const auto& [worker, count] : per_worker) EXPECT_GT(count, 60) << "worker " << worker;
-  }
 }
 
 // Writes down what each flow hears, keyed by its client endpoint. Flows are
