@@ -12,10 +12,7 @@
 
 #include <filesystem>
 #include <functional>
-#include <regex>
-#include <set>
 #include <string>
-#include <vector>
 
 #include "ProgramHarness.h"
 #include "capture/CommandLine.h"
@@ -205,44 +202,6 @@ TEST(PrivilegeDropProgram, RefusalsStopTheRunBeforeItReads) {
       EXPECT_TRUE(test::ReadJsonLines(out / "emails.jsonl").empty()) << "nothing may be read after a failed switch";
     }
   }
-}
-
-// Copies are named by the packet time alone: headers full of path pieces put
-// nothing outside email_copy/ and give no name of their own.
-TEST(CopyFileNames, ComeFromThePacketTimeNeverFromTheMessage) {
-  REQUIRE_PROGRAM();
-  const std::string hostile = "../../../../tmp/pelka-escape/x";
-  const std::vector<test::Frame> frames = test::SmtpExchange(
-      40001, "HELO ../../host", hostile + "@example.org", "../bob@example.net",
-      {"From: \"" + hostile + "\" <" + hostile + "@example.org>\r\nTo: ../bob@example.net\r\nSubject: " + hostile +
-       ".eml\r\nMIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n--b\r\n"
-       "Content-Type: text/plain\r\n\r\nhi\r\n--b\r\nContent-Type: application/octet-stream; name=\"" + hostile +
-       "\"\r\nContent-Disposition: attachment; filename=\"/etc/" + hostile + "\"\r\n\r\nAAAA\r\n--b--\r\n"});
-  TempDir dir;
-  test::WriteWholeFile(dir / "in.pcap", test::PcapFileHeader() + test::PcapRecords(frames));
-  const fs::path out = dir / "out";
-  const ProgramResult result = test::RunProgram({"--copies", "-q", "-o", out.string(), (dir / "in.pcap").string()});
-  test::ExpectNoCrash(result);
-  ASSERT_EQ(result.status, 0) << result.err;
-  ASSERT_EQ(test::RecordedSubjects(out), std::vector<std::string>{hostile + ".eml"});
-
-  const std::set<std::string> fixed = {"emails.jsonl", "entries.jsonl", "diagnosis.jsonl", "email_log.csv",
-                                       "email_log.txt", "statistics.json", "email_copy"};
-  const std::regex copy_name(R"(\d{4}-\d\d-\d\d \d\d\.\d\d\.\d\d\.\d{1,6}\.eml)");
-  size_t copies = 0;
-  for (const auto& entry : fs::recursive_directory_iterator(out)) {
-    const fs::path relative = entry.path().lexically_relative(out);
-    if (relative.parent_path().empty()) {
-      EXPECT_TRUE(fixed.count(relative.string())) << relative;
-    } else {
-      EXPECT_EQ(relative.parent_path(), "email_copy");
-      EXPECT_TRUE(std::regex_match(relative.filename().string(), copy_name)) << relative;
-      ++copies;
-    }
-  }
-  EXPECT_EQ(copies, 1u);
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 2) << "in.pcap and out/";
-  EXPECT_FALSE(fs::exists("/tmp/pelka-escape"));
 }
 
 }  // namespace
