@@ -1,5 +1,6 @@
-// The writers' building blocks: line files and their failures, the statistics
-// tree and the diagnosis parameters. JSON texts are checked through HostLogTest.
+// The writers' building blocks: line files' failures, the statistics tree and
+// the diagnosis parameters. JSON texts are checked through HostLogTest; lines
+// reaching the files during a run, by StopSignalTest.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -7,34 +8,9 @@
 #include "capture/HostDiagnosis.h"
 #include "capture/HostStatistics.h"
 #include "capture/OutputFiles.h"
-#include "tests/support/TempFile.h"
 
 namespace pelka {
 namespace {
-
-TEST(HostOutputFile, LinesAreGatheredUntilFlushOr64KiBOrWrittenAtOnceWhenAsked) {
-  test::TempFile gathered("");
-  OutputFile file;
-  ASSERT_TRUE(file.Open(gathered.path()));
-  ASSERT_TRUE(file.WriteLine("one"));
-  EXPECT_EQ(test::ReadWholeFile(gathered.path()), "");
-  ASSERT_TRUE(file.Flush());
-  EXPECT_EQ(test::ReadWholeFile(gathered.path()), "one\n");
-  const std::string long_line(40 * 1024, 'x');
-  ASSERT_TRUE(file.WriteLine(long_line));
-  ASSERT_TRUE(file.WriteLine(long_line));
-  EXPECT_EQ(test::ReadWholeFile(gathered.path()).size(), 4 + 2 * (long_line.size() + 1)) << "64 KiB waiting are written";
-  ASSERT_TRUE(file.WriteLine("last"));
-  ASSERT_TRUE(file.Close());
-  EXPECT_EQ(test::ReadWholeFile(gathered.path()).substr(4 + 2 * (long_line.size() + 1)), "last\n");
-  EXPECT_EQ(file.lines(), 4u);
-
-  test::TempFile at_once("");
-  ASSERT_TRUE(file.Open(at_once.path()));
-  file.WriteEachLine(true);
-  ASSERT_TRUE(file.WriteLine("now"));
-  EXPECT_EQ(test::ReadWholeFile(at_once.path()), "now\n");
-}
 
 TEST(HostOutputFile, TheFirstWriteFailureIsKeptAndLaterWritesStop) {
   OutputFile file;
