@@ -259,12 +259,19 @@ inline std::string PcapRecords(const std::vector<Frame>& frames, uint64_t first_
 
 inline Frame EthernetFrame(const Segment& segment) { return {Ethernet(Ipv4Packet(segment)), 0}; }
 
-// A whole SMTP session between 10.0.0.<1>:client_port and 192.0.2.25:25: the
-// client greets with `helo`, sends the message in these packets (the end
-// marker follows them) from `from` to `to`, and quits.
-inline std::vector<Frame> SmtpExchange(uint16_t client_port, const std::string& helo, const std::string& from,
-                                       const std::string& to, const std::vector<std::string>& message,
-                                       bool close = true) {
+// A whole SMTP session between 10.0.0.1:client_port and 192.0.2.25:25 that
+// sends one message with this subject and a body of about `body_bytes`, then
+// quits and, when asked, closes the connection.
+inline std::vector<Frame> SmtpSession(uint16_t client_port, const std::string& subject, size_t body_bytes = 200,
+                                      bool close = true) {
+  std::vector<std::string> message = {"From: Alice <alice@example.org>\r\nTo: Bob <bob@example.net>\r\nSubject: " +
+                                      subject + "\r\nDate: Tue, 14 Nov 2023 22:13:20 +0000\r\n\r\n"};
+  const std::string line(70, 'b');
+  for (size_t sent = 0; sent < body_bytes; sent += 1400) {
+    message.emplace_back();
+    while (message.back().size() + line.size() + 2 <= 1400 && sent + message.back().size() < body_bytes)
+      message.back() += line + "\r\n";
+  }
   Segment client, server;
   client.destination = server.source = V4(192, 0, 2, 25);
   server.destination = client.source;
@@ -281,46 +288,27 @@ inline std::vector<Frame> SmtpExchange(uint16_t client_port, const std::string& 
     frames.push_back(EthernetFrame(segment));
     sender.sequence += static_cast<uint32_t>(payload.size()) + ((flags & (kTcpSyn | kTcpFin)) ? 1 : 0);
   };
-  const auto c = [&](const std::string& text) { send(client, server, kTcpAck | kTcpPsh, text); };
-  const auto s = [&](const std::string& text) { send(server, client, kTcpAck | kTcpPsh, text); };
   send(client, server, kTcpSyn, "");
   send(server, client, kTcpSyn | kTcpAck, "");
   send(client, server, kTcpAck, "");
-  s("220 mx.example.net ESMTP\r\n");
-  c(helo + "\r\n");
-  s("250 mx.example.net\r\n");
-  c("MAIL FROM:<" + from + ">\r\n");
-  s("250 OK\r\n");
-  c("RCPT TO:<" + to + ">\r\n");
-  s("250 OK\r\n");
-  c("DATA\r\n");
-  s("354 go ahead\r\n");
-  for (const std::string& packet : message) c(packet);
-  c(".\r\n");
-  s("250 queued\r\n");
-  c("QUIT\r\n");
-  s("221 bye\r\n");
+  // Server and client take turns.
+  const auto turns = [&](bool client_first, std::vector<std::string> texts) {
+    for (size_t i = 0; i < texts.size(); ++i) {
+      const bool from_client = (i % 2 == 0) == client_first;
+      send(from_client ? client : server, from_client ? server : client, kTcpAck | kTcpPsh, texts[i]);
+    }
+  };
+  turns(false, {"220 mx.example.net ESMTP\r\n", "EHLO client.example.org\r\n", "250 mx.example.net\r\n",
+                "MAIL FROM:<alice@example.org>\r\n", "250 OK\r\n", "RCPT TO:<bob@example.net>\r\n", "250 OK\r\n",
+                "DATA\r\n", "354 go ahead\r\n"});
+  for (const std::string& packet : message) send(client, server, kTcpAck | kTcpPsh, packet);
+  turns(true, {".\r\n", "250 queued\r\n", "QUIT\r\n", "221 bye\r\n"});
   if (close) {
     send(client, server, kTcpFin | kTcpAck, "");
     send(server, client, kTcpFin | kTcpAck, "");
     send(client, server, kTcpAck, "");
   }
   return frames;
-}
-
-// A session that sends one message with this subject and a body of about
-// `body_bytes`, then closes the connection.
-inline std::vector<Frame> SmtpSession(uint16_t client_port, const std::string& subject, size_t body_bytes = 200,
-                                      bool close = true) {
-  std::vector<std::string> message = {"From: Alice <alice@example.org>\r\nTo: Bob <bob@example.net>\r\nSubject: " +
-                                      subject + "\r\nDate: Tue, 14 Nov 2023 22:13:20 +0000\r\n\r\n"};
-  const std::string line(70, 'b');
-  for (size_t sent = 0; sent < body_bytes; sent += 1400) {
-    message.emplace_back();
-    while (message.back().size() + line.size() + 2 <= 1400 && sent + message.back().size() < body_bytes)
-      message.back() += line + "\r\n";
-  }
-  return SmtpExchange(client_port, "EHLO client.example.org", "alice@example.org", "bob@example.net", message, close);
 }
 
 // Sessions made by `session(i)`, `concurrent` of them open at a time, their
