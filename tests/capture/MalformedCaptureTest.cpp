@@ -28,12 +28,8 @@ const std::string kAfter = "After the damage";
 constexpr size_t kEthernetHeader = 14;
 constexpr size_t kTcpOffsetByte = kEthernetHeader + 20 + 12;
 
-std::string Records(const std::vector<Frame>& frames, uint64_t first_index = 0) {
-  return test::PcapRecords(frames, first_index);
-}
-
-std::string SessionBefore() { return Records(test::SmtpSession(40001, kBefore)); }
-std::string SessionAfter() { return Records(test::SmtpSession(40002, kAfter), 1000); }
+std::string SessionBefore() { return test::PcapRecords(test::SmtpSession(40001, kBefore)); }
+std::string SessionAfter() { return test::PcapRecords(test::SmtpSession(40002, kAfter), 1000); }
 
 // Both sessions, the second broken off in its DATA, 20 bytes into a record.
 std::string CutInsideSecondSession() {
@@ -41,7 +37,7 @@ std::string CutInsideSecondSession() {
   const size_t first_body_frame = 13;
   const std::string next_record = test::PcapRecord(after[first_body_frame], test::kCaptureStartUs);
   after.resize(first_body_frame);
-  return test::PcapFileHeader() + SessionBefore() + Records(after, 1000) + next_record.substr(0, 20);
+  return test::PcapFileHeader() + SessionBefore() + test::PcapRecords(after, 1000) + next_record.substr(0, 20);
 }
 
 // A data segment of a third connection on port 25 with one header byte changed.
@@ -115,7 +111,7 @@ const std::vector<MalformedCase>& Cases() {
        {kBefore, kAfter}, {}},
       // The frame claiming 2000 bytes is a cut segment, the one claiming 0 is
       // taken whole; the other seven are skipped.
-      {"HeaderLengthsThatLie", {header + SessionBefore() + Records(lies, 900) + SessionAfter()}, kDone,
+      {"HeaderLengthsThatLie", {header + SessionBefore() + test::PcapRecords(lies, 900) + SessionAfter()}, kDone,
        {kBefore, kAfter}, {"FILE0", "7 frames were skipped"}},
   };
   return cases;
