@@ -101,8 +101,6 @@ const std::vector<MalformedCase>& Cases() {
       {"BadMagic", {"JUNK" + header.substr(4) + SessionBefore()}, kInputProblem, {}, {"FILE0"}},
       {"BadMagicThenAGoodFile", {"JUNK" + header.substr(4), header + SessionBefore()}, kInputProblem, {kBefore},
        {"FILE0"}},
-      {"RecordLongerThanTheRestOfTheFile", {header + SessionBefore() + RecordClaiming(1000, 10)}, kInputProblem,
-       {kBefore}, {"FILE0", "truncated"}},
       {"RecordLengthBeyondAnySnapLength", {header + SessionBefore() + RecordClaiming(0x7FFFFFF0, 64) + SessionAfter()},
        kInputProblem, {kBefore}, {"FILE0"}},
       {"SnapLength64", {test::PcapFileHeader(64) + test::PcapRecords(test::SmtpSession(40001, kBefore), 0, 64)},
