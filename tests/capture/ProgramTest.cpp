@@ -14,7 +14,6 @@
 #include "ProgramHarness.h"
 #include "capture/CommandLine.h"
 #include "capture/MessageFilter.h"
-#include "capture/ModuleLoader.h"
 #include "capture/Progress.h"
 #include "capture/RunSummary.h"
 
@@ -201,18 +200,6 @@ TEST_F(ProgramTest, MissingOrForeignModuleLibraryIsReportedClearly) {
     EXPECT_EQ(result.status, kExitInputProblem);
     EXPECT_THAT(result.err, HasSubstr(c.message));
   }
-}
-
-TEST(ModuleSearch, LooksInTheNamedPlaceThenBesideAndAboveTheProgram) {
-  EXPECT_THAT(ModuleCandidates("/opt/pelka/bin", ""),
-              ::testing::ElementsAre("/opt/pelka/bin/libPelkaEmail.so", "/opt/pelka/libPelkaEmail.so",
-                                     "/opt/pelka/lib/pelka/libPelkaEmail.so"));
-  EXPECT_THAT(ModuleCandidates("/opt/pelka/bin", "/tmp/mine.so").front(), "/tmp/mine.so");
-  // A folder in $PELKA_MODULE means the library inside it.
-  EXPECT_EQ(ModuleCandidates("/x", fs::temp_directory_path().string()).front(),
-            (fs::temp_directory_path() / "libPelkaEmail.so").string());
-  EXPECT_EQ(FindModuleLibrary({"/nonexistent/libPelkaEmail.so", kSample.string()}), kSample.string());
-  EXPECT_EQ(FindModuleLibrary({"/nonexistent/libPelkaEmail.so"}), "");
 }
 
 // Conditions: only messages that meet all of them leave anything behind, one
