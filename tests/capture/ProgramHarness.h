@@ -165,15 +165,11 @@ inline ProgramResult RunProgram(const std::vector<std::string>& args, const std:
 inline std::vector<nlohmann::json> ReadJsonLines(const fs::path& path) {
   std::vector<nlohmann::json> objects;
   const std::string text = ReadWholeFile(path);
-  if (!text.empty()) {
-    EXPECT_EQ(text.back(), '\n') << path << " ends inside a line";
-  }
+  EXPECT_TRUE(text.empty() || text.back() == '\n') << path << " ends inside a line";
   std::istringstream lines(text);
-  std::string line;
-  while (std::getline(lines, line)) {
-    nlohmann::json object = nlohmann::json::parse(line, nullptr, false);
-    EXPECT_TRUE(object.is_object()) << path << ": not a JSON object: " << line;
-    objects.push_back(std::move(object));
+  for (std::string line; std::getline(lines, line);) {
+    objects.push_back(nlohmann::json::parse(line, nullptr, false));
+    EXPECT_TRUE(objects.back().is_object()) << path << ": not a JSON object: " << line;
   }
   return objects;
 }
@@ -181,20 +177,17 @@ inline std::vector<nlohmann::json> ReadJsonLines(const fs::path& path) {
 // The subjects of the records in <out>/emails.jsonl, in order.
 inline std::vector<std::string> RecordedSubjects(const fs::path& out_dir) {
   std::vector<std::string> subjects;
-  for (const nlohmann::json& record : ReadJsonLines(out_dir / "emails.jsonl")) {
+  for (const nlohmann::json& record : ReadJsonLines(out_dir / "emails.jsonl"))
     subjects.push_back(record.value("email_subject", std::string()));
-  }
   return subjects;
 }
 
 // Waits until the file has at least `count` line ends or the time is up.
 inline bool WaitForLines(const fs::path& path, size_t count, std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (LineCount(path) >= count) return true;
+  while (LineCount(path) < count && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return false;
+  return LineCount(path) >= count;
 }
 
 // Every output file the run left ends in whole lines: JSON Lines files parse
