@@ -1,15 +1,12 @@
 // End to end over the shared corpus of real captures: file reading, decoding
-// and flow tracking together.
-#include <gmock/gmock.h>
+// and flow tracking together. Damaged captures are checked through the program
+// (ProgramTest, MalformedCaptureTest).
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "TrackerHarness.h"
 #include "capture/CaptureSource.h"
-#include "support/TempFile.h"
 
 namespace pelka {
 namespace {
@@ -130,36 +127,6 @@ TEST(CaptureCorpusTest, TwinCapturesDeliverTheSamePackets) {
     CorpusRun second({Corpus(b).string()});
     EXPECT_FALSE(first.PacketEvents().empty());
     EXPECT_EQ(first.PacketEvents(), second.PacketEvents());
-  }
-}
-
-// Reading stops at the first damage, after delivering every whole frame
-// before it, with a message naming the file or the damage.
-TEST(CaptureCorpusTest, DamageStopsTheFileAfterItsWholeFrames) {
-  REQUIRE_CORPUS();
-  std::ifstream in(Corpus("smtp-3msgs-one-session.pcap"), std::ios::binary);
-  const std::string whole((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  const test::TempFile cut(whole.substr(0, whole.size() / 2), ".pcap");
-  struct Case {
-    fs::path file;
-    const char* message;
-    uint64_t last_number;  // 0: somewhere past the handshake
-  };
-  const std::vector<Case> cases = {
-      {Corpus("smtp-corrupt-record.pcap"), "smtp-corrupt-record.pcap", 18},  // record 19's length is impossible
-      {cut.path(), "truncated", 0},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.file);
-    CorpusRun run({c.file.string()});
-    EXPECT_EQ(run.status, ReadStatus::kError);
-    EXPECT_THAT(run.source.error(), ::testing::HasSubstr(c.message));
-    if (c.last_number) {
-      EXPECT_EQ(run.last_number, c.last_number);
-    } else {
-      EXPECT_GT(run.last_number, 5u);
-    }
-    EXPECT_EQ(run.tracker.counters().packets_delivered, run.last_number);
   }
 }
 

@@ -29,15 +29,8 @@ struct FlowCase {
 const std::vector<FlowCase>& Cases() {
   static const std::vector<FlowCase> cases = {
       {"handshake, data, FINs, last ACK ends; a later packet is dropped",
-       {{'c', 100, S},
-        {'s', 500, SA},
-        {'c', 101, A},
-        {'s', 501, PA, "220 hi\r\n"},
-        {'c', 101, PA, "QUIT\r\n"},
-        {'c', 107, FA},
-        {'s', 509, FA},
-        {'c', 108, A},
-        {'s', 510, A}},
+       {{'c', 100, S}, {'s', 500, SA}, {'c', 101, A}, {'s', 501, PA, "220 hi\r\n"}, {'c', 101, PA, "QUIT\r\n"},
+        {'c', 107, FA}, {'s', 509, FA}, {'c', 108, A}, {'s', 510, A}},
        {"start 630 10.0.0.1:40000", "#1 1 ", "#2 2 ", "#3 1 ", "#4 2 220 hi\r\n", "#5 1 QUIT\r\n", "#6 1 ", "#7 2 ",
         "#8 1 ", "end closed"}},
       {"retransmission and overlap are trimmed",
@@ -103,6 +96,11 @@ const std::vector<FlowCase>& Cases() {
   return cases;
 }
 
+// Ports that are not mail ports are the "classification" case; Advance()
+// without packets is checked by ParallelPipelineAdvanceTest. Random orders,
+// duplicates and re-cuts are fuzz/capture_flow_tracker.cpp's: its payload
+// bytes carry their sequence numbers, so it fails on any byte delivered twice,
+// out of order or stitched to foreign bytes.
 TEST(FlowTrackerTest, FollowsTheDeliveryRules) {
   for (const FlowCase& c : Cases()) {
     SCOPED_TRACE(c.name);
@@ -178,23 +176,6 @@ TEST(FlowTrackerTest, LiveFlowBoundEndsTheLeastRecentlyActive) {
                                 "end evicted", "start 630 10.0.0.1:40003", "#4 1 d"}));
   EXPECT_EQ(harness.tracker.tracked_connections(), 2u);
   EXPECT_EQ(harness.tracker.counters().flows_evicted, 1u);
-}
-
-TEST(FlowTrackerTest, AdvanceEndsIdleFlowsWithoutPackets) {
-  TrackerHarness harness;
-  harness.Feed({'c', 1, PA, "a", -1, 10});
-  harness.tracker.Advance(500ull * 1000000);
-  EXPECT_EQ(harness.sink.events.size(), 2u);
-  harness.tracker.Advance(611ull * 1000000);
-  EXPECT_EQ(harness.sink.events.back(), "end idle");
-}
-
-TEST(FlowTrackerTest, NonMailPortsCostNoState) {
-  TrackerHarness harness;
-  harness.Feed({'c', 1, PA, "GET /", -1, 0, 40000, 80});
-  EXPECT_TRUE(harness.sink.events.empty());
-  EXPECT_EQ(harness.tracker.tracked_connections(), 0u);
-  EXPECT_EQ(harness.tracker.counters().not_mail, 1u);
 }
 
 }  // namespace

@@ -12,24 +12,12 @@ namespace pelka::test {
 
 using Bytes = std::vector<uint8_t>;
 
-inline IpAddress V4(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
-  IpAddress address;
-  address.version = 4;
-  address.bytes[0] = a;
-  address.bytes[1] = b;
-  address.bytes[2] = c;
-  address.bytes[3] = d;
-  return address;
-}
+inline IpAddress V4(uint8_t a, uint8_t b, uint8_t c, uint8_t d) { return {4, {a, b, c, d}}; }
 
+// 2001:db8::<last>
 inline IpAddress V6(uint16_t last) {
-  IpAddress address;
-  address.version = 6;
-  const uint8_t prefix[4] = {0x20, 0x01, 0x0d, 0xb8};
-  for (int i = 0; i < 4; ++i) address.bytes[i] = prefix[i];
-  address.bytes[14] = static_cast<uint8_t>(last >> 8);
-  address.bytes[15] = static_cast<uint8_t>(last);
-  return address;
+  return {6, {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(last >> 8),
+              static_cast<uint8_t>(last)}};
 }
 
 struct Segment {
@@ -45,29 +33,25 @@ struct Segment {
   Bytes ip_options;   // IPv4 only, a multiple of 4 bytes
 };
 
-inline void PutU16(Bytes& out, uint16_t value) {
-  out.push_back(static_cast<uint8_t>(value >> 8));
-  out.push_back(static_cast<uint8_t>(value));
+// Appends the low `size` bytes of the value, most significant first.
+inline void Put(Bytes& out, uint32_t value, int size) {
+  for (int shift = 8 * (size - 1); shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(value >> shift));
 }
 
-inline void PutU32(Bytes& out, uint32_t value) {
-  PutU16(out, static_cast<uint16_t>(value >> 16));
-  PutU16(out, static_cast<uint16_t>(value));
-}
+inline void Append(Bytes& out, const auto& bytes) { out.insert(out.end(), bytes.begin(), bytes.end()); }
 
 inline Bytes TcpBytes(const Segment& s) {
   Bytes out;
-  PutU16(out, s.source_port);
-  PutU16(out, s.destination_port);
-  PutU32(out, s.sequence);
-  PutU32(out, s.acknowledgement);
-  out.push_back(static_cast<uint8_t>(((20 + s.tcp_options.size()) / 4) << 4));
-  out.push_back(s.flags);
-  PutU16(out, 65535);  // window
-  PutU16(out, 0);      // checksum, not checked
-  PutU16(out, 0);      // urgent pointer
-  out.insert(out.end(), s.tcp_options.begin(), s.tcp_options.end());
-  out.insert(out.end(), s.payload.begin(), s.payload.end());
+  Put(out, s.source_port, 2);
+  Put(out, s.destination_port, 2);
+  Put(out, s.sequence, 4);
+  Put(out, s.acknowledgement, 4);
+  Put(out, static_cast<uint32_t>(((20 + s.tcp_options.size()) / 4) << 4), 1);
+  Put(out, s.flags, 1);
+  Put(out, 65535, 2);  // window
+  Put(out, 0, 4);      // checksum (not checked) and urgent pointer
+  Append(out, s.tcp_options);
+  Append(out, s.payload);
   return out;
 }
 
@@ -75,24 +59,22 @@ inline Bytes TcpBytes(const Segment& s) {
 inline Bytes Ipv4Packet(const Segment& s, uint16_t fragment = 0x4000, uint8_t protocol = 6) {
   const Bytes tcp = TcpBytes(s);
   const size_t header = 20 + s.ip_options.size();
-  Bytes out;
-  out.push_back(static_cast<uint8_t>(0x40 | (header / 4)));
-  out.push_back(0);
-  PutU16(out, static_cast<uint16_t>(header + tcp.size()));
-  PutU16(out, 1);  // identification
-  PutU16(out, fragment);
-  out.push_back(64);
-  out.push_back(protocol);
-  PutU16(out, 0);
+  Bytes out = {static_cast<uint8_t>(0x40 | (header / 4)), 0};
+  Put(out, static_cast<uint32_t>(header + tcp.size()), 2);
+  Put(out, 1, 2);  // identification
+  Put(out, fragment, 2);
+  Put(out, 64, 1);
+  Put(out, protocol, 1);
+  Put(out, 0, 2);
   out.insert(out.end(), s.source.bytes.begin(), s.source.bytes.begin() + 4);
   out.insert(out.end(), s.destination.bytes.begin(), s.destination.bytes.begin() + 4);
-  out.insert(out.end(), s.ip_options.begin(), s.ip_options.end());
-  out.insert(out.end(), tcp.begin(), tcp.end());
+  Append(out, s.ip_options);
+  Append(out, tcp);
   return out;
 }
 
-// An IPv6 packet; `extensions` are (next-header value, header bytes) pairs in
-// order, each header's first byte rewritten to chain to the next.
+// An IPv6 extension header: its next-header value and its bytes, the first of
+// which Ipv6Packet rewrites to chain to the next.
 struct Extension {
   uint8_t type;
   Bytes bytes;
@@ -101,19 +83,17 @@ struct Extension {
 inline Bytes Ipv6Packet(const Segment& s, std::vector<Extension> extensions = {}, uint8_t protocol = 6) {
   Bytes body;
   for (size_t i = 0; i < extensions.size(); ++i) {
-    Bytes header = extensions[i].bytes;
-    header[0] = i + 1 < extensions.size() ? extensions[i + 1].type : protocol;
-    body.insert(body.end(), header.begin(), header.end());
+    extensions[i].bytes[0] = i + 1 < extensions.size() ? extensions[i + 1].type : protocol;
+    Append(body, extensions[i].bytes);
   }
-  const Bytes tcp = TcpBytes(s);
-  body.insert(body.end(), tcp.begin(), tcp.end());
+  Append(body, TcpBytes(s));
   Bytes out = {0x60, 0, 0, 0};
-  PutU16(out, static_cast<uint16_t>(body.size()));
-  out.push_back(extensions.empty() ? protocol : extensions[0].type);
-  out.push_back(64);
-  out.insert(out.end(), s.source.bytes.begin(), s.source.bytes.end());
-  out.insert(out.end(), s.destination.bytes.begin(), s.destination.bytes.end());
-  out.insert(out.end(), body.begin(), body.end());
+  Put(out, static_cast<uint32_t>(body.size()), 2);
+  Put(out, extensions.empty() ? protocol : extensions[0].type, 1);
+  Put(out, 64, 1);
+  Append(out, s.source.bytes);
+  Append(out, s.destination.bytes);
+  Append(out, body);
   return out;
 }
 
@@ -124,37 +104,27 @@ inline uint16_t EtherType(const Bytes& ip) { return (ip[0] >> 4) == 6 ? 0x86DD :
 inline Bytes Ethernet(const Bytes& ip, std::initializer_list<uint16_t> vlan_types = {}) {
   Bytes out = {0x02, 0, 0, 0, 0, 0x02, 0x02, 0, 0, 0, 0, 0x01};
   for (uint16_t type : vlan_types) {
-    PutU16(out, type);
-    PutU16(out, 100);  // tag control: VLAN 100
+    Put(out, type, 2);
+    Put(out, 100, 2);  // tag control: VLAN 100
   }
-  PutU16(out, EtherType(ip));
-  out.insert(out.end(), ip.begin(), ip.end());
+  Put(out, EtherType(ip), 2);
+  Append(out, ip);
   return out;
 }
 
+// Linux cooked headers: outgoing, ARPHRD_ETHER, a 6-byte address.
 inline Bytes Sll(const Bytes& ip) {
-  Bytes out;
-  PutU16(out, 4);  // outgoing
-  PutU16(out, 1);  // ARPHRD_ETHER
-  PutU16(out, 6);
-  const uint8_t mac[8] = {0x02, 0, 0, 0, 0, 0x01, 0, 0};
-  out.insert(out.end(), mac, mac + 8);
-  PutU16(out, EtherType(ip));
-  out.insert(out.end(), ip.begin(), ip.end());
+  Bytes out = {0, 4, 0, 1, 0, 6, 0x02, 0, 0, 0, 0, 0x01, 0, 0};
+  Put(out, EtherType(ip), 2);
+  Append(out, ip);
   return out;
 }
 
 inline Bytes Sll2(const Bytes& ip) {
   Bytes out;
-  PutU16(out, EtherType(ip));
-  PutU16(out, 0);
-  PutU32(out, 2);  // interface index
-  PutU16(out, 1);
-  out.push_back(0);
-  out.push_back(6);
-  const uint8_t mac[8] = {0x02, 0, 0, 0, 0, 0x01, 0, 0};
-  out.insert(out.end(), mac, mac + 8);
-  out.insert(out.end(), ip.begin(), ip.end());
+  Put(out, EtherType(ip), 2);
+  Append(out, Bytes{0, 0, 0, 0, 0, 2, 0, 1, 0, 6, 0x02, 0, 0, 0, 0, 0x01, 0, 0});  // interface 2
+  Append(out, ip);
   return out;
 }
 
@@ -162,11 +132,8 @@ inline Bytes Sll2(const Bytes& ip) {
 // on most capturing machines); loop captures use big-endian.
 inline Bytes Null(const Bytes& ip, uint32_t family, bool big_endian = false) {
   Bytes out;
-  for (int i = 0; i < 4; ++i) {
-    const int shift = big_endian ? 24 - 8 * i : 8 * i;
-    out.push_back(static_cast<uint8_t>(family >> shift));
-  }
-  out.insert(out.end(), ip.begin(), ip.end());
+  Put(out, big_endian ? family : __builtin_bswap32(family), 4);
+  Append(out, ip);
   return out;
 }
 

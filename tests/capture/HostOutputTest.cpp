@@ -1,66 +1,16 @@
-// The writers' building blocks: JSON texts, line files and their failures,
-// the statistics tree and the diagnosis parameters.
+// The writers' building blocks: line files' failures, the statistics tree and
+// the diagnosis parameters. JSON texts are checked through HostLogTest; lines
+// reaching the files during a run, by StopSignalTest.
 #include <gtest/gtest.h>
 
-#include <limits>
 #include <string>
 
 #include "capture/HostDiagnosis.h"
 #include "capture/HostStatistics.h"
 #include "capture/OutputFiles.h"
-#include "tests/support/TempFile.h"
 
 namespace pelka {
 namespace {
-
-TEST(HostJson, TextsAreEscapedAndNumbersStayNumbers) {
-  struct Case {
-    std::string in, out;
-  } cases[] = {
-      {"plain", "\"plain\""},
-      {"say \"hi\" \\ bye", "\"say \\\"hi\\\" \\\\ bye\""},
-      {"a\r\nb\tc", "\"a\\r\\nb\\tc\""},
-      {std::string("nul\0x\x1f\x7f", 7), "\"nul\\u0000x\\u001f\\u007f\""},
-      {"\xe4\xbd\xa0\xe5\xa5\xbd", "\"\xe4\xbd\xa0\xe5\xa5\xbd\""},  // UTF-8 passes unchanged
-  };
-  for (const Case& c : cases) {
-    std::string out;
-    AppendJsonString(out, c.in);
-    EXPECT_EQ(out, c.out);
-  }
-  EXPECT_EQ(FormatDouble(2.0), "2.0");
-  EXPECT_EQ(FormatDouble(80.5), "80.5");
-  EXPECT_EQ(FormatDouble(0.1), "0.1");
-  JsonObjectLine line;
-  line.Text("w", std::wstring_view(L"\x4F60")).Number("n", 18446744073709551615ull).Double("d", std::numeric_limits<double>::infinity());
-  line.SignedNumber("s", -3).Raw("r", "[1, 2]");
-  EXPECT_EQ(line.Finish(),
-            "{\"w\": \"\xe4\xbd\xa0\", \"n\": 18446744073709551615, \"d\": null, \"s\": -3, \"r\": [1, 2]}");
-}
-
-TEST(HostOutputFile, LinesAreGatheredUntilFlushOr64KiBOrWrittenAtOnceWhenAsked) {
-  test::TempFile gathered("");
-  OutputFile file;
-  ASSERT_TRUE(file.Open(gathered.path()));
-  ASSERT_TRUE(file.WriteLine("one"));
-  EXPECT_EQ(test::ReadWholeFile(gathered.path()), "");
-  ASSERT_TRUE(file.Flush());
-  EXPECT_EQ(test::ReadWholeFile(gathered.path()), "one\n");
-  const std::string long_line(40 * 1024, 'x');
-  ASSERT_TRUE(file.WriteLine(long_line));
-  ASSERT_TRUE(file.WriteLine(long_line));
-  EXPECT_EQ(test::ReadWholeFile(gathered.path()).size(), 4 + 2 * (long_line.size() + 1)) << "64 KiB waiting are written";
-  ASSERT_TRUE(file.WriteLine("last"));
-  ASSERT_TRUE(file.Close());
-  EXPECT_EQ(test::ReadWholeFile(gathered.path()).substr(4 + 2 * (long_line.size() + 1)), "last\n");
-  EXPECT_EQ(file.lines(), 4u);
-
-  test::TempFile at_once("");
-  ASSERT_TRUE(file.Open(at_once.path()));
-  file.WriteEachLine(true);
-  ASSERT_TRUE(file.WriteLine("now"));
-  EXPECT_EQ(test::ReadWholeFile(at_once.path()), "now\n");
-}
 
 TEST(HostOutputFile, TheFirstWriteFailureIsKeptAndLaterWritesStop) {
   OutputFile file;

@@ -68,15 +68,34 @@ inline void ExpectNoCrash(const ProgramResult& result) {
   EXPECT_EQ(result.err.find("runtime error"), std::string::npos) << result.err;
 }
 
-// pelka-email as a child process. Standard output and error go to files in a
-// private directory, so that a talkative run never blocks on a full pipe;
-// standard input is a pipe the test may write to, or /dev/null.
+// pelka-email as a child process. Standard output and error go to files, so
+// that a talkative run never blocks on a full pipe; standard input is a pipe
+// the test may write to, or /dev/null.
 class ProgramProcess {
  public:
   // `program` defaults to pelka-email; tests may wrap it in another command.
-  explicit ProgramProcess(const std::vector<std::string>& args, bool stdin_pipe = false,
+  explicit ProgramProcess(std::vector<std::string> args, bool stdin_pipe = false,
                           const std::string& program = ProgramPath().string()) {
-    Start(program, args, stdin_pipe);
+    int ends[2] = {-1, -1};
+    if (stdin_pipe && ::pipe(ends) != 0) return;
+    if (stdin_pipe) ::signal(SIGPIPE, SIG_IGN);  // a program that ends early must fail a write, not kill the test
+    const std::string out_path = (io_ / "stdout").string(), err_path = (io_ / "stderr").string();
+    args.insert(args.begin(), program);
+    std::vector<char*> argv;
+    for (std::string& arg : args) argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::dup2(stdin_pipe ? ends[0] : ::open("/dev/null", O_RDONLY), 0);
+      ::dup2(::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+      ::dup2(::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
+      if (stdin_pipe) ::close(ends[1]);
+      ::signal(SIGPIPE, SIG_DFL);
+      ::execv(argv[0], argv.data());
+      ::_exit(127);
+    }
+    if (stdin_pipe) ::close(ends[0]);
+    stdin_ = ends[1];
   }
   ~ProgramProcess() {
     CloseStdin();
@@ -90,8 +109,7 @@ class ProgramProcess {
 
   // Writes to the program's standard input; false when it stopped reading.
   bool WriteStdin(const std::string& bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
+    for (size_t done = 0; done < bytes.size();) {
       const ssize_t n = ::write(stdin_, bytes.data() + done, bytes.size() - done);
       if (n <= 0) return false;
       done += static_cast<size_t>(n);
@@ -105,71 +123,35 @@ class ProgramProcess {
   void Signal(int number) {
     if (pid_ > 0) ::kill(pid_, number);
   }
-  bool Running() {
-    if (pid_ <= 0) return false;
-    if (::waitpid(pid_, &wait_status_, WNOHANG) == 0) return true;
-    pid_ = -1;
-    finished_ = true;
-    return false;
-  }
 
   // Waits for the end; a program still running after `limit` is killed and
   // reported as not exited.
   ProgramResult Wait(std::chrono::seconds limit = std::chrono::seconds(120)) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (Running() && std::chrono::steady_clock::now() < deadline) {
+    int status = 0;
+    bool finished = false;
+    while (pid_ > 0 && !(finished = ::waitpid(pid_, &status, WNOHANG) != 0) &&
+           std::chrono::steady_clock::now() < deadline) {
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    if (pid_ > 0) {
+    if (pid_ > 0 && !finished) {
       ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, &wait_status_, 0);
-      pid_ = -1;
-      finished_ = false;
+      ::waitpid(pid_, &status, 0);
     }
+    pid_ = -1;
     ProgramResult result;
-    result.exited = finished_ && WIFEXITED(wait_status_);
-    result.status = result.exited ? WEXITSTATUS(wait_status_) : -1;
-    result.signal = finished_ && WIFSIGNALED(wait_status_) ? WTERMSIG(wait_status_) : 0;
+    result.exited = finished && WIFEXITED(status);
+    result.status = result.exited ? WEXITSTATUS(status) : -1;
+    result.signal = finished && WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     result.out = ReadWholeFile(io_ / "stdout");
     result.err = ReadWholeFile(io_ / "stderr");
     return result;
   }
 
  private:
-  void Start(const std::string& program, const std::vector<std::string>& args, bool stdin_pipe) {
-    int pipe_ends[2] = {-1, -1};
-    if (stdin_pipe && ::pipe(pipe_ends) != 0) return;
-    // A program that ends early must fail a write, not kill the test.
-    if (stdin_pipe) ::signal(SIGPIPE, SIG_IGN);
-    const std::string out_path = (io_ / "stdout").string();
-    const std::string err_path = (io_ / "stderr").string();
-    std::vector<std::string> argv_text = {program};
-    argv_text.insert(argv_text.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (std::string& arg : argv_text) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      const int in = stdin_pipe ? pipe_ends[0] : ::open("/dev/null", O_RDONLY);
-      ::dup2(in, 0);
-      ::dup2(::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
-      ::dup2(::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
-      if (stdin_pipe) ::close(pipe_ends[1]);
-      ::signal(SIGPIPE, SIG_DFL);
-      ::execv(argv[0], argv.data());
-      ::_exit(127);
-    }
-    if (stdin_pipe) {
-      ::close(pipe_ends[0]);
-      stdin_ = pipe_ends[1];
-    }
-  }
-
   TempDir io_;
   pid_t pid_ = -1;
   int stdin_ = -1;
-  int wait_status_ = 0;
-  bool finished_ = false;
 };
 
 inline ProgramResult RunProgram(const std::vector<std::string>& args, const std::string& program = ProgramPath().string()) {
@@ -183,15 +165,11 @@ inline ProgramResult RunProgram(const std::vector<std::string>& args, const std:
 inline std::vector<nlohmann::json> ReadJsonLines(const fs::path& path) {
   std::vector<nlohmann::json> objects;
   const std::string text = ReadWholeFile(path);
-  if (!text.empty()) {
-    EXPECT_EQ(text.back(), '\n') << path << " ends inside a line";
-  }
+  EXPECT_TRUE(text.empty() || text.back() == '\n') << path << " ends inside a line";
   std::istringstream lines(text);
-  std::string line;
-  while (std::getline(lines, line)) {
-    nlohmann::json object = nlohmann::json::parse(line, nullptr, false);
-    EXPECT_TRUE(object.is_object()) << path << ": not a JSON object: " << line;
-    objects.push_back(std::move(object));
+  for (std::string line; std::getline(lines, line);) {
+    objects.push_back(nlohmann::json::parse(line, nullptr, false));
+    EXPECT_TRUE(objects.back().is_object()) << path << ": not a JSON object: " << line;
   }
   return objects;
 }
@@ -199,37 +177,33 @@ inline std::vector<nlohmann::json> ReadJsonLines(const fs::path& path) {
 // The subjects of the records in <out>/emails.jsonl, in order.
 inline std::vector<std::string> RecordedSubjects(const fs::path& out_dir) {
   std::vector<std::string> subjects;
-  for (const nlohmann::json& record : ReadJsonLines(out_dir / "emails.jsonl")) {
+  for (const nlohmann::json& record : ReadJsonLines(out_dir / "emails.jsonl"))
     subjects.push_back(record.value("email_subject", std::string()));
-  }
   return subjects;
 }
 
 // Waits until the file has at least `count` line ends or the time is up.
 inline bool WaitForLines(const fs::path& path, size_t count, std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (LineCount(path) >= count) return true;
+  while (LineCount(path) < count && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return false;
+  return LineCount(path) >= count;
 }
 
 // Every output file the run left ends in whole lines: JSON Lines files parse
-// line by line, the export files end with a line end, statistics.json parses
-// when present. Files that are not regular (a link to /dev/full) are passed over.
+// line by line, statistics.json parses when present. Files that are not
+// regular (a link to /dev/full) are passed over.
 inline void ExpectWholeLines(const fs::path& out_dir) {
-  const auto text = [&out_dir](const char* name) {
-    return fs::is_regular_file(out_dir / name) ? ReadWholeFile(out_dir / name) : std::string();
-  };
-  for (const char* name : {"emails.jsonl", "entries.jsonl", "diagnosis.jsonl"}) {
-    if (fs::is_regular_file(out_dir / name)) ReadJsonLines(out_dir / name);
+  for (const char* name : {"emails.jsonl", "entries.jsonl", "diagnosis.jsonl", "email_log.csv", "email_log.txt"}) {
+    if (!fs::is_regular_file(out_dir / name)) continue;
+    const std::string text = ReadWholeFile(out_dir / name);
+    EXPECT_TRUE(text.empty() || text.back() == '\n') << name << " ends inside a line";
+    if (std::string(name).ends_with(".jsonl")) ReadJsonLines(out_dir / name);
   }
-  for (const char* name : {"email_log.csv", "email_log.txt"}) {
-    EXPECT_TRUE(text(name).empty() || text(name).back() == '\n') << name << " ends inside a line";
+  if (fs::is_regular_file(out_dir / "statistics.json")) {
+    const std::string statistics = ReadWholeFile(out_dir / "statistics.json");
+    EXPECT_TRUE(statistics.empty() || nlohmann::json::parse(statistics, nullptr, false).is_object()) << statistics;
   }
-  const std::string statistics = text("statistics.json");
-  EXPECT_TRUE(statistics.empty() || nlohmann::json::parse(statistics, nullptr, false).is_object()) << statistics;
 }
 
 // --- Captures built from bytes -------------------------------------------
@@ -259,14 +233,12 @@ struct Frame {
 // snap length would.
 inline std::string PcapRecord(const Frame& frame, uint64_t time_us, uint32_t snap = UINT32_MAX) {
   const uint32_t captured = std::min<uint32_t>(static_cast<uint32_t>(frame.bytes.size()), snap);
-  const uint32_t wire = frame.wire_length ? frame.wire_length : static_cast<uint32_t>(frame.bytes.size());
   std::string out;
-  for (uint32_t field : {static_cast<uint32_t>(time_us / 1000000), static_cast<uint32_t>(time_us % 1000000), captured,
-                         wire}) {
-    PutLe32(out, field);
-  }
-  out.append(frame.bytes.begin(), frame.bytes.begin() + captured);
-  return out;
+  PutLe32(out, static_cast<uint32_t>(time_us / 1000000));
+  PutLe32(out, static_cast<uint32_t>(time_us % 1000000));
+  PutLe32(out, captured);
+  PutLe32(out, frame.wire_length ? frame.wire_length : static_cast<uint32_t>(frame.bytes.size()));
+  return out.append(frame.bytes.begin(), frame.bytes.begin() + captured);
 }
 
 // Frames in order, 100 microseconds apart.
@@ -280,79 +252,9 @@ inline std::string PcapRecords(const std::vector<Frame>& frames, uint64_t first_
 
 inline Frame EthernetFrame(const Segment& segment) { return {Ethernet(Ipv4Packet(segment)), 0}; }
 
-// A TCP connection between a client and a server on port 25, as frames.
-class TcpConversation {
- public:
-  TcpConversation(uint16_t client_port, uint8_t client_host = 1) {
-    client_.source = V4(10, 0, 0, client_host);
-    client_.destination = V4(192, 0, 2, 25);
-    client_.source_port = client_port;
-    client_.destination_port = 25;
-    client_.sequence = 1000u + client_port;
-    server_.source = client_.destination;
-    server_.destination = client_.source;
-    server_.source_port = 25;
-    server_.destination_port = client_port;
-    server_.sequence = 90000u + client_port;
-  }
-
-  void Handshake() {
-    Send(client_, server_, kTcpSyn, "");
-    Send(server_, client_, kTcpSyn | kTcpAck, "");
-    Send(client_, server_, kTcpAck, "");
-  }
-  void Client(const std::string& text) { Send(client_, server_, kTcpAck | kTcpPsh, text); }
-  void Server(const std::string& text) { Send(server_, client_, kTcpAck | kTcpPsh, text); }
-  void Close() {
-    Send(client_, server_, kTcpFin | kTcpAck, "");
-    Send(server_, client_, kTcpFin | kTcpAck, "");
-    Send(client_, server_, kTcpAck, "");
-  }
-
-  std::vector<Frame>& frames() { return frames_; }
-
- private:
-  void Send(Segment& from, Segment& to, uint8_t flags, const std::string& payload) {
-    Segment segment = from;
-    segment.flags = flags;
-    segment.acknowledgement = (flags & kTcpAck) ? to.sequence : 0;
-    segment.payload = payload;
-    frames_.push_back(EthernetFrame(segment));
-    from.sequence += static_cast<uint32_t>(payload.size()) + ((flags & (kTcpSyn | kTcpFin)) ? 1 : 0);
-  }
-
-  Segment client_;
-  Segment server_;
-  std::vector<Frame> frames_;
-};
-
-// A whole SMTP session: the client greets with `helo`, sends the message in
-// these packets (the end marker follows them) from `from` to `to`, and quits.
-inline std::vector<Frame> SmtpExchange(uint16_t client_port, const std::string& helo, const std::string& from,
-                                       const std::string& to, const std::vector<std::string>& message,
-                                       bool close = true) {
-  TcpConversation c(client_port);
-  c.Handshake();
-  c.Server("220 mx.example.net ESMTP\r\n");
-  c.Client(helo + "\r\n");
-  c.Server("250 mx.example.net\r\n");
-  c.Client("MAIL FROM:<" + from + ">\r\n");
-  c.Server("250 OK\r\n");
-  c.Client("RCPT TO:<" + to + ">\r\n");
-  c.Server("250 OK\r\n");
-  c.Client("DATA\r\n");
-  c.Server("354 go ahead\r\n");
-  for (const std::string& packet : message) c.Client(packet);
-  c.Client(".\r\n");
-  c.Server("250 queued\r\n");
-  c.Client("QUIT\r\n");
-  c.Server("221 bye\r\n");
-  if (close) c.Close();
-  return std::move(c.frames());
-}
-
-// A session that sends one message with this subject and a body of about
-// `body_bytes`, then closes the connection.
+// A whole SMTP session between 10.0.0.1:client_port and 192.0.2.25:25 that
+// sends one message with this subject and a body of about `body_bytes`, then
+// quits and, when asked, closes the connection.
 inline std::vector<Frame> SmtpSession(uint16_t client_port, const std::string& subject, size_t body_bytes = 200,
                                       bool close = true) {
   std::vector<std::string> message = {"From: Alice <alice@example.org>\r\nTo: Bob <bob@example.net>\r\nSubject: " +
@@ -363,7 +265,43 @@ inline std::vector<Frame> SmtpSession(uint16_t client_port, const std::string& s
     while (message.back().size() + line.size() + 2 <= 1400 && sent + message.back().size() < body_bytes)
       message.back() += line + "\r\n";
   }
-  return SmtpExchange(client_port, "EHLO client.example.org", "alice@example.org", "bob@example.net", message, close);
+  Segment client, server;
+  client.destination = server.source = V4(192, 0, 2, 25);
+  server.destination = client.source;
+  client.source_port = server.destination_port = client_port;
+  server.source_port = 25;
+  client.sequence = 1000u + client_port;
+  server.sequence = 90000u + client_port;
+  std::vector<Frame> frames;
+  const auto send = [&frames](Segment& sender, const Segment& receiver, uint8_t flags, const std::string& payload) {
+    Segment segment = sender;
+    segment.flags = flags;
+    segment.acknowledgement = (flags & kTcpAck) ? receiver.sequence : 0;
+    segment.payload = payload;
+    frames.push_back(EthernetFrame(segment));
+    sender.sequence += static_cast<uint32_t>(payload.size()) + ((flags & (kTcpSyn | kTcpFin)) ? 1 : 0);
+  };
+  send(client, server, kTcpSyn, "");
+  send(server, client, kTcpSyn | kTcpAck, "");
+  send(client, server, kTcpAck, "");
+  // Server and client take turns.
+  const auto turns = [&](bool client_first, std::vector<std::string> texts) {
+    for (size_t i = 0; i < texts.size(); ++i) {
+      const bool from_client = (i % 2 == 0) == client_first;
+      send(from_client ? client : server, from_client ? server : client, kTcpAck | kTcpPsh, texts[i]);
+    }
+  };
+  turns(false, {"220 mx.example.net ESMTP\r\n", "EHLO client.example.org\r\n", "250 mx.example.net\r\n",
+                "MAIL FROM:<alice@example.org>\r\n", "250 OK\r\n", "RCPT TO:<bob@example.net>\r\n", "250 OK\r\n",
+                "DATA\r\n", "354 go ahead\r\n"});
+  for (const std::string& packet : message) send(client, server, kTcpAck | kTcpPsh, packet);
+  turns(true, {".\r\n", "250 queued\r\n", "QUIT\r\n", "221 bye\r\n"});
+  if (close) {
+    send(client, server, kTcpFin | kTcpAck, "");
+    send(server, client, kTcpFin | kTcpAck, "");
+    send(client, server, kTcpAck, "");
+  }
+  return frames;
 }
 
 // Sessions made by `session(i)`, `concurrent` of them open at a time, their

@@ -152,31 +152,28 @@ class StopSignalTest : public ::testing::TestWithParam<StopCase> {
   static constexpr size_t kBigSessions = 6000;
   static constexpr size_t kPipeSessions = 30;
 
-  static void SetUpTestSuite() {
-    big_dir_ = new TempDir;
-    // Fifty sessions open at a time, so that the signal finds many flows open.
-    test::WriteWholeFile(*big_dir_ / "big.pcap",
-                         test::PcapFileHeader() + test::PcapRecords(test::Interleaved(kBigSessions, 50, [](size_t i) {
-                           return test::SmtpSession(static_cast<uint16_t>(1024 + i), "Message " + std::to_string(i),
-                                                    8000);
-                         })));
+  // Fifty sessions open at a time, so that the signal finds many flows open;
+  // made once for all cases.
+  static std::string BigCapture() {
+    static const TempDir dir;
+    static const path capture = dir / "big.pcap";
+    if (!test::fs::exists(capture)) {
+      test::WriteWholeFile(capture, test::PcapFileHeader() + test::PcapRecords(test::Interleaved(
+                                        kBigSessions, 50, [](size_t i) {
+                                          return test::SmtpSession(static_cast<uint16_t>(1024 + i),
+                                                                   "Message " + std::to_string(i), 8000);
+                                        })));
+    }
+    return capture.string();
   }
-  static void TearDownTestSuite() {
-    delete big_dir_;
-    big_dir_ = nullptr;
-  }
-
-  static TempDir* big_dir_;
 };
-
-TempDir* StopSignalTest::big_dir_ = nullptr;
 
 TEST_P(StopSignalTest, StopsCleanlyKeepingWholeLines) {
   REQUIRE_PROGRAM();
   const StopCase& c = GetParam();
   TempDir dir;
   const path out = dir / "out";
-  const std::string input = c.from_pipe ? "-" : (*big_dir_ / "big.pcap").string();
+  const std::string input = c.from_pipe ? "-" : BigCapture();
   test::ProgramProcess process({"--threads", c.threads, "-o", out.string(), input}, c.from_pipe);
   if (c.from_pipe) {
     // The stream stays open: the program waits for more when the signal comes.
