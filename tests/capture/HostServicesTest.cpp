@@ -150,8 +150,18 @@ TEST_F(HostServicesTest, OneSmtpMessageGivesItsRecordEntryExportLinesAndStatisti
                                        "\"IMAP4\": {\"Count\": 0}}}\n");
   EXPECT_EQ(Output("diagnosis.jsonl"), "");
 
-  // The export lines are the module's (EmailLogExportTest) over the host's
-  // field texts (HostLogTest); their header and count, in ExportLinesComeInBatches.
+  // Every column in order, as written. Default captions (no string table);
+  // commas inside values become fullwidth commas in the comma-separated form only.
+  EXPECT_EQ(Output("email_log.csv"),
+            "日期时间, 客户端地址, 客户端端口, 服务器地址, 服务器端口, 发送者, 发送邮件地址, 接收者, 接收邮件地址, "
+            "抄送, 标题, 发送时间, 文件大小(字节), 协议, 邮件客户端, 帐户, 附件\r\n"
+            "2023-11-14 22:13:20, 10.0.0.1, 40000, 10.0.0.2, 25, Alice , alice@example.com, Bob , bob@example.org, "
+            ", Hello， world, Mon， 2 Jan 2023 10:00:00 +0000, " + size + ", SMTP, TestMailer 1.0, , \r\n");
+  EXPECT_EQ(Output("email_log.txt"),
+            "日期时间 客户端地址 客户端端口 服务器地址 服务器端口 发送者 发送邮件地址 接收者 接收邮件地址 "
+            "抄送 标题 发送时间 文件大小(字节) 协议 邮件客户端 帐户 附件\r\n"
+            "2023-11-14 22:13:20 10.0.0.1:40000 10.0.0.2:25 \"Alice \" alice@example.com \"Bob \" bob@example.org "
+            "\"\" Hello, world Mon, 2 Jan 2023 10:00:00 +0000 " + size + " SMTP \"TestMailer 1.0\"  \"\"\r\n");
   EXPECT_FALSE(std::filesystem::exists(out_ / "run" / "email_copy"));
 }
 

@@ -28,8 +28,8 @@ std::vector<std::pair<std::string, std::wstring>> EmailLogColumns() {
   return columns;
 }
 
-// The full line of every field is compared in the host's output tests; here
-// an empty field, null ones, and commas at either end and doubled.
+// Lines with every field filled are compared in HostServicesTest; here an
+// empty field, null ones, and commas at either end and doubled.
 const InMemoryRecordSet::Row kRow = {{"timestamp", L"T"}, {"email_sender", L""}, {"email_subject", L",x,, y,"}};
 
 // Default captions: the process loads no string table.
