@@ -56,9 +56,6 @@ class CTQMultiReplaceImplT {
   // replacer's own buffer, valid until the next Replace or destruction.
   const Char* Replace(const Char* text);
 
-  // Characters the result buffer can hold (0 before the first replacement).
-  size_t ResultCapacity() const { return result_.size(); }
-
  private:
   struct Entry {
     std::basic_string<Char> pattern;
