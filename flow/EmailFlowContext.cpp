@@ -23,6 +23,7 @@ CEmailFlowContext::CEmailFlowContext(CPelkaEmailModule* owner, IPelkaFlow* host_
     : flow(host_flow), module(owner) {
   ResetMessage();
   flow_data = RefPtr<CEmailFlowDataImpl>::Adopt(new CEmailFlowDataImpl);
+  if (owner) flow_data->set_buffer_pool(&owner->message_buffers());
 }
 
 CEmailFlowContext::~CEmailFlowContext() {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -34,7 +35,16 @@ uint32_t CEmailFlowDataImpl::Reserve(uint32_t capacity) {
   return 0;
 }
 
+CEmailFlowDataImpl::~CEmailFlowDataImpl() {
+  if (pool_ && owned_) pool_->Give({std::move(owned_), allocated_});
+}
+
 bool CEmailFlowDataImpl::MakeRoom(uint64_t capacity) {
+  if (allocated_ == 0 && pool_) {
+    MessageBuffer kept = pool_->Take();
+    owned_ = std::move(kept.bytes);
+    allocated_ = kept.size;
+  }
   if (capacity <= allocated_) {
     // Growing within the allocation: compacting is all that is left to do.
     if (start_offset_ && retained_length_) {
@@ -57,7 +67,7 @@ bool CEmailFlowDataImpl::MakeRoom(uint64_t capacity) {
     (void)owned_.release();
     owned_.reset(grown);
   } else {
-    std::unique_ptr<uint8_t, FreeBytes> grown(static_cast<uint8_t*>(std::malloc(size)));
+    MessageBytes grown(static_cast<uint8_t*>(std::malloc(size)));
     if (!grown) return false;
     if (retained_length_) std::memcpy(grown.get(), owned_.get() + start_offset_, retained_length_);
     owned_ = std::move(grown);

@@ -10,9 +10,9 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 
+#include "flow/MessageBufferPool.h"
 #include "host/FlowData.h"
 
 namespace pelka {
@@ -20,7 +20,8 @@ namespace pelka {
 class CEmailFlowDataImpl final : public CTQObjectImplT<CPAEFlowData, CTQMultiThreadModel> {
  public:
   CEmailFlowDataImpl() = default;
-  ~CEmailFlowDataImpl() override = default;
+  // The buffer goes back to the pool, if the store has one.
+  ~CEmailFlowDataImpl() override;
   CEmailFlowDataImpl(const CEmailFlowDataImpl&) = delete;
   CEmailFlowDataImpl& operator=(const CEmailFlowDataImpl&) = delete;
 
@@ -30,6 +31,9 @@ class CEmailFlowDataImpl final : public CTQObjectImplT<CPAEFlowData, CTQMultiThr
   // only by what is needed: a message is cut soon after the longest length
   // collected, so pages doubled beyond it would stay unused.
   void set_growth_limit(uint32_t bytes) { growth_limit_ = bytes; }
+  // The store's first buffer comes from `pool` when it has one, and the
+  // buffer goes back there at the end. The pool must outlive the store.
+  void set_buffer_pool(MessageBufferPool* pool) { pool_ = pool; }
   uint32_t GetSize() override { return GetLength(); }
   void Append(const uint8_t* bytes, uint32_t length) override;
   void Consume(uint32_t count) override;
@@ -97,12 +101,8 @@ class CEmailFlowDataImpl final : public CTQObjectImplT<CPAEFlowData, CTQMultiThr
   uint32_t capacity_ = 0;
   uint32_t allocated_ = 0;
   uint32_t growth_limit_ = 0;
-  struct FreeBytes {
-    void operator()(uint8_t* bytes) const { std::free(bytes); }
-  };
-  // Allocated with malloc so that growing can use realloc, which moves large
-  // buffers without copying them.
-  std::unique_ptr<uint8_t, FreeBytes> owned_;
+  MessageBufferPool* pool_ = nullptr;
+  MessageBytes owned_;
   uint32_t retained_length_ = 0;
   uint32_t start_offset_ = 0;
   const uint8_t* staged_ = nullptr;

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "flow/EmailFlowContext.h"
+#include "flow/MessageBufferPool.h"
 #include "flow/MultiPatternSearcher.h"
 #include "host/FlowInterfaces.h"
 #include "host/ModuleFramework.h"
@@ -122,6 +123,8 @@ class CPelkaEmailModule : public CPelkaEmailModuleBase {
   void set_max_flow_length(uint32_t bytes) { max_flow_length_.store(bytes, std::memory_order_relaxed); }
   const CMultiPatternSearcher& end_marker_searcher() const { return end_marker_searcher_; }
   uint64_t last_email_number() const { return email_number_.load(); }
+  // Grown message buffers of ended flows, for the flows that start later.
+  MessageBufferPool& message_buffers() { return message_buffers_; }
 
   // Host services; null when the host does not offer them.
   IPelkaLogService* log_service() const { return log_service_; }
@@ -165,6 +168,7 @@ class CPelkaEmailModule : public CPelkaEmailModuleBase {
   std::atomic<uint32_t> max_flow_length_{kDefaultMaxFlowLength};
   std::wstring text_holder_;
   CMultiPatternSearcher end_marker_searcher_;
+  MessageBufferPool message_buffers_;
 };
 
 }  // namespace pelka

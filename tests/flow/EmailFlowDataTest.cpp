@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <random>
 #include <string>
 #include <tuple>
@@ -52,6 +53,42 @@ TEST(FlowDataStorage, StagedBytesReadInOrderAndConsumeDropsFromTheFront) {
     EXPECT_EQ(length, rest.size()) << count;
     EXPECT_EQ(length ? Text(consumed->GetBuffer(0, length), length) : "", rest) << count;
   }
+}
+
+MessageBuffer BufferOfSize(uint32_t size) { return {MessageBytes(static_cast<uint8_t*>(std::malloc(size))), size}; }
+
+TEST(MessageBufferPoolTest, KeepsTheLargestBuffersAndHandsOutTheLargestFirst) {
+  MessageBufferPool pool;
+  for (uint32_t size = 1; size <= MessageBufferPool::kKept + 2; ++size) pool.Give(BufferOfSize(size * 100));
+  pool.Give({});  // an empty buffer is not kept
+  std::vector<uint32_t> taken;
+  for (MessageBuffer buffer = pool.Take(); buffer.bytes; buffer = pool.Take()) taken.push_back(buffer.size);
+  ASSERT_EQ(taken.size(), MessageBufferPool::kKept);
+  EXPECT_EQ(taken.front(), (MessageBufferPool::kKept + 2) * 100);
+  EXPECT_EQ(taken.back(), 300u) << "the two smallest were dropped";
+  EXPECT_TRUE(std::is_sorted(taken.rbegin(), taken.rend()));
+}
+
+TEST(MessageBufferPoolTest, AStoreStartsInTheBufferAnEndedStoreLeft) {
+  MessageBufferPool pool;
+  const std::string packet(1000, 'x');
+  const uint8_t* first_buffer = nullptr;
+  {
+    CEmailFlowDataImpl first;
+    first.set_buffer_pool(&pool);
+    for (int i = 0; i < 100; ++i) {
+      first.Append(Bytes(packet), static_cast<uint32_t>(packet.size()));
+      first.Commit();
+    }
+    first_buffer = first.GetOwnedBuffer();
+  }
+  CEmailFlowDataImpl second;
+  second.set_buffer_pool(&pool);
+  second.Append(Bytes("hello"), 5);
+  second.Commit();
+  EXPECT_EQ(second.GetOwnedBuffer(), first_buffer);
+  EXPECT_EQ(Text(second.GetBuffer(0, 5), 5), "hello");
+  EXPECT_FALSE(pool.Take().bytes) << "the pool's only buffer is in use";
 }
 
 TEST(FlowDataSearch, FindBytesNeverTestsANeedleEndingAtTheRangeEnd) {
