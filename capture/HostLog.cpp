@@ -443,35 +443,66 @@ uint32_t HostLog::PostRecord(IPelkaLogRecord* handle) {
   }
   // The record is the caller's alone now: its line is built without a lock.
   if (outputs_.records) WriteRecordLine(*record);
-  const std::lock_guard<std::mutex> lock(mutex_);
-  batch_->Add(std::move(record));
-  if (batch_->GetRecordCount() >= kExportBatch) Export(!header_written_);
+  std::unique_ptr<Batch> full;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    batch_->Add(std::move(record));
+    if (batch_->GetRecordCount() < kExportBatch) return 0;
+    full = TakeBatch();
+  }
+  ExportBatch(std::move(full), false);
   return 0;
 }
 
-void HostLog::Export(bool header) {
-  const auto found = std::find_if(storages_.begin(), storages_.end(), [](const auto& s) { return s->export_fn(); });
-  if (found != storages_.end()) {
-    const PelkaLogExportFn export_fn = (*found)->export_fn();
-    // The comma-separated form is 0; any other number asks for the text form.
-    const std::pair<uint32_t, OutputFile*> forms[] = {{0, outputs_.csv}, {1, outputs_.text}};
-    for (const auto& [format, file] : forms) {
-      if (!file) continue;
-      export_lines_.clear();
-      export_fn(batch_.get(), format, header ? 1 : 0, export_lines_);
-      if (export_lines_.empty()) continue;
-      WideToMultiByte(kCodePageUtf8, export_lines_, export_utf8_);
-      file->Write(export_utf8_);
-    }
-    header_written_ = true;
+std::unique_ptr<HostLog::Batch> HostLog::TakeBatch() {
+  std::unique_ptr<Batch> taken;
+  if (spare_batches_.empty()) {
+    taken = std::make_unique<Batch>(*columns_, export_times_);
+  } else {
+    taken = std::move(spare_batches_.back());
+    spare_batches_.pop_back();
   }
-  const std::lock_guard<std::mutex> lock(open_mutex_);
-  batch_->Clear(spare_);
+  batch_.swap(taken);
+  return taken;
+}
+
+void HostLog::ExportBatch(std::unique_ptr<Batch> batch, bool even_empty) {
+  {
+    const std::lock_guard<std::mutex> lock(export_mutex_);
+    if (!batch->empty() || (even_empty && !header_written_)) Export(*batch, !header_written_);
+  }
+  {
+    const std::lock_guard<std::mutex> lock(open_mutex_);
+    batch->Clear(spare_);
+  }
+  const std::lock_guard<std::mutex> lock(mutex_);
+  spare_batches_.push_back(std::move(batch));
+}
+
+void HostLog::Export(Batch& batch, bool header) {
+  const auto found = std::find_if(storages_.begin(), storages_.end(), [](const auto& s) { return s->export_fn(); });
+  if (found == storages_.end()) return;
+  const PelkaLogExportFn export_fn = (*found)->export_fn();
+  // The comma-separated form is 0; any other number asks for the text form.
+  const std::pair<uint32_t, OutputFile*> forms[] = {{0, outputs_.csv}, {1, outputs_.text}};
+  for (const auto& [format, file] : forms) {
+    if (!file) continue;
+    export_lines_.clear();
+    export_fn(&batch, format, header ? 1 : 0, export_lines_);
+    if (export_lines_.empty()) continue;
+    WideToMultiByte(kCodePageUtf8, export_lines_, export_utf8_);
+    file->Write(export_utf8_);
+  }
+  header_written_ = true;
 }
 
 void HostLog::Finish() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (!batch_->empty() || !header_written_) Export(!header_written_);
+  std::unique_ptr<Batch> last;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    last = TakeBatch();
+  }
+  ExportBatch(std::move(last), true);
 }
 
 // --- The service ---------------------------------------------------------------------

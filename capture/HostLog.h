@@ -23,8 +23,10 @@
 // - Threads: logs, columns and storage kinds are made before flows are
 //   handled. Records and entries may then come from several threads at once:
 //   a record's line is built by the thread that posts it, without a lock;
-//   the open records, the export batch (the export callback is only ever
-//   called under its lock) and the entry lines each have a lock of their own.
+//   the open records, the batch being filled, the export (the export
+//   callback is only ever called under its lock) and the entry lines each
+//   have a lock of their own. With several threads, batches may be exported
+//   in another order than they filled; the header line is always first.
 // - Cost: a record is made, filled and written without allocating once the
 //   log has run a while. Records are reused after their export, their field
 //   texts are kept in one buffer per record, and the lines are built in
@@ -148,7 +150,13 @@ class HostLog final : public IPelkaLog {
   uint32_t Set(IPelkaLogRecord* record, uint16_t column, SetValue set_value);
   void WriteRecordLine(const Record& record);
   void BuildRecordLine(const Record& record, LineWriter& writer);
-  void Export(bool header);
+  // With mutex_ held: the batch being filled, replaced by an empty one.
+  std::unique_ptr<Batch> TakeBatch();
+  // Exports a batch taken out (with `even_empty`, the header alone when no
+  // line was ever exported) and keeps it for reuse.
+  void ExportBatch(std::unique_ptr<Batch> batch, bool even_empty);
+  // With export_mutex_ held.
+  void Export(Batch& batch, bool header);
 
   LogOutputs outputs_;
   bool copies_;
@@ -157,16 +165,20 @@ class HostLog final : public IPelkaLog {
   std::vector<std::unique_ptr<Storage>> storages_;
 
   // Records are opened, filled and posted by several threads at once; only
-  // moments of that need a lock. The export of a batch takes long and has a
-  // lock of its own, so that the other threads go on filling their records.
-  // Lock order: mutex_ before open_mutex_.
+  // moments of that need a lock. The export of a batch takes long: the full
+  // batch is taken out and exported under a lock of its own, so that the
+  // other threads go on posting their records meanwhile.
+  // Lock order: mutex_ before open_mutex_; export_mutex_ alone.
   std::mutex open_mutex_;  // guards the open and spare records and the line writers
   std::vector<std::unique_ptr<Record>> open_;
   std::vector<std::unique_ptr<Record>> spare_;  // exported records, for reuse
   std::vector<std::unique_ptr<LineWriter>> writers_;
 
-  std::mutex mutex_;  // guards the batch, the export and its buffers
+  std::mutex mutex_;  // guards the batch being filled and the spare ones
   std::unique_ptr<Batch> batch_;
+  std::vector<std::unique_ptr<Batch>> spare_batches_;
+
+  std::mutex export_mutex_;  // guards the export and its buffers
   bool header_written_ = false;
   TimeTexts export_times_;
   std::wstring export_lines_;
