@@ -19,7 +19,7 @@ MessageBuffer MessageBufferPool::Take() {
 }
 
 void MessageBufferPool::Give(MessageBuffer buffer) {
-  if (!buffer.bytes || buffer.size == 0) return;
+  if (!buffer.bytes || buffer.size == 0 || buffer.size > kLargestKept) return;
   const std::lock_guard<std::mutex> lock(mutex_);
   if (kept_.size() < kKept) {
     kept_.push_back(std::move(buffer));

@@ -4,9 +4,10 @@
 // message, and every doubling copies what was collected so far. Connections
 // come and go all the time, and each new one would repeat that growth; a
 // buffer kept from an ended connection already has the size the traffic
-// needs. The pool keeps the few largest buffers given back, so what it holds
-// is bounded by kKept times the longest message a store collects. Any thread
-// may take and give.
+// needs. The pool keeps the few largest buffers given back, none larger than
+// kLargestKept (a store set to collect longer messages grows its own), so
+// what the pool holds stays bounded whatever the settings. Any thread may
+// take and give.
 #pragma once
 
 #include <cstddef>
@@ -31,7 +32,8 @@ struct MessageBuffer {
 
 class MessageBufferPool {
  public:
-  static constexpr size_t kKept = 8;
+  static constexpr size_t kKept = 4;
+  static constexpr uint32_t kLargestKept = 4 << 20;
 
   MessageBufferPool() = default;
   MessageBufferPool(const MessageBufferPool&) = delete;
@@ -39,8 +41,9 @@ class MessageBufferPool {
 
   // The largest buffer kept, or an empty one when none is.
   MessageBuffer Take();
-  // Keeps `buffer` if fewer than kKept are kept or it is larger than the
-  // smallest of them (which is freed instead).
+  // Keeps `buffer`, if it is no larger than kLargestKept, when fewer than
+  // kKept are kept or it is larger than the smallest of them (which is freed
+  // instead).
   void Give(MessageBuffer buffer);
 
  private:

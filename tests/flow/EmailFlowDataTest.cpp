@@ -60,7 +60,8 @@ MessageBuffer BufferOfSize(uint32_t size) { return {MessageBytes(static_cast<uin
 TEST(MessageBufferPoolTest, KeepsTheLargestBuffersAndHandsOutTheLargestFirst) {
   MessageBufferPool pool;
   for (uint32_t size = 1; size <= MessageBufferPool::kKept + 2; ++size) pool.Give(BufferOfSize(size * 100));
-  pool.Give({});  // an empty buffer is not kept
+  pool.Give({});  // an empty buffer is not kept, nor one above the largest size kept
+  pool.Give(BufferOfSize(MessageBufferPool::kLargestKept + 1));
   std::vector<uint32_t> taken;
   for (MessageBuffer buffer = pool.Take(); buffer.bytes; buffer = pool.Take()) taken.push_back(buffer.size);
   ASSERT_EQ(taken.size(), MessageBufferPool::kKept);
