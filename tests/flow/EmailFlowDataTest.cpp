@@ -83,9 +83,10 @@ TEST(MessageBufferPoolTest, AStoreStartsInTheBufferAnEndedStoreLeft) {
     }
     first_buffer = first.GetOwnedBuffer();
   }
+  const std::string hello = "hello";
   CEmailFlowDataImpl second;
   second.set_buffer_pool(&pool);
-  second.Append(Bytes("hello"), 5);
+  second.Append(Bytes(hello), 5);
   second.Commit();
   EXPECT_EQ(second.GetOwnedBuffer(), first_buffer);
   EXPECT_EQ(Text(second.GetBuffer(0, 5), 5), "hello");
