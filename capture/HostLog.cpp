@@ -450,7 +450,7 @@ uint32_t HostLog::PostRecord(IPelkaLogRecord* handle) {
     if (batch_->GetRecordCount() < kExportBatch) return 0;
     full = TakeBatch();
   }
-  ExportBatch(std::move(full), false);
+  ExportBatch(std::move(full));
   return 0;
 }
 
@@ -466,10 +466,10 @@ std::unique_ptr<HostLog::Batch> HostLog::TakeBatch() {
   return taken;
 }
 
-void HostLog::ExportBatch(std::unique_ptr<Batch> batch, bool even_empty) {
+void HostLog::ExportBatch(std::unique_ptr<Batch> batch) {
   {
     const std::lock_guard<std::mutex> lock(export_mutex_);
-    if (!batch->empty() || (even_empty && !header_written_)) Export(*batch, !header_written_);
+    if (!batch->empty() || !header_written_) Export(*batch, !header_written_);
   }
   {
     const std::lock_guard<std::mutex> lock(open_mutex_);
@@ -502,7 +502,7 @@ void HostLog::Finish() {
     const std::lock_guard<std::mutex> lock(mutex_);
     last = TakeBatch();
   }
-  ExportBatch(std::move(last), true);
+  ExportBatch(std::move(last));
 }
 
 // --- The service ---------------------------------------------------------------------

@@ -152,9 +152,9 @@ class HostLog final : public IPelkaLog {
   void BuildRecordLine(const Record& record, LineWriter& writer);
   // With mutex_ held: the batch being filled, replaced by an empty one.
   std::unique_ptr<Batch> TakeBatch();
-  // Exports a batch taken out (with `even_empty`, the header alone when no
-  // line was ever exported) and keeps it for reuse.
-  void ExportBatch(std::unique_ptr<Batch> batch, bool even_empty);
+  // Exports a batch taken out (an empty one gives the header alone while no
+  // line was ever exported) and keeps the batch for reuse.
+  void ExportBatch(std::unique_ptr<Batch> batch);
   // With export_mutex_ held.
   void Export(Batch& batch, bool header);
 
