@@ -4,6 +4,10 @@
 //   CaptureSource -> PacketDecoder -> FlowTracker -> HostServices' flow sink
 //   -> the module's flow client -> the output files
 //
+// The module is loaded with dlopen (capture/ModuleLoader.h) after the ANSI
+// code page of --codepage is set for it. With conditions, the host's log
+// keeps only the messages that meet them (capture/HostLog.h).
+//
 // Ctrl-C (SIGINT) and SIGTERM end the reading cleanly: open flows are ended,
 // the export lines and statistics are written, and the run reports what it
 // found until then. A damaged or unreadable input is reported on stderr and

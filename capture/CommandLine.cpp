@@ -4,12 +4,12 @@
 #include <sstream>
 #include <utility>
 
+#include "capture/ConditionOptions.h"
 #include "host/CodePage.h"
 
 namespace pelka {
 namespace {
 
-constexpr const char* kProgramName = "pelka-email";
 constexpr const char* kProgramVersion = "0.1.0";
 
 constexpr const char* kDescription =
@@ -37,98 +37,6 @@ constexpr const char* kFooter =
     "  sudo pelka-email -i eth0 --user nobody -o /tmp/mail-out\n"
     "  pelka-email --copies --attachment yes --size-included 0-1024 a.pcap b.pcapng\n"
     "  tcpdump -w - port 25 | pelka-email -o out -";
-
-// What the condition options collect before they are checked together.
-struct ConditionTexts {
-  std::string attachment;
-  std::string size_included;
-  std::string size_excluded;
-  std::string sender_included;
-  std::string sender_excluded;
-  std::string receiver_included;
-  std::string receiver_excluded;
-  std::string where;
-};
-
-// The syntax reminder that goes with a condition error.
-constexpr const char* kConditionSyntax =
-    "conditions: --attachment yes|no, --size-included/--size-excluded \"120;0-1024\" (KB, at most 99999),\n"
-    "--sender-domain-included/-excluded and --receiver-domain-included/-excluded \"example.com;example.org\",\n"
-    "or --where \"attachment=yes and size-included=0-1024\"";
-
-// The condition options become one expression in the module's syntax, so
-// that a name given twice (as an option and in --where) is refused by the same
-// rule as inside one expression.
-std::string ConditionExpression(const ConditionTexts& texts) {
-  const std::pair<const char*, const std::string*> parts[] = {
-      {"attachment", &texts.attachment},
-      {"size-included", &texts.size_included},
-      {"size-excluded", &texts.size_excluded},
-      {"sender-domain-included", &texts.sender_included},
-      {"sender-domain-excluded", &texts.sender_excluded},
-      {"receiver-domain-included", &texts.receiver_included},
-      {"receiver-domain-excluded", &texts.receiver_excluded},
-  };
-  std::string expression;
-  const auto append = [&expression](const std::string& condition) {
-    if (!expression.empty()) expression += " and ";
-    expression += condition;
-  };
-  for (const auto& [name, value] : parts) {
-    if (!value->empty()) append(std::string(name) + "=" + *value);
-  }
-  if (!texts.where.empty()) append(texts.where);
-  return expression;
-}
-
-// A caption of a condition dialog's control, for the help text.
-std::string DialogCaption(int dialog_id, int control_id) {
-  const ConditionDialog* dialog = FindConditionDialog(dialog_id);
-  const DialogControl* control = dialog ? FindDialogControl(*dialog, control_id) : nullptr;
-  return control ? WideToUtf8(CaptionIn(*control, kLanguageEnglish)) : std::string();
-}
-
-std::string DialogTitle(int dialog_id) {
-  const ConditionDialog* dialog = FindConditionDialog(dialog_id);
-  return dialog ? WideToUtf8(TitleIn(*dialog, kLanguageEnglish)) : std::string();
-}
-
-void AddConditionOptions(CLI::App& app, ConditionTexts& texts) {
-  const std::string group = "Conditions (" + DialogTitle(kDialogGeneralSettings) + ", " +
-                            DialogTitle(kDialogSendAddress) + ", " + DialogTitle(kDialogReceiveAddress) + ")";
-  struct ConditionOption {
-    const char* name;
-    std::string* target;
-    const char* type;
-    int dialog;
-    int control;
-    const char* help;
-  };
-  const ConditionOption condition_options[] = {
-      {"--attachment", &texts.attachment, "yes|no", kDialogGeneralSettings, kIdcConcernAttachments,
-       "keep only messages that carry attachments (yes) or carry none (no)"},
-      {"--size-included", &texts.size_included, "SIZES", kDialogGeneralSettings, kIdcSizeIncluded,
-       "keep only messages whose size in KB is listed"},
-      {"--size-excluded", &texts.size_excluded, "SIZES", kDialogGeneralSettings, kIdcSizeExcluded,
-       "drop messages whose size in KB is listed"},
-      {"--sender-domain-included", &texts.sender_included, "DOMAINS", kDialogSendAddress, kIdcSendIncluded,
-       "keep only messages sent from these domains"},
-      {"--sender-domain-excluded", &texts.sender_excluded, "DOMAINS", kDialogSendAddress, kIdcSendExcluded,
-       "drop messages sent from these domains"},
-      {"--receiver-domain-included", &texts.receiver_included, "DOMAINS", kDialogReceiveAddress,
-       kIdcReceiveIncluded, "keep only messages with a receiver in these domains"},
-      {"--receiver-domain-excluded", &texts.receiver_excluded, "DOMAINS", kDialogReceiveAddress,
-       kIdcReceiveExcluded, "drop messages with a receiver in these domains"},
-  };
-  for (const ConditionOption& option : condition_options) {
-    const std::string caption = DialogCaption(option.dialog, option.control);
-    const std::string help = caption.empty() ? option.help : std::string(option.help) + " [" + caption + "]";
-    app.add_option(option.name, *option.target, help)->type_name(option.type)->group(group);
-  }
-  app.add_option("--where", texts.where, "all conditions as one text: \"attachment=yes and size-included=0-1024\"")
-      ->type_name("CONDITIONS")
-      ->group(group);
-}
 
 // Option values that are turned into ProgramOptions after parsing.
 struct RawChoices {
@@ -282,12 +190,8 @@ CommandLineOutcome ParseCommandLine(int argc, const char* const* argv) {
   options.language = LanguageFromName(raw.language);
   options.diagnosis = !raw.no_diagnosis;
 
-  const std::string expression = ConditionExpression(raw.conditions);
-  if (!expression.empty()) {
-    Parsed<EmailConditions> parsed = ParseConditions(Utf8ToWideText(expression));
-    if (!parsed) return Failure("bad condition: " + WideToUtf8(parsed.error) + "\n" + kConditionSyntax);
-    options.conditions = std::move(*parsed.value);
-  }
+  if (std::string problem = ReadConditions(raw.conditions, options.conditions); !problem.empty())
+    return Failure(problem);
   return {std::move(options), kExitDone, {}};
 }
 

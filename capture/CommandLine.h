@@ -10,9 +10,12 @@
 #include <string>
 #include <vector>
 
-#include "module/ConditionDialogs.h"
+#include "capture/EmailConditions.h"
 
 namespace pelka {
+
+// The program's name, as its messages begin.
+inline constexpr const char* kProgramName = "pelka-email";
 
 // Bounds of --threads.
 constexpr unsigned kMaxThreads = 64;

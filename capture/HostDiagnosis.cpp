@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "capture/HostFlow.h"
+#include "capture/JsonText.h"
 #include "capture/OutputFiles.h"
 #include "host/CodePage.h"
 

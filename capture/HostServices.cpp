@@ -6,7 +6,7 @@
 
 #include "capture/HostDiagnosis.h"
 #include "capture/HostFlow.h"
-#include "capture/HostLog.h"
+#include "capture/HostLogService.h"
 #include "capture/HostObject.h"
 #include "capture/HostStatistics.h"
 #include "capture/OutputFiles.h"
@@ -52,7 +52,8 @@ class HostServices::Impl final : public FlowSink {
       if (!file->Open(root + name)) return Fail(file->error());
     for (auto [file, name] : Files()) file->WriteEachLine(options_.lines_at_once);
     log_ = std::make_unique<HostLogService>(LogOutputs{&records_file_, &entries_file_, &csv_file_, &text_file_},
-                                            root, options_.copies);
+                                            root, options_.copies,
+                                            options_.conditions ? &*options_.conditions : nullptr);
     host_ = HostObject({log_.get(), &diagnosis_, &statistics_, &icons_});
     return true;
   }

@@ -21,8 +21,10 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "capture/EmailConditions.h"
 #include "capture/FlowSink.h"
 #include "host/FlowInterfaces.h"
 #include "host/ModuleInterfaces.h"
@@ -48,6 +50,10 @@ struct HostOptions {
   // Write every output line as soon as it is made (input from an interface or
   // a pipe) rather than in batches of up to a second (capture files).
   bool lines_at_once = false;
+  // The user's e-mail conditions: a message that does not meet them leaves
+  // no record, no export line, no summary entry and no copy. Unset: every
+  // message is kept.
+  std::optional<EmailConditions> conditions;
 };
 
 // What the run produced, for the program's summary.

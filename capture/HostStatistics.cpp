@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
-#include "capture/OutputFiles.h"
+#include "capture/JsonText.h"
 
 namespace pelka {
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdlib>
 
 #include "host/ModuleInterfaces.h"
 
@@ -67,6 +68,10 @@ std::string OptionsDocument(uint32_t max_flow_length_mib) {
 }
 
 }  // namespace
+
+void SetModuleAnsiCodePage(unsigned code_page) {
+  ::setenv(kAnsiCodePageVariable, std::to_string(code_page).c_str(), 1);
+}
 
 std::vector<std::string> ModuleCandidates(const std::string& executable_dir, const std::string& env_value) {
   std::vector<std::string> candidates;

@@ -30,6 +30,14 @@ namespace pelka {
 
 inline constexpr const char* kModuleLibraryName = "libPelkaEmail.so";
 
+// The ANSI code page (936 by default) is the code page of message bytes that
+// declare no character set: a process setting that only the module reads. The
+// module takes it from the environment variable PELKA_ANSI_CODE_PAGE when its
+// library is loaded, so set it before Load. The program's own texts are all
+// UTF-8 and do not depend on it.
+inline constexpr const char* kAnsiCodePageVariable = "PELKA_ANSI_CODE_PAGE";
+void SetModuleAnsiCodePage(unsigned code_page);
+
 // The places to look for the library, in order, for an executable in
 // `executable_dir` and the value of $PELKA_MODULE (empty when unset).
 std::vector<std::string> ModuleCandidates(const std::string& executable_dir, const std::string& env_value);

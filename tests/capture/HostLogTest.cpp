@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "capture/HostLog.h"
+#include "capture/HostLogService.h"
 #include "capture/OutputFiles.h"
 #include "tests/support/FakeFlow.h"
 #include "tests/support/TempFile.h"

@@ -1,12 +1,13 @@
-// The capture host's services driving the real module: frames go through the
-// decoder and the flow tracker into HostServices, and the output files are
-// checked line by line.
+// The capture host's services driving the real module, loaded from the built
+// library as the program loads it: frames go through the decoder and the flow
+// tracker into HostServices, and the output files are checked line by line.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,8 +15,8 @@
 #include "support/TempFile.h"
 #include "capture/FlowTracker.h"
 #include "capture/HostServices.h"
+#include "capture/ModuleLoader.h"
 #include "capture/PacketDecoder.h"
-#include "module/ModuleRegistration.h"
 
 namespace pelka {
 namespace {
@@ -106,13 +107,17 @@ class HostServicesTest : public ::testing::Test {
   HostRunCounts Run(const std::vector<Say>& says, bool ipv6 = false) {
     HostServices services(options_);
     EXPECT_TRUE(services.Open()) << services.error();
-    void* object = nullptr;
-    EXPECT_EQ(CreateEmailModule(&object), kStatusOk);
-    auto* module = static_cast<CPAEBaseModule*>(object);
-    EXPECT_NE(services.StartModule(module), nullptr);
+    std::string error;
+    // Released before the services it holds.
+    const std::unique_ptr<LoadedModule> module =
+        LoadedModule::Load(std::string(PELKA_BINARY_DIR) + "/" + kModuleLibraryName, &error);
+    if (!module) {
+      ADD_FAILURE() << error;
+      return {};
+    }
+    EXPECT_NE(services.StartModule(module->main_table()), nullptr);
     Converse(services.flow_sink(), ipv6, says);
-    EXPECT_TRUE(services.FinishRun(module)) << services.error();
-    module->Release();
+    EXPECT_TRUE(services.FinishRun(module->main_table())) << services.error();
     return services.counts();
   }
 

@@ -13,7 +13,7 @@
 
 #include "ProgramHarness.h"
 #include "capture/CommandLine.h"
-#include "capture/MessageFilter.h"
+#include "capture/EmailConditions.h"
 #include "capture/Progress.h"
 #include "capture/RunSummary.h"
 

@@ -1,5 +1,5 @@
-// The condition syntax of the condition dialogs, as the command line uses it.
-#include "module/ConditionDialogs.h"
+// The condition language of the command line: parsing and the test on one message.
+#include "capture/EmailConditions.h"
 
 #include <string>
 #include <type_traits>

@@ -1,0 +1,60 @@
+#include "capture/CapturePipeline.h"
+
+namespace pelka {
+namespace {
+
+// Blocks shared by the workers: a block holds several batches' frames, and the
+// largest record (256 KiB) fits in one.
+constexpr size_t kParallelBlocks = 16;
+constexpr size_t kParallelBlockBytes = 512 * 1024;
+
+}  // namespace
+
+Pipeline::Pipeline(const ProgramOptions& options, FlowSink* sink) {
+  const bool read_blocks = options.interface_name.empty() && options.user.empty();
+  if (options.threads > 1) {
+    parallel = std::make_unique<ParallelPipeline>(options.threads, sink);
+    // A worker reading waits for blocks the others still use: enough for
+    // the batches in flight to hold some each.
+    if (read_blocks) pool = std::make_unique<PcapBlockPool>(kParallelBlocks, kParallelBlockBytes);
+  } else {
+    tracker = std::make_unique<FlowTracker>(sink);
+    // The reader takes the next block before it lets go of the current one.
+    if (read_blocks) pool = std::make_unique<PcapBlockPool>(2);
+  }
+  if (pool) blocks = std::make_unique<PcapBlockReader>(pool.get());
+}
+
+DecoderCounters Pipeline::decoder_counters() const {
+  return parallel ? parallel->decoder_counters() : decoder.counters();
+}
+
+FlowTrackerCounters Pipeline::flow_counters() const {
+  if (parallel) return parallel->counters();
+  return tracker ? tracker->counters() : FlowTrackerCounters{};
+}
+
+void WarnAboutSkippedParts(const std::string& inputs_label, const Pipeline& pipeline, std::ostream& err) {
+  const DecoderCounters frames = pipeline.decoder_counters();
+  const FlowTrackerCounters flows = pipeline.flow_counters();
+  const std::string prefix = std::string(kProgramName) + ": warning: " + inputs_label + ": ";
+  if (frames.payload_cut) {
+    err << prefix << frames.payload_cut
+        << " TCP segments were cut short by the capture's snap length; mail text in them is incomplete\n";
+  }
+  if (const uint64_t damaged = frames.truncated + frames.malformed) {
+    err << prefix << damaged << " frames were skipped: their headers are cut short or contradict the frame\n";
+  }
+  if (!flows.flows_evicted) return;
+  err << prefix << flows.flows_evicted << " connections were ended early because more than ";
+  // Each worker keeps its own share of the bound: one share filling up is
+  // enough, whatever the others hold.
+  if (const ParallelPipeline* workers = pipeline.parallel.get()) {
+    err << workers->max_flows_per_worker() << " were open at once in one thread (each of the "
+        << workers->workers() << " threads keeps its share of " << FlowTracker::Options{}.max_flows << ")\n";
+  } else {
+    err << FlowTracker::Options{}.max_flows << " were open at once\n";
+  }
+}
+
+}  // namespace pelka

@@ -1,0 +1,145 @@
+#include "capture/CaptureReading.h"
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <type_traits>
+#include <utility>
+
+#include "capture/Progress.h"
+#include "capture/StopSignal.h"
+
+namespace pelka {
+namespace {
+
+uint64_t NowMicroseconds() {
+  return static_cast<uint64_t>(
+      std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+          .count());
+}
+
+// The next frame and, from the block reader, the block it lies in.
+ReadStatus NextFrame(CaptureSource& source, CapturedFrame* frame, PcapBlock** block) {
+  *block = nullptr;
+  return source.Next(frame);
+}
+ReadStatus NextFrame(PcapBlockReader& blocks, CapturedFrame* frame, PcapBlock** block) {
+  return blocks.Next(frame, block);
+}
+
+// The next frame, a timeout or the end of `source` (a CaptureSource or a
+// PcapBlockReader). A damaged or unreadable input is reported and reading goes
+// on with the next; `inputs_ok` turns false then.
+template <typename Source>
+ReadStatus NextForFlows(Source& source, CapturedFrame* frame, PcapBlock** block, Progress& progress,
+                        bool& inputs_ok, std::ostream& err) {
+  for (;;) {
+    const ReadStatus status = NextFrame(source, frame, block);
+    switch (status) {
+      case ReadStatus::kFrame:
+        progress.Tick();
+        return status;
+      case ReadStatus::kTimeout:
+        progress.Poll();
+        return status;
+      case ReadStatus::kError:
+        // A read cut short by the stop signal is the stop, not damage.
+        if (StopRequested()) break;
+        progress.Clear();
+        err << kProgramName << ": " << source.error() << "\n";
+        inputs_ok = false;
+        break;
+      case ReadStatus::kEnd:
+        return status;
+    }
+  }
+}
+
+// Reads every frame of `source` into one tracker; false when an input was
+// damaged or unreadable.
+template <typename Source>
+bool ReadAll(Source& source, Pipeline& pipeline, HostServices& services, Progress& progress, std::ostream& err) {
+  bool inputs_ok = true;
+  CapturedFrame frame;
+  PcapBlock* block = nullptr;
+  DecodedPacket packet;
+  FlowTracker& tracker = *pipeline.tracker;
+  for (;;) {
+    switch (NextForFlows(source, &frame, &block, progress, inputs_ok, err)) {
+      case ReadStatus::kFrame:
+        if (pipeline.decoder.Decode(frame.link_type, frame.data, frame.captured_length, &packet) ==
+            DecodeStatus::kTcp) {
+          tracker.OnPacket(packet, frame.data, frame.number, frame.time_us);
+        }
+        break;
+      case ReadStatus::kTimeout:
+        tracker.Advance(NowMicroseconds());
+        services.FlushOutputs();
+        break;
+      default:
+        return inputs_ok;
+    }
+  }
+}
+
+// The same with the workers, which read `source` in turn.
+template <typename Source>
+bool ReadAllInWorkers(Source& source, Pipeline& pipeline, HostServices& services, Progress& progress,
+                      std::ostream& err) {
+  bool inputs_ok = true;
+  std::function<bool()> prefetch;
+  if constexpr (std::is_same_v<Source, PcapBlockReader>) prefetch = [&source] { return source.Prefetch(); };
+  pipeline.parallel->Run(
+      [&](CapturedFrame* frame, PcapBlock** block) {
+        const ReadStatus status = NextForFlows(source, frame, block, progress, inputs_ok, err);
+        if (status == ReadStatus::kTimeout) {
+          frame->time_us = NowMicroseconds();
+          services.FlushOutputs();
+        }
+        return status;
+      },
+      source.live(), std::move(prefetch));
+  return inputs_ok;
+}
+
+bool OpenInputs(const ProgramOptions& options, Pipeline& pipeline, std::ostream& err) {
+  CaptureSource& source = pipeline.source;
+  if (pipeline.blocks) {
+    pipeline.blocks->OpenFiles(options.inputs);
+    return true;
+  }
+  if (options.interface_name.empty()) {
+    source.OpenFiles(options.inputs);
+    // Read as root, even after --user switches away from it.
+    if (!options.user.empty()) source.OpenAllFilesNow();
+    return true;
+  }
+  if (source.OpenLive(options.interface_name)) return true;
+  err << kProgramName << ": " << source.error() << "\n";
+  return false;
+}
+
+}  // namespace
+
+bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, PrivilegeDrop& drop,
+                  std::ostream& err) {
+  if (!OpenInputs(options, pipeline, err)) return false;
+  if (std::string problem; !drop.Apply(&problem)) {
+    err << kProgramName << ": " << problem << "\n";
+    return false;
+  }
+  StopSignalScope signals(&pipeline.source, pipeline.blocks.get());
+  Progress progress(Progress::Wanted(options.quiet), [&pipeline, &services] {
+    return ProgressFigures{pipeline.bytes_read(), pipeline.total_bytes(), pipeline.frames_read(),
+                           services.counts().records};
+  });
+  if (pipeline.parallel && pipeline.blocks) {
+    return ReadAllInWorkers(*pipeline.blocks, pipeline, services, progress, err);
+  }
+  if (pipeline.parallel) return ReadAllInWorkers(pipeline.source, pipeline, services, progress, err);
+  if (pipeline.blocks) return ReadAll(*pipeline.blocks, pipeline, services, progress, err);
+  return ReadAll(pipeline.source, pipeline, services, progress, err);
+}
+
+}  // namespace pelka

@@ -1,0 +1,53 @@
+#include "capture/HostLogService.h"
+
+#include "host/CodePage.h"
+
+namespace pelka {
+namespace {
+
+constexpr uint32_t kStatusRefused = 1;
+
+}  // namespace
+
+HostLogService::HostLogService(LogOutputs outputs, std::string storage_root, bool copies,
+                               const EmailConditions* conditions)
+    : outputs_(outputs), storage_root_(Utf8ToWideText(storage_root)), copies_(copies), conditions_(conditions) {}
+
+HostLogService::~HostLogService() = default;
+
+uint32_t HostLogService::CreateLog(const char* name, const wchar_t*, uint32_t, int32_t, IPelkaLog** log) {
+  if (!name || !log) return kStatusRefused;
+  logs_.push_back(std::make_unique<HostLog>(logs_.empty() ? outputs_ : LogOutputs{}, copies_, conditions_));
+  *log = logs_.back().get();
+  return 0;
+}
+
+uint32_t HostLogService::GetStorageRoot(const wchar_t** root) {
+  if (!root || storage_root_.empty()) return kStatusRefused;
+  *root = storage_root_.c_str();
+  return 0;
+}
+
+void HostLogService::Finish() {
+  for (const auto& log : logs_) log->Finish();
+}
+
+uint64_t HostLogService::records() const {
+  uint64_t total = 0;
+  for (const auto& log : logs_) total += log->records();
+  return total;
+}
+
+uint64_t HostLogService::entries() const {
+  uint64_t total = 0;
+  for (const auto& log : logs_) total += log->entries();
+  return total;
+}
+
+uint64_t HostLogService::copies() const {
+  uint64_t total = 0;
+  for (const auto& log : logs_) total += log->copies();
+  return total;
+}
+
+}  // namespace pelka

@@ -1,0 +1,183 @@
+#include "capture/JsonText.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+
+namespace pelka {
+
+namespace {
+
+// How a byte below 0x80 appears inside a JSON string: 0 copied as it is,
+// another letter after a backslash, 'u' as \u00XX.
+constexpr std::array<char, 128> kJsonEscapes = [] {
+  std::array<char, 128> table{};
+  for (int c = 0; c < 0x20; ++c) table[c] = 'u';
+  table[0x7F] = 'u';
+  table['"'] = '"';
+  table['\\'] = '\\';
+  table['\n'] = 'n';
+  table['\r'] = 'r';
+  table['\t'] = 't';
+  return table;
+}();
+
+void AppendEscapedAscii(std::string& out, unsigned char byte) {
+  static const char kHex[] = "0123456789abcdef";
+  const char escape = kJsonEscapes[byte];
+  if (escape == 0) {
+    out += static_cast<char>(byte);
+  } else if (escape != 'u') {
+    out += '\\';
+    out += escape;
+  } else {
+    const char text[] = {'\\', 'u', '0', '0', kHex[byte >> 4], kHex[byte & 0xF]};
+    out.append(text, sizeof text);
+  }
+}
+
+// Values that are no Unicode scalar become '?', as in WideToUtf8.
+bool IsScalarValue(wchar_t c) { return c >= 0 && c <= 0x10FFFF && (c < 0xD800 || c > 0xDFFF); }
+
+void AppendUtf8(std::string& out, wchar_t wide) {
+  const auto c = static_cast<uint32_t>(IsScalarValue(wide) ? wide : L'?');
+  char bytes[4];
+  size_t length = 0;
+  if (c < 0x80) {
+    out += static_cast<char>(c);
+    return;
+  }
+  if (c < 0x800) {
+    bytes[length++] = static_cast<char>(0xC0 | (c >> 6));
+  } else if (c < 0x10000) {
+    bytes[length++] = static_cast<char>(0xE0 | (c >> 12));
+    bytes[length++] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+  } else {
+    bytes[length++] = static_cast<char>(0xF0 | (c >> 18));
+    bytes[length++] = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+    bytes[length++] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+  }
+  bytes[length++] = static_cast<char>(0x80 | (c & 0x3F));
+  out.append(bytes, length);
+}
+
+void AppendNumber(std::string& out, auto value) {
+  char buffer[24];
+  const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+  out.append(buffer, result.ptr);
+}
+
+}  // namespace
+
+void AppendJsonString(std::string& out, std::string_view utf8) {
+  out += '"';
+  size_t plain = 0;  // start of the bytes not yet copied
+  for (size_t i = 0; i < utf8.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(utf8[i]);
+    if (byte >= 0x80 || kJsonEscapes[byte] == 0) continue;
+    out.append(utf8, plain, i - plain);
+    AppendEscapedAscii(out, byte);
+    plain = i + 1;
+  }
+  out.append(utf8, plain);
+  out += '"';
+}
+
+void AppendJsonString(std::string& out, std::wstring_view text) {
+  out += '"';
+  size_t i = 0;
+  while (i < text.size()) {
+    // A run of ASCII that needs no escape is narrowed in one go.
+    const size_t run = i;
+    while (i < text.size() && text[i] >= 0 && text[i] < 0x80 && kJsonEscapes[static_cast<size_t>(text[i])] == 0) ++i;
+    if (i > run) {
+      const size_t at = out.size();
+      out.resize(at + (i - run));
+      std::copy(text.begin() + static_cast<std::ptrdiff_t>(run), text.begin() + static_cast<std::ptrdiff_t>(i),
+                out.begin() + static_cast<std::ptrdiff_t>(at));
+    }
+    if (i == text.size()) break;
+    const wchar_t c = text[i++];
+    if (c >= 0 && c < 0x80) {
+      AppendEscapedAscii(out, static_cast<unsigned char>(c));
+    } else {
+      AppendUtf8(out, c);
+    }
+  }
+  out += '"';
+}
+
+std::string FormatDouble(double value) {
+  std::string text;
+  AppendDouble(text, value);
+  return text;
+}
+
+void AppendDouble(std::string& out, double value) {
+  char buffer[64];
+  const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+  const std::string_view text(buffer, static_cast<size_t>(result.ptr - buffer));
+  out += text;
+  // Integral values keep a fraction so that readers see a floating value.
+  if (text.find_first_of(".eEn") == std::string_view::npos) out += ".0";
+}
+
+void JsonObjectLine::Clear() {
+  text_.assign(1, '{');
+  finished_ = false;
+}
+
+void JsonObjectLine::Key(std::string_view key) {
+  if (text_.size() > 1) text_ += ", ";
+  AppendJsonString(text_, key);
+  text_ += ": ";
+}
+
+JsonObjectLine& JsonObjectLine::Text(std::string_view key, std::string_view utf8) {
+  Key(key);
+  AppendJsonString(text_, utf8);
+  return *this;
+}
+
+JsonObjectLine& JsonObjectLine::Text(std::string_view key, std::wstring_view text) {
+  Key(key);
+  AppendJsonString(text_, text);
+  return *this;
+}
+
+JsonObjectLine& JsonObjectLine::Number(std::string_view key, uint64_t value) {
+  Key(key);
+  AppendNumber(text_, value);
+  return *this;
+}
+
+JsonObjectLine& JsonObjectLine::SignedNumber(std::string_view key, int64_t value) {
+  Key(key);
+  AppendNumber(text_, value);
+  return *this;
+}
+
+JsonObjectLine& JsonObjectLine::Double(std::string_view key, double value) {
+  Key(key);
+  if (std::isfinite(value)) {
+    AppendDouble(text_, value);
+  } else {
+    text_ += "null";
+  }
+  return *this;
+}
+
+JsonObjectLine& JsonObjectLine::Raw(std::string_view key, std::string_view json) {
+  Key(key);
+  text_ += json;
+  return *this;
+}
+
+const std::string& JsonObjectLine::Finish() {
+  if (!finished_) text_ += '}';
+  finished_ = true;
+  return text_;
+}
+
+}  // namespace pelka

@@ -1,0 +1,34 @@
+// Ctrl-C (SIGINT) and SIGTERM end a run's reading cleanly: the sources stop
+// reading, and the run ends its flows and writes its outputs as at the end of
+// the input.
+//
+// A signal handler reaches only what a global holds: the sources to stop and
+// the stop flag are kept here, set only while a StopSignalScope exists. One
+// run at a time installs it.
+#pragma once
+
+#include <csignal>
+
+#include "capture/CaptureSource.h"
+#include "capture/PcapBlockReader.h"
+
+namespace pelka {
+
+class StopSignalScope {
+ public:
+  // Either source may be null. Clears an earlier stop.
+  StopSignalScope(CaptureSource* source, PcapBlockReader* blocks);
+  // Puts the earlier handlers back; StopRequested() keeps its answer.
+  ~StopSignalScope();
+  StopSignalScope(const StopSignalScope&) = delete;
+  StopSignalScope& operator=(const StopSignalScope&) = delete;
+
+ private:
+  struct sigaction old_int_ {};
+  struct sigaction old_term_ {};
+};
+
+// Whether a stop signal came during the last (or current) scope.
+bool StopRequested();
+
+}  // namespace pelka
