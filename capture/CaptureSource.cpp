@@ -8,6 +8,8 @@
 #include <cstring>
 #include <utility>
 
+#include "capture/PcapTime.h"
+
 namespace pelka {
 
 namespace {
@@ -182,8 +184,8 @@ ReadStatus CaptureSource::Next(CapturedFrame* frame) {
       frame->captured_length = header->caplen;
       frame->wire_length = header->len;
       frame->number = ++frames_;
-      const uint64_t fraction = static_cast<uint64_t>(header->ts.tv_usec);
-      frame->time_us = static_cast<uint64_t>(header->ts.tv_sec) * 1000000 + (nanosecond_ ? fraction / 1000 : fraction);
+      frame->time_us = PcapTimeMicroseconds(static_cast<uint64_t>(header->ts.tv_sec),
+                                            static_cast<uint64_t>(header->ts.tv_usec), nanosecond_);
       frame->link_type = pcap_datalink(handle_);
       current_bytes_ += header->caplen + kRecordHeaderBytes;
       return ReadStatus::kFrame;

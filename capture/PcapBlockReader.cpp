@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "capture/PacketDecoder.h"
+#include "capture/PcapTime.h"
 
 namespace pelka {
 
@@ -226,7 +227,7 @@ bool PcapBlockReader::Usual(const uint8_t* header) const {
   const uint32_t fraction = Load32(header + 4, swapped_);
   const uint32_t captured = Load32(header + 8, swapped_);
   const uint32_t wire = Load32(header + 12, swapped_);
-  return seconds < 0x80000000u && fraction < (nanosecond_ ? 1000000000u : 1000000u) && captured <= snap_length_ &&
+  return seconds < 0x80000000u && fraction < PcapFractionsPerSecond(nanosecond_) && captured <= snap_length_ &&
          captured <= kMaxRecordLength && captured <= wire;
 }
 
@@ -237,7 +238,7 @@ void PcapBlockReader::SetFrame(const uint8_t* header, CapturedFrame* frame) {
   frame->captured_length = Load32(header + 8, swapped_);
   frame->wire_length = Load32(header + 12, swapped_);
   frame->number = ++frames_;
-  frame->time_us = uint64_t{seconds} * 1000000 + (nanosecond_ ? fraction / 1000 : fraction);
+  frame->time_us = PcapTimeMicroseconds(seconds, fraction, nanosecond_);
   frame->link_type = link_type_;
 }
 
