@@ -1,0 +1,49 @@
+// JSON strings of the output files: which characters are escaped, and how.
+#include "capture/JsonText.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace pelka {
+namespace {
+
+// Every control byte except the three with a letter escape, in order.
+std::string OtherControlBytes() {
+  std::string bytes;
+  for (char c = 0; c < 0x20; ++c)
+    if (c != '\t' && c != '\n' && c != '\r') bytes += c;
+  return bytes + '\x7f';
+}
+
+struct EscapeCase {
+  const char* name;
+  std::string text;  // ASCII, so that the wide form is the same characters
+  std::string json;  // between the quotes
+};
+
+const EscapeCase kEscapeCases[] = {
+    {"quote", "a\"b", "a\\\"b"},
+    {"backslash", "a\\b", "a\\\\b"},
+    {"tab, newline and return by letter", "\t\n\r", "\\t\\n\\r"},
+    {"every other control byte and DEL as \\u00XX", OtherControlBytes(),
+     "\\u0000\\u0001\\u0002\\u0003\\u0004\\u0005\\u0006\\u0007\\u0008\\u000b\\u000c\\u000e\\u000f"
+     "\\u0010\\u0011\\u0012\\u0013\\u0014\\u0015\\u0016\\u0017\\u0018\\u0019\\u001a\\u001b\\u001c\\u001d\\u001e"
+     "\\u001f\\u007f"},
+    {"printable ASCII around them is copied", " !#/[]~", " !#/[]~"},
+};
+
+TEST(JsonTextTest, EscapesEveryControlCharacterQuoteAndBackslash) {
+  for (const EscapeCase& c : kEscapeCases) {
+    SCOPED_TRACE(c.name);
+    std::string narrow;
+    AppendJsonString(narrow, std::string_view(c.text));
+    EXPECT_EQ(narrow, "\"" + c.json + "\"");
+    std::string wide;
+    AppendJsonString(wide, std::wstring(c.text.begin(), c.text.end()));
+    EXPECT_EQ(wide, "\"" + c.json + "\"");
+  }
+}
+
+}  // namespace
+}  // namespace pelka
