@@ -77,22 +77,16 @@ const std::string kMessage =
     "Hi, Bob.\r\n"
     ".\r\n";
 
-// A whole SMTP session carrying kMessage `messages` times, the message cut
-// into two packets two seconds apart.
-std::vector<Say> SmtpSession(int messages = 1) {
-  std::vector<Say> says = {{false, "220 mail.example.org ESMTP\r\n", 100},
-                           {true, "EHLO client\r\n", 200},
-                           {false, "250 mail.example.org\r\n", 300}};
-  uint64_t t = 0;
-  for (int i = 0; i < messages; ++i, t += 10'000) {
-    says.insert(says.end(), {{true, "MAIL FROM:<alice@example.com>\r\n", t + 400}, {false, "250 OK\r\n", t + 500},
-                             {true, "RCPT TO:<bob@example.org>\r\n", t + 600}, {false, "250 OK\r\n", t + 700},
-                             {true, "DATA\r\n", t + 800}, {false, "354 go on\r\n", t + 900},
-                             {true, kMessage.substr(0, 40), t + 1000}, {true, kMessage.substr(40), t + 3000},
-                             {false, "250 queued\r\n", t + 3100}});
-  }
-  says.insert(says.end(), {{true, "QUIT\r\n", t + 3200}, {false, "221 bye\r\n", t + 3300}});
-  return says;
+// A whole SMTP session carrying kMessage, cut into two packets two seconds
+// apart.
+std::vector<Say> SmtpSession() {
+  return {{false, "220 mail.example.org ESMTP\r\n", 100}, {true, "EHLO client\r\n", 200},
+          {false, "250 mail.example.org\r\n", 300},       {true, "MAIL FROM:<alice@example.com>\r\n", 400},
+          {false, "250 OK\r\n", 500},                     {true, "RCPT TO:<bob@example.org>\r\n", 600},
+          {false, "250 OK\r\n", 700},                     {true, "DATA\r\n", 800},
+          {false, "354 go on\r\n", 900},                  {true, kMessage.substr(0, 40), 1000},
+          {true, kMessage.substr(40), 3000},               {false, "250 queued\r\n", 3100},
+          {true, "QUIT\r\n", 3200},                       {false, "221 bye\r\n", 3300}};
 }
 
 class HostServicesTest : public ::testing::Test {
@@ -170,18 +164,6 @@ TEST_F(HostServicesTest, OneSmtpMessageGivesItsRecordEntryExportLinesAndStatisti
   EXPECT_FALSE(std::filesystem::exists(out_ / "run" / "email_copy"));
 }
 
-TEST_F(HostServicesTest, CopiesAreWrittenOnlyWhenSwitchedOn) {
-  options_.copies = true;
-  const HostRunCounts counts = Run(SmtpSession());
-  EXPECT_EQ(counts.copies, 1u);
-  // The message completed at 22:13:23 and 0 microseconds.
-  const std::filesystem::path copy =
-      std::filesystem::absolute(out_ / "run" / "email_copy" / "2023-11-14 22.13.23.0.eml").lexically_normal();
-  EXPECT_EQ(test::ReadWholeFile(copy), kMessage);
-  EXPECT_NE(Output("emails.jsonl").find("\"email_file_path\": \"" + copy.string() + "\""), std::string::npos)
-      << Output("emails.jsonl");
-}
-
 // The report line as written; the threshold and the switch are ProgramTest's
 // (NoDiagnosisAndThresholdsDecideTheSlowReplyReport) and HostDiagnosis's, the
 // threshold's edge ResponseChecksTest's.
@@ -196,22 +178,6 @@ TEST_F(HostServicesTest, ASlowReplyIsReportedInOneLine) {
             "\"text\": \"SMTP Server  Slow Response#(数据包 [5] 与数据包 [6] 相隔450ms)\", \"codes\": [1, 1], "
             "\"packet\": 6, \"time\": 1700000000650000, \"related_packet\": 5, "
             "\"client\": \"10.0.0.1:40000\", \"server\": \"10.0.0.2:25\"}\n");
-}
-
-TEST_F(HostServicesTest, ExportLinesComeInBatchesUnderOneHeader) {
-  const int messages = 40;  // more than one export batch
-  const HostRunCounts counts = Run(SmtpSession(messages));
-  EXPECT_EQ(counts.records, static_cast<uint64_t>(messages));
-  for (const char* name : {"email_log.csv", "email_log.txt"}) {
-    const std::string text = Output(name);
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), messages + 1) << name;
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\r'), messages + 1) << name << ": lines end in CR LF";
-    EXPECT_EQ(text.rfind("日期时间", 0), 0u) << name;
-    EXPECT_EQ(text.find("日期时间", 1), std::string::npos) << name << ": one header";
-  }
-  const std::string records = Output("emails.jsonl");
-  EXPECT_EQ(std::count(records.begin(), records.end(), '\n'), messages);
-  EXPECT_EQ(records.rfind("{\"email_number\": 40, "), records.rfind('\n', records.size() - 2) + 1) << "the last";
 }
 
 TEST_F(HostServicesTest, Ipv6FlowsShowTheirAddressTexts) {

@@ -126,14 +126,5 @@ TEST(ParallelPipelineAdvanceTest, CaptureTimeReachesEveryWorker) {
   EXPECT_EQ(sink.idle, 12);
 }
 
-TEST(ParallelPipelineAdvanceTest, RunWithoutPacketsAndTwiceIsHarmless) {
-  IdleCountingSink sink;
-  ParallelPipeline parallel(4, &sink);
-  Feed(parallel, {}, 1);
-  Feed(parallel, {}, 1);
-  EXPECT_EQ(sink.started, 0);
-  EXPECT_EQ(parallel.counters().packets, 0u);
-}
-
 }  // namespace
 }  // namespace pelka
