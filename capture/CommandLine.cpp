@@ -1,7 +1,6 @@
 #include "capture/CommandLine.h"
 
 #include <CLI/CLI.hpp>
-#include <sstream>
 #include <utility>
 
 #include "capture/ConditionOptions.h"
