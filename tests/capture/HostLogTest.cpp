@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <filesystem>
 #include <limits>
 #include <sstream>
 #include <string>
@@ -187,6 +188,45 @@ TEST(HostLogTest, RecordsPostedFromSeveralThreadsAreExportedOnceAfterOneHeader) 
   std::sort(numbers.begin(), numbers.end());
   ASSERT_EQ(numbers.size(), static_cast<size_t>(kThreads * kEach));
   for (size_t i = 0; i < numbers.size(); ++i) ASSERT_EQ(numbers[i], static_cast<int>(i));
+}
+
+// A record that fails the conditions leaves no line, no export line and no
+// copy, and takes the next entry of its own flow with it, not another flow's.
+TEST(HostLogTest, ARecordFailingTheConditionsLeavesNothingBehind) {
+  test::TempFile records_path(""), entries_path(""), csv_path(""), copy("message");
+  OutputFile files[3];
+  for (auto [file, path] : {std::pair{&files[0], &records_path}, {&files[1], &entries_path}, {&files[2], &csv_path}})
+    ASSERT_TRUE(file->Open(path->path()));
+  const EmailConditions conditions = *ParseConditions(L"attachment=no").value;
+  HostLogService service(LogOutputs{&files[0], &files[1], &files[2], nullptr}, "/out/", true, &conditions);
+  IPelkaLog* log = nullptr;
+  ASSERT_EQ(service.CreateLog("email", L"Email", 0, 0, &log), 0u);
+  const uint16_t attachment = log->AddColumn("email_attachment", L"", kLogValueText, 0, 0, 0);
+  const uint16_t path = log->AddColumn("email_file_path", L"", kLogValueText, 0, 0, 0);
+  log->AddStorage("log", "email_log", "", L"Log", NumberLines);
+  testing::FakeFlow refused_flow(0x0A000001, 40000, 0x0A000002, 25), kept_flow(0x0A000001, 40001, 0x0A000002, 25);
+  const auto post = [&](IPelkaFlow* flow, const wchar_t* attachments, const std::wstring& copy_path) {
+    IPelkaLogRecord* record = log->NewRecord(kStart, flow, 0);
+    log->SetText(record, attachment, attachments);
+    log->SetText(record, path, copy_path.c_str());
+    EXPECT_EQ(log->PostRecord(record), 0u);
+  };
+  post(&refused_flow, L"a.zip", copy.wide_path());
+  post(&kept_flow, L"", L"");
+  log->AddEntry(kStart, &kept_flow, L"Email", L"kept", L"");
+  log->AddEntry(kStart, &refused_flow, L"Email", L"refused", L"");
+  log->AddEntry(kStart, &refused_flow, L"Email", L"later", L"");
+  service.Finish();
+  for (OutputFile& file : files) file.Close();
+
+  EXPECT_EQ(test::ReadWholeFile(records_path.path()), "{\"email_attachment\": \"\", \"email_file_path\": \"\"}\n");
+  const std::string entries = test::ReadWholeFile(entries_path.path());
+  EXPECT_NE(entries.find("kept"), std::string::npos) << entries;
+  EXPECT_EQ(entries.find("refused"), std::string::npos) << entries;
+  EXPECT_NE(entries.find("later"), std::string::npos) << "only the entry right after the record: " << entries;
+  EXPECT_EQ(test::ReadWholeFile(csv_path.path()), "header\n\n") << "one exported record";
+  EXPECT_FALSE(std::filesystem::exists(copy.path()));
+  EXPECT_EQ(service.records(), 1u);
 }
 
 }  // namespace
