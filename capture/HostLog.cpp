@@ -123,7 +123,8 @@ void HostLog::BuildRecordLine(const LogRecord& record, LineWriter& writer) {
       line.Number(column->key(), record.view().port[field == kLogFieldClientPort ? 0 : 1]);
     } else if (field != 0) {
       char digits[8];
-      const std::string_view time = field == kLogFieldDateTime ? writer.times.Text(record.seconds()) : std::string_view();
+      const std::string_view time =
+          field == kLogFieldDateTime ? writer.times.Text(record.seconds()) : std::string_view();
       const std::string_view text = record.StandardText(field, time, digits);
       // A MAC address the capture did not show is left out.
       if (!text.empty() || field == kLogFieldDateTime) line.Text(column->key(), text);

@@ -25,9 +25,9 @@ bool RecordConditions::Admit(const LogRecord& record) {
   // A mark left by a refused record whose entry never came must not take
   // this record's entry.
   TakeEntryDrop(record.flow());
+  const auto text = [&record, this](Watched field) { return std::wstring(record.TextAt(columns_[field])); };
   const EmailFacts facts =
-      FactsFromRecord(std::wstring(record.TextAt(columns_[kAttachments])), record.NumberAt(columns_[kSize]),
-                      std::wstring(record.TextAt(columns_[kSender])), std::wstring(record.TextAt(columns_[kReceivers])));
+      FactsFromRecord(text(kAttachments), record.NumberAt(columns_[kSize]), text(kSender), text(kReceivers));
   if (ConditionsHold(conditions_, facts)) return true;
   Refuse(record);
   return false;
