@@ -258,24 +258,17 @@ TEST_F(ProgramTest, UnreadableInputOrInterfaceGivesOneAndSaysWhich) {
 // Public captures of real servers; damaged files are MalformedCaptureTest's.
 
 TEST_F(ProgramTest, PublicCapturesGiveTheirMessages) {
-  struct Case {
-    std::vector<const char*> files;
-    size_t records;
+  const std::pair<const char*, size_t> cases[] = {
+      {"smtp-3msgs-one-session.pcap", 3},
+      {"pop3-7conns-retr.pcap", 3},
+      {"pop3-gb2312-retr.pcap", 1},
   };
-  const std::vector<Case> cases = {
-      {{"smtp-3msgs-one-session.pcap"}, 3},
-      {{"pop3-7conns-retr.pcap"}, 3},
-      {{"pop3-gb2312-retr.pcap"}, 1},
-      {{"smtp-3msgs-one-session.pcap", "pop3-gb2312-retr.pcap"}, 4},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::PrintToString(c.files));
+  for (const auto& [file, records] : cases) {
+    SCOPED_TRACE(file);
     fs::remove_all(Out());
-    std::vector<std::string> arguments = {"-q", "-o", Out()};
-    for (const char* file : c.files) arguments.push_back((kData / file).string());
-    const ProgramResult result = Run(arguments);
+    const ProgramResult result = Run({"-q", "-o", Out(), (kData / file).string()});
     ASSERT_EQ(result.status, kExitDone) << result.err;
-    EXPECT_EQ(Records(Out()).size(), c.records);
+    EXPECT_EQ(Records(Out()).size(), records);
     EXPECT_TRUE(fs::exists(Out("statistics.json")));
   }
 }
