@@ -2,8 +2,9 @@
 # The throughput benchmark. Generates the mail traffic captures once (cached
 # outside the repository), then runs every contender over them and prints,
 # side by side: MB/s, packets/s, messages/s, peak RSS, and the ratios to the
-# buffered read limit and to tshark. It also checks that pelka-email posts one
-# record for every message the generator expects the module to record, and
+# read limit (the fastest of four plain read loops, each printed) and to
+# tshark. It also checks that pelka-email posts one record for every message
+# the generator expects the module to record, and
 # that the time per MB of a capture of large messages stays within 1.25x of
 # the mixed capture's. Two single-thread runs at once show how far two cores
 # scale here for work that shares nothing, the yardstick for --threads 2.
@@ -158,8 +159,9 @@ run_all() {
   cat "$capture" >/dev/null  # into the page cache
 
   for ((round = 0; round < repeat; ++round)); do
-    measure_once "$read_limit" "$capture" && keep read-limit
-    measure_once "$read_limit" --default "$capture" && keep libpcap-default
+    for loop in "${read_loops[@]}"; do
+      measure_once "$read_limit" --loop "$loop" "$capture" && keep "read-$loop"
+    done
     # ---- pelka-email contenders: they run once the capture program exists ----
     if [ -x "$pelka" ]; then
       pelka_once "$capture" pelka-email "$round"
@@ -173,6 +175,21 @@ run_all() {
   if command -v tshark >/dev/null; then
     measure_once tshark -r "$capture" -Y imf -T fields -e imf.from -e imf.subject && keep tshark
   fi
+}
+
+# The plain read loops of pelka-read-limit; the fastest is the read limit.
+read_loops=(aligned heap default blocks)
+
+# fold_limit: the read limit is the fastest plain loop of the last run_all.
+fold_limit() {
+  local loop best=
+  for loop in "${read_loops[@]}"; do
+    local s=${result_seconds[read-$loop]:-}
+    [ -n "$s" ] || continue
+    if [ -z "$best" ] || [ "$(echo "$s < ${result_seconds[$best]}" | bc -l)" = 1 ]; then best=read-$loop; fi
+  done
+  limit_loop=$best
+  [ -n "$best" ] && result_seconds[read-limit]=${result_seconds[$best]}
 }
 
 # report CAPTURE: the table of the last run_all.
@@ -189,8 +206,9 @@ report() {
     "$(count "$capture" expected_records) expected as records"
   printf '%-16s %9s %9s %12s %11s %10s %8s %8s %8s\n' contender seconds MB/s packets/s messages/s "RSS MiB" "/limit" \
     "/tshark" "/1thread"
+  fold_limit
   local limit=${result_seconds[read-limit]:-} tshark=${result_seconds[tshark]:-} single=${result_seconds[pelka-email]:-}
-  for name in read-limit libpcap-default pelka-email pelka-email-2t tshark; do
+  for name in read-aligned read-heap read-default read-blocks pelka-email pelka-email-2t tshark; do
     local s=${result_seconds[$name]:-}
     [ -n "$s" ] || continue
     local vs_limit=- vs_tshark=- vs_single=-
@@ -203,6 +221,8 @@ report() {
       "$(echo "$messages / $s" | bc -l)" "$(echo "${result_rss[$name]} / 1024" | bc -l)" "$vs_limit" "$vs_tshark" \
       "$vs_single"
   done
+  [ -n "${limit_loop:-}" ] && say "read limit: $limit_loop, the fastest of the plain read loops (pelka-read-limit --loop ...)"
+  return 0
 }
 
 # check NAME CONDITION TEXT: prints a target check (bc condition).

@@ -127,8 +127,8 @@ bool CaptureSource::OpenNextFile() {
     error_ = "cannot open " + path + ": " + std::strerror(open_error);
     return false;
   }
-  file_buffer_.resize(kFileBufferSize);
-  std::setvbuf(file, file_buffer_.data(), _IOFBF, file_buffer_.size());
+  if (!file_buffer_) file_buffer_ = MakePageAlignedBytes(kFileBufferSize);
+  std::setvbuf(file, reinterpret_cast<char*>(file_buffer_.get()), _IOFBF, kFileBufferSize);
   char message[PCAP_ERRBUF_SIZE] = {};
   // Nanosecond precision keeps both kinds of file exact; times are rounded
   // down to microseconds when a frame is handed out.

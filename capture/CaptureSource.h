@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "capture/PageAlignedBuffer.h"
+
 struct pcap;
 
 namespace pelka {
@@ -102,7 +104,7 @@ class CaptureSource {
   size_t next_path_ = 0;
   pcap* handle_ = nullptr;
   FILE* file_ = nullptr;
-  std::vector<char> file_buffer_;
+  PageAlignedBytes file_buffer_;
   bool live_ = false;
   int selectable_fd_ = -1;
   int read_timeout_ms_ = 0;

@@ -57,6 +57,12 @@ struct FlowTracker::HeldSegment {
 struct FlowTracker::Stream {
   bool started = false;
   uint32_t next = 0;  // next expected sequence number
+  // Without a SYN, a packet without payload before the first data tells where
+  // the stream can begin: data more than one byte past its number lies beyond
+  // a gap and waits for its head (a keep-alive is sent one below the next byte).
+  bool bare_seen = false;
+  uint32_t bare_sequence = 0;
+  bool awaiting_head = false;
   bool syn = false;
   uint32_t syn_sequence = 0;
   bool fin = false;
@@ -250,7 +256,10 @@ void FlowTracker::HandleData(Flow& flow, Stream& stream, const Packet& packet) {
   const bool syn = d.HasFlag(kTcpSyn);
   const uint32_t start = d.sequence + (syn ? 1 : 0);  // the SYN takes one sequence number
   if (!stream.started) {
-    stream.started = true;
+    BeginStream(stream, d, start);
+  } else if (stream.awaiting_head && d.segment_length > 0 && SeqDiff(start, stream.next) <= 0) {
+    // The head has come: the stream begins with it, whatever lies below.
+    stream.awaiting_head = false;
     stream.next = start;
   }
   if (d.segment_length == 0) {
@@ -262,6 +271,24 @@ void FlowTracker::HandleData(Flow& flow, Stream& stream, const Packet& packet) {
   }
 }
 
+// A SYN fixes where the stream begins; without one, the first segment that
+// carries data does, unless a packet without payload said the data lies
+// further on.
+void FlowTracker::BeginStream(Stream& stream, const DecodedPacket& d, uint32_t start) {
+  if (!d.HasFlag(kTcpSyn) && d.segment_length == 0) {
+    stream.bare_seen = true;
+    stream.bare_sequence = d.sequence;
+    return;
+  }
+  stream.started = true;
+  stream.next = start;
+  if (d.HasFlag(kTcpSyn) || !stream.bare_seen) return;
+  const uint32_t head_limit = stream.bare_sequence + 1;
+  if (SeqDiff(start, head_limit) <= 0) return;
+  stream.awaiting_head = true;
+  stream.next = head_limit;
+}
+
 void FlowTracker::DeliverFrom(Flow& flow, Stream& stream, const Packet& packet, uint32_t start) {
   Deliver(flow, packet.side, packet.bytes, stream.next - start);
   const uint32_t end = start + packet.decoded.segment_length;
@@ -271,18 +298,6 @@ void FlowTracker::DeliverFrom(Flow& flow, Stream& stream, const Packet& packet, 
 
 void FlowTracker::HoldSegment(Flow& flow, Stream& stream, const Packet& packet, uint32_t start) {
   const DecodedPacket& d = packet.decoded;
-  while (!stream.held.empty() &&
-         (stream.held.size() >= kMaxHeldSegments || stream.held_bytes + d.payload_length > kMaxHeldBytes)) {
-    // No room: the lowest held segment goes out after its gap.
-    ++counters_.gaps_skipped;
-    stream.next = stream.held.front().start;
-    DrainHeld(flow, stream);
-  }
-  if (SeqDiff(start, stream.next) <= 0) {
-    DeliverFrom(flow, stream, packet, start);
-    return;
-  }
-
   HeldSegment segment{start, d.segment_length, packet.bytes.header_length, packet.bytes.tcp_offset,
                       d.payload_length, packet.bytes.number, packet.bytes.time_us, {}};
   if (!spare_buffers_.empty()) {
@@ -296,6 +311,13 @@ void FlowTracker::HoldSegment(Flow& flow, Stream& stream, const Packet& packet, 
   stream.held.insert(position, std::move(segment));
   stream.held_bytes += d.payload_length;
   ++counters_.segments_held;
+  // Over the bound, the lowest held segment goes out after its gap, even the
+  // one that just came: bytes never delivered are never trimmed.
+  while (stream.held.size() > kMaxHeldSegments || stream.held_bytes > kMaxHeldBytes) {
+    ++counters_.gaps_skipped;
+    stream.next = stream.held.front().start;
+    DrainHeld(flow, stream);
+  }
 }
 
 void FlowTracker::DrainHeld(Flow& flow, Stream& stream) {
@@ -309,6 +331,7 @@ void FlowTracker::DrainHeld(Flow& flow, Stream& stream) {
 
 void FlowTracker::DeliverHeld(Flow& flow, Stream& stream, HeldSegment& segment) {
   const int side = &stream == &flow.streams[0] ? 0 : 1;
+  stream.awaiting_head = false;
   Deliver(flow, side, segment.Bytes(), stream.next - segment.start);
   const uint32_t end = segment.start + segment.segment_length;
   if (SeqDiff(end, stream.next) > 0) stream.next = end;

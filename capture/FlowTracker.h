@@ -15,7 +15,12 @@
 //   A segment ahead of the next expected sequence number is held and delivered
 //   right after the packet that fills the gap, in sequence order. At most
 //   kMaxHeldSegments segments or kMaxHeldBytes payload bytes are held per
-//   direction; beyond that the lowest held segment is delivered after its gap.
+//   direction; beyond that the lowest held segment (possibly the one that just
+//   came) is delivered after its gap.
+// - A side's stream begins at its SYN's number + 1; without a SYN, at its first
+//   segment with payload, unless a packet without payload came first and the
+//   data starts more than one byte past that packet's number: then the data is
+//   held until a segment starting at most one byte past it comes.
 // - A flow ends right after the first packet that follows FINs from both
 //   directions, right after an RST, after the idle timeout (capture time), when
 //   the live-flow bound needs room (least recently active first), on a new SYN
@@ -113,6 +118,7 @@ class FlowTracker {
   bool StartsNewConnection(const Flow& flow, const Packet& packet) const;
   void HandlePacket(Flow& flow, const Packet& packet);
   void HandleData(Flow& flow, Stream& stream, const Packet& packet);
+  static void BeginStream(Stream& stream, const DecodedPacket& decoded, uint32_t start);
   void HoldSegment(Flow& flow, Stream& stream, const Packet& packet, uint32_t start);
   void DeliverFrom(Flow& flow, Stream& stream, const Packet& packet, uint32_t start);
   void DrainHeld(Flow& flow, Stream& stream);

@@ -16,6 +16,8 @@
 #include <mutex>
 #include <vector>
 
+#include "capture/PageAlignedBuffer.h"
+
 namespace pelka {
 
 class PcapBlockPool;
@@ -24,7 +26,7 @@ class PcapBlock {
  public:
   // The bytes are left uninitialised: the reader writes them before use.
   PcapBlock(PcapBlockPool* pool, size_t capacity)
-      : pool_(pool), bytes_(std::make_unique_for_overwrite<uint8_t[]>(capacity)), capacity_(capacity) {}
+      : pool_(pool), bytes_(MakePageAlignedBytes(capacity)), capacity_(capacity) {}
   PcapBlock(const PcapBlock&) = delete;
   PcapBlock& operator=(const PcapBlock&) = delete;
 
@@ -38,7 +40,7 @@ class PcapBlock {
  private:
   friend class PcapBlockPool;
   PcapBlockPool* pool_;
-  std::unique_ptr<uint8_t[]> bytes_;
+  PageAlignedBytes bytes_;
   size_t capacity_;
   std::atomic<int> refs_{0};
 };

@@ -167,39 +167,54 @@ void RunIconv(iconv_t handle, const char* input, size_t input_length, size_t uni
 
 // UTF-8 is decoded here rather than by the converter: it is faster, and the
 // converter reads 4-byte forms above U+10FFFF (and older 5- and 6-byte forms)
-// as characters. A byte that does not start a shortest form of a scalar value
-// becomes U+FFFD and decoding goes on with the next byte, as it does for
-// every other code page.
+// as characters. Ill-formed input becomes one U+FFFD for each maximal
+// subpart, as Unicode recommends: the longest start of a well-formed sequence
+// (a lead byte and the followers that still fit it), or a single byte that
+// starts none. So a character cut short gives one U+FFFD wherever it is cut,
+// and decoding goes on with the byte that did not fit.
+
+// The range the first follower of `lead` must lie in (the later ones lie in
+// 0x80-0xBF), and how many followers the lead asks for; 0 for a byte that
+// starts no sequence.
+struct Utf8Lead {
+  int followers;
+  uint8_t low;
+  uint8_t high;
+};
+
+Utf8Lead ReadUtf8Lead(uint8_t lead) {
+  if (lead >= 0xC2 && lead <= 0xDF) return {1, 0x80, 0xBF};
+  if (lead == 0xE0) return {2, 0xA0, 0xBF};  // no overlong forms
+  if (lead == 0xED) return {2, 0x80, 0x9F};  // no surrogates
+  if (lead >= 0xE1 && lead <= 0xEF) return {2, 0x80, 0xBF};
+  if (lead == 0xF0) return {3, 0x90, 0xBF};  // no overlong forms
+  if (lead == 0xF4) return {3, 0x80, 0x8F};  // nothing above U+10FFFF
+  if (lead >= 0xF1 && lead <= 0xF3) return {3, 0x80, 0xBF};
+  return {0, 0, 0};
+}
+
 void DecodeUtf8(std::string_view bytes, std::wstring& out) {
   out.resize(bytes.size());
   wchar_t* wide = out.data();
   const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
   const auto* const end = p + bytes.size();
   while (p < end) {
-    const uint32_t lead = *p;
+    const uint8_t lead = *p++;
     if (lead < 0x80) {
       *wide++ = static_cast<wchar_t>(lead);
-      ++p;
       continue;
     }
-    ptrdiff_t followers = 0;
-    uint32_t c = 0;
-    uint32_t smallest = 0;
-    if (lead >= 0xC2 && lead <= 0xDF) {
-      followers = 1, c = lead & 0x1F, smallest = 0x80;
-    } else if ((lead & 0xF0) == 0xE0) {
-      followers = 2, c = lead & 0x0F, smallest = 0x800;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-      followers = 3, c = lead & 0x07, smallest = 0x10000;
+    const Utf8Lead form = ReadUtf8Lead(lead);
+    uint32_t c = lead & (0x7F >> (form.followers + 1));
+    int taken = 0;
+    for (; taken < form.followers && p < end; ++taken, ++p) {
+      const uint8_t low = taken == 0 ? form.low : 0x80;
+      const uint8_t high = taken == 0 ? form.high : 0xBF;
+      if (*p < low || *p > high) break;
+      c = (c << 6) | (*p & 0x3F);
     }
-    bool valid = followers > 0 && end - p > followers;
-    for (ptrdiff_t i = 1; valid && i <= followers; ++i) {
-      valid = (p[i] & 0xC0) == 0x80;
-      c = (c << 6) | (p[i] & 0x3F);
-    }
-    valid = valid && c >= smallest && c <= 0x10FFFF && (c < 0xD800 || c > 0xDFFF);
-    *wide++ = valid ? static_cast<wchar_t>(c) : kReplacementChar;
-    p += valid ? followers + 1 : 1;
+    const bool complete = form.followers > 0 && taken == form.followers;
+    *wide++ = complete ? static_cast<wchar_t>(c) : kReplacementChar;
   }
   out.resize(static_cast<size_t>(wide - out.data()));
 }

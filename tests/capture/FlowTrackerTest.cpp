@@ -89,6 +89,15 @@ const std::vector<FlowCase>& Cases() {
        {{'s', 501, PA, "220\r\n"}, {'c', 101, PA, "EHLO\r\n"}},
        {"start 630 10.0.0.2:25", "#1 2 220\r\n", "#2 1 EHLO\r\n", "end end of input"},
        true},
+      {"a keep-alive first (one below the next byte) holds nothing back",
+       {{'c', 100, A}, {'c', 101, PA, "abc"}, {'s', 1, PA, "x"}},
+       {"start 630 10.0.0.1:40000", "#1 1 ", "#2 1 abc", "#3 2 x", "end end of input"}},
+      {"after a bare packet, data beyond a gap waits for its head",
+       {{'c', 100, A}, {'c', 110, PA, "later"}, {'c', 101, PA, "123456789"}},
+       {"start 630 10.0.0.1:40000", "#1 1 ", "#3 1 123456789", "#2 1 later", "end end of input"}},
+      {"data starting below the bare packet's number begins the stream there",
+       {{'c', 100, A}, {'c', 95, PA, "abcde"}},
+       {"start 630 10.0.0.1:40000", "#1 1 ", "#2 1 abcde", "end end of input"}},
       {"IPv6 flows are tracked",
        {{'c', 100, S, "", -1, 0, 40000, 143, true}, {'c', 101, PA, "a1 LOGIN\r\n", -1, 0, 40000, 143, true}},
        {"start 614 [v6]:40000", "#1 1 ", "#2 1 a1 LOGIN\r\n", "end end of input"}},
@@ -182,6 +191,17 @@ TEST(FlowTrackerTest, HeldSegmentsAreBoundedThenTheLowestGoesOutAfterItsGap) {
     harness.tracker.Finish();
     EXPECT_EQ(harness.sink.events.size(), 1 + (c.held + 2) + 1);  // start, packets, end
   }
+}
+
+// A segment below every held one is held too; over the bound it is the lowest
+// and goes out whole, before the others.
+TEST(FlowTrackerTest, ASegmentBelowEveryHeldOneGoesOutWholeWhenTheBoundIsReached) {
+  TrackerHarness harness;
+  harness.Feed({'c', 100, PA, "a"});
+  for (uint32_t i = 0; i < FlowTracker::kMaxHeldSegments; ++i) harness.Feed({'c', 300 + 2 * i, PA, "h"});
+  harness.Feed({'c', 150, PA, "below"});
+  ASSERT_EQ(harness.sink.events.size(), 3u);
+  EXPECT_EQ(harness.sink.events[2], "#66 1 below");
 }
 
 TEST(FlowTrackerTest, LiveFlowBoundEndsTheLeastRecentlyActive) {
