@@ -1,11 +1,12 @@
 // The email log: its columns, their identifiers and its two storage kinds.
 #include <array>
 
+#include <algorithm>
+
 #include "host/LogInterfaces.h"
-#include "module/EmailModule.h"
-#include "module/ResStringTable.h"
 #include "output/EmailLogColumns.h"
 #include "output/EmailLogExport.h"
+#include "output/EmailRecordWriter.h"
 
 namespace pelka {
 namespace {
@@ -64,21 +65,23 @@ constexpr std::array<ColumnDefinition, 27> kColumns = {{
     {"group", 0, nullptr, nullptr, kLogValueText, 0, kFlagsHidden},
 }};
 
-static_assert(kEmailLogKeyedColumns == kEmailLogColumnCount);
-
 // The hidden columns close the declaration; the host marks them so.
 bool IsFinalColumn(const ColumnDefinition& option) { return option.caption_id == nullptr; }
 
 }  // namespace
 
-void CPelkaEmailModule::DefineEmailLog() {
+CEmailRecordWriter::CEmailRecordWriter(ITextSource& texts) : texts_(texts) {
+  std::fill(std::begin(column_ids_), std::end(column_ids_), kNoColumn);
+}
+
+void CEmailRecordWriter::DefineEmailLog(int32_t icon_index) {
   if (!log_service_) return;
-  CResStringTable& strings = CResStringTable::Instance();
+  ITextSource& strings = texts_;
   std::wstring caption;
 
   IPelkaLog* log = nullptr;
   strings.GetString(caption, L"IDS_EMAIL_INFO", L"Email信息");
-  if (log_service_->CreateLog("email_flow", caption.c_str(), kEmailLogCapacity, icon_index_, &log) != 0) return;
+  if (log_service_->CreateLog("email_flow", caption.c_str(), kEmailLogCapacity, icon_index, &log) != 0) return;
   if (!log) return;
   email_log_ = log;
 
