@@ -35,7 +35,7 @@ struct ColumnDefinition {
 };
 
 // The 27 columns in position order; keyed ones in the order of EmailLogColumn.
-constexpr std::array<ColumnDefinition, 27> kColumns = {{
+constexpr std::array<ColumnDefinition, kEmailLogPositionCount> kColumns = {{
     {"email_number", 0, L"IDS_SN", L"序号", kLogValueNumber, 80, kFlagsPlain},
     {nullptr, kLogFieldDateTime, L"IDS_DATE_TIME", L"日期时间", 0, 140, kFlagsPlain},
     {"protocol", 0, L"IDS_PTL", L"协议", kLogValueText, 80, kFlagsEndpoint},
