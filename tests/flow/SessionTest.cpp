@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "flow/EmailFlowData.h"
+#include "host/CodePage.h"
 #include "support/Conversation.h"
 
 namespace pelka {
@@ -49,6 +50,9 @@ TEST(ClientLineTest, StartsOrEndsABodyAndSetsTheLoginName) {
       {143, "A2 UID FETCH 1:* (BODY.PEEK[])\r\n", 1, 1, L"old", "A2"},
       {143, "tag7 uid fetch 5 (body.peek[header])\r\n", 1, 1, L"old", "tag7"},
       {143, "A3 UID FETCH 1:* (FLAGS)\r\n", 1, 1}, {143, "A4 FETCH 1 (BODY.PEEK[])\r\n", 1, 1}, {143, "\r\n", 1, 1},
+      // Only a body fetch that leaves the message unread starts one.
+      {143, "A5 UID FETCH 1 (BODY[])\r\n", 0, 0}, {143, "A6 UID FETCH 1 (FLAGS)\r\n", 0, 0},
+      {143, "A7 FETCH 1 (BODY.PEEK[])\r\n", 0, 0}, {143, "A8 UID FETCH 1 (BODY.PEEK[])\r\n", 0, 1, L"old", "A8"},
   };
   for (const auto& c : cases) {
     Session session(c.port);
@@ -90,6 +94,38 @@ TEST(EndOfBodyTest, SmtpEndMarkerAndImapCompletionWhereverTheyFall) {
     EXPECT_EQ(session.context().in_body == 0, c.complete) << ::testing::PrintToString(c.packets);
   }
 }
+
+// The completion marker may not start on the second byte of a double-byte
+// character of the ANSI code page.
+struct LeadByteCase {
+  const char* name;
+  unsigned code_page;
+  uint8_t before_marker;
+  bool complete;
+};
+
+class ImapCompletionTest : public ::testing::TestWithParam<LeadByteCase> {
+ protected:
+  void TearDown() override { SetAnsiCodePage(kCodePageGbk); }
+};
+
+TEST_P(ImapCompletionTest, MarkerAfterALeadByteIsNoCompletion) {
+  const LeadByteCase& c = GetParam();
+  ASSERT_TRUE(SetAnsiCodePage(c.code_page));
+  Session imap(143);
+  imap.Client(kFetch, 1);
+  imap.Server(std::string(1, static_cast<char>(c.before_marker)) + "A3 OK\r\n", 2);
+  EXPECT_EQ(imap.context().in_body == 0, c.complete);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    CodePages, ImapCompletionTest,
+    ::testing::Values(LeadByteCase{"Gbk81", 936, 0x81, false}, LeadByteCase{"GbkFE", 936, 0xFE, false},
+                      LeadByteCase{"GbkFF", 936, 0xFF, true}, LeadByteCase{"ShiftJis81", 932, 0x81, false},
+                      LeadByteCase{"ShiftJis9F", 932, 0x9F, false}, LeadByteCase{"ShiftJisA0", 932, 0xA0, true},
+                      LeadByteCase{"ShiftJisE0", 932, 0xE0, false}, LeadByteCase{"ShiftJisFC", 932, 0xFC, false},
+                      LeadByteCase{"ShiftJisFD", 932, 0xFD, true}, LeadByteCase{"Utf8", 65001, 0x81, true}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(EndOfBodyTest, ImapAnswerDoesNotDependOnHowBytesArrive) {
   // The first marker starts on the second byte of a GBK character.
