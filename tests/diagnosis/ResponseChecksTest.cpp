@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <string>
 #include <tuple>
-#include <utility>
 
 #include "DiagnosisBench.h"
 #include "diagnosis/ResponseChecks.h"
@@ -213,12 +212,10 @@ TEST(DefineDiagnosisEvents, NothingWithoutNotificationObjectOrService) {
   without_notify.DetachNotify();
   without_notify.DefineDiagnosisEvents();
   EXPECT_TRUE(service.defined_keys.empty());
-
-  DiagnosedModule without_service;
-  without_service.Attach(nullptr);
-  without_service.DefineDiagnosisEvents();
-  // No check keeps state without its event.
-  testing::Conversation smtp(without_service, kSmtpPort, kProtocolSmtp);
+  // Without a service no check keeps state.
+  without_notify.Attach(nullptr);
+  without_notify.DefineDiagnosisEvents();
+  testing::Conversation smtp(without_notify, kSmtpPort, kProtocolSmtp);
   smtp.Client("EHLO a\r\n", 1'000'000);
   EXPECT_EQ(smtp.context().request_packet, 0u);
 }
