@@ -20,8 +20,16 @@ inline constexpr size_t kLineEndLength = 2;
 // Packet times are in microseconds; durations are reported in seconds.
 inline constexpr uint64_t kMicrosecondsPerSecond = 1000000;
 
-constexpr uint8_t ToUpperAscii(uint8_t c) { return c >= 'a' && c <= 'z' ? static_cast<uint8_t>(c - 'a' + 'A') : c; }
-constexpr wchar_t ToUpperAscii(wchar_t c) { return c >= L'a' && c <= L'z' ? static_cast<wchar_t>(c - L'a' + L'A') : c; }
+// One byte or wide character with its ASCII letter case changed; every other
+// unit is kept.
+template <typename CharT>
+constexpr CharT ToUpperAscii(CharT c) {
+  return c >= CharT('a') && c <= CharT('z') ? static_cast<CharT>(c - CharT('a') + CharT('A')) : c;
+}
+template <typename CharT>
+constexpr CharT ToLowerAscii(CharT c) {
+  return c >= CharT('A') && c <= CharT('Z') ? static_cast<CharT>(c - CharT('A') + CharT('a')) : c;
+}
 
 // Whether the `length` bytes at `bytes` begin with `word`, ASCII letter case
 // ignored on both sides. Never reads past `length`.
