@@ -71,7 +71,7 @@ bool IsServerReply(const uint8_t* payload, uint32_t length) {
   // Only the first five bytes can hold the space a reply needs; a body packet
   // is not searched any further.
   const uint32_t head = std::min<uint32_t>(length, kLastSpaceOffset + 1);
-  if (!FindByte(payload, payload + head, ' ')) return false;
+  if (std::find(payload, payload + head, ' ') == payload + head) return false;
   if (StartsWithNoCase(payload, length, "-ERR") || StartsWithNoCase(payload, length, "+OK")) return true;
   const int64_t code = ParseLeadingNumber(payload, length);
   return code >= 1 && code <= 599;

@@ -168,7 +168,7 @@ uint32_t HandleImapData(CEmailSessionHost& module, CEmailFlowDataImpl& data, CEm
                         const PacketArgs& args) {
   // At the flow limit the whole raw response, FETCH lines included, is taken
   // as one message.
-  if (FinishAtFlowLimit(module, data, context, args, MailProtocol::kImap4)) return 1;
+  if (FinishedAtFlowLimit(module, data, context, args, MailProtocol::kImap4)) return 1;
   if (args.direction == kFromClient) {
     ParseImapCommand(context, args.payload, args.length);
     return 0;

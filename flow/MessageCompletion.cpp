@@ -35,13 +35,10 @@ void ExtractMessageFields(CEmailFlowContext& context, MailProtocol protocol) {
   ExtractMailHeaders(*context.flow_data, SplitScratch{context.base64_coder, context.qp_text}, context, protocol);
 }
 
-bool FinishAtFlowLimit(CEmailSessionHost& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
-                       const PacketArgs& args, MailProtocol protocol) {
-  // Equal is still within the limit.
-  if (data.GetLength() <= module.max_flow_length()) return false;
+void FinishAtFlowLimit(CEmailSessionHost& module, CEmailFlowContext& context, const PacketArgs& args,
+                       MailProtocol protocol) {
   context.body_end_time = GetPacketTime(args.packet);
   CompleteMessage(module, context, args, protocol, ReceiverTest::kToOnly);
-  return true;
 }
 
 bool QualifiesForRecord(const CEmailFlowContext& context, ReceiverTest receiver_test) {

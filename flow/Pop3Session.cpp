@@ -62,7 +62,7 @@ bool IsPop3ErrorReply(CEmailFlowContext& context, const uint8_t* payload, uint32
 
 uint32_t HandlePop3Data(CEmailSessionHost& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
                         const PacketArgs& args) {
-  if (FinishAtFlowLimit(module, data, context, args, MailProtocol::kPop3)) return 1;
+  if (FinishedAtFlowLimit(module, data, context, args, MailProtocol::kPop3)) return 1;
   if (args.direction == kFromClient) {
     ParsePop3Command(context, args.payload, args.length);
     return 0;

@@ -8,13 +8,12 @@
 #include <cstdint>
 
 #include "flow/EmailFlowContext.h"
+#include "flow/EmailFlowData.h"
 #include "flow/EmailSessionHost.h"
 #include "host/FlowInterfaces.h"
 #include "mail/MessageFields.h"
 
 namespace pelka {
-
-class CEmailFlowDataImpl;
 
 // Which receiver fields make a message worth recording: a To or Envelope-To
 // address, or (at an SMTP end marker only) also a Cc address.
@@ -72,9 +71,18 @@ void ExtractMessageFields(CEmailFlowContext& context, MailProtocol protocol);
 
 // Once the collected message has passed the flow limit, the packet that finds
 // it so is neither parsed nor collected: the message is finished as it is
-// (only To and Envelope-To count as receivers) and the flow is done. True then.
-bool FinishAtFlowLimit(CEmailSessionHost& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
-                       const PacketArgs& args, MailProtocol protocol);
+// (only To and Envelope-To count as receivers) and the flow is done.
+// FinishedAtFlowLimit answers true then.
+void FinishAtFlowLimit(CEmailSessionHost& module, CEmailFlowContext& context, const PacketArgs& args,
+                       MailProtocol protocol);
+// Asked for every packet, so the test itself is inline.
+inline bool FinishedAtFlowLimit(CEmailSessionHost& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
+                                const PacketArgs& args, MailProtocol protocol) {
+  // Equal is still within the limit.
+  if (data.GetLength() <= module.max_flow_length()) return false;
+  FinishAtFlowLimit(module, context, args, protocol);
+  return true;
+}
 
 // True when the text is not empty and contains "@".
 bool HasMailAddress(const std::wstring& text);

@@ -56,7 +56,7 @@ void TakeLoginName(CEmailFlowContext& context, const uint8_t* payload, uint32_t 
 
 uint32_t HandleSmtpData(CEmailSessionHost& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
                         const PacketArgs& args) {
-  if (FinishAtFlowLimit(module, data, context, args, MailProtocol::kSmtp)) return 1;
+  if (FinishedAtFlowLimit(module, data, context, args, MailProtocol::kSmtp)) return 1;
   if (args.direction != kFromClient) {
     ParseSmtpReply(context, args.payload, args.length);
     return 0;
