@@ -144,9 +144,7 @@ TEST_F(ConversationRecordsTest, ImapFetchLiteralsBecomeOneRecordEach) {
   }
 }
 
-// The literal's declared length decides how much of the response is one
-// message; a length past the response's text, or a negative one, takes all of
-// it.
+// A literal longer than the response's text, or a negative one, takes all of it.
 struct LiteralCase {
   const char* name;
   std::string declared;  // between the braces; empty: the message's own length

@@ -94,8 +94,7 @@ TEST(EndOfBodyTest, SmtpEndMarkerAndImapCompletionWhereverTheyFall) {
   }
 }
 
-// The completion marker may not start on the second byte of a double-byte
-// character of the ANSI code page.
+// The completion marker may not start on a double-byte character's second byte.
 struct LeadByteCase {
   const char* name;
   unsigned code_page;
@@ -119,11 +118,11 @@ TEST_P(ImapCompletionTest, MarkerAfterALeadByteIsNoCompletion) {
 
 INSTANTIATE_TEST_SUITE_P(
     CodePages, ImapCompletionTest,
-    ::testing::Values(LeadByteCase{"Gbk81", 936, 0x81, false}, LeadByteCase{"GbkFE", 936, 0xFE, false},
-                      LeadByteCase{"GbkFF", 936, 0xFF, true}, LeadByteCase{"ShiftJis81", 932, 0x81, false},
-                      LeadByteCase{"ShiftJis9F", 932, 0x9F, false}, LeadByteCase{"ShiftJisA0", 932, 0xA0, true},
-                      LeadByteCase{"ShiftJisE0", 932, 0xE0, false}, LeadByteCase{"ShiftJisFC", 932, 0xFC, false},
-                      LeadByteCase{"ShiftJisFD", 932, 0xFD, true}, LeadByteCase{"Utf8", 65001, 0x81, true}),
+    ::testing::ValuesIn(std::vector<LeadByteCase>{
+        {"Gbk81", 936, 0x81, false}, {"GbkFE", 936, 0xFE, false}, {"GbkFF", 936, 0xFF, true},
+        {"ShiftJis81", 932, 0x81, false}, {"ShiftJis9F", 932, 0x9F, false}, {"ShiftJisA0", 932, 0xA0, true},
+        {"ShiftJisE0", 932, 0xE0, false}, {"ShiftJisFC", 932, 0xFC, false}, {"ShiftJisFD", 932, 0xFD, true},
+        {"Utf8", 65001, 0x81, true}}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(EndOfBodyTest, ImapAnswerDoesNotDependOnHowBytesArrive) {
