@@ -2,9 +2,9 @@
 // two slow-response events.
 #include <array>
 
+#include "diagnosis/DiagnosisChecks.h"
 #include "host/DiagnosisInterfaces.h"
-#include "module/EmailModule.h"
-#include "module/ResStringTable.h"
+#include "host/Types.h"
 
 namespace pelka {
 namespace {
@@ -18,53 +18,49 @@ constexpr uint32_t kDefineFlags = 1;
 
 }  // namespace
 
-void CPelkaEmailModule::DefineDiagnosisEvents() {
-  if (!notify_) return;
-
+void CDiagnosisChecks::DefineEvents(IPelkaDiagnosisService* service, std::wstring& holder) {
   struct EventDefinition {
     const char* key;
     const wchar_t* title_id;
     const wchar_t* default_title;
     uint32_t codes[3];
-    IPelkaDiagnosisEvent* CPelkaEmailModule::*handle;
+    IPelkaDiagnosisEvent* CDiagnosisChecks::*handle;
     const char* parameter_key;  // null: the event has no threshold
-    uint32_t CPelkaEmailModule::*parameter;
+    uint32_t CDiagnosisChecks::*parameter;
   };
   // Defined in this order: SMTP slow, dubious, error; POP3 dubious, slow, error.
   static constexpr std::array<EventDefinition, 6> kEvents = {{
       {"SMTPServerSlowResponseTime", L"IDS_SMTP_SERVER_SLOW_RESP", L"SMTP 服务器慢响应", {2, 6, 2},
-       &CPelkaEmailModule::smtp_slow_event_, "smtp_time", &CPelkaEmailModule::smtp_time_parameter_},
+       &CDiagnosisChecks::smtp_slow_event_, "smtp_time", &CDiagnosisChecks::smtp_time_parameter_},
       {"SMTPNonSmtpTraffic", L"IDS_SMTP_DUBIOUS_CONV", L"SMTP 可疑会话", {1, 6, 4},
-       &CPelkaEmailModule::smtp_dubious_event_, nullptr, nullptr},
+       &CDiagnosisChecks::smtp_dubious_event_, nullptr, nullptr},
       {"SMTPServerReturnedError", L"IDS_SMTP_RETURN_ERROR", L"SMTP 服务器返回错误", {3, 6, 1},
-       &CPelkaEmailModule::smtp_error_event_, nullptr, nullptr},
+       &CDiagnosisChecks::smtp_error_event_, nullptr, nullptr},
       {"POP3NonPop3Traffic", L"IDS_POP3_DUBIOUS_CONV", L"POP3 可疑会话", {1, 6, 4},
-       &CPelkaEmailModule::pop3_dubious_event_, nullptr, nullptr},
+       &CDiagnosisChecks::pop3_dubious_event_, nullptr, nullptr},
       {"POP3ServerSlowResponseTime", L"IDS_POP3_SLOW_RESP", L"POP3 服务器慢响应", {2, 6, 2},
-       &CPelkaEmailModule::pop3_slow_event_, "pop3_time", &CPelkaEmailModule::pop3_time_parameter_},
+       &CDiagnosisChecks::pop3_slow_event_, "pop3_time", &CDiagnosisChecks::pop3_time_parameter_},
       {"POP3ServerReturnedError", L"IDS_POP3_RETURN_ERROR", L"POP3 服务器返回错误", {3, 6, 1},
-       &CPelkaEmailModule::pop3_error_event_, nullptr, nullptr},
+       &CDiagnosisChecks::pop3_error_event_, nullptr, nullptr},
   }};
 
-  CResStringTable& strings = CResStringTable::Instance();
   for (const EventDefinition& definition : kEvents) {
     // The host copies the title at once, so the shared holder may be reused.
-    const wchar_t* title = strings.GetString(text_holder_, definition.title_id, definition.default_title);
+    const wchar_t* title = texts_.GetString(holder, definition.title_id, definition.default_title);
     IPelkaDiagnosisEvent* event = nullptr;
-    if (diagnosis_service_ &&
-        diagnosis_service_->DefineEvent(definition.key, title, definition.codes[0], definition.codes[1],
+    if (service && service->DefineEvent(definition.key, title, definition.codes[0], definition.codes[1],
                                         definition.codes[2], &event, kDefineFlags) != kStatusOk) {
       event = nullptr;
     }
     this->*definition.handle = event;
     if (!event || !definition.parameter_key) continue;
-    const wchar_t* caption = strings.GetString(text_holder_, L"IDS_RESP_TIME", L"响应时间(ms)");
+    const wchar_t* caption = texts_.GetString(holder, L"IDS_RESP_TIME", L"响应时间(ms)");
     this->*definition.parameter = event->AddParameter(definition.parameter_key, caption, kDefaultThresholdMs,
                                                       kLowestThresholdMs, kHighestThresholdMs);
   }
 }
 
-void CPelkaEmailModule::ReleaseDiagnosisEvents() {
+void CDiagnosisChecks::ReleaseEvents() {
   IPelkaDiagnosisEvent** handles[] = {&smtp_slow_event_,   &smtp_dubious_event_, &smtp_error_event_,
                                       &pop3_slow_event_,   &pop3_dubious_event_, &pop3_error_event_};
   for (IPelkaDiagnosisEvent** handle : handles) {

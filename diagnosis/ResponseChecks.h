@@ -3,9 +3,9 @@
 // A client packet counts as a command when its first line starts with one of
 // the mail command words; a server packet counts as a reply when it starts
 // with a status ("+OK", "-ERR" or a code from 1 to 599) followed by a space
-// within its first five characters. The checks themselves (slow response,
-// dubious conversation, server errors) are operations of CPelkaEmailModule,
-// since they report on the module's diagnosis events.
+// within its first five characters. The checks that report on the diagnosis
+// events are CDiagnosisChecks (diagnosis/DiagnosisChecks.h); the bare POP3
+// "-ERR" test is the POP3 parser's IsPop3ErrorReply (flow/SessionHandlers.h).
 //
 // Every test reads at most `length` bytes of `payload`; a null payload counts
 // as an empty one.
@@ -16,6 +16,7 @@
 
 #include "flow/EmailFlowContext.h"
 #include "host/PacketRecord.h"
+#include "host/TextSource.h"
 
 namespace pelka {
 
@@ -30,11 +31,6 @@ bool IsClientCommand(const uint8_t* payload, uint32_t length);
 // a reply.
 bool IsServerReply(const uint8_t* payload, uint32_t length);
 
-// True for a bare POP3 "-ERR" status line: it begins with "-ERR" (letter case
-// ignored) and its first CR LF lies before offset 6. An error line that
-// carries a message does not qualify.
-bool IsPop3ErrorReply(const uint8_t* payload, uint32_t length);
-
 // The decimal number at the start of the payload: leading white space and a
 // sign are accepted and reading stops at the first other character; 0 when
 // there is no digit. Values far beyond any status code saturate.
@@ -45,8 +41,9 @@ int64_t ParseLeadingNumber(const uint8_t* payload, uint32_t length);
 // A client command ends the probation and, when no request is pending, becomes
 // the pending request. A server reply closes the pending request; when more
 // than `threshold_ms` milliseconds passed since it, the slow-response text is
-// written into `text` and the request's packet number is returned. Otherwise 0.
-uint64_t MeasureResponse(CEmailFlowContext& context, const PacketRecord* packet, uint32_t direction,
+// written into `text` (from `texts`) and the request's packet number is
+// returned. Otherwise 0.
+uint64_t MeasureResponse(ITextSource& texts, CEmailFlowContext& context, const PacketRecord* packet, uint32_t direction,
                          const uint8_t* payload, uint32_t length, int32_t threshold_ms, std::wstring& text);
 
 }  // namespace pelka

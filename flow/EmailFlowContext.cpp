@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "flow/EmailFlowData.h"
-#include "module/EmailModule.h"
+#include "flow/EmailSessionHost.h"
 
 namespace pelka {
 
@@ -19,7 +19,7 @@ int32_t CSectionString::Find(const void* needle, uint64_t needle_length) const {
   return -1;
 }
 
-CEmailFlowContext::CEmailFlowContext(CPelkaEmailModule* owner, IPelkaFlow* host_flow)
+CEmailFlowContext::CEmailFlowContext(CEmailSessionHost* owner, IPelkaFlow* host_flow)
     : flow(host_flow), module(owner) {
   ResetMessage();
   flow_data = RefPtr<CEmailFlowDataImpl>::Adopt(new CEmailFlowDataImpl);
@@ -31,7 +31,7 @@ CEmailFlowContext::~CEmailFlowContext() {
   if (copy_file) std::fclose(copy_file);
 }
 
-IPelkaFlowClient* CEmailFlowContext::GetFlowClient() { return module; }
+IPelkaFlowClient* CEmailFlowContext::GetFlowClient() { return module ? module->SessionFlowClient() : nullptr; }
 
 void CEmailFlowContext::ResetMessage() {
   reply_seen = 0;

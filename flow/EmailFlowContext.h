@@ -8,11 +8,12 @@
 #include "host/Base64Coder.h"
 #include "host/FlowInterfaces.h"
 #include "host/RefPtr.h"
+#include "mail/MessageFields.h"
 
 namespace pelka {
 
 class CEmailFlowDataImpl;
-class CPelkaEmailModule;
+class CEmailSessionHost;
 
 // A view over the payload being parsed. It does not own the bytes.
 class CSectionString {
@@ -49,9 +50,12 @@ struct EndSearchProgress {
   bool fetch_text_ended = false;
 };
 
-class CEmailFlowContext final : public IPelkaFlowBindContext {
+// The message fields (sender_name ... attachments, the body times, size,
+// duration and speed) come from MessageFields, which the header extractor
+// fills.
+class CEmailFlowContext final : public IPelkaFlowBindContext, public MessageFields {
  public:
-  CEmailFlowContext(CPelkaEmailModule* module, IPelkaFlow* flow);
+  CEmailFlowContext(CEmailSessionHost* module, IPelkaFlow* flow);
   ~CEmailFlowContext();
   CEmailFlowContext(const CEmailFlowContext&) = delete;
   CEmailFlowContext& operator=(const CEmailFlowContext&) = delete;
@@ -78,31 +82,15 @@ class CEmailFlowContext final : public IPelkaFlowBindContext {
   uint32_t await_auth_user = 0;
   uint32_t await_auth_pass = 0;
   uint64_t first_packet_time = 0;
-  uint64_t body_start_time = 0;
-  uint64_t body_end_time = 0;
   std::wstring server_endpoint;
   std::wstring client_endpoint;
-  std::wstring sender_name;
-  std::wstring sender_address;
-  std::wstring receiver_name;
-  std::wstring receiver_address;
-  std::wstring return_path;
-  std::wstring envelope_to;
-  std::wstring cc;
-  std::wstring subject;
-  std::wstring sent_time;
-  std::wstring mailer;
   std::wstring account;
-  std::wstring attachments;
   std::wstring copy_path;
   std::string fetch_tag;
-  uint64_t message_size = 0;
-  double duration = 0.0;
-  double average_speed = 0.0;
   uint32_t conversation_unconfirmed = 1;
   uint32_t dubious_count = 0;
   std::wstring qp_text;
-  CPelkaEmailModule* module = nullptr;
+  CEmailSessionHost* module = nullptr;
 
   EndSearchProgress end_search;
 };

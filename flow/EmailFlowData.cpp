@@ -1,12 +1,12 @@
 #include "flow/EmailFlowData.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
 #include "flow/ByteSearch.h"
+#include "host/AsciiText.h"
 
 namespace pelka {
 namespace {
@@ -273,8 +273,8 @@ int CEmailFlowDataImpl::CompareNoCase(const char* text, int32_t length, uint32_t
   const uint64_t count = length < 0 ? std::strlen(text) : static_cast<uint64_t>(length);
   if (uint64_t{start} + count > GetLength()) return 1;
   for (uint64_t i = 0; i < count; ++i) {
-    const int stored = std::tolower(GetByte(static_cast<uint32_t>(start + i)));
-    if (stored != std::tolower(static_cast<uint8_t>(text[i]))) return 1;
+    const uint8_t stored = ToLowerAscii(GetByte(static_cast<uint32_t>(start + i)));
+    if (stored != ToLowerAscii(static_cast<uint8_t>(text[i]))) return 1;
   }
   return 0;
 }

@@ -8,29 +8,14 @@
 #include "flow/ByteSearch.h"
 #include "flow/EmailFlowData.h"
 #include "flow/SessionHandlers.h"
+#include "host/AsciiText.h"
 #include "host/CodePage.h"
-#include "mail/HeaderExtractor.h"
-#include "module/EmailModule.h"
+#include "host/Types.h"
 
 namespace pelka {
 namespace {
 
 constexpr std::string_view kFetchKeyword = "Fetch (uid";
-
-// Lead bytes of the double-byte code pages: a character that starts with one
-// takes two bytes, and no match may start on its second byte.
-bool IsLeadByte(unsigned code_page, uint8_t byte) {
-  switch (code_page) {
-    case 936:
-    case 949:
-    case 950:
-      return byte >= 0x81 && byte <= 0xFE;
-    case 932:
-      return (byte >= 0x81 && byte <= 0x9F) || (byte >= 0xE0 && byte <= 0xFC);
-    default:
-      return false;
-  }
-}
 
 // Length of the collected response read as text: up to its first zero byte.
 uint32_t TextLength(const uint8_t* bytes, uint32_t length) {
@@ -40,15 +25,9 @@ uint32_t TextLength(const uint8_t* bytes, uint32_t length) {
 
 const uint8_t* FindNoCase(const uint8_t* text, const uint8_t* end, std::string_view needle) {
   for (const uint8_t* p = text; end - p >= static_cast<ptrdiff_t>(needle.size()); ++p) {
-    size_t i = 0;
-    while (i < needle.size() && std::tolower(p[i]) == std::tolower(static_cast<uint8_t>(needle[i]))) ++i;
-    if (i == needle.size()) return p;
+    if (StartsWithNoCase(p, needle.size(), needle)) return p;
   }
   return nullptr;
-}
-
-const uint8_t* FindByte(const uint8_t* text, const uint8_t* end, uint8_t byte) {
-  return static_cast<const uint8_t*>(std::memchr(text, byte, static_cast<size_t>(end - text)));
 }
 
 // The literal's length between its braces, read as a decimal number after
@@ -66,10 +45,8 @@ uint64_t ParseLiteralLength(const uint8_t* p, const uint8_t* end) {
   return negative && value > 0 ? UINT64_MAX : value;
 }
 
-void ToUpperAscii(std::wstring& text) {
-  for (wchar_t& c : text) {
-    if (c >= L'a' && c <= L'z') c = static_cast<wchar_t>(c - L'a' + L'A');
-  }
+void UpperCaseAscii(std::wstring& text) {
+  for (wchar_t& c : text) c = ToUpperAscii(c);
 }
 
 }  // namespace
@@ -80,7 +57,7 @@ void ParseImapCommand(CEmailFlowContext& context, const uint8_t* payload, uint32
   const std::wstring line = AnsiToWide(std::string_view(text, TextLength(payload, length)));
   if (line.find(L"\r\n") == std::wstring::npos) return;
   std::wstring upper = line;
-  ToUpperAscii(upper);
+  UpperCaseAscii(upper);
 
   if (const size_t login = upper.find(L"LOGIN"); login != std::wstring::npos) {
     const size_t name_start = login + 6;
@@ -145,7 +122,7 @@ bool IsFetchComplete(CEmailFlowContext& context) {
   return false;
 }
 
-void RecordFetchedMessage(CPelkaEmailModule& module, const uint8_t* message, uint32_t length,
+void RecordFetchedMessage(CEmailSessionHost& module, const uint8_t* message, uint32_t length,
                           const CEmailFlowContext& session, const PacketArgs& args) {
   CEmailFlowContext fetched(&module, args.flow);
   if (!fetched.flow_data) return;
@@ -153,14 +130,14 @@ void RecordFetchedMessage(CPelkaEmailModule& module, const uint8_t* message, uin
   // The literal stays where it is: staged bytes read like committed ones, and
   // the context ends before the response's bytes do.
   fetched.flow_data->Append(message, length);
-  ExtractMailHeaders(fetched, kExtractImap4);
+  ExtractMessageFields(fetched, MailProtocol::kImap4);
   if (!session.account.empty()) fetched.account = session.account;
-  if (!QualifiesForRecord(fetched, ReceiverTest::kShort)) return;
+  if (!QualifiesForRecord(fetched, ReceiverTest::kToOnly)) return;
   module.SaveEmailCopy(&fetched, args.packet);
   module.PostEmailRecord(args.flow, fetched, args.node);
 }
 
-void SplitFetchResponse(CPelkaEmailModule& module, CEmailFlowContext& context, const PacketArgs& args) {
+void SplitFetchResponse(CEmailSessionHost& module, CEmailFlowContext& context, const PacketArgs& args) {
   CEmailFlowDataImpl& data = *context.flow_data;
   const uint32_t total = data.GetLength();
   const uint8_t* bytes = total ? data.GetBuffer(0, total) : nullptr;
@@ -187,14 +164,11 @@ void SplitFetchResponse(CPelkaEmailModule& module, CEmailFlowContext& context, c
   }
 }
 
-uint32_t HandleImapData(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
+uint32_t HandleImapData(CEmailSessionHost& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
                         const PacketArgs& args) {
-  if (data.GetLength() > module.max_flow_length()) {
-    // The whole raw response, FETCH lines included, is taken as one message.
-    context.body_end_time = GetPacketTime(args.packet);
-    CompleteMessage(module, context, args, kExtractImap4, ReceiverTest::kShort);
-    return 1;
-  }
+  // At the flow limit the whole raw response, FETCH lines included, is taken
+  // as one message.
+  if (FinishedAtFlowLimit(module, data, context, args, MailProtocol::kImap4)) return 1;
   if (args.direction == kFromClient) {
     ParseImapCommand(context, args.payload, args.length);
     return 0;

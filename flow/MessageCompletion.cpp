@@ -1,7 +1,7 @@
 #include "flow/EmailFlowData.h"
 #include "flow/SessionHandlers.h"
+#include "host/Types.h"
 #include "mail/HeaderExtractor.h"
-#include "module/EmailModule.h"
 
 namespace pelka {
 namespace {
@@ -13,7 +13,7 @@ constexpr uint64_t kMarkerOverlap = 4;
 
 bool HasMailAddress(const std::wstring& text) { return text.find(L'@') != std::wstring::npos; }
 
-bool IsMessageComplete(const CPelkaEmailModule& module, CEmailFlowContext& context) {
+bool IsMessageComplete(const CEmailSessionHost& module, CEmailFlowContext& context) {
   CEmailFlowDataImpl& data = *context.flow_data;
   const uint64_t total = data.GetLength();
   if (total < 3) return false;
@@ -30,16 +30,27 @@ bool IsMessageComplete(const CPelkaEmailModule& module, CEmailFlowContext& conte
   return found;
 }
 
+void ExtractMessageFields(CEmailFlowContext& context, MailProtocol protocol) {
+  if (!context.flow_data) return;
+  ExtractMailHeaders(*context.flow_data, SplitScratch{context.base64_coder, context.qp_text}, context, protocol);
+}
+
+void FinishAtFlowLimit(CEmailSessionHost& module, CEmailFlowContext& context, const PacketArgs& args,
+                       MailProtocol protocol) {
+  context.body_end_time = GetPacketTime(args.packet);
+  CompleteMessage(module, context, args, protocol, ReceiverTest::kToOnly);
+}
+
 bool QualifiesForRecord(const CEmailFlowContext& context, ReceiverTest receiver_test) {
   const bool sender = HasMailAddress(context.sender_address) || HasMailAddress(context.return_path);
   bool receiver = HasMailAddress(context.receiver_address) || HasMailAddress(context.envelope_to);
-  if (receiver_test == ReceiverTest::kFull) receiver = receiver || HasMailAddress(context.cc);
+  if (receiver_test == ReceiverTest::kToOrCc) receiver = receiver || HasMailAddress(context.cc);
   return sender && receiver;
 }
 
-void CompleteMessage(CPelkaEmailModule& module, CEmailFlowContext& context, const PacketArgs& args,
-                     int extract_protocol, ReceiverTest receiver_test) {
-  ExtractMailHeaders(context, extract_protocol);
+void CompleteMessage(CEmailSessionHost& module, CEmailFlowContext& context, const PacketArgs& args,
+                     MailProtocol protocol, ReceiverTest receiver_test) {
+  ExtractMessageFields(context, protocol);
   if (QualifiesForRecord(context, receiver_test)) {
     module.SaveEmailCopy(&context, args.packet);
     module.PostEmailRecord(args.flow, context, args.node);
@@ -49,15 +60,15 @@ void CompleteMessage(CPelkaEmailModule& module, CEmailFlowContext& context, cons
   context.ResetMessage();
 }
 
-void CollectMessagePacket(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
-                          const PacketArgs& args, int extract_protocol, ReceiverTest receiver_test) {
+void CollectMessagePacket(CEmailSessionHost& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
+                          const PacketArgs& args, MailProtocol protocol, ReceiverTest receiver_test) {
   const uint64_t time = GetPacketTime(args.packet);
   if (context.body_start_time == 0) context.body_start_time = time;
   data.Append(args.payload, args.length);
   data.Commit();
   if (IsMessageComplete(module, context)) {
     context.body_end_time = time;
-    CompleteMessage(module, context, args, extract_protocol, receiver_test);
+    CompleteMessage(module, context, args, protocol, receiver_test);
   }
 }
 

@@ -8,23 +8,16 @@
 #include <cstdint>
 
 #include "flow/EmailFlowContext.h"
+#include "flow/EmailFlowData.h"
+#include "flow/EmailSessionHost.h"
 #include "host/FlowInterfaces.h"
+#include "mail/MessageFields.h"
 
 namespace pelka {
 
-class CEmailFlowDataImpl;
-class CPelkaEmailModule;
-
-// Protocol numbers of the header extractor.
-enum : int {
-  kExtractSmtp = 0,
-  kExtractPop3 = 1,
-  kExtractImap4 = 2,
-};
-
-// Which receiver fields make a message worth recording. The full test, used at
-// an SMTP end marker, also accepts a Cc address.
-enum class ReceiverTest { kFull, kShort };
+// Which receiver fields make a message worth recording: a To or Envelope-To
+// address, or (at an SMTP end marker only) also a Cc address.
+enum class ReceiverTest { kToOrCc, kToOnly };
 
 struct PacketArgs {
   const PacketRecord* packet;
@@ -35,19 +28,23 @@ struct PacketArgs {
   uint32_t length;
 };
 
-uint32_t HandleSmtpData(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
+uint32_t HandleSmtpData(CEmailSessionHost& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
                         const PacketArgs& args);
-uint32_t HandlePop3Data(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
+uint32_t HandlePop3Data(CEmailSessionHost& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
                         const PacketArgs& args);
-uint32_t HandleImapData(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
+uint32_t HandleImapData(CEmailSessionHost& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
                         const PacketArgs& args);
 
 // Client packet parsers of POP3 and IMAP4.
 void ParsePop3Command(CEmailFlowContext& context, const uint8_t* payload, uint32_t length);
 void ParseImapCommand(CEmailFlowContext& context, const uint8_t* payload, uint32_t length);
 
-// True when the payload is a short "-ERR" status line: CR LF at index 4 or 5.
-// Points the context's section at the payload.
+// True for a bare POP3 "-ERR" status line: it begins with "-ERR" (letter case
+// ignored) and its first CR LF lies before offset 6. An error line that
+// carries a message does not qualify. Reads at most `length` bytes; a null
+// payload counts as an empty one.
+bool IsPop3ErrorReply(const uint8_t* payload, uint32_t length);
+// The same test; points the context's section at the payload.
 bool IsPop3ErrorReply(CEmailFlowContext& context, const uint8_t* payload, uint32_t length);
 
 // IMAP4: whether the fetch tag followed by " OK" occurs in the collected
@@ -57,17 +54,35 @@ bool IsPop3ErrorReply(CEmailFlowContext& context, const uint8_t* payload, uint32
 bool IsFetchComplete(CEmailFlowContext& context);
 
 // IMAP4: cuts the collected response into its literals and records each one.
-void SplitFetchResponse(CPelkaEmailModule& module, CEmailFlowContext& context, const PacketArgs& args);
+void SplitFetchResponse(CEmailSessionHost& module, CEmailFlowContext& context, const PacketArgs& args);
 
 // IMAP4: records one fetched message through a temporary context that shares
 // the session's first packet time and login name.
-void RecordFetchedMessage(CPelkaEmailModule& module, const uint8_t* message, uint32_t length,
+void RecordFetchedMessage(CEmailSessionHost& module, const uint8_t* message, uint32_t length,
                           const CEmailFlowContext& session, const PacketArgs& args);
 
 // Whether the collected message holds the end marker CR LF "." CR LF. The
 // answer is that of a search over the whole collection; only the bytes added
 // since the last question (and the four before them) are read.
-bool IsMessageComplete(const CPelkaEmailModule& module, CEmailFlowContext& context);
+bool IsMessageComplete(const CEmailSessionHost& module, CEmailFlowContext& context);
+
+// Fills the context's message fields from its collected bytes.
+void ExtractMessageFields(CEmailFlowContext& context, MailProtocol protocol);
+
+// Once the collected message has passed the flow limit, the packet that finds
+// it so is neither parsed nor collected: the message is finished as it is
+// (only To and Envelope-To count as receivers) and the flow is done.
+// FinishedAtFlowLimit answers true then.
+void FinishAtFlowLimit(CEmailSessionHost& module, CEmailFlowContext& context, const PacketArgs& args,
+                       MailProtocol protocol);
+// Asked for every packet, so the test itself is inline.
+inline bool FinishedAtFlowLimit(CEmailSessionHost& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
+                                const PacketArgs& args, MailProtocol protocol) {
+  // Equal is still within the limit.
+  if (data.GetLength() <= module.max_flow_length()) return false;
+  FinishAtFlowLimit(module, context, args, protocol);
+  return true;
+}
 
 // True when the text is not empty and contains "@".
 bool HasMailAddress(const std::wstring& text);
@@ -75,13 +90,13 @@ bool HasMailAddress(const std::wstring& text);
 // Extracts the headers, records the message when it has a sender and a
 // receiver address (copy first, then the record) and empties the context for
 // the next message.
-void CompleteMessage(CPelkaEmailModule& module, CEmailFlowContext& context, const PacketArgs& args,
-                     int extract_protocol, ReceiverTest receiver_test);
+void CompleteMessage(CEmailSessionHost& module, CEmailFlowContext& context, const PacketArgs& args,
+                     MailProtocol protocol, ReceiverTest receiver_test);
 
 // SMTP and POP3: appends one packet of a message body and finishes the
 // message when the end marker has arrived.
-void CollectMessagePacket(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
-                          const PacketArgs& args, int extract_protocol, ReceiverTest receiver_test);
+void CollectMessagePacket(CEmailSessionHost& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
+                          const PacketArgs& args, MailProtocol protocol, ReceiverTest receiver_test);
 
 // The address test of the finishing step.
 bool QualifiesForRecord(const CEmailFlowContext& context, ReceiverTest receiver_test);

@@ -2,21 +2,12 @@
 // marker or the flow limit.
 #include "flow/EmailFlowData.h"
 #include "flow/SessionHandlers.h"
+#include "host/AsciiText.h"
 #include "host/CodePage.h"
-#include "module/EmailModule.h"
-
-#include <cstring>
-#include <strings.h>
+#include "host/Types.h"
 
 namespace pelka {
 namespace {
-
-constexpr char kLineEnd[] = "\r\n";
-
-bool StartsWithNoCase(const uint8_t* payload, uint32_t length, const char* word) {
-  const size_t word_length = std::strlen(word);
-  return length >= word_length && strncasecmp(reinterpret_cast<const char*>(payload), word, word_length) == 0;
-}
 
 // A client line that starts a message body: "DATA" or "BDAT" in any letter
 // case, on a line of at least four characters. The command packet itself is
@@ -24,7 +15,7 @@ bool StartsWithNoCase(const uint8_t* payload, uint32_t length, const char* word)
 void ParseSmtpCommand(CEmailFlowContext& context, const uint8_t* payload, uint32_t length) {
   if (length < 4) return;
   context.section.Set(payload, length);
-  const int32_t line_end = context.section.Find(kLineEnd, 2);
+  const int32_t line_end = context.section.Find(kLineEnd, kLineEndLength);
   if (line_end < 4) return;
   if (StartsWithNoCase(payload, length, "DATA") || StartsWithNoCase(payload, length, "BDAT")) {
     context.in_body = 1;
@@ -63,21 +54,15 @@ void TakeLoginName(CEmailFlowContext& context, const uint8_t* payload, uint32_t 
 
 }  // namespace
 
-uint32_t HandleSmtpData(CPelkaEmailModule& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
+uint32_t HandleSmtpData(CEmailSessionHost& module, CEmailFlowDataImpl& data, CEmailFlowContext& context,
                         const PacketArgs& args) {
-  // Equal is still within the limit; the packet that finds it passed is
-  // neither parsed nor collected.
-  if (data.GetLength() > module.max_flow_length()) {
-    context.body_end_time = GetPacketTime(args.packet);
-    CompleteMessage(module, context, args, kExtractSmtp, ReceiverTest::kShort);
-    return 1;
-  }
+  if (FinishedAtFlowLimit(module, data, context, args, MailProtocol::kSmtp)) return 1;
   if (args.direction != kFromClient) {
     ParseSmtpReply(context, args.payload, args.length);
     return 0;
   }
   if (context.in_body) {
-    CollectMessagePacket(module, data, context, args, kExtractSmtp, ReceiverTest::kFull);
+    CollectMessagePacket(module, data, context, args, MailProtocol::kSmtp, ReceiverTest::kToOrCc);
     return 0;
   }
   if (context.await_auth_user) {

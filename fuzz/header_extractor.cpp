@@ -9,8 +9,8 @@
 
 #include "flow/EmailFlowContext.h"
 #include "flow/EmailFlowData.h"
+#include "flow/SessionHandlers.h"
 #include "fuzz/FuzzCommon.h"
-#include "mail/HeaderExtractor.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
@@ -30,6 +30,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   context.flow_data->Append(front.data(), static_cast<uint32_t>(front.size()));
   context.flow_data->Commit();
   context.flow_data->Append(back.data(), static_cast<uint32_t>(back.size()));
-  pelka::ExtractMailHeaders(context, configuration % 3);
+  pelka::ExtractMessageFields(context, static_cast<pelka::MailProtocol>(configuration % 3));
   return 0;
 }

@@ -323,4 +323,17 @@ std::string WideToMultiByte(unsigned code_page, std::wstring_view text) {
   return out;
 }
 
+bool IsLeadByte(unsigned code_page, uint8_t byte) {
+  switch (code_page) {
+    case 936:
+    case 949:
+    case 950:
+      return byte >= 0x81 && byte <= 0xFE;
+    case 932:
+      return (byte >= 0x81 && byte <= 0x9F) || (byte >= 0xE0 && byte <= 0xFC);
+    default:
+      return false;
+  }
+}
+
 }  // namespace pelka

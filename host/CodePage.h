@@ -1,7 +1,8 @@
 // Conversions between multi-byte text in a code page and wide text.
 //
-// The "ANSI" code page (both the thread and the system one of the original
-// platform) is one process setting, 936 (GBK) unless the program changes it.
+// The "ANSI" code page stands for both the thread's and the system's code page
+// of a Windows host; here it is one process setting, 936 (GBK) unless the
+// program changes it.
 // 65001 is UTF-8. An invalid or unmappable input sequence becomes U+FFFD and the
 // conversion goes on: text is never cut short by bad bytes. Wide characters
 // that the target code page cannot represent become '?'.
@@ -10,6 +11,7 @@
 // thread and code page, not per call.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -40,6 +42,11 @@ void MultiByteToWide(unsigned code_page, std::string_view bytes, std::wstring& o
 // Wide text to bytes in the code page.
 std::string WideToMultiByte(unsigned code_page, std::wstring_view text);
 void WideToMultiByte(unsigned code_page, std::wstring_view text, std::string& out);
+
+// Whether `byte` starts a two-byte character in the double-byte code page
+// (936, 949, 950 or 932); false for every other code page. No text match may
+// start on the second byte of such a character.
+bool IsLeadByte(unsigned code_page, uint8_t byte);
 
 // Shorthands for the ANSI code page, the common case of protocol bytes.
 inline std::wstring AnsiToWide(std::string_view bytes) {

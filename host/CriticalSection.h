@@ -1,11 +1,12 @@
-// The lock of the original platform's critical sections.
+// A critical section: the module's one kind of lock, recursive like a
+// Windows critical section so that a holder may enter it again.
 #pragma once
 
 #include <mutex>
 
 namespace pelka {
 
-// A critical section: a recursive lock, as the platform's is, entered and left
+// A critical section: a recursive lock, entered and left
 // explicitly where the interface asks for it, or held by CriticalSectionLock.
 class CCriticalSection {
  public:

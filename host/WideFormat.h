@@ -1,5 +1,5 @@
-// Wide printf-style formatting with the meanings of the original platform's
-// wide formatted output: in a wide format "%s" takes a wide string, "%c" a wide
+// Wide printf-style formatting with Windows printf semantics, which the
+// module's texts are written for: in a wide format "%s" takes a wide string, "%c" a wide
 // character, and "I64" is the 64-bit length modifier ("%I64d", "%I64u",
 // "%I64x"). The format is rewritten to the POSIX forms (%ls, %lc, %lld, ...)
 // before formatting; the arguments must match the Windows meaning.

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <utility>
 
-#include "flow/EmailFlowData.h"
+#include "host/AsciiText.h"
 #include "host/CodePage.h"
 #include "mail/EncodedWords.h"
 #include "mail/NameAddress.h"
@@ -15,22 +15,11 @@ namespace {
 
 using namespace std::string_view_literals;
 
-constexpr int kProtocolPop3Extract = 1;
-constexpr double kMicrosecondsPerSecond = 1000000.0;
 constexpr std::string_view kAttachmentMarker = "Content-Disposition: attachment"sv;
 constexpr std::string_view kPartHeaderEnd = "\r\n\r\n"sv;
 constexpr std::wstring_view kFileNameStart = L"filename=\""sv;
 
 enum class Field { kFrom, kReturnPath, kEnvelopeTo, kTo, kCc, kSubject, kDate, kMailer, kOther };
-
-bool EqualsUpperAscii(std::string_view raw, std::string_view upper) {
-  if (raw.size() != upper.size()) return false;
-  for (size_t i = 0; i < raw.size(); ++i) {
-    const char c = raw[i];
-    if ((c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c) != upper[i]) return false;
-  }
-  return true;
-}
 
 // The names are compared on their raw bytes: every code page a capture can
 // be read in keeps ASCII as it is, and no multi-byte character turns into
@@ -42,14 +31,14 @@ Field FieldOf(std::string_view name) {
       {"TO", Field::kTo},           {"CC", Field::kCc},                  {"SUBJECT", Field::kSubject},
       {"DATE", Field::kDate},       {"X-MAILER", Field::kMailer}};
   for (const auto& [upper, field] : kNames) {
-    if (EqualsUpperAscii(name, upper)) return field;
+    if (EqualsNoCase(name, upper)) return field;
   }
   return Field::kOther;
 }
 
 // True when a header of this kind has nothing left to fill: the first header
 // that supplies a value wins. Unrecognised names count as filled.
-bool IsFilled(const CEmailFlowContext& c, Field field) {
+bool IsFilled(const MessageFields& c, Field field) {
   switch (field) {
     case Field::kFrom: return !c.sender_name.empty() && !c.sender_address.empty();
     case Field::kTo: return !c.receiver_name.empty() && !c.receiver_address.empty();
@@ -104,7 +93,7 @@ void DecodeInto(std::wstring_view text, std::wstring& out, std::string& bytes) {
 
 // Fills the field from the split value. Every field but From's and To's two
 // is empty here (IsFilled), and those two are only filled while empty.
-void FillField(CEmailFlowContext& c, Field field, Scratch& s) {
+void FillField(MessageFields& c, Field field, Scratch& s) {
   const std::wstring& name = s.name;
   const std::wstring& address = s.address;
   switch (field) {
@@ -135,50 +124,52 @@ void FillField(CEmailFlowContext& c, Field field, Scratch& s) {
   }
 }
 
-void ExtractHeaderField(CEmailFlowContext& context, CEmailFlowDataImpl& data, uint32_t index, Scratch& scratch) {
+void ExtractHeaderField(const SplitScratch& split, MessageFields& fields, CPAEFlowData& data, uint32_t index,
+                        Scratch& scratch) {
   const char* raw_name = data.GetHeaderName(index);
   if (!raw_name) return;
   const Field field = FieldOf(raw_name);
-  if (IsFilled(context, field)) return;
+  if (IsFilled(fields, field)) return;
   // The name's copy is gone once the value is asked for.
   const char* raw_value = data.GetHeaderValue(index);
   if (!raw_value) return;
   MultiByteToWide(kCodePageThreadAnsi, raw_value, scratch.value);
   scratch.name.clear();
   scratch.address.clear();
-  SplitNameAndAddress(context, scratch.value, scratch.name, scratch.address);
-  FillField(context, field, scratch);
+  SplitNameAndAddress(split, scratch.value, scratch.name, scratch.address);
+  FillField(fields, field, scratch);
 }
 
-void MeasureMessage(CEmailFlowContext& context, CEmailFlowDataImpl& data) {
-  context.message_size = data.GetLength();
-  if (context.body_end_time != 0) {
-    const uint64_t start = context.body_start_time;
-    const uint64_t end = context.body_end_time;
-    context.duration = static_cast<double>(end > start ? end - start : start - end) / kMicrosecondsPerSecond;
+void MeasureMessage(MessageFields& fields, CPAEFlowData& data) {
+  fields.message_size = data.GetLength();
+  if (fields.body_end_time != 0) {
+    const uint64_t start = fields.body_start_time;
+    const uint64_t end = fields.body_end_time;
+    const auto elapsed = static_cast<double>(end > start ? end - start : start - end);
+    fields.duration = elapsed / static_cast<double>(kMicrosecondsPerSecond);
   }
-  context.average_speed =
-      context.duration != 0.0 ? static_cast<double>(context.message_size) / context.duration : 0.0;
+  fields.average_speed =
+      fields.duration != 0.0 ? static_cast<double>(fields.message_size) / fields.duration : 0.0;
 }
 
 // The quoted file name of one attachment's part header, split like a header
 // value so that GB2312/GBK encoded names come out decoded.
-void RecordAttachment(CEmailFlowContext& context, std::wstring_view part_header) {
+void RecordAttachment(const SplitScratch& split, MessageFields& fields, std::wstring_view part_header) {
   const size_t start = part_header.find(kFileNameStart);
   if (start == std::wstring_view::npos) return;
   std::wstring_view file_name = part_header.substr(start + kFileNameStart.size());
   file_name = file_name.substr(0, file_name.find(L'"'));
   std::wstring name;
   std::wstring address;
-  SplitNameAndAddress(context, file_name, name, address);
-  context.attachments += address;
-  context.attachments += L';';
+  SplitNameAndAddress(split, file_name, name, address);
+  fields.attachments += address;
+  fields.attachments += L';';
 }
 
 // Every "Content-Disposition: attachment" in the whole message, matched
 // exactly; the part header runs to the next empty line. The scan only moves
 // forward.
-void ScanAttachments(CEmailFlowContext& context, CEmailFlowDataImpl& data) {
+void ScanAttachments(const SplitScratch& split, MessageFields& fields, CPAEFlowData& data) {
   const uint32_t size = data.GetLength();
   const auto* marker = reinterpret_cast<const uint8_t*>(kAttachmentMarker.data());
   const auto* part_end = reinterpret_cast<const uint8_t*>(kPartHeaderEnd.data());
@@ -190,29 +181,27 @@ void ScanAttachments(CEmailFlowContext& context, CEmailFlowDataImpl& data) {
     if (end == kNotFound) end = size;
     const uint32_t header_start = found + static_cast<uint32_t>(kAttachmentMarker.size());
     const char* part_header = data.GetStringA(header_start, static_cast<int32_t>(end - header_start));
-    if (part_header) RecordAttachment(context, AnsiToWide(part_header));
+    if (part_header) RecordAttachment(split, fields, AnsiToWide(part_header));
     position = end == size ? end : end + static_cast<uint32_t>(kPartHeaderEnd.size());
   }
 }
 
 }  // namespace
 
-void ExtractMailHeaders(CEmailFlowContext& context, int protocol) {
-  if (!context.flow_data) return;
-  CEmailFlowDataImpl& data = *context.flow_data;
-  if (protocol == kProtocolPop3Extract) {
+void ExtractMailHeaders(CPAEFlowData& data, const SplitScratch& split, MessageFields& fields, MailProtocol protocol) {
+  if (protocol == MailProtocol::kPop3) {
     // The reply's status line; data without any line end is all status line.
     const uint32_t line = data.GetLineLength(1, 0, -1);
     data.Consume(line == kNotFound ? data.GetLength() : line);
   }
-  MeasureMessage(context, data);
-  if (context.message_size == 0) return;
+  MeasureMessage(fields, data);
+  if (fields.message_size == 0) return;
 
   data.IndexHeader(0, -1, nullptr);
   const uint32_t count = data.GetHeaderCount();
   Scratch scratch;
-  for (uint32_t i = 0; i < count; ++i) ExtractHeaderField(context, data, i, scratch);
-  ScanAttachments(context, data);
+  for (uint32_t i = 0; i < count; ++i) ExtractHeaderField(split, fields, data, i, scratch);
+  ScanAttachments(split, fields, data);
 }
 
 }  // namespace pelka

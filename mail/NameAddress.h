@@ -5,12 +5,11 @@
 #include <string>
 #include <string_view>
 
-#include "flow/EmailFlowContext.h"
 #include "host/Base64Coder.h"
 
 namespace pelka {
 
-// What the split borrows from the flow's context: the base64 coder, whose
+// What the split borrows from the flow: the base64 coder, whose
 // buffer holds its last result, and the text that holds the last
 // quoted-printable result.
 struct SplitScratch {
@@ -47,20 +46,11 @@ struct SplitScratch {
 void SplitNameAndAddress(const SplitScratch& scratch, std::wstring_view value, std::wstring& display_name,
                          std::wstring& address);
 
-inline void SplitNameAndAddress(CEmailFlowContext& context, std::wstring_view value, std::wstring& display_name,
-                                std::wstring& address) {
-  SplitNameAndAddress(SplitScratch{context.base64_coder, context.qp_text}, value, display_name, address);
-}
-
 // Decodes a quoted-printable payload: the text goes to bytes in the ANSI code
 // page, is decoded like DecodeQuotedPrintableBytes ("_" stays "_"; a "=" with
 // no hexadecimal digit ends the text) and comes back as wide text in
 // `qp_text`, which the result points into. A null payload gives null and
 // leaves `qp_text` alone.
 const wchar_t* DecodeQuotedPrintableW(std::wstring& qp_text, const wchar_t* payload);
-
-inline const wchar_t* DecodeQuotedPrintableW(CEmailFlowContext& context, const wchar_t* payload) {
-  return DecodeQuotedPrintableW(context.qp_text, payload);
-}
 
 }  // namespace pelka

@@ -7,19 +7,16 @@
 #include <string>
 #include <string_view>
 
-namespace pelka {
+#include "host/AsciiText.h"
 
-template <typename CharT>
-constexpr CharT AsciiLower(CharT c) {
-  return c >= CharT('A') && c <= CharT('Z') ? static_cast<CharT>(c - CharT('A') + CharT('a')) : c;
-}
+namespace pelka {
 
 // ASCII letters lower-cased, every other unit kept, so that positions in the
 // copy are positions in the original.
 template <typename CharT>
 std::basic_string<CharT> AsciiLowerCopy(std::basic_string_view<CharT> text) {
   std::basic_string<CharT> lower(text);
-  for (CharT& c : lower) c = AsciiLower(c);
+  for (CharT& c : lower) c = ToLowerAscii(c);
   return lower;
 }
 
@@ -60,7 +57,7 @@ class PrefixScanner {
     for (size_t at = text_.find(prefix[0], start); at != View::npos; at = text_.find(prefix[0], at + 1)) {
       if (text_.size() - at < prefix.size()) return View::npos;
       size_t i = 1;
-      while (i < prefix.size() && AsciiLower(text_[at + i]) == prefix[i]) ++i;
+      while (i < prefix.size() && ToLowerAscii(text_[at + i]) == prefix[i]) ++i;
       if (i == prefix.size()) return at;
     }
     return View::npos;

@@ -1,24 +1,42 @@
 #include "module/EmailModule.h"
 
-#include <algorithm>
+#include "module/ResStringTable.h"
+#include "output/EmailCopy.h"
 
 namespace pelka {
-namespace {
 
-constexpr uint8_t kEndMarker[] = {'\r', '\n', '.', '\r', '\n'};
+CPelkaEmailModule::CPelkaEmailModule()
+    : records_(CResStringTable::Instance()),
+      statistics_(CResStringTable::Instance()),
+      diagnosis_(CResStringTable::Instance()) {}
 
-}  // namespace
+CPelkaEmailModule::~CPelkaEmailModule() { ClearConnectionCounters(); }
 
-CPelkaEmailModule::CPelkaEmailModule() {
-  std::fill(std::begin(column_ids_), std::end(column_ids_), kNoColumn);
-  end_marker_searcher_.Clear();
-  end_marker_searcher_.Init();
-  end_marker_searcher_.AddKeyword(kEndMarker, sizeof kEndMarker);
+const wchar_t* CPelkaEmailModule::MakeCopyTimeText(uint64_t seconds) {
+  text_holder_ = FormatCopyTimeText(seconds);
+  return text_holder_.c_str();
 }
 
-CPelkaEmailModule::~CPelkaEmailModule() {
-  ClearConnectionCounters();
-  end_marker_searcher_.Clear();
+void CPelkaEmailModule::DefineDiagnosisEvents() {
+  if (!notify_) return;
+  diagnosis_.DefineEvents(diagnosis_service_, text_holder_);
+}
+
+void CPelkaEmailModule::DefineStatistics(IPelkaStatService* service, IPelkaStatRegistrar* registrar) {
+  if (!service || service != stat_service_) return;
+  statistics_.set_registrar(registrar);
+  DefineConnectionStatistics();
+  statistics_.set_registrar(nullptr);
+}
+
+void CPelkaEmailModule::AssignStatisticIndexes(IPelkaStatService* service) {
+  if (!service || service != stat_service_) return;
+  statistics_.AssignIndexes();
+}
+
+void CPelkaEmailModule::DetachStatistics(IPelkaStatService* service) {
+  if (!service || service != stat_service_) return;
+  statistics_.Detach();
 }
 
 }  // namespace pelka

@@ -6,24 +6,28 @@
 // its events and counters; the flow client carries every packet of every
 // SMTP, POP3 and IMAP4 flow. The object is reference counted: the factory
 // makes it with a count of 1 and the last Release destroys it.
+//
+// The module is the hub that joins the subsystems; each keeps its own state:
+// the protocol sessions' shared state is the CEmailSessionHost it derives
+// from, the email log and the copies are `records_`, the connection counters
+// `statistics_` and the diagnosis events `diagnosis_`. The operations below
+// that belong to those subsystems pass straight through to them.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-#include <memory>
 #include <string>
-#include <vector>
 
+#include "diagnosis/DiagnosisChecks.h"
 #include "flow/EmailFlowContext.h"
-#include "flow/MessageBufferPool.h"
-#include "flow/MultiPatternSearcher.h"
+#include "flow/EmailSessionHost.h"
 #include "host/FlowInterfaces.h"
 #include "host/ModuleFramework.h"
-#include "output/ConnectionCounter.h"
+#include "mail/MessageFields.h"
+#include "output/ConnectionStatistics.h"
+#include "output/EmailRecordWriter.h"
 
 namespace pelka {
 
-class IPelkaDiagnosisEvent;
 class IPelkaDiagnosisService;
 class IPelkaIconService;
 class IPelkaLog;
@@ -32,21 +36,11 @@ class IPelkaStatCategory;
 class IPelkaStatRegistrar;
 class IPelkaStatService;
 
-// Which mail protocol a packet or check belongs to.
-enum class MailProtocol { kSmtp, kPop3, kImap4 };
-
-// Number of keyed columns of the email log.
-constexpr int kEmailLogKeyedColumns = 20;
-constexpr uint16_t kNoColumn = 0xFFFF;
-
-// Default largest collected message per flow: 2 MiB.
-constexpr uint32_t kDefaultMaxFlowLength = 0x200000;
-
 // The framework stack the module stands on, the graph client at its top.
 using CPelkaEmailModuleBase = CPelkaGraphClientImplT<CPelkaDiagnosisClientImplT<
     CPelkaStatClientImplT<CPelkaFlowClientImplT<CPelkaModuleNotifyImplT<CPelkaPluginModuleImplT<CPAEBaseModuleImpl>>>>>>;
 
-class CPelkaEmailModule : public CPelkaEmailModuleBase {
+class CPelkaEmailModule : public CPelkaEmailModuleBase, public CEmailSessionHost {
  public:
   CPelkaEmailModule();
   ~CPelkaEmailModule() override;
@@ -69,7 +63,7 @@ class CPelkaEmailModule : public CPelkaEmailModuleBase {
   // Releases the diagnosis events and withdraws the statistics client.
   void Uninitialize() override;
   // The next email record is number 1 again.
-  void ResetNumbering() override { email_number_.store(0); }
+  void ResetNumbering() override { records_.ResetNumbering(); }
   // <options max_flow_length="N"/> with N in MiB, rounded down; returns 1.
   uint32_t SaveOptions(std::wstring* options) override;
   // Reads the options document; 1 when it held the "options" element, else 0
@@ -84,52 +78,56 @@ class CPelkaEmailModule : public CPelkaEmailModuleBase {
                            uint32_t direction, IPelkaFlowNode* node, IPelkaFlowBindContext* context) override;
 
   // --- Records and copies ----------------------------------------------------
-  // Posts one email log record for a finished message (and its summary entry).
-  void PostEmailRecord(IPelkaFlow* flow, CEmailFlowContext& context, IPelkaFlowNode* node);
-  // Writes the ".eml" copy of a finished message when the host asks for copies.
-  void SaveEmailCopy(CEmailFlowContext* context, const PacketRecord* packet);
+  void PostEmailRecord(IPelkaFlow* flow, CEmailFlowContext& context, IPelkaFlowNode* node) override {
+    records_.PostEmailRecord(flow, context, node);
+  }
+  void SaveEmailCopy(CEmailFlowContext* context, const PacketRecord* packet) override {
+    records_.SaveEmailCopy(context, packet);
+  }
   // Local time "%Y-%m-%d %H.%M.%S" of whole seconds, held in the text holder.
   const wchar_t* MakeCopyTimeText(uint64_t seconds);
-  // Creates the email log, its columns and identifiers, and registers its two
-  // storage kinds ("log_email" with the export lines, "email_copy").
-  void DefineEmailLog();
+  void DefineEmailLog() { records_.DefineEmailLog(icon_index_); }
+  IPelkaFlowClient* SessionFlowClient() override { return this; }
 
   // --- Diagnosis -------------------------------------------------------------
+  // Defines the six events once the host's notification object is known.
   void DefineDiagnosisEvents() override;
-  // Gives every defined event back to the host (at Uninitialize).
-  void ReleaseDiagnosisEvents();
+  void ReleaseDiagnosisEvents() { diagnosis_.ReleaseEvents(); }
   void CheckSlowResponse(CEmailFlowContext& context, const PacketRecord* packet, uint32_t direction,
-                         const uint8_t* payload, uint32_t length, IPelkaFlowNode* node, MailProtocol protocol);
+                         const uint8_t* payload, uint32_t length, IPelkaFlowNode* node, MailProtocol protocol) {
+    diagnosis_.CheckSlowResponse(context, packet, direction, payload, length, node, protocol);
+  }
   void CheckDubiousConversation(CEmailFlowContext& context, const PacketRecord* packet, uint32_t direction,
-                                const uint8_t* payload, uint32_t length, IPelkaFlowNode* node, MailProtocol protocol);
-  void CheckSmtpServerError(const uint8_t* payload, uint32_t length, const PacketRecord* packet, IPelkaFlowNode* node);
-  void CheckPop3ServerError(const uint8_t* payload, uint32_t length, const PacketRecord* packet, IPelkaFlowNode* node);
+                                const uint8_t* payload, uint32_t length, IPelkaFlowNode* node, MailProtocol protocol) {
+    diagnosis_.CheckDubiousConversation(context, packet, direction, payload, length, node, protocol);
+  }
+  void CheckSmtpServerError(const uint8_t* payload, uint32_t length, const PacketRecord* packet, IPelkaFlowNode* node) {
+    diagnosis_.CheckSmtpServerError(payload, length, packet, node);
+  }
+  void CheckPop3ServerError(const uint8_t* payload, uint32_t length, const PacketRecord* packet, IPelkaFlowNode* node) {
+    diagnosis_.CheckPop3ServerError(payload, length, packet, node);
+  }
 
   // --- Connection statistics -------------------------------------------------
-  void DefineConnectionStatistics();
+  void DefineConnectionStatistics() { statistics_.DefineConnectionStatistics(stat_service_, text_holder_); }
   ConnectionCounter* AddConnectionCounter(IPelkaStatCategory* category, const char* name, const wchar_t* caption,
-                                          uint64_t scope);
-  void ClearConnectionCounters();
-  // Counts one bound flow of the protocol on the flow's statistics object.
-  void CountConnection(MailProtocol protocol, IPelkaFlowStats* stats);
+                                          uint64_t scope) {
+    return statistics_.AddConnectionCounter(stat_service_, category, name, caption, scope);
+  }
+  void ClearConnectionCounters() { statistics_.ClearConnectionCounters(); }
+  void CountConnection(MailProtocol protocol, IPelkaFlowStats* stats) { statistics_.CountConnection(protocol, stats); }
   // The statistics client's operations. Each acts only when `service` is the
   // statistics service the module registered with.
   void DefineStatistics(IPelkaStatService* service, IPelkaStatRegistrar* registrar) override;
   void AssignStatisticIndexes(IPelkaStatService* service) override;
   void DetachStatistics(IPelkaStatService* service) override;
 
-  // --- Settings and shared read-only state -----------------------------------
-  uint32_t max_flow_length() const { return max_flow_length_.load(std::memory_order_relaxed); }
-  void set_max_flow_length(uint32_t bytes) { max_flow_length_.store(bytes, std::memory_order_relaxed); }
-  const CMultiPatternSearcher& end_marker_searcher() const { return end_marker_searcher_; }
-  uint64_t last_email_number() const { return email_number_.load(); }
-  // Grown message buffers of ended flows, for the flows that start later.
-  MessageBufferPool& message_buffers() { return message_buffers_; }
-
+  // --- Settings and host services --------------------------------------------
+  uint64_t last_email_number() const { return records_.last_email_number(); }
   // Host services; null when the host does not offer them.
-  IPelkaLogService* log_service() const { return log_service_; }
-  IPelkaLog* email_log() const { return email_log_; }
-  void set_log_service(IPelkaLogService* service) { log_service_ = service; }
+  IPelkaLogService* log_service() const { return records_.log_service(); }
+  IPelkaLog* email_log() const { return records_.email_log(); }
+  void set_log_service(IPelkaLogService* service) { records_.set_log_service(service); }
   void set_diagnosis_service(IPelkaDiagnosisService* service) { diagnosis_service_ = service; }
   void set_stat_service(IPelkaStatService* service) { stat_service_ = service; }
 
@@ -138,37 +136,12 @@ class CPelkaEmailModule : public CPelkaEmailModuleBase {
   IPelkaDiagnosisService* diagnosis_service_ = nullptr;
   IPelkaIconService* icon_service_ = nullptr;
   IPelkaNotify* notify_ = nullptr;
-
-  // Diagnosis events and their threshold parameters.
-  IPelkaDiagnosisEvent* smtp_slow_event_ = nullptr;
-  uint32_t smtp_time_parameter_ = 0;
-  IPelkaDiagnosisEvent* smtp_dubious_event_ = nullptr;
-  IPelkaDiagnosisEvent* smtp_error_event_ = nullptr;
-  IPelkaDiagnosisEvent* pop3_slow_event_ = nullptr;
-  uint32_t pop3_time_parameter_ = 0;
-  IPelkaDiagnosisEvent* pop3_dubious_event_ = nullptr;
-  IPelkaDiagnosisEvent* pop3_error_event_ = nullptr;
-
-  // Connection statistics (the service pointer is the statistics client's).
-  IPelkaStatRegistrar* stat_registrar_ = nullptr;
-  std::vector<std::unique_ptr<ConnectionCounter>> connection_counters_;
-  ConnectionCounter* smtp_counter_ = nullptr;
-  ConnectionCounter* pop3_counter_ = nullptr;
-  ConnectionCounter* imap4_counter_ = nullptr;
-
-  // The email log.
-  IPelkaLogService* log_service_ = nullptr;
-  IPelkaLog* email_log_ = nullptr;
   int32_t icon_index_ = -1;
-  uint16_t column_ids_[kEmailLogKeyedColumns];
-
-  // Sequence number of the last email record. Atomic so that flows analysed on
-  // several threads still number their records uniquely.
-  std::atomic<uint64_t> email_number_{0};
-  std::atomic<uint32_t> max_flow_length_{kDefaultMaxFlowLength};
   std::wstring text_holder_;
-  CMultiPatternSearcher end_marker_searcher_;
-  MessageBufferPool message_buffers_;
+
+  CEmailRecordWriter records_;
+  CConnectionStatistics statistics_;
+  CDiagnosisChecks diagnosis_;
 };
 
 }  // namespace pelka

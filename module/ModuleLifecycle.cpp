@@ -31,7 +31,7 @@ std::wstring ResourcePath(IPelkaNotify* notify) {
 void CPelkaEmailModule::Initialize() {
   IPelkaHost* host = GetHost();
   icon_service_ = AskService<IPelkaIconService>(host, kIconServiceId);
-  log_service_ = AskService<IPelkaLogService>(host, kLogServiceId);
+  records_.set_log_service(AskService<IPelkaLogService>(host, kLogServiceId));
   notify_ = GetNotify();
 
   CResStringTable& table = CResStringTable::Instance();
@@ -51,13 +51,13 @@ void CPelkaEmailModule::Initialize() {
 uint32_t CPelkaEmailModule::RegisterOutputs() {
   std::wstring path = ResourcePath(notify_);
   if (icon_service_) icon_index_ = icon_service_->AddIcon((path + L"email.ico").c_str());
-  if (log_service_) DefineEmailLog();
+  if (records_.log_service()) DefineEmailLog();
   return 1;
 }
 
 void CPelkaEmailModule::Uninitialize() {
   ReleaseDiagnosisEvents();
-  log_service_ = nullptr;
+  records_.set_log_service(nullptr);
   icon_service_ = nullptr;
   if (IPelkaStatService* stats = AskService<IPelkaStatService>(GetHost(), kStatServiceId)) {
     stats->WithdrawClient(this);

@@ -19,8 +19,8 @@
 // Any other format part makes the run plain text that takes no value.
 //
 // The value is formatted with the flags, width and precision of the format
-// part and the conversion of its last character, with the wide-printf
-// meanings of the original platform ("s" wide text, "c" wide character). A
+// part and the conversion of its last character, with Windows wide-printf
+// semantics ("s" wide text, "c" wide character). A
 // length modifier in a format part that the table above does not mark as
 // 64-bit is ignored (the value taken is 32-bit), and "*" widths are dropped,
 // since no extra argument is taken for them.

@@ -14,12 +14,13 @@
 #include <string>
 
 #include "host/CriticalSection.h"
+#include "host/TextSource.h"
 
 namespace pelka {
 
 class CTQMultiReplaceW;
 
-class CResStringTable {
+class CResStringTable final : public ITextSource {
  public:
   // The one table of the process; it lives until the library is unloaded.
   static CResStringTable& Instance();
@@ -41,7 +42,7 @@ class CResStringTable {
   // characters, valid until the holder is next written.
   const wchar_t* GetString(std::wstring& holder, const wchar_t* id, const wchar_t* default_text, ...);
   const wchar_t* GetStringV(std::wstring& holder, const wchar_t* id, const wchar_t* default_text,
-                            va_list values);
+                            va_list values) override;
 
   // Process-wide flag: the first module initialisation that finds the host's
   // notification object sets it before loading, so a missing or bad file is

@@ -2,10 +2,10 @@
 // each with a "Count" counter, and one count per bound flow.
 #include <memory>
 
+#include "output/ConnectionStatistics.h"
+
+#include "host/FlowInterfaces.h"
 #include "host/StatInterfaces.h"
-#include "module/EmailModule.h"
-#include "module/ResStringTable.h"
-#include "output/ConnectionCounter.h"
 
 namespace pelka {
 namespace {
@@ -25,43 +25,42 @@ constexpr ItemDefinition kImap4Item = {"IMAP4", L"IDS_IMAP4_CONN", L"IMAP4 Conne
 
 }  // namespace
 
-void CPelkaEmailModule::DefineConnectionStatistics() {
-  const uint64_t scope = stat_service_ ? stat_service_->ParseScopes(kScopes) : 0;
-  const wchar_t* caption =
-      CResStringTable::Instance().GetString(text_holder_, L"IDS_EMAIL_APP_ANA", L"Email Analysis");
-  if (!stat_registrar_) return;
-  IPelkaStatCategory* category = stat_registrar_->AddCategory("Email", caption, scope, kOwnerName);
+void CConnectionStatistics::DefineConnectionStatistics(IPelkaStatService* service, std::wstring& holder) {
+  const uint64_t scope = service ? service->ParseScopes(kScopes) : 0;
+  const wchar_t* caption = texts_.GetString(holder, L"IDS_EMAIL_APP_ANA", L"Email Analysis");
+  if (!registrar_) return;
+  IPelkaStatCategory* category = registrar_->AddCategory("Email", caption, scope, kOwnerName);
   if (!category) return;
 
   auto add = [&](const ItemDefinition& item) {
-    const wchar_t* item_caption =
-        CResStringTable::Instance().GetString(text_holder_, item.caption_id, item.default_caption);
-    return AddConnectionCounter(category, item.name, item_caption, scope);
+    const wchar_t* item_caption = texts_.GetString(holder, item.caption_id, item.default_caption);
+    return AddConnectionCounter(service, category, item.name, item_caption, scope);
   };
   smtp_counter_ = add(kSmtpItem);
   pop3_counter_ = add(kPop3Item);
   imap4_counter_ = add(kImap4Item);
 }
 
-ConnectionCounter* CPelkaEmailModule::AddConnectionCounter(IPelkaStatCategory* category, const char* name,
-                                                           const wchar_t* caption, uint64_t scope) {
+ConnectionCounter* CConnectionStatistics::AddConnectionCounter(IPelkaStatService* service,
+                                                               IPelkaStatCategory* category, const char* name,
+                                                               const wchar_t* caption, uint64_t scope) {
   if (!category) return nullptr;
   auto holder = std::make_unique<ConnectionCounter>();
-  holder->service = stat_service_;
+  holder->service = service;
   holder->item = category->AddItem(name, caption, scope, kOwnerName);
   if (!holder->item) return nullptr;
   holder->counter = holder->item->AddCounter("Count", 1, 4, scope, kOwnerName);
-  connection_counters_.push_back(std::move(holder));
-  return connection_counters_.back().get();
+  counters_.push_back(std::move(holder));
+  return counters_.back().get();
 }
 
-void CPelkaEmailModule::ClearConnectionCounters() {
+void CConnectionStatistics::ClearConnectionCounters() {
   smtp_counter_ = nullptr;
   pop3_counter_ = nullptr;
   imap4_counter_ = nullptr;
 }
 
-void CPelkaEmailModule::CountConnection(MailProtocol protocol, IPelkaFlowStats* stats) {
+void CConnectionStatistics::CountConnection(MailProtocol protocol, IPelkaFlowStats* stats) {
   ConnectionCounter* holder = nullptr;
   switch (protocol) {
     case MailProtocol::kSmtp:
@@ -81,25 +80,15 @@ void CPelkaEmailModule::CountConnection(MailProtocol protocol, IPelkaFlowStats* 
   stats->AddToCounter(index, 1, 1, 1);
 }
 
-void CPelkaEmailModule::DefineStatistics(IPelkaStatService* service, IPelkaStatRegistrar* registrar) {
-  if (!service || service != stat_service_) return;
-  // The registrar is valid only while the host's call runs.
-  stat_registrar_ = registrar;
-  DefineConnectionStatistics();
-  stat_registrar_ = nullptr;
-}
-
-void CPelkaEmailModule::AssignStatisticIndexes(IPelkaStatService* service) {
-  if (!service || service != stat_service_) return;
-  for (const auto& holder : connection_counters_) {
+void CConnectionStatistics::AssignIndexes() {
+  for (const auto& holder : counters_) {
     if (holder->counter) holder->index = holder->counter->GetIndex();
   }
 }
 
-void CPelkaEmailModule::DetachStatistics(IPelkaStatService* service) {
-  if (!service || service != stat_service_) return;
+void CConnectionStatistics::Detach() {
   ClearConnectionCounters();
-  connection_counters_.clear();
+  counters_.clear();
 }
 
 }  // namespace pelka

@@ -10,17 +10,17 @@
 #include <cwchar>
 #include <cwctype>
 
-#include "flow/EmailFlowContext.h"
 #include "flow/EmailFlowData.h"
+#include "host/AsciiText.h"
 #include "host/CodePage.h"
 #include "host/LogInterfaces.h"
-#include "module/EmailModule.h"
+#include "host/Types.h"
+#include "output/EmailRecordWriter.h"
 
 namespace pelka {
 namespace {
 
 constexpr size_t kTimeTextCapacity = 192;
-constexpr uint64_t kMicrosecondsPerSecond = 1000000;
 // Storage kinds are registered "log_email" first, then "email_copy".
 constexpr int32_t kCopyStorageIndex = 1;
 
@@ -129,20 +129,14 @@ FILE* OpenCopyFile(const std::string& path) {
 
 }  // namespace
 
-const wchar_t* CPelkaEmailModule::MakeCopyTimeText(uint64_t seconds) {
-  text_holder_ = FormatCopyTimeText(seconds);
-  return text_holder_.c_str();
-}
-
-void CPelkaEmailModule::SaveEmailCopy(CEmailFlowContext* context, const PacketRecord* packet) {
+void CEmailRecordWriter::SaveEmailCopy(CEmailFlowContext* context, const PacketRecord* packet) {
   if (!context) return;
   context->copy_path = CopyFolderPath(log_service_, email_log_, packet);
   if (context->copy_path.empty()) return;
 
   CreateDirectoryPath(context->copy_path);
   const uint64_t time = GetPacketTime(packet);
-  // Flows may be handled on several threads: the time text stays local
-  // instead of going through the module's shared text holder.
+  // Flows may be handled on several threads: the time text stays local.
   context->copy_path += MakeCopyFileName(FormatCopyTimeText(time / kMicrosecondsPerSecond), time);
 
   if (context->copy_file) std::fclose(context->copy_file);

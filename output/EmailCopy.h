@@ -1,8 +1,7 @@
 // The ".eml" copies of finished messages.
 //
 // When the host's "Email Copy" storage is switched on and the email log is
-// saving, CPelkaEmailModule::SaveEmailCopy (declared in module/EmailModule.h)
-// writes every finished message, byte for byte as collected, to
+// saving, SaveEmailCopy (output/EmailRecordWriter.h) writes every finished message, byte for byte as collected, to
 //   <storage root><copy folder>/<local time "%Y-%m-%d %H.%M.%S">.<microseconds>.eml
 // and leaves that path in the context's copy_path for the email record. The
 // storage root comes from the host and ends with a separator; root and folder

@@ -31,4 +31,38 @@ enum EmailLogColumn : size_t {
   kEmailLogColumnCount,
 };
 
+// Positions of all 27 columns of the email log, in the order they are
+// declared: the keyed ones above and the host's standard ones between them.
+// The export finds its captions by these positions.
+enum EmailLogPosition : int {
+  kPositionNumber,
+  kPositionDateTime,
+  kPositionProtocol,
+  kPositionClientMac,
+  kPositionClientAddress,
+  kPositionClientPort,
+  kPositionServerMac,
+  kPositionServerAddress,
+  kPositionServerPort,
+  kPositionServer,
+  kPositionClient,
+  kPositionSender,
+  kPositionSenderAddress,
+  kPositionReceiver,
+  kPositionReceiverAddress,
+  kPositionCc,
+  kPositionSubject,
+  kPositionSentTime,
+  kPositionMailer,
+  kPositionAccount,
+  kPositionAttachments,
+  kPositionFileSize,
+  kPositionDuration,
+  kPositionAverageSpeed,
+  kPositionCopyPath,
+  kPositionProtocolPath,
+  kPositionGroup,
+  kEmailLogPositionCount,
+};
+
 }  // namespace pelka

@@ -1,11 +1,12 @@
 // The email log: its columns, their identifiers and its two storage kinds.
 #include <array>
 
+#include <algorithm>
+
 #include "host/LogInterfaces.h"
-#include "module/EmailModule.h"
-#include "module/ResStringTable.h"
 #include "output/EmailLogColumns.h"
 #include "output/EmailLogExport.h"
+#include "output/EmailRecordWriter.h"
 
 namespace pelka {
 namespace {
@@ -23,8 +24,12 @@ enum : uint32_t {
   kFlagsCopyPath = 0x2C1,
 };
 
+// The slot of a standard column, which has no identifier of the module's.
+constexpr size_t kStandardColumn = kEmailLogColumnCount;
+
 struct ColumnDefinition {
   const char* key;               // null for a standard column
+  size_t slot;                   // EmailLogColumn of a keyed column
   uint32_t standard_field;       // kLogField..., for a standard column
   const wchar_t* caption_id;     // null: empty caption
   const wchar_t* default_caption;
@@ -33,56 +38,57 @@ struct ColumnDefinition {
   uint32_t flags;
 };
 
-// The 27 columns in position order; keyed ones in the order of EmailLogColumn.
-constexpr std::array<ColumnDefinition, 27> kColumns = {{
-    {"email_number", 0, L"IDS_SN", L"序号", kLogValueNumber, 80, kFlagsPlain},
-    {nullptr, kLogFieldDateTime, L"IDS_DATE_TIME", L"日期时间", 0, 140, kFlagsPlain},
-    {"protocol", 0, L"IDS_PTL", L"协议", kLogValueText, 80, kFlagsEndpoint},
-    {nullptr, kLogFieldClientMac, L"IDS_CLIENT_MAC", L"客户端物理地址", 0, 120, kFlagsStandard},
-    {nullptr, kLogFieldClientAddress, L"IDS_CLIENT_ADDR", L"客户端地址", 0, 120, kFlagsStandard},
-    {nullptr, kLogFieldClientPort, L"IDS_CLIENT_PORT", L"客户端端口", 0, 80, kFlagsStandard},
-    {nullptr, kLogFieldServerMac, L"IDS_SERVER_MAC", L"服务器物理地址", 0, 120, kFlagsStandard},
-    {nullptr, kLogFieldServerAddress, L"IDS_SERVER_ADDR", L"服务器地址", 0, 120, kFlagsStandard},
-    {nullptr, kLogFieldServerPort, L"IDS_SERVER_POT", L"服务器端口", 0, 80, kFlagsStandard},
-    {"email_server", 0, L"IDS_SERVER", L"服务端", kLogValueText, 150, kFlagsEndpoint},
-    {"email_client", 0, L"IDS_CLIENT", L"客户端", kLogValueText, 150, kFlagsEndpoint},
-    {"email_sender", 0, L"IDS_SENDER", L"发送者", kLogValueText, 80, kFlagsText},
-    {"email_sender_email", 0, L"IDS_SEND_ADDR", L"发送邮件地址", kLogValueText, 200, kFlagsText},
-    {"email_receiver", 0, L"IDS_RECEIVER", L"接收者", kLogValueText, 80, kFlagsText},
-    {"email_receive_email", 0, L"IDS_RECV_ADDR", L"接收邮件地址", kLogValueText, 200, kFlagsText},
-    {"email_cc", 0, L"IDS_COPYTO", L"抄送", kLogValueText, 300, kFlagsText},
-    {"email_subject", 0, L"IDS_TITLE", L"标题", kLogValueText, 200, kFlagsText},
-    {"email_sent_time", 0, L"IDS_SEND_TIME", L"发送时间", kLogValueText, 180, kFlagsPlain},
-    {"email_emailclient", 0, L"IDS_EMAIL_CLIENT", L"邮件客户端", kLogValueText, 100, kFlagsPlain},
-    {"email_account", 0, L"IDS_ACCOUNT", L"帐户", kLogValueText, 100, kFlagsText},
-    {"email_attachment", 0, L"IDS_ADDITIONAL", L"附件", kLogValueText, 300, kFlagsAttachment},
-    {"email_filesize", 0, L"IDS_FILE_SIZE", L"文件大小(字节)", kLogValueNumber, 100, kFlagsPlain},
-    {"email_duration", 0, L"IDS_DURATION_TIME", L"持续时间(s)", kLogValueDouble, 100, kFlagsPlain},
-    {"email_averagespeed", 0, L"IDS_AVG_SPEED", L"平均速度(B/S)", kLogValueDouble, 100, kFlagsPlain},
-    {"email_file_path", 0, L"IDS_MAIL_COPY_PATH", L"存放邮件副本路径", kLogValueText, 200, kFlagsCopyPath},
-    {"protocol_path", 0, nullptr, nullptr, kLogValueText, 0, kFlagsHidden},
-    {"group", 0, nullptr, nullptr, kLogValueText, 0, kFlagsHidden},
+// The 27 columns in position order (EmailLogPosition).
+constexpr std::array<ColumnDefinition, kEmailLogPositionCount> kColumns = {{
+    {"email_number", kColumnNumber, 0, L"IDS_SN", L"序号", kLogValueNumber, 80, kFlagsPlain},
+    {nullptr, kStandardColumn, kLogFieldDateTime, L"IDS_DATE_TIME", L"日期时间", 0, 140, kFlagsPlain},
+    {"protocol", kColumnProtocol, 0, L"IDS_PTL", L"协议", kLogValueText, 80, kFlagsEndpoint},
+    {nullptr, kStandardColumn, kLogFieldClientMac, L"IDS_CLIENT_MAC", L"客户端物理地址", 0, 120, kFlagsStandard},
+    {nullptr, kStandardColumn, kLogFieldClientAddress, L"IDS_CLIENT_ADDR", L"客户端地址", 0, 120, kFlagsStandard},
+    {nullptr, kStandardColumn, kLogFieldClientPort, L"IDS_CLIENT_PORT", L"客户端端口", 0, 80, kFlagsStandard},
+    {nullptr, kStandardColumn, kLogFieldServerMac, L"IDS_SERVER_MAC", L"服务器物理地址", 0, 120, kFlagsStandard},
+    {nullptr, kStandardColumn, kLogFieldServerAddress, L"IDS_SERVER_ADDR", L"服务器地址", 0, 120, kFlagsStandard},
+    {nullptr, kStandardColumn, kLogFieldServerPort, L"IDS_SERVER_POT", L"服务器端口", 0, 80, kFlagsStandard},
+    {"email_server", kColumnServer, 0, L"IDS_SERVER", L"服务端", kLogValueText, 150, kFlagsEndpoint},
+    {"email_client", kColumnClient, 0, L"IDS_CLIENT", L"客户端", kLogValueText, 150, kFlagsEndpoint},
+    {"email_sender", kColumnSender, 0, L"IDS_SENDER", L"发送者", kLogValueText, 80, kFlagsText},
+    {"email_sender_email", kColumnSenderAddress, 0, L"IDS_SEND_ADDR", L"发送邮件地址", kLogValueText, 200, kFlagsText},
+    {"email_receiver", kColumnReceiver, 0, L"IDS_RECEIVER", L"接收者", kLogValueText, 80, kFlagsText},
+    {"email_receive_email", kColumnReceiverAddress, 0, L"IDS_RECV_ADDR", L"接收邮件地址", kLogValueText, 200, kFlagsText},
+    {"email_cc", kColumnCc, 0, L"IDS_COPYTO", L"抄送", kLogValueText, 300, kFlagsText},
+    {"email_subject", kColumnSubject, 0, L"IDS_TITLE", L"标题", kLogValueText, 200, kFlagsText},
+    {"email_sent_time", kColumnSentTime, 0, L"IDS_SEND_TIME", L"发送时间", kLogValueText, 180, kFlagsPlain},
+    {"email_emailclient", kColumnMailer, 0, L"IDS_EMAIL_CLIENT", L"邮件客户端", kLogValueText, 100, kFlagsPlain},
+    {"email_account", kColumnAccount, 0, L"IDS_ACCOUNT", L"帐户", kLogValueText, 100, kFlagsText},
+    {"email_attachment", kColumnAttachments, 0, L"IDS_ADDITIONAL", L"附件", kLogValueText, 300, kFlagsAttachment},
+    {"email_filesize", kColumnFileSize, 0, L"IDS_FILE_SIZE", L"文件大小(字节)", kLogValueNumber, 100, kFlagsPlain},
+    {"email_duration", kColumnDuration, 0, L"IDS_DURATION_TIME", L"持续时间(s)", kLogValueDouble, 100, kFlagsPlain},
+    {"email_averagespeed", kColumnAverageSpeed, 0, L"IDS_AVG_SPEED", L"平均速度(B/S)", kLogValueDouble, 100, kFlagsPlain},
+    {"email_file_path", kColumnCopyPath, 0, L"IDS_MAIL_COPY_PATH", L"存放邮件副本路径", kLogValueText, 200, kFlagsCopyPath},
+    {"protocol_path", kColumnProtocolPath, 0, nullptr, nullptr, kLogValueText, 0, kFlagsHidden},
+    {"group", kColumnGroup, 0, nullptr, nullptr, kLogValueText, 0, kFlagsHidden},
 }};
-
-static_assert(kEmailLogKeyedColumns == kEmailLogColumnCount);
 
 // The hidden columns close the declaration; the host marks them so.
 bool IsFinalColumn(const ColumnDefinition& option) { return option.caption_id == nullptr; }
 
 }  // namespace
 
-void CPelkaEmailModule::DefineEmailLog() {
+CEmailRecordWriter::CEmailRecordWriter(ITextSource& texts) : texts_(texts) {
+  std::fill(std::begin(column_ids_), std::end(column_ids_), kNoColumn);
+}
+
+void CEmailRecordWriter::DefineEmailLog(int32_t icon_index) {
   if (!log_service_) return;
-  CResStringTable& strings = CResStringTable::Instance();
+  ITextSource& strings = texts_;
   std::wstring caption;
 
   IPelkaLog* log = nullptr;
   strings.GetString(caption, L"IDS_EMAIL_INFO", L"Email信息");
-  if (log_service_->CreateLog("email_flow", caption.c_str(), kEmailLogCapacity, icon_index_, &log) != 0) return;
+  if (log_service_->CreateLog("email_flow", caption.c_str(), kEmailLogCapacity, icon_index, &log) != 0) return;
   if (!log) return;
   email_log_ = log;
 
-  size_t slot = 0;
   uint16_t combined = 0;
   for (const ColumnDefinition& option : kColumns) {
     caption.clear();
@@ -93,7 +99,7 @@ void CPelkaEmailModule::DefineEmailLog() {
     }
     const uint16_t id =
         log->AddColumn(option.key, caption.c_str(), option.value_kind, option.width, option.flags, IsFinalColumn(option));
-    column_ids_[slot++] = id;
+    column_ids_[option.slot] = id;
     combined |= id;
   }
   // A refused column comes back with the top bit set (0xFFFF): the

@@ -1,5 +1,7 @@
 #include "output/EmailLogExport.h"
 
+#include "output/EmailLogColumns.h"
+
 #include <algorithm>
 #include <array>
 #include <cstddef>
@@ -9,37 +11,90 @@ namespace {
 
 // Keys the export needs, in lookup order. The host must know all of them,
 // although the number, server and client columns appear in no line.
-constexpr std::array<const char*, 20> kExportKeys = {
-    "email_number",        "timestamp",        "protocol",           "src_ip4",       "src_port",
-    "dst_ip4",             "dst_port",         "email_server",       "email_client",  "email_sender",
-    "email_sender_email",  "email_receiver",   "email_receive_email", "email_cc",     "email_subject",
-    "email_sent_time",     "email_emailclient", "email_account",     "email_attachment", "email_filesize",
+enum ExportKey : size_t {
+  kKeyNumber,
+  kKeyTimestamp,
+  kKeyProtocol,
+  kKeyClientAddress,
+  kKeyClientPort,
+  kKeyServerAddress,
+  kKeyServerPort,
+  kKeyServer,
+  kKeyClient,
+  kKeySender,
+  kKeySenderAddress,
+  kKeyReceiver,
+  kKeyReceiverAddress,
+  kKeyCc,
+  kKeySubject,
+  kKeySentTime,
+  kKeyMailer,
+  kKeyAccount,
+  kKeyAttachments,
+  kKeyFileSize,
+  kExportKeyCount,
 };
 
+struct KeyName {
+  ExportKey key;
+  const char* name;
+};
+
+constexpr std::array<KeyName, kExportKeyCount> kExportKeys = {{
+    {kKeyNumber, "email_number"},
+    {kKeyTimestamp, "timestamp"},
+    {kKeyProtocol, "protocol"},
+    {kKeyClientAddress, "src_ip4"},
+    {kKeyClientPort, "src_port"},
+    {kKeyServerAddress, "dst_ip4"},
+    {kKeyServerPort, "dst_port"},
+    {kKeyServer, "email_server"},
+    {kKeyClient, "email_client"},
+    {kKeySender, "email_sender"},
+    {kKeySenderAddress, "email_sender_email"},
+    {kKeyReceiver, "email_receiver"},
+    {kKeyReceiverAddress, "email_receive_email"},
+    {kKeyCc, "email_cc"},
+    {kKeySubject, "email_subject"},
+    {kKeySentTime, "email_sent_time"},
+    {kKeyMailer, "email_emailclient"},
+    {kKeyAccount, "email_account"},
+    {kKeyAttachments, "email_attachment"},
+    {kKeyFileSize, "email_filesize"},
+}};
+
+constexpr bool KeysInOrder() {
+  for (size_t i = 0; i < kExportKeys.size(); ++i) {
+    if (kExportKeys[i].key != i) return false;
+  }
+  return true;
+}
+static_assert(KeysInOrder(), "kExportKeys is looked up by ExportKey");
+
 struct ExportColumn {
-  int key_index;          // into kExportKeys: where the record value comes from
-  int caption_position;   // the log column whose caption heads the column
+  ExportKey key;                  // where the record value comes from
+  EmailLogPosition caption;       // the log column whose caption heads the column
   const wchar_t* text_separator;  // what follows the value in the text form
 };
 
 constexpr std::array<ExportColumn, 17> kExportColumns = {{
-    {1, 1, L" "},        // timestamp
-    {3, 4, L":"},        // client address ...
-    {4, 5, L" "},        // ... and port
-    {5, 7, L":"},        // server address ...
-    {6, 8, L" \""},      // ... and port
-    {9, 11, L"\" "},     // sender
-    {10, 12, L" \""},    // sender address
-    {11, 13, L"\" "},    // receiver
-    {12, 14, L" \""},    // receiver address
-    {13, 15, L"\" "},    // copy receivers
-    {14, 16, L" "},      // subject
-    {15, 17, L" "},      // sent time
-    {19, 21, L" "},      // file size
-    {2, 2, L" \""},      // protocol
-    {16, 18, L"\" "},    // mail client
-    {17, 19, L" \""},    // account
-    {18, 20, L"\"\r\n"}, // attachments
+    {kKeyTimestamp, kPositionDateTime, L" "},
+    {kKeyClientAddress, kPositionClientAddress, L":"},
+    {kKeyClientPort, kPositionClientPort, L" "},
+    {kKeyServerAddress, kPositionServerAddress, L":"},
+    {kKeyServerPort, kPositionServerPort, L" \""},
+    {kKeySender, kPositionSender, L"\" "},
+    {kKeySenderAddress, kPositionSenderAddress, L" \""},
+    {kKeyReceiver, kPositionReceiver, L"\" "},
+    {kKeyReceiverAddress, kPositionReceiverAddress, L" \""},
+    {kKeyCc, kPositionCc, L"\" "},
+    {kKeySubject, kPositionSubject, L" "},
+    {kKeySentTime, kPositionSentTime, L" "},
+    {kKeyFileSize, kPositionFileSize, L" "},
+    {kKeyProtocol, kPositionProtocol, L" \""},
+    {kKeyMailer, kPositionMailer, L"\" "},
+    {kKeyAccount, kPositionAccount, L" \""},
+    {kKeyAttachments, kPositionAttachments, L"\"\r\n"},
 }};
 
 constexpr wchar_t kFullwidthComma = L'\xFF0C';
@@ -56,7 +111,7 @@ bool IsCsv(uint32_t format) { return format == kEmailExportCsv; }
 bool LookUpColumnIds(IPelkaLogColumns* columns, std::array<uint16_t, kExportKeys.size()>& ids) {
   if (!columns) return false;
   for (size_t i = 0; i < kExportKeys.size(); ++i) {
-    IPelkaLogColumn* column = columns->FindColumn(kExportKeys[i]);
+    IPelkaLogColumn* column = columns->FindColumn(kExportKeys[i].name);
     if (!column) return false;
     ids[i] = column->GetId();
   }
@@ -67,7 +122,7 @@ void BuildHeader(IPelkaLogColumns* columns, bool csv, std::wstring& header) {
   header.clear();
   for (size_t i = 0; i < kExportColumns.size(); ++i) {
     if (i > 0) header += csv ? L", " : L" ";
-    IPelkaLogColumn* column = columns->GetColumnAt(kExportColumns[i].caption_position);
+    IPelkaLogColumn* column = columns->GetColumnAt(kExportColumns[i].caption);
     const wchar_t* caption = column ? column->GetCaption() : nullptr;
     if (caption) header += caption;
   }
@@ -86,7 +141,7 @@ void AppendRecordLine(IPelkaLogRecordSet* records, int32_t index, const std::arr
                       bool csv, std::wstring& out) {
   std::array<FieldText, kExportColumns.size()> fields;
   for (size_t i = 0; i < kExportColumns.size(); ++i)
-    fields[i].reset(records->GetFieldText(index, ids[kExportColumns[i].key_index], 0));
+    fields[i].reset(records->GetFieldText(index, ids[kExportColumns[i].key], 0));
 
   for (size_t i = 0; i < kExportColumns.size(); ++i) {
     const wchar_t* value = fields[i] ? fields[i].get() : L"";

@@ -2,17 +2,14 @@
 #include <charconv>
 #include <string>
 
-#include "flow/EmailFlowContext.h"
+#include "host/AsciiText.h"
 #include "host/DataFormat.h"
 #include "host/LogInterfaces.h"
 #include "host/Types.h"
-#include "module/EmailModule.h"
-#include "output/EmailLogColumns.h"
+#include "output/EmailRecordWriter.h"
 
 namespace pelka {
 namespace {
-
-constexpr uint64_t kMicrosecondsPerSecond = 1000000;
 
 // The first of the two addresses that holds an "@", else empty.
 const std::wstring& ChooseAddress(const std::wstring& header_address, const std::wstring& fallback) {
@@ -57,7 +54,7 @@ const wchar_t* NodeText(const wchar_t* text) { return text ? text : L""; }
 
 }  // namespace
 
-void CPelkaEmailModule::PostEmailRecord(IPelkaFlow* flow, CEmailFlowContext& context, IPelkaFlowNode* node) {
+void CEmailRecordWriter::PostEmailRecord(IPelkaFlow* flow, CEmailFlowContext& context, IPelkaFlowNode* node) {
   IPelkaLog* log = email_log_;
   if (!log || !log->IsLogEnabled()) return;
 

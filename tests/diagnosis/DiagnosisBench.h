@@ -28,9 +28,6 @@ class DiagnosedModule : public CPelkaEmailModule {
   }
   void DetachNotify() { notify_ = nullptr; }
 
-  IPelkaDiagnosisEvent* smtp_slow_event() const { return smtp_slow_event_; }
-  IPelkaDiagnosisEvent* pop3_error_event() const { return pop3_error_event_; }
-
  private:
   struct SilentNotify final : IPelkaNotify {
     void GetResourcePath(void*, std::wstring* path) override {

@@ -105,10 +105,6 @@ TEST(FlowDataSearch, FindBytesNeverTestsANeedleEndingAtTheRangeEnd) {
     EXPECT_EQ(store->FindBytes(start, Bytes(needle), static_cast<int32_t>(needle.size()), limit), expected)
         << committed << "|" << staged << " start " << start;
   }
-  Store store("xxABy", "");
-  EXPECT_EQ(store->FindByte('y', 0, -1), kNotFound) << "the last byte is never a match";
-  EXPECT_EQ(store->ScanForByte(0, 'y', -1), 4u) << "the scan includes the last byte";
-  EXPECT_EQ(store->FindAnyOf(0, "yB", -1), 3u);
 }
 
 TEST(FlowDataSearch, LineLengthWithAndWithoutLineBreak) {
@@ -119,23 +115,6 @@ TEST(FlowDataSearch, LineLengthWithAndWithoutLineBreak) {
   for (const auto& [bytes, with_break, expected] : cases) {
     EXPECT_EQ(Store(bytes, "")->GetLineLength(with_break, 0, -1), expected) << bytes;
   }
-}
-
-TEST(FlowDataCompareAndTokens, CaseRulesDelimitersAndTheCapAt63) {
-  Store store("Subject", "");
-  EXPECT_EQ(store->CompareNoCase("SUBJECT", -1, 0), 0);
-  EXPECT_EQ(store->CompareNoCase("subjectX", -1, 0), 1) << "passes the end";
-  EXPECT_EQ(store->Compare("SUBJECT", 7, 0), 1);
-  EXPECT_EQ(store->Compare("Subject", 7, 0), 0);
-
-  Store words("  UID FETCH  1:* ", "");
-  ASSERT_EQ(words->Tokenize(0, " ", -1), 3u);
-  EXPECT_STREQ(words->GetToken(1), "FETCH");
-  EXPECT_STREQ(words->GetToken(2), "1:*");
-  EXPECT_STREQ(words->GetToken(3), "");
-  std::string many;
-  for (int i = 0; i < 70; ++i) many += "t ";
-  EXPECT_EQ(Store(many, "")->Tokenize(0, " ", -1), 63u);
 }
 
 // The header walk stepped byte by byte: the reference the store's faster walk

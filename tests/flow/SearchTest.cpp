@@ -71,18 +71,5 @@ TEST(MultiPatternSearch, AgreesWithAPlainSearchOnRandomKeywordsAndTexts) {
   }
 }
 
-TEST(MultiPatternSearch, EmptyOrClearedSearcherFindsNothing) {
-  CMultiPatternSearcher searcher;
-  EXPECT_EQ(searcher.AddKeyword(Bytes("ab"), 2), -1) << "no root before Init";
-  searcher.Init();
-  EXPECT_FALSE(searcher.Search(Bytes("ab"), 2));
-  EXPECT_EQ(searcher.AddKeyword(Bytes("ab"), 2), 0);
-  EXPECT_TRUE(searcher.Search(Bytes("xab"), 3));
-  searcher.Clear();
-  EXPECT_FALSE(searcher.Search(Bytes("xab"), 3));
-  searcher.Init();
-  EXPECT_EQ(searcher.AddKeyword(Bytes("cd"), 2), 0) << "identifiers start again after Clear";
-}
-
 }  // namespace
 }  // namespace pelka
