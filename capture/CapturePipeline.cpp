@@ -45,6 +45,12 @@ void WarnAboutSkippedParts(const std::string& inputs_label, const Pipeline& pipe
   if (const uint64_t damaged = frames.truncated + frames.malformed) {
     err << prefix << damaged << " frames were skipped: their headers are cut short or contradict the frame\n";
   }
+  const std::vector<LongRecordFile>& long_records =
+      pipeline.blocks ? pipeline.blocks->long_record_files() : pipeline.source.long_record_files();
+  for (const LongRecordFile& file : long_records) {
+    err << kProgramName << ": warning: " << file.name << ": records are longer than the snap length of "
+        << file.header_snap_length << " bytes its header states; they were read whole, as the file holds them\n";
+  }
   if (!flows.flows_evicted) return;
   err << prefix << flows.flows_evicted << " connections were ended early because more than ";
   // Each worker keeps its own share of the bound: one share filling up is

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "capture/PcapTime.h"
+#include "capture/SnapLengthWidening.h"
 
 namespace pelka {
 
@@ -129,6 +130,12 @@ bool CaptureSource::OpenNextFile() {
   }
   if (!file_buffer_) file_buffer_ = MakePageAlignedBytes(kFileBufferSize);
   std::setvbuf(file, reinterpret_cast<char*>(file_buffer_.get()), _IOFBF, kFileBufferSize);
+  if (FILE* widened = WidenSnapLength(file, &header_snap_length_)) {
+    // The file keeps the large buffer; the stream in front of it needs none.
+    if (widened != file) std::setvbuf(widened, nullptr, _IONBF, 0);
+    file = widened;
+  }
+  long_record_noted_ = false;
   char message[PCAP_ERRBUF_SIZE] = {};
   // Nanosecond precision keeps both kinds of file exact; times are rounded
   // down to microseconds when a frame is handed out.
@@ -188,6 +195,10 @@ ReadStatus CaptureSource::Next(CapturedFrame* frame) {
                                             static_cast<uint64_t>(header->ts.tv_usec), nanosecond_);
       frame->link_type = pcap_datalink(handle_);
       current_bytes_ += header->caplen + kRecordHeaderBytes;
+      if (header_snap_length_ && header->caplen > header_snap_length_ && !long_record_noted_) {
+        long_record_noted_ = true;
+        long_records_.push_back({current_name_, header_snap_length_});
+      }
       return ReadStatus::kFrame;
     }
     if (status == 0) {

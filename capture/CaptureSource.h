@@ -40,6 +40,13 @@ enum class ReadStatus {
   kError,    // the current input is damaged or unreadable; see error()
 };
 
+// A file holding records longer than the snap length its header states. They
+// are read whole, as the file holds them, and said once per file.
+struct LongRecordFile {
+  std::string name;
+  uint32_t header_snap_length = 0;
+};
+
 class CaptureSource {
  public:
   CaptureSource();
@@ -83,6 +90,7 @@ class CaptureSource {
   // Sum of the sizes of the input files that are regular files (0 if unknown).
   uint64_t total_bytes() const;
   uint64_t frames_read() const { return frames_; }
+  const std::vector<LongRecordFile>& long_record_files() const { return long_records_; }
 
  private:
   bool OpenNextFile();
@@ -113,6 +121,9 @@ class CaptureSource {
   std::string current_name_;
   std::string error_;
   uint64_t frames_ = 0;
+  uint32_t header_snap_length_ = 0;  // of the current file, when libpcap is shown a larger one
+  bool long_record_noted_ = false;
+  std::vector<LongRecordFile> long_records_;
   uint64_t start_offset_ = 0;    // where the next file opened is read from
   uint64_t finished_bytes_ = 0;  // bytes of the inputs already closed
   uint64_t current_bytes_ = 0;   // bytes of the current input when its position is unknown

@@ -227,8 +227,10 @@ bool PcapBlockReader::Usual(const uint8_t* header) const {
   const uint32_t fraction = Load32(header + 4, swapped_);
   const uint32_t captured = Load32(header + 8, swapped_);
   const uint32_t wire = Load32(header + 12, swapped_);
-  return seconds < 0x80000000u && fraction < PcapFractionsPerSecond(nanosecond_) && captured <= snap_length_ &&
-         captured <= kMaxRecordLength && captured <= wire;
+  // A record longer than the header's snap length is read whole: the bytes
+  // the file holds are the packet.
+  return seconds < 0x80000000u && fraction < PcapFractionsPerSecond(nanosecond_) && captured <= kMaxRecordLength &&
+         captured <= wire;
 }
 
 void PcapBlockReader::SetFrame(const uint8_t* header, CapturedFrame* frame) {
@@ -240,6 +242,14 @@ void PcapBlockReader::SetFrame(const uint8_t* header, CapturedFrame* frame) {
   frame->number = ++frames_;
   frame->time_us = PcapTimeMicroseconds(seconds, fraction, nanosecond_);
   frame->link_type = link_type_;
+  if (frame->captured_length > snap_length_) NoteLongRecord({path_, snap_length_});
+}
+
+void PcapBlockReader::NoteLongRecord(const LongRecordFile& file) {
+  for (const LongRecordFile& noted : long_records_) {
+    if (noted.name == file.name) return;
+  }
+  long_records_.push_back(file);
 }
 
 bool PcapBlockReader::TakeSpanning(size_t wanted) {
@@ -274,6 +284,7 @@ ReadStatus PcapBlockReader::Next(CapturedFrame* frame, PcapBlock** block) {
       if (status != ReadStatus::kEnd) return status;
       finished_bytes_ += fallback_->bytes_read();
       frames_ = fallback_->frames_read();
+      for (const LongRecordFile& file : fallback_->long_record_files()) NoteLongRecord(file);
       fallback_.reset();
       continue;
     }

@@ -7,7 +7,7 @@
 // on. So blocks can be read ahead by other threads (Prefetch) while one thread
 // walks the records (Next). A record that runs from one block into the next is
 // put together in a buffer of the reader's own. The walk checks each record
-// header; on anything unusual (a length beyond the snap length or the file, a
+// header; on anything unusual (a length beyond the largest record or the file, a
 // cut header, an odd time stamp, a read error) it hands the file from that
 // record on to a CaptureSource, which reports exactly as it does for files it
 // reads whole. Other files and standard input go to a CaptureSource whole.
@@ -58,6 +58,9 @@ class PcapBlockReader {
   uint64_t bytes_read() const;
   uint64_t total_bytes() const { return RegularFileBytes(paths_); }
   uint64_t frames_read() const;
+  // As CaptureSource's, for the files read so far (a file being read by the
+  // fallback counts once it is done).
+  const std::vector<LongRecordFile>& long_record_files() const { return long_records_; }
 
  private:
   bool OpenNext();
@@ -75,6 +78,7 @@ class PcapBlockReader {
   bool TakeSpanning(size_t wanted);
   bool Usual(const uint8_t* header) const;
   void SetFrame(const uint8_t* header, CapturedFrame* frame);
+  void NoteLongRecord(const LongRecordFile& file);
   // Reads the block at `offset` of `fd`; the bytes read (fewer at the file's
   // end or on a read error).
   size_t ReadBlock(int fd, PcapBlock* block, uint64_t offset) const;
@@ -94,6 +98,7 @@ class PcapBlockReader {
   bool nanosecond_ = false;
   int link_type_ = 0;
   uint32_t snap_length_ = 0;
+  std::vector<LongRecordFile> long_records_;
   bool file_end_ = false;       // the current block is the file's last
   uint64_t block_offset_ = 0;  // file offset of the block's first byte
   PcapBlock* block_ = nullptr;

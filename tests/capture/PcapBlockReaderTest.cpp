@@ -140,5 +140,35 @@ TEST(PcapBlockReaderTest, HandsOutWhatCaptureSourceDoes) {
   }
 }
 
+// The bytes the file holds are the packet, whatever snap length its header
+// states; such a file is named once.
+TEST(PcapBlockReaderTest, RecordsLongerThanTheHeaderSnapLengthAreReadWhole) {
+  test::TempDir dir;
+  const Layout small_snap{false, false, 1000};
+  const std::string path = (dir / "long.pcap").string();
+  const std::string first = Record(small_snap, 0, 1400, 1400), third = Record(small_snap, 2, 1200, 1200);
+  test::WriteWholeFile(path, FileHeader(small_snap) + first + Record(small_snap, 1, 60, 60) + third);
+  auto check = [&](const std::vector<std::string>& transcript, const std::vector<LongRecordFile>& noted) {
+    ASSERT_EQ(transcript.size(), 4u);
+    EXPECT_TRUE(transcript[0].ends_with(first.substr(16)));
+    EXPECT_TRUE(transcript[2].ends_with(third.substr(16)));
+    ASSERT_EQ(noted.size(), 1u);
+    EXPECT_EQ(noted[0].name, path);
+    EXPECT_EQ(noted[0].header_snap_length, 1000u);
+  };
+  CaptureSource source;
+  source.OpenFiles({path});
+  check(Transcript(source, [&](CapturedFrame* frame) { return source.Next(frame); }), source.long_record_files());
+  PcapBlockPool pool(2, 700);
+  PcapBlockReader reader(&pool);
+  reader.OpenFiles({path});
+  check(Transcript(reader,
+                   [&](CapturedFrame* frame) {
+                     PcapBlock* block = nullptr;
+                     return reader.Next(frame, &block);
+                   }),
+        reader.long_record_files());
+}
+
 }  // namespace
 }  // namespace pelka

@@ -1,0 +1,95 @@
+#include "capture/SnapLengthWidening.h"
+
+#include <sys/types.h>
+
+#include <cstring>
+#include <memory>
+
+namespace pelka {
+namespace {
+
+constexpr size_t kFileHeaderBytes = 24;
+constexpr size_t kSnapLengthOffset = 16;
+constexpr uint32_t kMagicMicro = 0xA1B2C3D4;
+constexpr uint32_t kMagicNano = 0xA1B23C4D;
+
+// The stream libpcap reads: the changed header, then the file's bytes.
+struct WidenedFile {
+  std::FILE* file;
+  unsigned char header[kFileHeaderBytes];
+  size_t header_length = 0;  // fewer than kFileHeaderBytes when the input is that short
+  uint64_t position = 0;     // in the stream, which is the position in the file
+};
+
+ssize_t ReadWidened(void* cookie, char* out, size_t size) {
+  auto* widened = static_cast<WidenedFile*>(cookie);
+  size_t given = 0;
+  if (widened->position < widened->header_length) {
+    given = std::min(size, widened->header_length - static_cast<size_t>(widened->position));
+    std::memcpy(out, widened->header + widened->position, given);
+  }
+  if (given < size) given += std::fread(out + given, 1, size - given, widened->file);
+  widened->position += given;
+  if (given == 0 && std::ferror(widened->file)) return -1;
+  return static_cast<ssize_t>(given);
+}
+
+int SeekWidened(void* cookie, off64_t* offset, int whence) {
+  auto* widened = static_cast<WidenedFile*>(cookie);
+  if (whence == SEEK_CUR && *offset == 0) {
+    *offset = static_cast<off64_t>(widened->position);
+    return 0;
+  }
+  if (whence != SEEK_SET || *offset < 0) return -1;
+  // Bytes of the header read again come from the changed copy.
+  const uint64_t target = static_cast<uint64_t>(*offset);
+  const uint64_t in_file = std::max<uint64_t>(target, widened->header_length);
+  if (std::fseek(widened->file, static_cast<long>(in_file), SEEK_SET) != 0) return -1;
+  widened->position = target;
+  return 0;
+}
+
+int CloseWidened(void* cookie) {
+  std::unique_ptr<WidenedFile> widened(static_cast<WidenedFile*>(cookie));
+  if (widened->file == stdin) return 0;
+  return std::fclose(widened->file);
+}
+
+uint32_t Load32(const unsigned char* bytes, bool swapped) {
+  uint32_t value;
+  std::memcpy(&value, bytes, sizeof value);
+  return swapped ? __builtin_bswap32(value) : value;
+}
+
+void Store32(unsigned char* bytes, uint32_t value, bool swapped) {
+  if (swapped) value = __builtin_bswap32(value);
+  std::memcpy(bytes, &value, sizeof value);
+}
+
+}  // namespace
+
+std::FILE* WidenSnapLength(std::FILE* file, uint32_t* snap_length) {
+  *snap_length = 0;
+  auto widened = std::make_unique<WidenedFile>();
+  widened->file = file;
+  widened->header_length = std::fread(widened->header, 1, kFileHeaderBytes, file);
+  const bool whole_header = widened->header_length == kFileHeaderBytes;
+  const uint32_t magic = whole_header ? Load32(widened->header, false) : 0;
+  const bool swapped = magic == __builtin_bswap32(kMagicMicro) || magic == __builtin_bswap32(kMagicNano);
+  const bool classic = swapped || magic == kMagicMicro || magic == kMagicNano;
+  const uint32_t stated = classic ? Load32(widened->header + kSnapLengthOffset, swapped) : 0;
+  if (classic && stated != 0 && stated < kLargestSnapLength) {
+    Store32(widened->header + kSnapLengthOffset, kLargestSnapLength, swapped);
+    *snap_length = stated;
+  } else if (file != stdin && std::fseek(file, 0, SEEK_SET) == 0) {
+    return file;  // nothing to change: libpcap reads the file as it is
+  }
+  // Header bytes read from a pipe cannot be put back, so the stream serves
+  // them whether or not they changed.
+  std::FILE* stream = fopencookie(widened.get(), "rb", {ReadWidened, nullptr, SeekWidened, CloseWidened});
+  if (!stream) return nullptr;
+  widened.release();
+  return stream;
+}
+
+}  // namespace pelka
