@@ -185,8 +185,7 @@ TEST(ServerError, ReportsSmtpCodes400To599AndBarePop3ErrorLines) {
     const auto reports = bench.service.ReportsOf(key);
     ASSERT_EQ(reports.size(), c.reported ? 1u : 0u);
     if (!c.reported) continue;
-    EXPECT_EQ(reports[0].Fields(),
-              std::make_tuple(key, L"#POP3 Server Returned Error(See Packet 1)", 0u, 1u, 1u, 0u));
+    EXPECT_EQ(reports[0].Fields(), std::make_tuple(key, L"#POP3 Server Returned Error(See Packet 1)", 0u, 1u, 1u, 0u));
   }
 }
 

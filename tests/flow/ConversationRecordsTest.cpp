@@ -145,33 +145,22 @@ TEST_F(ConversationRecordsTest, ImapFetchLiteralsBecomeOneRecordEach) {
 }
 
 // A literal longer than the response's text, or a negative one, takes all of it.
-struct LiteralCase {
-  const char* name;
-  std::string declared;  // between the braces; empty: the message's own length
-  bool takes_all;
-};
-
-class ImapLiteralTest : public ConversationRecordsTest, public ::testing::WithParamInterface<LiteralCase> {};
-
-TEST_P(ImapLiteralTest, DeclaredLengthCutsTheMessage) {
-  const LiteralCase& c = GetParam();
+TEST_F(ConversationRecordsTest, ImapLiteralLengthCutsTheMessage) {
   const std::string message = "From: s@example.org\r\nTo: bob@example.org\r\n\r\nbody\r\n";
-  const std::string declared = c.declared.empty() ? std::to_string(message.size()) : c.declared;
   const std::string rest = ")\r\nA4 OK done\r\n";
-  Conversation imap(module_, 143, kProtocolImap4);
-  imap.Client("A4 UID FETCH 1 (BODY.PEEK[])\r\n", 1'000'000);
-  imap.Server("* 1 FETCH (UID 1 BODY[] {" + declared + "}\r\n" + message + rest, 2'000'000);
-  ASSERT_EQ(records().size(), 1u);
-  EXPECT_EQ(records()[0].Number("email_filesize"), message.size() + (c.takes_all ? rest.size() : 0));
+  // Declared length, and whether it takes the rest of the response.
+  const std::pair<std::string, bool> cases[] = {
+      {std::to_string(message.size()), false}, {"+50", false}, {" 50", false}, {"4000", true}, {"-5", true},
+      {"99999999999", true}};
+  for (const auto& [declared, takes_all] : cases) {
+    Conversation imap(module_, 143, kProtocolImap4);
+    imap.Client("A4 UID FETCH 1 (BODY.PEEK[])\r\n", 1'000'000);
+    imap.Server("* 1 FETCH (UID 1 BODY[] {" + declared + "}\r\n" + message + rest, 2'000'000);
+    ASSERT_EQ(records().size(), 1u) << declared;
+    EXPECT_EQ(records()[0].Number("email_filesize"), message.size() + (takes_all ? rest.size() : 0)) << declared;
+    service_.log()->records.clear();
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Literals, ImapLiteralTest,
-    ::testing::Values(LiteralCase{"Exact", "", false}, LiteralCase{"PlusSign", "+50", false},
-                      LiteralCase{"LeadingBlank", " 50", false}, LiteralCase{"LongerThanSent", "4000", true},
-                      LiteralCase{"Negative", "-5", true},
-                      LiteralCase{"Huge", "99999999999", true}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace pelka

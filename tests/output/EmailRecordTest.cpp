@@ -20,7 +20,7 @@ using testing::InMemoryRecord;
 
 class EmailRecordTest : public ::testing::Test {
  protected:
-  EmailRecordTest() : flow_(0x0A000002, 40001, 0xC0A80101, 25), context_(&module_, &flow_) {
+  EmailRecordTest() : flow_(0x0A64FF00, 40001, 0xC0A80101, 25), context_(&module_, &flow_) {
     module_.set_log_service(&service_);
     module_.DefineEmailLog();
     log_ = service_.log();
@@ -49,9 +49,9 @@ TEST_F(EmailRecordTest, FinishedMessageFillsEveryField) {
   ASSERT_EQ(log_->records.size(), 1u);
   const InMemoryRecord& record = log_->records[0];
   const std::pair<const char*, const wchar_t*> texts[] = {{"email_file_path", L"/copies/x.eml"},
-      {"email_client", L"10.0.0.2:40001"}, {"protocol_path", L"ETH/IPv4/TCP/SMTP"}, {"group", L"Office"}};
+      {"email_client", L"10.100.255.0:40001"}, {"protocol_path", L"ETH/IPv4/TCP/SMTP"}, {"group", L"Office"}};
   for (const auto& [key, value] : texts) EXPECT_EQ(record.Text(key), value) << key;
-  EXPECT_EQ(std::tie(record.seconds, record.client_address), std::make_tuple(1700000000u, 0x0A000002u));
+  EXPECT_EQ(std::tie(record.seconds, record.client_address), std::make_tuple(1700000000u, 0x0A64FF00u));
   EXPECT_EQ(log_->unknown_column_sets, 0);
   EXPECT_EQ(log_->pending_records(), 0u);
 
