@@ -66,22 +66,6 @@ TEST(CodePageTest, AnsiCodePageIsAProcessSetting) {
   EXPECT_EQ(seen_on_other_thread, kChinese);
 }
 
-TEST(CodePageTest, ThreadsConvertIndependently) {
-  std::vector<int> failures(4, 0);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([t, &failures] {
-      for (int i = 0; i < 500; ++i) {
-        const bool utf8 = (i + t) % 2;
-        if (MultiByteToWide(utf8 ? kCodePageUtf8 : kCodePageGbk, utf8 ? kChineseUtf8 : kChineseGbk) != kChinese)
-          ++failures[t];
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(failures, std::vector<int>(4, 0));
-}
-
 // One row per entry of the code-page table. Every other converter in the table
 // reads the row's bytes or writes its text differently, so an entry that names
 // the wrong converter fails its row. `narrowed` is set where the text does not
