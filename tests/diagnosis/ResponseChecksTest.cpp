@@ -200,13 +200,10 @@ TEST(FlowDiagnosis, ImapFlowsRunNoCheck) {
 TEST(DefineDiagnosisEvents, NothingWithoutNotificationObjectOrService) {
   InMemoryDiagnosisService service;
   DiagnosedModule without_notify;
-  without_notify.Attach(&service);
-  without_notify.DetachNotify();
-  without_notify.DefineDiagnosisEvents();
+  without_notify.Attach(&service, false);
   EXPECT_TRUE(service.defined_keys.empty());
   // Without a service no check keeps state.
   without_notify.Attach(nullptr);
-  without_notify.DefineDiagnosisEvents();
   testing::Conversation smtp(without_notify, kSmtpPort, kProtocolSmtp);
   smtp.Client("EHLO a\r\n", 1'000'000);
   EXPECT_EQ(smtp.context().request_packet, 0u);
