@@ -18,15 +18,15 @@ inline constexpr const char* kSmtpError = "SMTPServerReturnedError";
 inline constexpr const char* kPop3Slow = "POP3ServerSlowResponseTime";
 inline constexpr const char* kPop3Error = "POP3ServerReturnedError";
 
-// The module as the host sees it after Initialize: a notification object and
-// (unless left out) a diagnosis service.
+// The module as the host sees it after Initialize, with (unless left out) a
+// notification object and a diagnosis service, and its events defined.
 class DiagnosedModule : public CPelkaEmailModule {
  public:
-  void Attach(IPelkaDiagnosisService* service) {
-    notify_ = &notify_object_;  // the definitions only ask whether there is one
+  void Attach(IPelkaDiagnosisService* service, bool with_notify = true) {
+    notify_ = with_notify ? &notify_object_ : nullptr;  // the definitions only ask whether there is one
     diagnosis_service_ = service;
+    DefineDiagnosisEvents();
   }
-  void DetachNotify() { notify_ = nullptr; }
 
  private:
   struct SilentNotify final : IPelkaNotify {
@@ -38,10 +38,7 @@ class DiagnosedModule : public CPelkaEmailModule {
 
 // The module with its events defined on an in-memory service.
 struct DiagnosedParts {
-  DiagnosedParts() {
-    module.Attach(&service);
-    module.DefineDiagnosisEvents();
-  }
+  DiagnosedParts() { module.Attach(&service); }
   InMemoryDiagnosisService service;
   DiagnosedModule module;
 };

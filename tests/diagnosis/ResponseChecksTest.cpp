@@ -156,45 +156,37 @@ TEST_P(DubiousConversation, EmptyPacketsCountOnlyWithTheSlowCheck) {
 
 INSTANTIATE_TEST_SUITE_P(WithAndWithoutSlowCheck, DubiousConversation, ::testing::Bool());
 
-struct ServerErrorCase {
-  const char* name;
-  MailProtocol protocol;
-  std::string payload;
-  bool reported;
-};
-
-class ServerError : public ::testing::TestWithParam<ServerErrorCase> {};
-
-TEST_P(ServerError, ReportsSmtpCodes400To599AndBarePop3ErrorLines) {
-  const ServerErrorCase& c = GetParam();
-  DiagnosisBench bench(c.protocol);
-  bench.Server(c.payload, 0);
-  const auto reports = bench.service.ReportsOf(c.protocol == MailProtocol::kSmtp ? kSmtpError : kPop3Error);
-  ASSERT_EQ(reports.size(), c.reported ? 1u : 0u);
-  // SMTP's default text names POP3 as well.
-  if (c.reported) {
-    EXPECT_EQ(reports[0].Fields(),
-              std::make_tuple(reports[0].event, L"#POP3 Server Returned Error(See Packet 1)", 0u, 1u, 1u, 0u));
+// SMTP codes 400 to 599 and bare POP3 error lines; SMTP's default text names
+// POP3 as well.
+TEST(ServerError, ReportsSmtpCodes400To599AndBarePop3ErrorLines) {
+  const struct {
+    const char* name;
+    MailProtocol protocol;
+    const char* payload;
+    bool reported;
+    bool enabled = true;
+  } cases[] = {
+      {"smtp 399", MailProtocol::kSmtp, "399 x\r\n", false},
+      {"smtp 400", MailProtocol::kSmtp, "400 x\r\n", true},
+      {"smtp 599", MailProtocol::kSmtp, "599 x\r\n", true},
+      {"smtp 600", MailProtocol::kSmtp, "600 x\r\n", false},
+      {"smtp continuation line", MailProtocol::kSmtp, "421-closing\r\n", true},
+      {"smtp shorter than four", MailProtocol::kSmtp, "550", false},
+      {"smtp switched off", MailProtocol::kSmtp, "550 no\r\n", false, false},
+      {"pop3 bare error", MailProtocol::kPop3, "-ERR\r\n", true},
+      {"pop3 smtp code", MailProtocol::kPop3, "550 x\r\n", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    DiagnosisBench bench(c.protocol);
+    const char* key = c.protocol == MailProtocol::kSmtp ? kSmtpError : kPop3Error;
+    bench.Event(key)->enabled = c.enabled;
+    bench.Server(c.payload, 0);
+    const auto reports = bench.service.ReportsOf(key);
+    ASSERT_EQ(reports.size(), c.reported ? 1u : 0u);
+    if (!c.reported) continue;
+    EXPECT_EQ(reports[0].Fields(), std::make_tuple(key, L"#POP3 Server Returned Error(See Packet 1)", 0u, 1u, 1u, 0u));
   }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Replies, ServerError,
-    ::testing::Values(ServerErrorCase{"Smtp399", MailProtocol::kSmtp, "399 x\r\n", false},
-                      ServerErrorCase{"Smtp400", MailProtocol::kSmtp, "400 x\r\n", true},
-                      ServerErrorCase{"Smtp599", MailProtocol::kSmtp, "599 x\r\n", true},
-                      ServerErrorCase{"Smtp600", MailProtocol::kSmtp, "600 x\r\n", false},
-                      ServerErrorCase{"SmtpContinuationLine", MailProtocol::kSmtp, "421-closing\r\n", true},
-                      ServerErrorCase{"SmtpShorterThanFour", MailProtocol::kSmtp, "550", false},
-                      ServerErrorCase{"Pop3BareError", MailProtocol::kPop3, "-ERR\r\n", true},
-                      ServerErrorCase{"Pop3SmtpCode", MailProtocol::kPop3, "550 x\r\n", false}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST(ServerErrorSwitch, NothingWhileSwitchedOff) {
-  DiagnosisBench off;
-  off.Event(kSmtpError)->enabled = false;
-  off.Server("550 no\r\n", 0);
-  EXPECT_TRUE(off.service.ReportsOf(kSmtpError).empty());
 }
 
 TEST(FlowDiagnosis, ImapFlowsRunNoCheck) {
@@ -208,13 +200,10 @@ TEST(FlowDiagnosis, ImapFlowsRunNoCheck) {
 TEST(DefineDiagnosisEvents, NothingWithoutNotificationObjectOrService) {
   InMemoryDiagnosisService service;
   DiagnosedModule without_notify;
-  without_notify.Attach(&service);
-  without_notify.DetachNotify();
-  without_notify.DefineDiagnosisEvents();
+  without_notify.Attach(&service, false);
   EXPECT_TRUE(service.defined_keys.empty());
   // Without a service no check keeps state.
   without_notify.Attach(nullptr);
-  without_notify.DefineDiagnosisEvents();
   testing::Conversation smtp(without_notify, kSmtpPort, kProtocolSmtp);
   smtp.Client("EHLO a\r\n", 1'000'000);
   EXPECT_EQ(smtp.context().request_packet, 0u);

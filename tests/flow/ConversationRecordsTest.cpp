@@ -62,6 +62,13 @@ TEST_F(ConversationRecordsTest, SmtpMessagesCarryEveryHeaderField) {
     time += 10'000'000;
   }
 
+  // The sender's text after the encoded word is dropped; attachment names are
+  // the header extractor's tests.
+  const std::pair<const char*, const wchar_t*> texts[] = {
+      {"email_sender", L"\x5F20\x4E09"}, {"email_sender_email", L"zhang@example.com"}, {"email_receiver", L"Bob "},
+      {"email_receive_email", L"bob@example.org"}, {"email_cc", L"\"Carl\"<carl@example.org>"},
+      {"email_sent_time", L"Tue, 1 Jan 2013 10:00:00 +0800"}, {"email_emailclient", L"Mail Client 7"},
+      {"email_account", L"zhang"}, {"email_attachment", L"report.pdf;"}, {"protocol", L"SMTP"}};
   ASSERT_EQ(records().size(), 3u);
   for (int i = 0; i < 3; ++i) {
     const InMemoryRecord& record = records()[i];
@@ -69,16 +76,7 @@ TEST_F(ConversationRecordsTest, SmtpMessagesCarryEveryHeaderField) {
     EXPECT_EQ(record.Number("email_number"), i + 1u);
     EXPECT_EQ(record.seconds, i == 0 ? 10u : 13u + 10 * i);
     EXPECT_EQ(record.Text("email_subject"), subjects[i].second);
-    EXPECT_EQ(record.Text("email_sender"), L"\x5F20\x4E09");  // text after the encoded word is dropped
-    EXPECT_EQ(record.Text("email_sender_email"), L"zhang@example.com");
-    EXPECT_EQ(record.Text("email_receiver"), L"Bob ");
-    EXPECT_EQ(record.Text("email_receive_email"), L"bob@example.org");
-    EXPECT_EQ(record.Text("email_cc"), L"\"Carl\"<carl@example.org>");
-    EXPECT_EQ(record.Text("email_sent_time"), L"Tue, 1 Jan 2013 10:00:00 +0800");
-    EXPECT_EQ(record.Text("email_emailclient"), L"Mail Client 7");
-    EXPECT_EQ(record.Text("email_account"), L"zhang");
-    EXPECT_EQ(record.Text("email_attachment"), L"report.pdf;");  // names: the header extractor's tests
-    EXPECT_EQ(record.Text("protocol"), L"SMTP");
+    for (const auto& [key, text] : texts) EXPECT_EQ(record.Text(key), text) << key;
     EXPECT_EQ(record.Number("email_filesize"), size) << "the DATA line is not collected";
     EXPECT_EQ(record.Double("email_duration"), 2.0);
     EXPECT_EQ(record.Double("email_averagespeed"), size / 2.0);
@@ -145,33 +143,22 @@ TEST_F(ConversationRecordsTest, ImapFetchLiteralsBecomeOneRecordEach) {
 }
 
 // A literal longer than the response's text, or a negative one, takes all of it.
-struct LiteralCase {
-  const char* name;
-  std::string declared;  // between the braces; empty: the message's own length
-  bool takes_all;
-};
-
-class ImapLiteralTest : public ConversationRecordsTest, public ::testing::WithParamInterface<LiteralCase> {};
-
-TEST_P(ImapLiteralTest, DeclaredLengthCutsTheMessage) {
-  const LiteralCase& c = GetParam();
+TEST_F(ConversationRecordsTest, ImapLiteralLengthCutsTheMessage) {
   const std::string message = "From: s@example.org\r\nTo: bob@example.org\r\n\r\nbody\r\n";
-  const std::string declared = c.declared.empty() ? std::to_string(message.size()) : c.declared;
   const std::string rest = ")\r\nA4 OK done\r\n";
-  Conversation imap(module_, 143, kProtocolImap4);
-  imap.Client("A4 UID FETCH 1 (BODY.PEEK[])\r\n", 1'000'000);
-  imap.Server("* 1 FETCH (UID 1 BODY[] {" + declared + "}\r\n" + message + rest, 2'000'000);
-  ASSERT_EQ(records().size(), 1u);
-  EXPECT_EQ(records()[0].Number("email_filesize"), message.size() + (c.takes_all ? rest.size() : 0));
+  // Declared length, and whether it takes the rest of the response.
+  const std::pair<std::string, bool> cases[] = {
+      {std::to_string(message.size()), false}, {"+50", false}, {" 50", false}, {"4000", true}, {"-5", true},
+      {"99999999999", true}};
+  for (const auto& [declared, takes_all] : cases) {
+    Conversation imap(module_, 143, kProtocolImap4);
+    imap.Client("A4 UID FETCH 1 (BODY.PEEK[])\r\n", 1'000'000);
+    imap.Server("* 1 FETCH (UID 1 BODY[] {" + declared + "}\r\n" + message + rest, 2'000'000);
+    ASSERT_EQ(records().size(), 1u) << declared;
+    EXPECT_EQ(records()[0].Number("email_filesize"), message.size() + (takes_all ? rest.size() : 0)) << declared;
+    service_.log()->records.clear();
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Literals, ImapLiteralTest,
-    ::testing::Values(LiteralCase{"Exact", "", false}, LiteralCase{"PlusSign", "+50", false},
-                      LiteralCase{"LeadingBlank", " 50", false}, LiteralCase{"LongerThanSent", "4000", true},
-                      LiteralCase{"Negative", "-5", true},
-                      LiteralCase{"Huge", "99999999999", true}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace pelka

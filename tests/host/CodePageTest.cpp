@@ -19,7 +19,6 @@ TEST(CodePageTest, BytesToWide) {
   struct Case { const char* name; unsigned code_page; std::string bytes; std::wstring expected; };
   const std::vector<Case> cases = {
       {"zero byte kept", kCodePageGbk, std::string("a\0b", 3), std::wstring(L"a\0b", 3)},
-      {"gbk", kCodePageGbk, "x" + kChineseGbk + "y", L"x" + kChinese + L"y"},
       {"ansi is gbk by default", kCodePageThreadAnsi, kChineseGbk, kChinese},
       {"utf-8 beyond the basic plane", kCodePageUtf8, kChineseUtf8 + "\xF0\x9F\x98\x80", kChinese + L"\U0001F600"},
       {"invalid utf-8 goes on", kCodePageUtf8, "a\xC3(\x80\x80z", L"a\uFFFD(\uFFFD\uFFFDz"},
@@ -37,10 +36,9 @@ TEST(CodePageTest, BytesToWide) {
   for (const Case& c : cases) EXPECT_EQ(MultiByteToWide(c.code_page, c.bytes), c.expected) << c.name;
 }
 
+// Each code page's own characters both ways are the table test's, below.
 TEST(CodePageTest, WideToBytes) {
   const std::wstring not_a_character = std::wstring(L"a") + wchar_t(0x110000) + wchar_t(0xD800) + L"b";
-  EXPECT_EQ(WideToMultiByte(kCodePageGbk, L"<" + kChinese + L">"), "<" + kChineseGbk + ">");
-  EXPECT_EQ(WideToMultiByte(kCodePageUtf8, kChinese), kChineseUtf8);
   EXPECT_EQ(WideToMultiByte(kCodePageGbk, L"a\u0E01b"), "a?b");
   EXPECT_EQ(WideToMultiByte(kCodePageUtf8, not_a_character), "a??b");
   EXPECT_EQ(WideToMultiByte(12345, L"a" + kChinese), "a??");
@@ -64,22 +62,6 @@ TEST(CodePageTest, AnsiCodePageIsAProcessSetting) {
   std::thread([&] { seen_on_other_thread = AnsiToWide(kChineseUtf8); }).join();
   SetAnsiCodePage(kCodePageGbk);
   EXPECT_EQ(seen_on_other_thread, kChinese);
-}
-
-TEST(CodePageTest, ThreadsConvertIndependently) {
-  std::vector<int> failures(4, 0);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([t, &failures] {
-      for (int i = 0; i < 500; ++i) {
-        const bool utf8 = (i + t) % 2;
-        if (MultiByteToWide(utf8 ? kCodePageUtf8 : kCodePageGbk, utf8 ? kChineseUtf8 : kChineseGbk) != kChinese)
-          ++failures[t];
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(failures, std::vector<int>(4, 0));
 }
 
 // One row per entry of the code-page table. Every other converter in the table

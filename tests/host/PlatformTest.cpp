@@ -1,5 +1,5 @@
 // The platform layer besides code pages (CodePageTest): base64 text, wide
-// formatting with Windows conversions, IPv4 text and the packet record reader.
+// formatting with Windows conversions and the packet record reader.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "host/Base64Coder.h"
-#include "host/DataFormat.h"
 #include "host/PacketRecord.h"
 #include "host/WideFormat.h"
 #include "support/FakeFlow.h"
@@ -51,14 +50,8 @@ TEST(WideFormat, WindowsConversionsBecomeTheirPosixForms) {
   };
   for (const Case& c : cases) EXPECT_EQ(TranslateWideFormat(c.format), c.posix) << c.name;
   EXPECT_EQ(FormatWide(L"%I64u-%I64d", uint64_t{18446744073709551615u}, int64_t{-5}), L"18446744073709551615--5");
-  EXPECT_EQ(FormatWide(L"%c%s", L'\x4E2D', L"a"), L"\x4E2D" L"a");
   const std::wstring long_text(5000, L'z');
   EXPECT_EQ(FormatWide(L"[%s]", long_text.c_str()), L"[" + long_text + L"]") << "the buffer grows";
-}
-
-// Each octet is written without leading zeros, the first from the top byte.
-TEST(DataFormat, IPv4AddressAsDottedDecimal) {
-  EXPECT_EQ(CTQDataFormat().FormatIpAddress(0x0A64FF00), L"10.100.255.0");
 }
 
 using Layout = testing::PacketRecordBuilder::Layout;

@@ -32,11 +32,8 @@ class Conversation {
   Conversation(const Conversation&) = delete;
   Conversation& operator=(const Conversation&) = delete;
 
-  bool bound() const { return bound_; }
   CEmailFlowContext& context() { return *dynamic_cast<CEmailFlowContext*>(bind_context_); }
-  FakeFlow& flow() { return flow_; }
   FakeFlowNode& node() { return node_; }
-  InMemoryFlowStats& stats() { return stats_; }
 
   // Sends one packet; the time is in microseconds. Returns the module's answer.
   uint32_t Client(std::string_view payload, uint64_t time_us) { return Send(kFromClient, payload, time_us); }

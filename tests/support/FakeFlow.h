@@ -25,12 +25,9 @@ class FakeFlow final : public IPelkaFlow {
   void SwapSides() override {
     std::swap(addresses_[0], addresses_[1]);
     std::swap(ports_[0], ports_[1]);
-    ++swaps;
   }
   uint16_t GetApplicationProtocol() override { return application_; }
   uint16_t GetTransportProtocol() override { return kProtocolTcp; }
-
-  int swaps = 0;
 
  private:
   uint32_t addresses_[2];  // client, server

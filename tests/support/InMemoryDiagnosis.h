@@ -30,29 +30,23 @@ struct DiagnosisReport {
 
 struct DiagnosisParameter {
   uint32_t id = 0;
-  std::string key;
-  std::wstring caption;
-  int32_t default_value = 0, lowest = 0, highest = 0;
   int32_t value = 0;  // the user's current setting; starts at the default
 };
 
 class InMemoryDiagnosisEvent final : public IPelkaDiagnosisEvent {
  public:
-  InMemoryDiagnosisEvent(std::string key, std::wstring title, uint32_t code1, uint32_t code2, uint32_t code3,
-                         uint32_t flags, std::vector<DiagnosisReport>* reports, uint32_t parameter_base)
-      : key(std::move(key)), title(std::move(title)), codes{code1, code2, code3}, flags(flags), reports_(reports),
-        parameter_base_(parameter_base) {}
+  InMemoryDiagnosisEvent(std::string key, std::vector<DiagnosisReport>* reports, uint32_t parameter_base)
+      : key(std::move(key)), reports_(reports), parameter_base_(parameter_base) {}
 
   int32_t Release() override {
     ++releases;
     return 0;
   }
   uint32_t IsEnabled() override { return enabled ? 1 : 0; }
-  uint32_t AddParameter(const char* parameter_key, const wchar_t* caption, int32_t default_value, int32_t lowest,
-                        int32_t highest) override {
+  uint32_t AddParameter(const char*, const wchar_t*, int32_t default_value, int32_t, int32_t) override {
     // Identifiers far from 0 and from each other's, so a mixed-up one shows.
     const uint32_t id = 0x100 + parameter_base_ + static_cast<uint32_t>(parameters.size());
-    parameters.push_back({id, parameter_key, caption ? caption : L"", default_value, lowest, highest, default_value});
+    parameters.push_back({id, default_value});
     return id;
   }
   uint32_t GetParameterValue(uint32_t id, int32_t* value) override {
@@ -74,9 +68,6 @@ class InMemoryDiagnosisEvent final : public IPelkaDiagnosisEvent {
   }
 
   std::string key;
-  std::wstring title;
-  uint32_t codes[3];
-  uint32_t flags;
   bool enabled = true;
   bool parameter_read_fails = false;
   int releases = 0;
@@ -89,12 +80,11 @@ class InMemoryDiagnosisEvent final : public IPelkaDiagnosisEvent {
 
 class InMemoryDiagnosisService final : public IPelkaDiagnosisService {
  public:
-  uint32_t DefineEvent(const char* key, const wchar_t* title, uint32_t code1, uint32_t code2, uint32_t code3,
-                       IPelkaDiagnosisEvent** event, uint32_t flags) override {
+  uint32_t DefineEvent(const char* key, const wchar_t*, uint32_t, uint32_t, uint32_t, IPelkaDiagnosisEvent** event,
+                       uint32_t) override {
     defined_keys.push_back(key);
     if (refused_keys.count(key) || !event) return 1;
-    events_.push_back(std::make_unique<InMemoryDiagnosisEvent>(key, title ? title : L"", code1, code2, code3, flags,
-                                                               &reports, 0x10 * uint32_t(events_.size())));
+    events_.push_back(std::make_unique<InMemoryDiagnosisEvent>(key, &reports, 0x10 * uint32_t(events_.size())));
     *event = events_.back().get();
     return 0;
   }
@@ -112,10 +102,6 @@ class InMemoryDiagnosisService final : public IPelkaDiagnosisService {
     std::copy_if(reports.begin(), reports.end(), std::back_inserter(found),
                  [&](const DiagnosisReport& report) { return report.event == key; });
     return found;
-  }
-
-  void EnableAll(bool enabled) {
-    for (auto& event : events_) event->enabled = enabled;
   }
 
   std::set<std::string> refused_keys;     // DefineEvent fails for these

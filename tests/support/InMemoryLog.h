@@ -105,8 +105,7 @@ class InMemoryLog final : public IPelkaLog {
     entries.push_back({seconds, flow, CopyText(kind), CopyText(summary), CopyText(group)});
     return 0;
   }
-  IPelkaLogRecord* NewRecord(uint64_t seconds, IPelkaFlow* flow, uint32_t reserved) override {
-    last_new_record_reserved = reserved;
+  IPelkaLogRecord* NewRecord(uint64_t seconds, IPelkaFlow* flow, uint32_t) override {
     if (refuse_records) return nullptr;
     auto record = std::make_unique<InMemoryRecord>();
     record->seconds = seconds;
@@ -143,7 +142,6 @@ class InMemoryLog final : public IPelkaLog {
   std::vector<InMemoryEntry> entries;
   int end_columns_calls = 0;
   int unknown_column_sets = 0;
-  uint32_t last_new_record_reserved = 0;
   // Switches a test may turn.
   uint32_t enabled = 1;
   uint32_t save_mode = 0;

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -74,17 +73,12 @@ class InMemoryStats final : public IPelkaStatService, public IPelkaStatRegistrar
     return categories.back().get();
   }
 
-  // The latest item defined under the name, or null.
-  InMemoryStatItem* Item(const std::string& name) const {
+  // The index of the first counter of the latest item so named, or -1.
+  int32_t IndexOf(const std::string& name) const {
     for (auto category = categories.rbegin(); category != categories.rend(); ++category)
       for (const auto& item : (*category)->items)
-        if (item->name == name) return item.get();
-    return nullptr;
-  }
-  // The index of the item's first counter, or -1.
-  int32_t IndexOf(const std::string& name) const {
-    InMemoryStatItem* item = Item(name);
-    return item && !item->counters.empty() ? item->counters.front()->index : -1;
+        if (item->name == name) return item->counters.empty() ? -1 : item->counters.front()->index;
+    return -1;
   }
 
   bool refuse_categories = false;
@@ -106,22 +100,14 @@ IPelkaStatItem* InMemoryStatCategory::AddItem(const char* name, const wchar_t*, 
   return items.back().get();
 }
 
-// Per-flow statistics: the value of each counter index after AddToCounter,
-// and the order of UseCounter calls.
+// Per-flow statistics: the UseCounter indexes and AddToCounter values in
+// the order called.
 class InMemoryFlowStats final : public IPelkaFlowStats {
  public:
   void UseCounter(int32_t index) override { used.push_back(index); }
-  void AddToCounter(int32_t index, uint64_t a, uint64_t b, uint64_t c) override {
-    counts[index] += a;
-    added_values.push_back({a, b, c});
-  }
-  uint64_t CountOf(int32_t index) const {
-    auto found = counts.find(index);
-    return found == counts.end() ? 0 : found->second;
-  }
+  void AddToCounter(int32_t, uint64_t a, uint64_t b, uint64_t c) override { added_values.push_back({a, b, c}); }
 
   std::vector<int32_t> used;
-  std::map<int32_t, uint64_t> counts;
   std::vector<std::vector<uint64_t>> added_values;
 };
 
