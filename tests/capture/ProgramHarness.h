@@ -39,11 +39,6 @@ inline fs::path ProgramPath() {
     GTEST_SKIP() << "pelka-email is not built at " << ::pelka::test::ProgramPath() << "; skipping"; \
   }
 
-inline void WriteWholeFile(const fs::path& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-}
-
 inline size_t LineCount(const fs::path& file) {
   const std::string text = ReadWholeFile(file);
   return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
@@ -154,7 +149,8 @@ class ProgramProcess {
   int stdin_ = -1;
 };
 
-inline ProgramResult RunProgram(const std::vector<std::string>& args, const std::string& program = ProgramPath().string()) {
+inline ProgramResult RunProgram(const std::vector<std::string>& args,
+                                const std::string& program = ProgramPath().string()) {
   ProgramProcess process(args, false, program);
   return process.Wait();
 }
