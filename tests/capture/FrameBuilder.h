@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "capture/PacketDecoder.h"
@@ -32,6 +33,21 @@ struct Segment {
   Bytes tcp_options;  // a multiple of 4 bytes
   Bytes ip_options;   // IPv4 only, a multiple of 4 bytes
 };
+
+inline Segment Between(IpAddress a, uint16_t a_port, IpAddress b, uint16_t b_port) {
+  Segment segment;
+  segment.source = a;
+  segment.source_port = a_port;
+  segment.destination = b;
+  segment.destination_port = b_port;
+  return segment;
+}
+
+inline Segment Reversed(Segment segment) {
+  std::swap(segment.source, segment.destination);
+  std::swap(segment.source_port, segment.destination_port);
+  return segment;
+}
 
 // Appends the low `size` bytes of the value, most significant first.
 inline void Put(Bytes& out, uint32_t value, int size) {
@@ -111,6 +127,28 @@ inline Bytes Ethernet(const Bytes& ip, std::initializer_list<uint16_t> vlan_type
   Append(out, ip);
   return out;
 }
+
+// Both ends of one TCP connection: each Ethernet frame sent moves its side's
+// sequence number on and acknowledges what the other side sent so far.
+class TcpConnection {
+ public:
+  TcpConnection(const Segment& client, uint32_t server_sequence) : client_(client), server_(Reversed(client)) {
+    server_.sequence = server_sequence;
+  }
+
+  Bytes Send(bool from_client, uint8_t flags, const std::string& payload = "") {
+    Segment& sender = from_client ? client_ : server_;
+    Segment segment = sender;
+    segment.flags = flags;
+    segment.acknowledgement = (flags & kTcpAck) ? (from_client ? server_ : client_).sequence : 0;
+    segment.payload = payload;
+    sender.sequence += static_cast<uint32_t>(payload.size()) + ((flags & (kTcpSyn | kTcpFin)) ? 1 : 0);
+    return Ethernet(IpPacket(segment));
+  }
+
+ private:
+  Segment client_, server_;
+};
 
 // Linux cooked headers: outgoing, ARPHRD_ETHER, a 6-byte address.
 inline Bytes Sll(const Bytes& ip) {

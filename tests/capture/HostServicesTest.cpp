@@ -40,22 +40,11 @@ struct Say {
 void Converse(FlowSink* sink, bool ipv6, const std::vector<Say>& says) {
   PacketDecoder decoder;
   FlowTracker tracker(sink);
-  uint32_t sequence[2] = {1000, 5000};  // client, server
+  Segment client = ipv6 ? test::Between(test::V6(1), 40000, test::V6(2), 25) : Segment{};
+  test::TcpConnection tcp(client, 5000);
   uint64_t number = 0;
   const auto send = [&](bool from_client, uint8_t flags, const std::string& payload, uint64_t ms) {
-    const IpAddress client = ipv6 ? test::V6(1) : test::V4(10, 0, 0, 1);
-    const IpAddress server = ipv6 ? test::V6(2) : test::V4(10, 0, 0, 2);
-    Segment s;
-    s.source = from_client ? client : server;
-    s.destination = from_client ? server : client;
-    s.source_port = from_client ? 40000 : 25;
-    s.destination_port = from_client ? 25 : 40000;
-    s.sequence = sequence[from_client ? 0 : 1];
-    s.acknowledgement = sequence[from_client ? 1 : 0];
-    s.flags = flags;
-    s.payload = payload;
-    sequence[from_client ? 0 : 1] += static_cast<uint32_t>(payload.size()) + ((flags & kTcpSyn) ? 1 : 0);
-    const Bytes frame = test::Ethernet(test::IpPacket(s));
+    const Bytes frame = tcp.Send(from_client, flags, payload);
     DecodedPacket packet;
     ASSERT_EQ(decoder.Decode(kLinkEthernet, frame.data(), frame.size(), &packet), DecodeStatus::kTcp);
     tracker.OnPacket(packet, frame.data(), ++number, kStart + ms * kMs);

@@ -14,7 +14,9 @@
 namespace pelka {
 namespace {
 
+using test::Between;
 using test::Bytes;
+using test::Reversed;
 using test::Segment;
 
 DecodedPacket Decode(const Bytes& frame) {
@@ -22,21 +24,6 @@ DecodedPacket Decode(const Bytes& frame) {
   DecodedPacket packet;
   EXPECT_EQ(decoder.Decode(kLinkEthernet, frame.data(), frame.size(), &packet), DecodeStatus::kTcp);
   return packet;
-}
-
-Segment Between(IpAddress a, uint16_t a_port, IpAddress b, uint16_t b_port) {
-  Segment segment;
-  segment.source = a;
-  segment.source_port = a_port;
-  segment.destination = b;
-  segment.destination_port = b_port;
-  return segment;
-}
-
-Segment Reversed(Segment segment) {
-  std::swap(segment.source, segment.destination);
-  std::swap(segment.source_port, segment.destination_port);
-  return segment;
 }
 
 // The worker reading a batch names each frame's worker from its first bytes;

@@ -17,29 +17,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Layout {
-  bool big_endian = false;
-  bool nanosecond = false;
-  uint32_t snap_length = 65535;
-};
-
-void Put32(std::string& out, uint32_t value, bool big_endian) {
-  for (int i = 0; i < 4; ++i) {
-    const int shift = big_endian ? 24 - 8 * i : 8 * i;
-    out += static_cast<char>((value >> shift) & 0xFF);
-  }
-}
-
-std::string FileHeader(const Layout& layout) {
-  std::string out;
-  Put32(out, layout.nanosecond ? 0xa1b23c4d : 0xa1b2c3d4, layout.big_endian);
-  out += layout.big_endian ? std::string("\x00\x02\x00\x04", 4) : std::string("\x02\x00\x04\x00", 4);
-  for (uint32_t field : {0u, 0u, layout.snap_length, 1u}) Put32(out, field, layout.big_endian);
-  return out;
-}
+using test::PcapFileHeader;
+using test::PcapLayout;
+using test::Put32;
 
 // A record whose header may claim another captured length than it holds.
-std::string Record(const Layout& layout, uint32_t index, uint32_t bytes, uint32_t claimed) {
+std::string Record(const PcapLayout& layout, uint32_t index, uint32_t bytes, uint32_t claimed) {
   std::string out;
   for (uint32_t field : {1700000000 + index, (layout.nanosecond ? 123456789 : 123456) + index, claimed, claimed + 4})
     Put32(out, field, layout.big_endian);
@@ -47,8 +30,8 @@ std::string Record(const Layout& layout, uint32_t index, uint32_t bytes, uint32_
   return out;
 }
 
-std::string Capture(const Layout& layout, uint32_t frames) {
-  std::string out = FileHeader(layout);
+std::string Capture(const PcapLayout& layout, uint32_t frames) {
+  std::string out = PcapFileHeader(layout);
   // Lengths from 60 to about 1500 bytes, so records straddle small blocks.
   for (uint32_t i = 0; i < frames; ++i) {
     const uint32_t length = 60 + (i * 397) % 1440;
@@ -99,11 +82,11 @@ struct Case {
 };
 
 std::vector<Case> Cases() {
-  const Layout micro, nano_big{true, true}, nano{false, true}, micro_big{true, false}, small_snap{false, false, 1000};
+  const PcapLayout micro, nano_big{true, true}, nano{false, true}, micro_big{true, false};
+  const PcapLayout small_snap{.snap_length = 1000};
   const std::string good = Capture(micro, 60);
   return {
-      {"microseconds", {good}},
-      {"no records", {FileHeader(micro)}},
+      {"no records", {PcapFileHeader(micro)}},
       {"record cut short", {good + Record(micro, 60, 100, 500)}},
       {"record header cut short", {good + Record(micro, 60, 0, 0).substr(0, 9)}},
       {"record beyond the file", {good + Record(micro, 60, 100, 60000)}},

@@ -39,11 +39,6 @@ inline fs::path ProgramPath() {
     GTEST_SKIP() << "pelka-email is not built at " << ::pelka::test::ProgramPath() << "; skipping"; \
   }
 
-inline void WriteWholeFile(const fs::path& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-}
-
 inline size_t LineCount(const fs::path& file) {
   const std::string text = ReadWholeFile(file);
   return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
@@ -154,7 +149,8 @@ class ProgramProcess {
   int stdin_ = -1;
 };
 
-inline ProgramResult RunProgram(const std::vector<std::string>& args, const std::string& program = ProgramPath().string()) {
+inline ProgramResult RunProgram(const std::vector<std::string>& args,
+                                const std::string& program = ProgramPath().string()) {
   ProgramProcess process(args, false, program);
   return process.Wait();
 }
@@ -210,16 +206,23 @@ inline void ExpectWholeLines(const fs::path& out_dir) {
 
 constexpr uint64_t kCaptureStartUs = 1700000000ull * 1000000;
 
-inline void PutLe32(std::string& out, uint32_t value) {
-  for (int shift = 0; shift < 32; shift += 8) out += static_cast<char>((value >> shift) & 0xFF);
+// Appends a 32-bit field, least significant byte first unless `big_endian`.
+inline void Put32(std::string& out, uint32_t value, bool big_endian = false) {
+  for (int i = 0; i < 4; ++i) out += static_cast<char>((value >> (big_endian ? 24 - 8 * i : 8 * i)) & 0xFF);
 }
 
-// A classic pcap file header (little-endian, microseconds).
-inline std::string PcapFileHeader(uint32_t snap_length = 65535, uint32_t link_type = 1) {
+// The layout of a classic pcap file of Ethernet frames.
+struct PcapLayout {
+  bool big_endian = false;
+  bool nanosecond = false;
+  uint32_t snap_length = 65535;
+};
+
+inline std::string PcapFileHeader(const PcapLayout& layout = {}) {
   std::string out;
-  PutLe32(out, 0xA1B2C3D4);
-  out += std::string("\x02\x00\x04\x00", 4);
-  for (uint32_t field : {0u, 0u, snap_length, link_type}) PutLe32(out, field);
+  Put32(out, layout.nanosecond ? 0xA1B23C4D : 0xA1B2C3D4, layout.big_endian);
+  out += layout.big_endian ? std::string("\x00\x02\x00\x04", 4) : std::string("\x02\x00\x04\x00", 4);
+  for (uint32_t field : {0u, 0u, layout.snap_length, 1u}) Put32(out, field, layout.big_endian);
   return out;
 }
 
@@ -233,11 +236,10 @@ struct Frame {
 // snap length would.
 inline std::string PcapRecord(const Frame& frame, uint64_t time_us, uint32_t snap = UINT32_MAX) {
   const uint32_t captured = std::min<uint32_t>(static_cast<uint32_t>(frame.bytes.size()), snap);
+  const uint32_t wire = frame.wire_length ? frame.wire_length : static_cast<uint32_t>(frame.bytes.size());
   std::string out;
-  PutLe32(out, static_cast<uint32_t>(time_us / 1000000));
-  PutLe32(out, static_cast<uint32_t>(time_us % 1000000));
-  PutLe32(out, captured);
-  PutLe32(out, frame.wire_length ? frame.wire_length : static_cast<uint32_t>(frame.bytes.size()));
+  for (uint64_t field : {time_us / 1000000, time_us % 1000000, uint64_t{captured}, uint64_t{wire}})
+    Put32(out, static_cast<uint32_t>(field));
   return out.append(frame.bytes.begin(), frame.bytes.begin() + captured);
 }
 
@@ -265,41 +267,29 @@ inline std::vector<Frame> SmtpSession(uint16_t client_port, const std::string& s
     while (message.back().size() + line.size() + 2 <= 1400 && sent + message.back().size() < body_bytes)
       message.back() += line + "\r\n";
   }
-  Segment client, server;
-  client.destination = server.source = V4(192, 0, 2, 25);
-  server.destination = client.source;
-  client.source_port = server.destination_port = client_port;
-  server.source_port = 25;
+  Segment client = Between(V4(10, 0, 0, 1), client_port, V4(192, 0, 2, 25), 25);
   client.sequence = 1000u + client_port;
-  server.sequence = 90000u + client_port;
+  TcpConnection tcp(client, 90000u + client_port);
   std::vector<Frame> frames;
-  const auto send = [&frames](Segment& sender, const Segment& receiver, uint8_t flags, const std::string& payload) {
-    Segment segment = sender;
-    segment.flags = flags;
-    segment.acknowledgement = (flags & kTcpAck) ? receiver.sequence : 0;
-    segment.payload = payload;
-    frames.push_back(EthernetFrame(segment));
-    sender.sequence += static_cast<uint32_t>(payload.size()) + ((flags & (kTcpSyn | kTcpFin)) ? 1 : 0);
+  const auto send = [&](bool from_client, uint8_t flags, const std::string& payload = "") {
+    frames.push_back({tcp.Send(from_client, flags, payload), 0});
   };
-  send(client, server, kTcpSyn, "");
-  send(server, client, kTcpSyn | kTcpAck, "");
-  send(client, server, kTcpAck, "");
+  send(true, kTcpSyn);
+  send(false, kTcpSyn | kTcpAck);
+  send(true, kTcpAck);
   // Server and client take turns.
   const auto turns = [&](bool client_first, std::vector<std::string> texts) {
-    for (size_t i = 0; i < texts.size(); ++i) {
-      const bool from_client = (i % 2 == 0) == client_first;
-      send(from_client ? client : server, from_client ? server : client, kTcpAck | kTcpPsh, texts[i]);
-    }
+    for (size_t i = 0; i < texts.size(); ++i) send((i % 2 == 0) == client_first, kTcpAck | kTcpPsh, texts[i]);
   };
   turns(false, {"220 mx.example.net ESMTP\r\n", "EHLO client.example.org\r\n", "250 mx.example.net\r\n",
                 "MAIL FROM:<alice@example.org>\r\n", "250 OK\r\n", "RCPT TO:<bob@example.net>\r\n", "250 OK\r\n",
                 "DATA\r\n", "354 go ahead\r\n"});
-  for (const std::string& packet : message) send(client, server, kTcpAck | kTcpPsh, packet);
+  for (const std::string& packet : message) send(true, kTcpAck | kTcpPsh, packet);
   turns(true, {".\r\n", "250 queued\r\n", "QUIT\r\n", "221 bye\r\n"});
   if (close) {
-    send(client, server, kTcpFin | kTcpAck, "");
-    send(server, client, kTcpFin | kTcpAck, "");
-    send(client, server, kTcpAck, "");
+    send(true, kTcpFin | kTcpAck);
+    send(false, kTcpFin | kTcpAck);
+    send(true, kTcpAck);
   }
   return frames;
 }

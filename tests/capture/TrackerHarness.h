@@ -60,20 +60,13 @@ struct Step {
   uint64_t time_s = 0;     // 0 = the packet number in seconds
   uint16_t client_port = 40000;
   uint16_t service_port = 25;
-  bool ipv6 = false;
   uint32_t acknowledgement = 0;
 };
 
 // The step as a raw IP frame, its payload cut to what was captured.
 inline Bytes StepFrame(const Step& step) {
-  Segment s;
-  const bool client = step.from == 'c';
-  const IpAddress a = step.ipv6 ? V6(1) : V4(10, 0, 0, 1);
-  const IpAddress b = step.ipv6 ? V6(2) : V4(10, 0, 0, 2);
-  s.source = client ? a : b;
-  s.destination = client ? b : a;
-  s.source_port = client ? step.client_port : step.service_port;
-  s.destination_port = client ? step.service_port : step.client_port;
+  Segment s = Between(V4(10, 0, 0, 1), step.client_port, V4(10, 0, 0, 2), step.service_port);
+  if (step.from == 's') s = Reversed(s);
   s.sequence = step.sequence;
   s.flags = step.flags;
   s.acknowledgement = step.acknowledgement;
@@ -83,9 +76,11 @@ inline Bytes StepFrame(const Step& step) {
   return frame;
 }
 
+// Feeds steps to a tracker that tells `sink`, or another sink when given one.
 class TrackerHarness {
  public:
-  explicit TrackerHarness(FlowTracker::Options options = {}) : tracker(&sink, options) {}
+  explicit TrackerHarness(FlowTracker::Options options = {}, FlowSink* other_sink = nullptr)
+      : tracker(other_sink ? other_sink : &sink, options) {}
 
   void Feed(const Step& step) {
     const Bytes frame = StepFrame(step);

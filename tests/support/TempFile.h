@@ -15,6 +15,11 @@
 
 namespace pelka::test {
 
+inline void WriteWholeFile(const std::filesystem::path& path, std::string_view bytes) {
+  std::ofstream out(path, std::ios::binary);
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
 class TempFile {
  public:
   // Creates the file with exactly these bytes.
@@ -22,8 +27,7 @@ class TempFile {
     static std::atomic<int> counter{0};
     path_ = std::filesystem::temp_directory_path() /
             ("pelka-" + std::to_string(::getpid()) + "-" + std::to_string(counter++) + std::string(suffix));
-    std::ofstream out(path_, std::ios::binary);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    WriteWholeFile(path_, bytes);
   }
   ~TempFile() {
     std::error_code ignored;
