@@ -127,10 +127,10 @@ TEST(PcapBlockReaderTest, HandsOutWhatCaptureSourceDoes) {
 // states; such a file is named once.
 TEST(PcapBlockReaderTest, RecordsLongerThanTheHeaderSnapLengthAreReadWhole) {
   test::TempDir dir;
-  const Layout small_snap{false, false, 1000};
+  const PcapLayout small_snap{false, false, 1000};
   const std::string path = (dir / "long.pcap").string();
   const std::string first = Record(small_snap, 0, 1400, 1400), third = Record(small_snap, 2, 1200, 1200);
-  test::WriteWholeFile(path, FileHeader(small_snap) + first + Record(small_snap, 1, 60, 60) + third);
+  test::WriteWholeFile(path, PcapFileHeader(small_snap) + first + Record(small_snap, 1, 60, 60) + third);
   auto check = [&](const std::vector<std::string>& transcript, const std::vector<LongRecordFile>& noted) {
     ASSERT_EQ(transcript.size(), 4u);
     EXPECT_TRUE(transcript[0].ends_with(first.substr(16)));
