@@ -5,6 +5,8 @@
 #include <charconv>
 #include <cmath>
 
+#include "host/CodePage.h"
+
 namespace pelka {
 
 namespace {
@@ -38,8 +40,6 @@ void AppendEscapedAscii(std::string& out, unsigned char byte) {
 }
 
 // Values that are no Unicode scalar become '?', as in WideToUtf8.
-bool IsScalarValue(wchar_t c) { return c >= 0 && c <= 0x10FFFF && (c < 0xD800 || c > 0xDFFF); }
-
 void AppendUtf8(std::string& out, wchar_t wide) {
   const auto c = static_cast<uint32_t>(IsScalarValue(wide) ? wide : L'?');
   char bytes[4];

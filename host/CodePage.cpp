@@ -111,8 +111,6 @@ void WidenWithoutConverter(std::string_view bytes, std::wstring& out) {
 
 // Values that are no Unicode scalar (surrogates, beyond U+10FFFF) are not
 // always rejected by the converter underneath; they become '?' beforehand.
-bool IsScalarValue(wchar_t c) { return c >= 0 && c <= 0x10FFFF && (c < 0xD800 || c > 0xDFFF); }
-
 std::wstring_view WithoutNonScalars(std::wstring_view text, std::wstring& storage) {
   if (std::all_of(text.begin(), text.end(), IsScalarValue)) return text;
   storage.assign(text);

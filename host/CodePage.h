@@ -48,6 +48,10 @@ void WideToMultiByte(unsigned code_page, std::wstring_view text, std::string& ou
 // start on the second byte of such a character.
 bool IsLeadByte(unsigned code_page, uint8_t byte);
 
+// A Unicode scalar value: at most U+10FFFF and no surrogate. Conversions to
+// bytes write '?' for any other value.
+inline bool IsScalarValue(wchar_t c) { return c >= 0 && c <= 0x10FFFF && (c < 0xD800 || c > 0xDFFF); }
+
 // Shorthands for the ANSI code page, the common case of protocol bytes.
 inline std::wstring AnsiToWide(std::string_view bytes) {
   return MultiByteToWide(kCodePageThreadAnsi, bytes);
