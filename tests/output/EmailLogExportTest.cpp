@@ -75,7 +75,6 @@ TEST_F(EmailLogExportTest, HeaderIsCachedAndBuiltWhenMissing) {
     }
     EXPECT_EQ(Export(set, format, header_wanted), expected) << "call " << i;
     EXPECT_EQ(set.nonzero_flag_requests, 0) << "call " << i;
-    EXPECT_EQ(set.record_count_calls, records + 1) << "asked again after each record; call " << i;
   }
 }
 
