@@ -217,7 +217,6 @@ class InMemoryRecordSet final : public IPelkaLogRecordSet, public IPelkaLogColum
   IPelkaLogColumns* GetColumns() override { return this; }
   int32_t GetRecordCount() override { return static_cast<int32_t>(rows.size()); }
   wchar_t* GetFieldText(int32_t record, uint16_t column, uint32_t flags) override {
-    ++field_requests;
     if (flags != 0) ++nonzero_flag_requests;
     if (record < 0 || static_cast<size_t>(record) >= rows.size()) return nullptr;
     for (const auto& target : columns_) {
@@ -240,7 +239,6 @@ class InMemoryRecordSet final : public IPelkaLogRecordSet, public IPelkaLogColum
   }
 
   std::vector<Row> rows;
-  int field_requests = 0;
   int nonzero_flag_requests = 0;
 
  private:
