@@ -28,7 +28,10 @@ class Conversation {
       : module_(module), flow_(0x0A000002, 40001, 0x0A000001, service_port, application), service_port_(service_port) {
     bound_ = module_.BindFlow(&flow_, &stats_, &bind_context_) == 0;
   }
-  ~Conversation() { Unbind(); }
+  // Ends the flow, as the host does at FIN, RST or idle timeout.
+  ~Conversation() {
+    if (bound_) module_.UnbindFlow(&flow_, &stats_, &node_, bind_context_);
+  }
   Conversation(const Conversation&) = delete;
   Conversation& operator=(const Conversation&) = delete;
 
@@ -45,12 +48,6 @@ class Conversation {
                                                 from_client ? service_port_ : 40001);
     return module_.ProcessFlowData(&flow_, packet, reinterpret_cast<const uint8_t*>(payload.data()),
                                    static_cast<uint32_t>(payload.size()), direction, &node_, bind_context_);
-  }
-
-  // Ends the flow now, as the host does at FIN, RST or idle timeout.
-  void Unbind() {
-    if (bound_) module_.UnbindFlow(&flow_, &stats_, &node_, bind_context_);
-    bound_ = false;
   }
 
  private:

@@ -82,7 +82,6 @@ class InMemoryDiagnosisService final : public IPelkaDiagnosisService {
  public:
   uint32_t DefineEvent(const char* key, const wchar_t*, uint32_t, uint32_t, uint32_t, IPelkaDiagnosisEvent** event,
                        uint32_t) override {
-    defined_keys.push_back(key);
     if (refused_keys.count(key) || !event) return 1;
     events_.push_back(std::make_unique<InMemoryDiagnosisEvent>(key, &reports, 0x10 * uint32_t(events_.size())));
     *event = events_.back().get();
@@ -97,15 +96,7 @@ class InMemoryDiagnosisService final : public IPelkaDiagnosisService {
   }
   const std::vector<std::unique_ptr<InMemoryDiagnosisEvent>>& events() const { return events_; }
 
-  std::vector<DiagnosisReport> ReportsOf(const std::string& key) const {
-    std::vector<DiagnosisReport> found;
-    std::copy_if(reports.begin(), reports.end(), std::back_inserter(found),
-                 [&](const DiagnosisReport& report) { return report.event == key; });
-    return found;
-  }
-
   std::set<std::string> refused_keys;     // DefineEvent fails for these
-  std::vector<std::string> defined_keys;  // every DefineEvent call, refused ones too
   std::vector<DiagnosisReport> reports;   // every report of every event, in order
 
  private:

@@ -65,8 +65,6 @@ inline const char* StandardFieldKey(uint32_t field) {
 }
 
 struct InMemoryStorage final : IPelkaLogStorage {
-  std::string name;
-  PelkaLogExportFn export_fn = nullptr;
   uint32_t enabled = 0;
   std::string folder;  // the storage's key
   uint32_t IsStorageEnabled() override { return enabled; }
@@ -86,13 +84,9 @@ class InMemoryLog final : public IPelkaLog {
     AppendColumn(StandardFieldKey(field), column_caption);
   }
   void EndColumns() override { ++end_columns_calls; }
-  uint32_t AddStorage(const char* storage_name, const char* key, const char*, const wchar_t*,
-                      PelkaLogExportFn export_fn) override {
-    auto storage = std::make_unique<InMemoryStorage>();
-    storage->name = storage_name ? storage_name : "";
-    storage->export_fn = export_fn;
-    storage->folder = key ? key : "";
-    storages.push_back(std::move(storage));
+  uint32_t AddStorage(const char*, const char* key, const char*, const wchar_t*, PelkaLogExportFn) override {
+    storages.push_back(std::make_unique<InMemoryStorage>());
+    storages.back()->folder = key ? key : "";
     return 0;
   }
   uint32_t GetSaveMode() override { return save_mode; }
@@ -221,12 +215,8 @@ class InMemoryRecordSet final : public IPelkaLogRecordSet, public IPelkaLogColum
   }
 
   IPelkaLogColumns* GetColumns() override { return this; }
-  int32_t GetRecordCount() override {
-    ++record_count_calls;
-    return static_cast<int32_t>(rows.size());
-  }
+  int32_t GetRecordCount() override { return static_cast<int32_t>(rows.size()); }
   wchar_t* GetFieldText(int32_t record, uint16_t column, uint32_t flags) override {
-    ++field_requests;
     if (flags != 0) ++nonzero_flag_requests;
     if (record < 0 || static_cast<size_t>(record) >= rows.size()) return nullptr;
     for (const auto& target : columns_) {
@@ -249,8 +239,6 @@ class InMemoryRecordSet final : public IPelkaLogRecordSet, public IPelkaLogColum
   }
 
   std::vector<Row> rows;
-  int record_count_calls = 0;
-  int field_requests = 0;
   int nonzero_flag_requests = 0;
 
  private:
