@@ -74,9 +74,9 @@ const std::vector<MalformedCase>& Cases() {
                            test::PcapRecord({{}, 60}, test::kCaptureStartUs + 2);
   // Each lie is a row of PacketDecoderTest; here, that the run goes on past them.
   const std::vector<Frame> lies = {
-      PatchedFrame(kEthernetHeader, 0x4F),  // IP header of 60 bytes, longer than the frame's IP part
-      PatchedFrame(kEthernetHeader + 2, 7), // IP total length of 1865 bytes, more than captured
-      PatchedFrame(kTcpOffsetByte, 0x20),   // 8-byte TCP header, shorter than any
+      PatchedFrame(kEthernetHeader, 0x4F),   // IP header of 60 bytes, longer than the frame's IP part
+      PatchedFrame(kEthernetHeader + 2, 7),  // IP total length of 1865 bytes, more than captured
+      PatchedFrame(kTcpOffsetByte, 0x20),    // 8-byte TCP header, shorter than any
   };
   static const std::vector<MalformedCase> cases = {
       {"TruncatedInsideARecord", {CutInsideSecondSession()}, kExitInputProblem, {kBefore}, {"FILE0", "truncated"}},
