@@ -5,6 +5,7 @@
 
 #include <map>
 #include <random>
+#include <tuple>
 
 #include "TrackerHarness.h"
 
@@ -117,31 +118,22 @@ TEST(FlowTrackerTest, FollowsTheDeliveryRules) {
   }
 }
 
-// A packet exactly the idle timeout after the flow's last one still belongs to
-// the flow; a gap one microsecond longer ends the flow first, and the packet,
-// on a remembered connection, is dropped.
+// A packet exactly the idle timeout after the flow's last one (1 s and 601 s
+// below) still belongs to the flow; a gap one microsecond longer ends the flow
+// first, and the packet, on a remembered connection, is dropped.
 TEST(FlowTrackerTest, IdleTimeoutEndsOnlyAGapLongerThanIt) {
-  constexpr uint64_t kGapUs = 600'000'000;  // the two packets below, 1 s and 601 s
-  const std::vector<std::string> kept = {"start 630 10.0.0.1:40000", "#1 1 a", "#2 1 b", "end end of input"};
-  const std::vector<std::string> ended = {"start 630 10.0.0.1:40000", "#1 1 a", "end idle"};
-  struct Case {
-    const char* name;
-    uint64_t timeout_us;
-    const std::vector<std::string>& events;
+  const std::tuple<const char*, uint64_t, std::vector<std::string>> cases[] = {
+      {"gap equal to the timeout", 600'000'000, {"start 630 10.0.0.1:40000", "#1 1 a", "#2 1 b", "end end of input"}},
+      {"gap one above the timeout", 599'999'999, {"start 630 10.0.0.1:40000", "#1 1 a", "end idle"}},
   };
-  const Case cases[] = {
-      {"gap one below the timeout", kGapUs + 1, kept},
-      {"gap equal to the timeout", kGapUs, kept},
-      {"gap one above the timeout", kGapUs - 1, ended},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, timeout_us, events] : cases) {
+    SCOPED_TRACE(name);
     FlowTracker::Options options;
-    options.idle_timeout_us = c.timeout_us;
+    options.idle_timeout_us = timeout_us;
     TrackerHarness harness(options);
     harness.FeedAll({{'c', 101, PA, "a", -1, 1}, {'c', 102, PA, "b", -1, 601}});
     harness.tracker.Finish();
-    EXPECT_THAT(harness.sink.events, ElementsAreArray(c.events));
+    EXPECT_THAT(harness.sink.events, ElementsAreArray(events));
   }
 }
 

@@ -50,12 +50,6 @@ Frame PatchedFrame(size_t offset, uint8_t value) {
   return frame;
 }
 
-Frame WithIpTotalLength(uint16_t length) {
-  Frame frame = PatchedFrame(kEthernetHeader + 2, static_cast<uint8_t>(length >> 8));
-  frame.bytes[kEthernetHeader + 3] = static_cast<uint8_t>(length);
-  return frame;
-}
-
 // A pcap record header claiming `captured` bytes, with `present` bytes after it.
 std::string RecordClaiming(uint32_t captured, size_t present) {
   std::string out;
@@ -80,9 +74,9 @@ const std::vector<MalformedCase>& Cases() {
                            test::PcapRecord({{}, 60}, test::kCaptureStartUs + 2);
   // Each lie is a row of PacketDecoderTest; here, that the run goes on past them.
   const std::vector<Frame> lies = {
-      PatchedFrame(kEthernetHeader, 0x4F),  // IP header of 60 bytes, longer than the frame's IP part
-      WithIpTotalLength(2000),              // more bytes than captured
-      PatchedFrame(kTcpOffsetByte, 0x20),   // 8-byte TCP header, shorter than any
+      PatchedFrame(kEthernetHeader, 0x4F),   // IP header of 60 bytes, longer than the frame's IP part
+      PatchedFrame(kEthernetHeader + 2, 7),  // IP total length of 1865 bytes, more than captured
+      PatchedFrame(kTcpOffsetByte, 0x20),    // 8-byte TCP header, shorter than any
   };
   static const std::vector<MalformedCase> cases = {
       {"TruncatedInsideARecord", {CutInsideSecondSession()}, kExitInputProblem, {kBefore}, {"FILE0", "truncated"}},
@@ -99,7 +93,7 @@ const std::vector<MalformedCase>& Cases() {
        kExitDone, {}, {"FILE0"}},
       {"ZeroLengthFrames", {header + zero + SessionBefore() + zero + SessionAfter() + zero}, kExitDone,
        {kBefore, kAfter}, {}},
-      // The frame claiming 2000 bytes is a cut segment; the other two are skipped.
+      // The frame claiming 1865 bytes is a cut segment; the other two are skipped.
       {"HeaderLengthsThatLie", {header + SessionBefore() + test::PcapRecords(lies, 900) + SessionAfter()}, kExitDone,
        {kBefore, kAfter}, {"FILE0", "2 frames were skipped"}},
   };

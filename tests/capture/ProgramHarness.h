@@ -256,9 +256,8 @@ inline Frame EthernetFrame(const Segment& segment) { return {Ethernet(Ipv4Packet
 
 // A whole SMTP session between 10.0.0.1:client_port and 192.0.2.25:25 that
 // sends one message with this subject and a body of about `body_bytes`, then
-// quits and, when asked, closes the connection.
-inline std::vector<Frame> SmtpSession(uint16_t client_port, const std::string& subject, size_t body_bytes = 200,
-                                      bool close = true) {
+// quits and closes the connection.
+inline std::vector<Frame> SmtpSession(uint16_t client_port, const std::string& subject, size_t body_bytes = 200) {
   std::vector<std::string> message = {"From: Alice <alice@example.org>\r\nTo: Bob <bob@example.net>\r\nSubject: " +
                                       subject + "\r\nDate: Tue, 14 Nov 2023 22:13:20 +0000\r\n\r\n"};
   const std::string line(70, 'b');
@@ -286,11 +285,9 @@ inline std::vector<Frame> SmtpSession(uint16_t client_port, const std::string& s
                 "DATA\r\n", "354 go ahead\r\n"});
   for (const std::string& packet : message) send(true, kTcpAck | kTcpPsh, packet);
   turns(true, {".\r\n", "250 queued\r\n", "QUIT\r\n", "221 bye\r\n"});
-  if (close) {
-    send(true, kTcpFin | kTcpAck);
-    send(false, kTcpFin | kTcpAck);
-    send(true, kTcpAck);
-  }
+  send(true, kTcpFin | kTcpAck);
+  send(false, kTcpFin | kTcpAck);
+  send(true, kTcpAck);
   return frames;
 }
 

@@ -1,9 +1,8 @@
 // Runs pelka-email as a user would, through its command line, and checks exit
 // statuses, messages and output files.
 //
-// Expected counts come from the captures themselves: the bundled sample
-// (samples/make_sample.py says what it holds) and the public captures in
-// tests/data, whose README says what each conversation holds.
+// Expected values come from the bundled sample (samples/make_sample.py says
+// what it holds); the public captures are CaptureCorpusTest's and ThreadsTest's.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -26,8 +25,6 @@ using test::ProgramResult;
 using test::kSample;
 using test::LineCount;
 using test::ReadWholeFile;
-
-const fs::path kData = PELKA_TEST_DATA_DIR;
 
 std::vector<nlohmann::json> Records(const fs::path& out) { return test::ReadJsonLines(out / "emails.jsonl"); }
 
@@ -249,23 +246,6 @@ TEST_F(ProgramTest, UnreadableInputOrInterfaceGivesOneAndSaysWhich) {
 }
 
 // ---------------------------------------------------------------------------
-// Public captures of real servers; damaged files are MalformedCaptureTest's.
-
-TEST_F(ProgramTest, PublicCapturesGiveTheirMessages) {
-  const std::pair<const char*, size_t> cases[] = {
-      {"smtp-3msgs-one-session.pcap", 3},
-      {"pop3-7conns-retr.pcap", 3},
-      {"pop3-gb2312-retr.pcap", 1},
-  };
-  for (const auto& [file, records] : cases) {
-    SCOPED_TRACE(file);
-    const ProgramResult result = RunQuiet({}, {kData / file});
-    ASSERT_EQ(result.status, kExitDone) << result.err;
-    EXPECT_EQ(Records(Out()).size(), records);
-    EXPECT_TRUE(fs::exists(Out("statistics.json")));
-  }
-}
-
 // A capture split in two files, the cut inside a message: the flow goes on
 // across the files and the records are those of the whole capture.
 TEST_F(ProgramTest, ACaptureSplitInTwoFilesGivesTheSameRecords) {

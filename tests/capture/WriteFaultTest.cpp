@@ -27,18 +27,12 @@ using ::testing::HasSubstr;
 // mount a file system.
 constexpr int kCannotMount = 99;
 
-// A capture of `sessions` whole SMTP sessions, one message each, subjects
-// "Message 0", "Message 1", ...
-std::string SessionsCapture(size_t sessions, size_t body_bytes) {
-  std::string file = test::PcapFileHeader();
-  uint64_t index = 0;
-  for (size_t i = 0; i < sessions; ++i) {
-    const std::vector<test::Frame> frames =
-        test::SmtpSession(static_cast<uint16_t>(1024 + i % 60000), "Message " + std::to_string(i), body_bytes);
-    file += test::PcapRecords(frames, index);
-    index += frames.size();
-  }
-  return file;
+// A capture of `sessions` whole SMTP sessions, `concurrent` open at a time,
+// one message each, subjects "Message 0", "Message 1", ...
+std::string SessionsCapture(size_t sessions, size_t body_bytes, size_t concurrent = 1) {
+  return test::PcapFileHeader() + test::PcapRecords(test::Interleaved(sessions, concurrent, [&](size_t i) {
+           return test::SmtpSession(static_cast<uint16_t>(1024 + i), "Message " + std::to_string(i), body_bytes);
+         }));
 }
 
 // Runs pelka-email inside a private mount namespace with a fresh tmpfs
@@ -138,13 +132,7 @@ class StopSignalTest : public ::testing::TestWithParam<StopCase> {
   static std::string BigCapture() {
     static const TempDir dir;
     static const path capture = dir / "big.pcap";
-    if (!test::fs::exists(capture)) {
-      test::WriteWholeFile(capture, test::PcapFileHeader() + test::PcapRecords(test::Interleaved(
-                                        kBigSessions, 50, [](size_t i) {
-                                          return test::SmtpSession(static_cast<uint16_t>(1024 + i),
-                                                                   "Message " + std::to_string(i), 8000);
-                                        })));
-    }
+    if (!test::fs::exists(capture)) test::WriteWholeFile(capture, SessionsCapture(kBigSessions, 8000, 50));
     return capture.string();
   }
 };
