@@ -18,7 +18,6 @@ class HostedModule {
     module.DefineEmailLog();
     module.Attach(&services_.diagnosis);
     module.DefineDiagnosisEvents();
-    services_.diagnosis.EnableAll(true);
     module.set_stat_service(&services_.stats);
     module.DefineStatistics(&services_.stats, &services_.stats);
     module.AssignStatisticIndexes(&services_.stats);
