@@ -8,6 +8,7 @@
 #include <cstring>
 #include <utility>
 
+#include "capture/PcapFormat.h"
 #include "capture/PcapTime.h"
 #include "capture/SnapLengthWidening.h"
 
@@ -16,9 +17,7 @@ namespace pelka {
 namespace {
 
 constexpr size_t kFileBufferSize = 1 << 20;
-constexpr int kLiveSnapLength = 262144;
 constexpr int kLiveBufferSize = 8 << 20;
-constexpr uint64_t kRecordHeaderBytes = 16;  // a classic pcap record header, for inputs without a position
 
 std::string LiveError(const std::string& name, int status, pcap_t* handle) {
   switch (status) {
@@ -85,7 +84,7 @@ bool CaptureSource::OpenLive(const std::string& interface_name, int read_timeout
     error_ = "cannot capture on " + interface_name + ": " + message;
     return false;
   }
-  pcap_set_snaplen(handle, kLiveSnapLength);
+  pcap_set_snaplen(handle, static_cast<int>(kPcapLargestRecord));
   pcap_set_promisc(handle, 1);
   pcap_set_timeout(handle, read_timeout_ms);
   pcap_set_buffer_size(handle, kLiveBufferSize);
@@ -194,7 +193,7 @@ ReadStatus CaptureSource::Next(CapturedFrame* frame) {
       frame->time_us = PcapTimeMicroseconds(static_cast<uint64_t>(header->ts.tv_sec),
                                             static_cast<uint64_t>(header->ts.tv_usec), nanosecond_);
       frame->link_type = pcap_datalink(handle_);
-      current_bytes_ += header->caplen + kRecordHeaderBytes;
+      current_bytes_ += header->caplen + kPcapRecordHeaderBytes;
       if (header_snap_length_ && header->caplen > header_snap_length_ && !long_record_noted_) {
         long_record_noted_ = true;
         long_records_.push_back({current_name_, header_snap_length_});

@@ -11,25 +11,12 @@
 #include <cstring>
 
 #include "capture/PacketDecoder.h"
+#include "capture/PcapFormat.h"
 #include "capture/PcapTime.h"
 
 namespace pelka {
 
 namespace {
-
-constexpr size_t kFileHeaderBytes = 24;
-constexpr size_t kRecordHeaderBytes = 16;
-// libpcap's bound for most link types; longer records are left to it.
-constexpr uint32_t kMaxRecordLength = 262144;
-
-constexpr uint32_t kMagicMicro = 0xa1b2c3d4;
-constexpr uint32_t kMagicNano = 0xa1b23c4d;
-
-uint32_t Load32(const uint8_t* bytes, bool swapped) {
-  uint32_t value;
-  std::memcpy(&value, bytes, sizeof value);
-  return swapped ? __builtin_bswap32(value) : value;
-}
 
 // What libpcap makes of the file's header: its link type and snap length,
 // or false when it does not open the file.
@@ -114,31 +101,30 @@ bool PcapBlockReader::OpenBlocks(const std::string& path) {
   if (!ProbeWithLibpcap(path, &link_type_, &snap_length_)) return false;
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
-  uint8_t header[kFileHeaderBytes];
+  uint8_t header[kPcapFileHeaderBytes];
   if (::fstat(fd, &info) != 0 || ::pread(fd, header, sizeof header, 0) != static_cast<ssize_t>(sizeof header)) {
     ::close(fd);
     return false;
   }
-  const uint32_t magic = Load32(header, false);
-  const uint32_t swapped_magic = __builtin_bswap32(magic);
-  if (magic != kMagicMicro && magic != kMagicNano && swapped_magic != kMagicMicro && swapped_magic != kMagicNano) {
+  const PcapMagic magic = ReadPcapMagic(header);
+  if (!magic.classic) {
     ::close(fd);
     return false;
   }
-  swapped_ = magic != kMagicMicro && magic != kMagicNano;
-  nanosecond_ = (swapped_ ? swapped_magic : magic) == kMagicNano;
+  swapped_ = magic.swapped;
+  nanosecond_ = magic.nanosecond;
   if (!InPlaceLinkType(link_type_)) {
     ::close(fd);
     return false;
   }
   path_ = path;
   file_end_ = false;
-  block_offset_ = kFileHeaderBytes;
+  block_offset_ = kPcapFileHeaderBytes;
   filled_ = 0;
   position_ = 0;
   const std::lock_guard<std::mutex> lock(ahead_mutex_);
   fd_ = fd;
-  next_unclaimed_ = kFileHeaderBytes;
+  next_unclaimed_ = kPcapFileHeaderBytes;
   prefetch_end_ = static_cast<uint64_t>(info.st_size);
   return true;
 }
@@ -188,7 +174,7 @@ bool PcapBlockReader::Prefetch() {
 }
 
 void PcapBlockReader::NextBlock() {
-  const uint64_t offset = block_ ? block_offset_ + pool_->block_bytes() : kFileHeaderBytes;
+  const uint64_t offset = block_ ? block_offset_ + pool_->block_bytes() : kPcapFileHeaderBytes;
   if (block_) block_->Unref();
   block_ = nullptr;
   Ahead next;
@@ -223,22 +209,22 @@ void PcapBlockReader::HandOver(uint64_t offset) {
 
 // The record header at `header` describes a record libpcap would read as it is.
 bool PcapBlockReader::Usual(const uint8_t* header) const {
-  const uint32_t seconds = Load32(header, swapped_);
-  const uint32_t fraction = Load32(header + 4, swapped_);
-  const uint32_t captured = Load32(header + 8, swapped_);
-  const uint32_t wire = Load32(header + 12, swapped_);
+  const uint32_t seconds = LoadPcap32(header, swapped_);
+  const uint32_t fraction = LoadPcap32(header + 4, swapped_);
+  const uint32_t captured = LoadPcap32(header + 8, swapped_);
+  const uint32_t wire = LoadPcap32(header + 12, swapped_);
   // A record longer than the header's snap length is read whole: the bytes
   // the file holds are the packet.
-  return seconds < 0x80000000u && fraction < PcapFractionsPerSecond(nanosecond_) && captured <= kMaxRecordLength &&
+  return seconds < 0x80000000u && fraction < PcapFractionsPerSecond(nanosecond_) && captured <= kPcapLargestRecord &&
          captured <= wire;
 }
 
 void PcapBlockReader::SetFrame(const uint8_t* header, CapturedFrame* frame) {
-  const uint32_t seconds = Load32(header, swapped_);
-  const uint32_t fraction = Load32(header + 4, swapped_);
-  frame->data = header + kRecordHeaderBytes;
-  frame->captured_length = Load32(header + 8, swapped_);
-  frame->wire_length = Load32(header + 12, swapped_);
+  const uint32_t seconds = LoadPcap32(header, swapped_);
+  const uint32_t fraction = LoadPcap32(header + 4, swapped_);
+  frame->data = header + kPcapRecordHeaderBytes;
+  frame->captured_length = LoadPcap32(header + 8, swapped_);
+  frame->wire_length = LoadPcap32(header + 12, swapped_);
   frame->number = ++frames_;
   frame->time_us = PcapTimeMicroseconds(seconds, fraction, nanosecond_);
   frame->link_type = link_type_;
@@ -267,9 +253,9 @@ bool PcapBlockReader::TakeSpanning(size_t wanted) {
 
 bool PcapBlockReader::JoinSpanningRecord(CapturedFrame* frame) {
   spanning_.clear();
-  if (!TakeSpanning(kRecordHeaderBytes) || !Usual(spanning_.data())) return false;
-  const uint32_t captured = Load32(spanning_.data() + 8, swapped_);
-  if (!TakeSpanning(kRecordHeaderBytes + captured)) return false;
+  if (!TakeSpanning(kPcapRecordHeaderBytes) || !Usual(spanning_.data())) return false;
+  const uint32_t captured = LoadPcap32(spanning_.data() + 8, swapped_);
+  if (!TakeSpanning(kPcapRecordHeaderBytes + captured)) return false;
   SetFrame(spanning_.data(), frame);
   return true;
 }
@@ -304,12 +290,12 @@ ReadStatus PcapBlockReader::Next(CapturedFrame* frame, PcapBlock** block) {
       continue;
     }
     const uint8_t* header = block_->data() + position_;
-    if (left >= kRecordHeaderBytes) {
+    if (left >= kPcapRecordHeaderBytes) {
       if (!Usual(header)) {
         HandOver(record_offset);
         continue;
       }
-      const size_t length = kRecordHeaderBytes + Load32(header + 8, swapped_);
+      const size_t length = kPcapRecordHeaderBytes + LoadPcap32(header + 8, swapped_);
       if (left >= length) {
         SetFrame(header, frame);
         position_ += length;

@@ -5,19 +5,16 @@
 #include <cstring>
 #include <memory>
 
+#include "capture/PcapFormat.h"
+
 namespace pelka {
 namespace {
-
-constexpr size_t kFileHeaderBytes = 24;
-constexpr size_t kSnapLengthOffset = 16;
-constexpr uint32_t kMagicMicro = 0xA1B2C3D4;
-constexpr uint32_t kMagicNano = 0xA1B23C4D;
 
 // The stream libpcap reads: the changed header, then the file's bytes.
 struct WidenedFile {
   std::FILE* file;
-  unsigned char header[kFileHeaderBytes];
-  size_t header_length = 0;  // fewer than kFileHeaderBytes when the input is that short
+  uint8_t header[kPcapFileHeaderBytes];
+  size_t header_length = 0;  // fewer than kPcapFileHeaderBytes when the input is that short
   uint64_t position = 0;     // in the stream, which is the position in the file
 };
 
@@ -55,13 +52,7 @@ int CloseWidened(void* cookie) {
   return std::fclose(widened->file);
 }
 
-uint32_t Load32(const unsigned char* bytes, bool swapped) {
-  uint32_t value;
-  std::memcpy(&value, bytes, sizeof value);
-  return swapped ? __builtin_bswap32(value) : value;
-}
-
-void Store32(unsigned char* bytes, uint32_t value, bool swapped) {
+void Store32(uint8_t* bytes, uint32_t value, bool swapped) {
   if (swapped) value = __builtin_bswap32(value);
   std::memcpy(bytes, &value, sizeof value);
 }
@@ -72,14 +63,12 @@ std::FILE* WidenSnapLength(std::FILE* file, uint32_t* snap_length) {
   *snap_length = 0;
   auto widened = std::make_unique<WidenedFile>();
   widened->file = file;
-  widened->header_length = std::fread(widened->header, 1, kFileHeaderBytes, file);
-  const bool whole_header = widened->header_length == kFileHeaderBytes;
-  const uint32_t magic = whole_header ? Load32(widened->header, false) : 0;
-  const bool swapped = magic == __builtin_bswap32(kMagicMicro) || magic == __builtin_bswap32(kMagicNano);
-  const bool classic = swapped || magic == kMagicMicro || magic == kMagicNano;
-  const uint32_t stated = classic ? Load32(widened->header + kSnapLengthOffset, swapped) : 0;
-  if (classic && stated != 0 && stated < kLargestSnapLength) {
-    Store32(widened->header + kSnapLengthOffset, kLargestSnapLength, swapped);
+  widened->header_length = std::fread(widened->header, 1, kPcapFileHeaderBytes, file);
+  const bool whole_header = widened->header_length == kPcapFileHeaderBytes;
+  const PcapMagic magic = whole_header ? ReadPcapMagic(widened->header) : PcapMagic{};
+  const uint32_t stated = magic.classic ? LoadPcap32(widened->header + kPcapSnapLengthOffset, magic.swapped) : 0;
+  if (magic.classic && stated != 0 && stated < kPcapLargestRecord) {
+    Store32(widened->header + kPcapSnapLengthOffset, kPcapLargestRecord, magic.swapped);
     *snap_length = stated;
   } else if (file != stdin && std::fseek(file, 0, SEEK_SET) == 0) {
     return file;  // nothing to change: libpcap reads the file as it is

@@ -13,12 +13,9 @@
 
 namespace pelka {
 
-// The largest record libpcap reads for the usual link types.
-constexpr uint32_t kLargestSnapLength = 262144;
-
 // Reads the file header of `file` (at its start) and returns the stream to
 // hand libpcap in its place: `file` itself when it is no classic pcap file or
-// states kLargestSnapLength or more (or 0), else a stream that owns `file`
+// states the largest record length (kPcapLargestRecord) or more (or 0), else a stream that owns `file`
 // (closing it closes `file`, unless `file` is stdin). `*snap_length` is the
 // header's own snap length, 0 when it was not changed. nullptr when the header
 // cannot be read back; `file` is then still the caller's.
