@@ -8,6 +8,7 @@ set -euo pipefail
 build=$(cd "$1" && pwd)
 source=$(cd "$2" && pwd)
 work=$(mktemp -d)
+chmod 755 "$work"  # the service's user must reach its state folder, as under /var/lib
 trap 'rm -rf "$work"' EXIT
 unset PELKA_MODULE
 fail() { echo "FAIL: $*" >&2; exit 1; }
@@ -25,6 +26,7 @@ lib/pelka/libPelkaEmail.so
 lib/pelka/resources/email.ico
 lib/pelka/resources/en/PelkaEmailRes.cst
 lib/pelka/resources/zh/PelkaEmailRes.cst
+lib/systemd/system/pelka-email@.service
 share/doc/pelka-email/README.md
 share/doc/pelka-email/copyright
 share/man/man1/pelka-email.1'
@@ -51,4 +53,32 @@ run_sample "$work/root/usr/bin/pelka-email" unpacked
 packed=$(cd "$work/root/usr" && find . -type f | sed 's|^\./||' | sort)
 [ "$packed" = "$expected_layout" ] || fail "packed files:"$'\n'"$packed"
 if grep -rqF "$build" "$work/root/usr/bin" "$work/root/usr/lib"; then fail "the package refers to the build folder"; fi
+dpkg-deb -e "$deb" "$work/control"
+grep -q "adduser --system" "$work/control/postinst" || fail "the package does not make the service's user"
+
+# The service's command, run as its unit runs it (the unpacked program, a
+# temporary state folder, an existing user): it captures on lo in a folder named
+# by its start time until SIGTERM ends it with status 0 and its files whole.
+if [ "$(id -u)" -ne 0 ]; then
+  echo "install and package: ok (the service run needs root; skipped)"
+  exit 0
+fi
+command=$(sed -n 's/^ExecStart=//p' "$work/root/usr/lib/systemd/system/pelka-email@.service")
+command=${command//%%/@percent@}  # systemd's specifiers: %% and %i, nothing else here
+command=${command//%i/lo}
+[[ $command != *%* ]] || fail "the unit uses a specifier it should not: $command"
+command=${command//@percent@/%}
+command=${command//\/usr\/bin\/pelka-email/$work/root/usr/bin/pelka-email}
+command=${command//\/var\/lib\/pelka-email/$work/state}
+command=${command//--user pelka-email/--user nobody}
+(eval "exec $command") &
+service=$!
+sleep 2
+kill -TERM "$service"
+status=0
+wait "$service" || status=$?
+[ "$status" -eq 0 ] || fail "the service's run ended with status $status"
+folder=$(ls -d "$work"/state/lo/2*)
+[ -s "$folder/statistics.json" ] && [ -f "$folder/emails.jsonl" ] || fail "the service's run left: $(ls -la "$folder")"
+[ "$(stat -c %U "$folder")" = nobody ] || fail "the service's folder belongs to $(stat -c %U "$folder")"
 echo "install and package: ok"
