@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "capture/Progress.h"
+#include "capture/ReadLimits.h"
 #include "capture/StopSignal.h"
 
 namespace pelka {
@@ -28,27 +29,38 @@ ReadStatus NextFrame(PcapBlockReader& blocks, CapturedFrame* frame, PcapBlock** 
   return blocks.Next(frame, block);
 }
 
+// What every read loop shares: the progress line, the limits of the run, and
+// where problems are told.
+struct ReadState {
+  Progress& progress;
+  ReadLimits& limits;
+  std::ostream& err;
+  bool inputs_ok = true;
+};
+
 // The next frame, a timeout or the end of `source` (a CaptureSource or a
-// PcapBlockReader). A damaged or unreadable input is reported and reading goes
-// on with the next; `inputs_ok` turns false then.
+// PcapBlockReader), which a reached --count brings early. A
+// damaged or unreadable input is reported and reading goes on with the next;
+// `inputs_ok` turns false then.
 template <typename Source>
-ReadStatus NextForFlows(Source& source, CapturedFrame* frame, PcapBlock** block, Progress& progress,
-                        bool& inputs_ok, std::ostream& err) {
+ReadStatus NextForFlows(Source& source, CapturedFrame* frame, PcapBlock** block, ReadState& state) {
   for (;;) {
+    if (state.limits.CountReached()) return ReadStatus::kEnd;
     const ReadStatus status = NextFrame(source, frame, block);
     switch (status) {
       case ReadStatus::kFrame:
-        progress.Tick();
+        state.limits.CountPacket();
+        state.progress.Tick();
         return status;
       case ReadStatus::kTimeout:
-        progress.Poll();
+        state.progress.Poll();
         return status;
       case ReadStatus::kError:
         // A read cut short by the stop signal is the stop, not damage.
         if (StopRequested()) break;
-        progress.Clear();
-        err << kProgramName << ": " << source.error() << "\n";
-        inputs_ok = false;
+        state.progress.Clear();
+        state.err << kProgramName << ": " << source.error() << "\n";
+        state.inputs_ok = false;
         break;
       case ReadStatus::kEnd:
         return status;
@@ -59,14 +71,13 @@ ReadStatus NextForFlows(Source& source, CapturedFrame* frame, PcapBlock** block,
 // Reads every frame of `source` into one tracker; false when an input was
 // damaged or unreadable.
 template <typename Source>
-bool ReadAll(Source& source, Pipeline& pipeline, HostServices& services, Progress& progress, std::ostream& err) {
-  bool inputs_ok = true;
+bool ReadAll(Source& source, Pipeline& pipeline, HostServices& services, ReadState& state) {
   CapturedFrame frame;
   PcapBlock* block = nullptr;
   DecodedPacket packet;
   FlowTracker& tracker = *pipeline.tracker;
   for (;;) {
-    switch (NextForFlows(source, &frame, &block, progress, inputs_ok, err)) {
+    switch (NextForFlows(source, &frame, &block, state)) {
       case ReadStatus::kFrame:
         if (pipeline.decoder.Decode(frame.link_type, frame.data, frame.captured_length, &packet) ==
             DecodeStatus::kTcp) {
@@ -78,21 +89,19 @@ bool ReadAll(Source& source, Pipeline& pipeline, HostServices& services, Progres
         services.FlushOutputs();
         break;
       default:
-        return inputs_ok;
+        return state.inputs_ok;
     }
   }
 }
 
 // The same with the workers, which read `source` in turn.
 template <typename Source>
-bool ReadAllInWorkers(Source& source, Pipeline& pipeline, HostServices& services, Progress& progress,
-                      std::ostream& err) {
-  bool inputs_ok = true;
+bool ReadAllInWorkers(Source& source, Pipeline& pipeline, HostServices& services, ReadState& state) {
   std::function<bool()> prefetch;
   if constexpr (std::is_same_v<Source, PcapBlockReader>) prefetch = [&source] { return source.Prefetch(); };
   pipeline.parallel->Run(
       [&](CapturedFrame* frame, PcapBlock** block) {
-        const ReadStatus status = NextForFlows(source, frame, block, progress, inputs_ok, err);
+        const ReadStatus status = NextForFlows(source, frame, block, state);
         if (status == ReadStatus::kTimeout) {
           frame->time_us = NowMicroseconds();
           services.FlushOutputs();
@@ -100,7 +109,7 @@ bool ReadAllInWorkers(Source& source, Pipeline& pipeline, HostServices& services
         return status;
       },
       source.live(), std::move(prefetch));
-  return inputs_ok;
+  return state.inputs_ok;
 }
 
 bool OpenInputs(const ProgramOptions& options, Pipeline& pipeline, std::ostream& err) {
@@ -120,6 +129,13 @@ bool OpenInputs(const ProgramOptions& options, Pipeline& pipeline, std::ostream&
   return false;
 }
 
+bool ReadEverything(Pipeline& pipeline, HostServices& services, ReadState& state) {
+  if (pipeline.parallel && pipeline.blocks) return ReadAllInWorkers(*pipeline.blocks, pipeline, services, state);
+  if (pipeline.parallel) return ReadAllInWorkers(pipeline.source, pipeline, services, state);
+  if (pipeline.blocks) return ReadAll(*pipeline.blocks, pipeline, services, state);
+  return ReadAll(pipeline.source, pipeline, services, state);
+}
+
 }  // namespace
 
 bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, PrivilegeDrop& drop,
@@ -134,12 +150,14 @@ bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostService
     return ProgressFigures{pipeline.bytes_read(), pipeline.total_bytes(), pipeline.frames_read(),
                            services.counts().records};
   });
-  if (pipeline.parallel && pipeline.blocks) {
-    return ReadAllInWorkers(*pipeline.blocks, pipeline, services, progress, err);
+  ReadLimits limits(options.max_packets, options.max_seconds);
+  ReadState state{progress, limits, err};
+  const bool read = ReadEverything(pipeline, services, state);
+  if (const std::string reason = limits.Reason(); !reason.empty()) {
+    progress.Clear();
+    err << kProgramName << ": " << reason << "\n";
   }
-  if (pipeline.parallel) return ReadAllInWorkers(pipeline.source, pipeline, services, progress, err);
-  if (pipeline.blocks) return ReadAll(*pipeline.blocks, pipeline, services, progress, err);
-  return ReadAll(pipeline.source, pipeline, services, progress, err);
+  return read;
 }
 
 }  // namespace pelka

@@ -57,6 +57,14 @@ void AddInputOutputOptions(CLI::App& app, ProgramOptions& options) {
                  "an output folder the run creates is given to the user")
       ->type_name("NAME")
       ->group(input);
+  app.add_option("-c,--count", options.max_packets, "end the run after this many packets (any packets, mail or not)")
+      ->type_name("N")
+      ->check(CLI::PositiveNumber.description(""))
+      ->group(input);
+  app.add_option("--duration", options.max_seconds, "end the run after this many seconds")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(1u, 100u * 365 * 24 * 3600).description(""))
+      ->group(input);
 
   const std::string output = "Output";
   app.add_option("-o,--out", options.out_dir, "folder for the output files (created if missing)")

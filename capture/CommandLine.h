@@ -36,6 +36,8 @@ struct ProgramOptions {
   std::vector<std::string> inputs;  // capture files in order; "-" is standard input
   std::string interface_name;       // live capture instead of files
   std::string user;                 // continue as this user once the inputs are open (see PrivilegeDrop.h)
+  uint64_t max_packets = 0;         // --count: end after this many packets (0: no limit)
+  uint32_t max_seconds = 0;         // --duration: end after this many seconds (0: no limit)
   std::string out_dir = "pelka-out";
   bool copies = false;
   uint32_t max_flow_length_mib = 2;

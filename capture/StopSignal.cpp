@@ -27,11 +27,13 @@ StopSignalScope::StopSignalScope(CaptureSource* source, PcapBlockReader* blocks)
   sigemptyset(&action.sa_mask);
   sigaction(SIGINT, &action, &old_int_);
   sigaction(SIGTERM, &action, &old_term_);
+  sigaction(SIGALRM, &action, &old_alarm_);
 }
 
 StopSignalScope::~StopSignalScope() {
   sigaction(SIGINT, &old_int_, nullptr);
   sigaction(SIGTERM, &old_term_, nullptr);
+  sigaction(SIGALRM, &old_alarm_, nullptr);
   g_stoppable_source.store(nullptr);
   g_stoppable_blocks.store(nullptr);
 }

@@ -1,6 +1,6 @@
 // Ctrl-C (SIGINT) and SIGTERM end a run's reading cleanly: the sources stop
 // reading, and the run ends its flows and writes its outputs as at the end of
-// the input.
+// the input. SIGALRM does the same: it is how --duration ends a run.
 //
 // A signal handler reaches only what a global holds: the sources to stop and
 // the stop flag are kept here, set only while a StopSignalScope exists. One
@@ -26,6 +26,7 @@ class StopSignalScope {
  private:
   struct sigaction old_int_ {};
   struct sigaction old_term_ {};
+  struct sigaction old_alarm_ {};
 };
 
 // Whether a stop signal came during the last (or current) scope.

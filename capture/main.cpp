@@ -5,6 +5,7 @@
 
 #include "capture/CaptureRun.h"
 #include "capture/CommandLine.h"
+#include "capture/MergeCommand.h"
 
 namespace {
 
@@ -24,6 +25,7 @@ void KeepMessageBuffersMapped() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (pelka::IsMergeCommand(argc, argv)) return pelka::RunMergeCommand(argc, argv, std::cout, std::cerr);
   const pelka::CommandLineOutcome outcome = pelka::ParseCommandLine(argc, argv);
   if (!outcome.options) {
     (outcome.exit_status == pelka::kExitDone ? std::cout : std::cerr) << outcome.text;

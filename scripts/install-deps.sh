@@ -8,6 +8,7 @@ packages=(
   clang libclang-rt-14-dev
   libpcap-dev libpugixml-dev libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev
   libbenchmark-dev
+  help2man file dpkg-dev parallel
 )
 
 missing=()

@@ -1,0 +1,116 @@
+// pelka-email merge: folders of runs made side by side by GNU parallel, one per
+// capture, merge into what one run over all the captures writes.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ProgramHarness.h"
+
+namespace pelka {
+namespace {
+
+namespace fs = std::filesystem;
+using test::TempDir;
+
+// Captures in which no connection continues from one file into the next.
+const char* const kCaptures[] = {"imap-login-fetch-26.pcap", "mixed-ntlm-auth.pcap", "pop3-7conns-retr.pcap",
+                                 "pop3-gb2312-retr.pcap", "smtp-3msgs-one-session.pcap",
+                                 "smtp-auth-login-vlan100.pcap"};
+
+// A folder's lines by file, in an order-free form: records without their
+// number and with their copy's name and size in place of its path; diagnosis
+// reports without packet numbers, which count from the start of each run.
+std::map<std::string, std::multiset<std::string>> Contents(const fs::path& folder) {
+  std::map<std::string, std::multiset<std::string>> contents;
+  for (nlohmann::json record : test::ReadJsonLines(folder / "emails.jsonl")) {
+    const fs::path copy = record.value("email_file_path", std::string());
+    EXPECT_TRUE(copy.empty() || fs::equivalent(copy.parent_path(), folder / "email_copy")) << copy;
+    record["email_file_path"] = copy.empty() ? "" : copy.filename().string() + " " + test::ReadWholeFile(copy);
+    record.erase("email_number");
+    contents["emails.jsonl"].insert(record.dump());
+  }
+  for (nlohmann::json report : test::ReadJsonLines(folder / "diagnosis.jsonl")) {
+    for (const char* key : {"text", "packet", "related_packet"}) report.erase(key);
+    contents["diagnosis.jsonl"].insert(report.dump());
+  }
+  for (const char* name : {"entries.jsonl", "email_log.csv", "email_log.txt", "statistics.json"}) {
+    std::istringstream lines(test::ReadWholeFile(folder / name));
+    for (std::string line; std::getline(lines, line);) contents[name].insert(line);
+  }
+  return contents;
+}
+
+TEST(MergeTest, ParallelRunsMergeIntoOneRun) {
+  REQUIRE_PROGRAM();
+  if (!fs::exists("/usr/bin/parallel")) GTEST_SKIP() << "GNU parallel is not installed";
+  TempDir dir;
+  std::vector<std::string> captures;
+  for (const char* name : kCaptures) captures.push_back((fs::path(PELKA_TEST_DATA_DIR) / name).string());
+
+  std::vector<std::string> args = {"-j2", test::ProgramPath().string(), "-q", "--copies", "-o",
+                                   (dir / "runs" / "{/.}").string(), "{}", ":::"};
+  args.insert(args.end(), captures.begin(), captures.end());
+  ASSERT_EQ(test::RunProgram(args, "/usr/bin/parallel").status, 0);
+  std::vector<std::string> merge = {"merge"};
+  for (const auto& entry : fs::directory_iterator(dir / "runs")) merge.push_back(entry.path().string());
+  merge.insert(merge.end(), {"-o", (dir / "merged").string()});
+  const test::ProgramResult merged = test::RunProgram(merge);
+  test::ExpectNoCrash(merged);
+  ASSERT_EQ(merged.status, 0) << merged.err;
+  EXPECT_THAT(merged.out, ::testing::HasSubstr("Merged 6 folders: 9 records"));
+
+  args = {"-q", "--copies", "-o", (dir / "single").string()};
+  args.insert(args.end(), captures.begin(), captures.end());
+  ASSERT_EQ(test::RunProgram(args).status, 0);
+  EXPECT_EQ(Contents(dir / "merged"), Contents(dir / "single"));
+  // Numbered again in time order.
+  std::vector<std::string> times;
+  for (const auto& record : test::ReadJsonLines(dir / "merged" / "emails.jsonl")) {
+    times.push_back(record["timestamp"]);
+    EXPECT_EQ(record["email_number"], times.size());
+  }
+  EXPECT_TRUE(std::is_sorted(times.begin(), times.end()));
+}
+
+// The same run merged twice: every copy is carried, the second under a new
+// name, and what cannot be merged is refused without touching anything.
+TEST(MergeTest, CopiesNeverReplaceEachOtherAndRefusalsTouchNothing) {
+  REQUIRE_PROGRAM();
+  TempDir dir;
+  const fs::path run = dir / "run";
+  ASSERT_EQ(test::RunProgram({"-q", "--copies", "-o", run.string(), test::kSample.string()}).status, 0);
+  const test::ProgramResult twice = test::RunProgram({"merge", run.string(), run.string(), "-o", (dir / "m").string()});
+  ASSERT_EQ(twice.status, 0) << twice.err;
+  std::set<std::string> paths;
+  for (const auto& record : test::ReadJsonLines(dir / "m" / "emails.jsonl")) {
+    const std::string path = record["email_file_path"];
+    EXPECT_EQ(test::ReadWholeFile(path).find("Subject: " + std::string(record["email_subject"])) == std::string::npos,
+              record["protocol"] == "POP3") << path;  // the POP3 subject is an encoded word
+    paths.insert(path);
+  }
+  EXPECT_EQ(paths.size(), 6u);
+  EXPECT_TRUE(paths.count((dir / "m" / "email_copy" / "2023-11-14 22.13.20.65000-2.eml").string()));
+
+  const struct {
+    const char* name;
+    std::vector<std::string> args;
+    int status;
+  } refusals[] = {
+      {"into a folder that is not empty", {"merge", run.string(), "-o", (dir / "m").string()}, 1},
+      {"a folder without records", {"merge", dir.path().string(), "-o", (dir / "n").string()}, 1},
+      {"no output folder", {"merge", run.string()}, 2},
+  };
+  for (const auto& c : refusals) {
+    const test::ProgramResult result = test::RunProgram(c.args);
+    EXPECT_EQ(result.status, c.status) << c.name << ": " << result.err;
+  }
+  EXPECT_EQ(test::ReadJsonLines(dir / "m" / "emails.jsonl").size(), 6u);
+}
+
+}  // namespace
+}  // namespace pelka
