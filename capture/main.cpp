@@ -5,6 +5,7 @@
 
 #include "capture/CaptureRun.h"
 #include "capture/CommandLine.h"
+#include "capture/TerminalText.h"
 
 namespace {
 
@@ -24,11 +25,19 @@ void KeepMessageBuffersMapped() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Whatever the program prints may hold bytes from the capture or the
+  // command line: control characters reach the terminal escaped.
+  pelka::TerminalStreamBuffer out_buffer(std::cout.rdbuf());
+  pelka::TerminalStreamBuffer err_buffer(std::cerr.rdbuf());
+  std::ostream out(&out_buffer);
+  std::ostream err(&err_buffer);
+  err.setf(std::ios::unitbuf);
+
   const pelka::CommandLineOutcome outcome = pelka::ParseCommandLine(argc, argv);
   if (!outcome.options) {
-    (outcome.exit_status == pelka::kExitDone ? std::cout : std::cerr) << outcome.text;
+    (outcome.exit_status == pelka::kExitDone ? out : err) << outcome.text;
     return outcome.exit_status;
   }
   KeepMessageBuffersMapped();
-  return pelka::RunCapture(*outcome.options, std::cout, std::cerr);
+  return pelka::RunCapture(*outcome.options, out, err);
 }
