@@ -127,11 +127,16 @@ class HostServices::Impl final : public FlowSink {
     counts.flows_declined = flows_declined_.load(std::memory_order_relaxed);
     if (log_) {
       counts.records = log_->records();
+      counts.records_by_protocol = log_->records_by_protocol();
       counts.entries = log_->entries();
       counts.copies = log_->copies();
     }
     counts.diagnosis_reports = diagnosis_.reports();
     counts.reports_by_event = diagnosis_.reports_by_event();
+    for (auto [file, name] : Files()) {
+      if (const uint64_t lost = file->lines_lost()) counts.lines_lost.emplace_back(name, lost);
+    }
+    if (const uint64_t lost = statistics_file_.lines_lost()) counts.lines_lost.emplace_back("statistics.json", lost);
     return counts;
   }
 
@@ -160,6 +165,12 @@ class HostServices::Impl final : public FlowSink {
              {&diagnosis_file_, "diagnosis.jsonl"},
              {&csv_file_, "email_log.csv"},
              {&text_file_, "email_log.txt"}}};
+  }
+  std::array<std::pair<const OutputFile*, const char*>, 5> Files() const {
+    const auto files = const_cast<Impl*>(this)->Files();
+    std::array<std::pair<const OutputFile*, const char*>, 5> result;
+    std::copy(files.begin(), files.end(), result.begin());
+    return result;
   }
   std::string root() const { return log_ ? AbsoluteDirectory(options_.out_dir) : std::string(); }
 
@@ -196,5 +207,8 @@ FlowSink* HostServices::flow_sink() { return impl_.get(); }
 bool HostServices::FinishRun(CPAEBaseModule* module) { return impl_->FinishRun(module); }
 const std::string& HostServices::error() const { return impl_->error_; }
 HostRunCounts HostServices::counts() const { return impl_->counts(); }
+void HostServices::AddStatistic(const std::string& item, const std::string& counter, uint64_t value) {
+  impl_->statistics_.AddHostFigure(item, counter, value);
+}
 
 }  // namespace pelka
