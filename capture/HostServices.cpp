@@ -159,18 +159,17 @@ class HostServices::Impl final : public FlowSink {
 
  private:
   // Asked after every packet, so it is a fixed array, not a fresh list.
-  std::array<std::pair<OutputFile*, const char*>, 5> Files() {
-    return {{{&records_file_, "emails.jsonl"},
-             {&entries_file_, "entries.jsonl"},
-             {&diagnosis_file_, "diagnosis.jsonl"},
-             {&csv_file_, "email_log.csv"},
-             {&text_file_, "email_log.txt"}}};
-  }
-  std::array<std::pair<const OutputFile*, const char*>, 5> Files() const {
-    const auto files = const_cast<Impl*>(this)->Files();
-    std::array<std::pair<const OutputFile*, const char*>, 5> result;
-    std::copy(files.begin(), files.end(), result.begin());
-    return result;
+  template <typename File>
+  using FileList = std::array<std::pair<File*, const char*>, 5>;
+  FileList<OutputFile> Files() { return FilesOf<OutputFile>(*this); }
+  FileList<const OutputFile> Files() const { return FilesOf<const OutputFile>(*this); }
+  template <typename File, typename Self>
+  static FileList<File> FilesOf(Self& self) {
+    return {{{&self.records_file_, "emails.jsonl"},
+             {&self.entries_file_, "entries.jsonl"},
+             {&self.diagnosis_file_, "diagnosis.jsonl"},
+             {&self.csv_file_, "email_log.csv"},
+             {&self.text_file_, "email_log.txt"}}};
   }
   std::string root() const { return log_ ? AbsoluteDirectory(options_.out_dir) : std::string(); }
 
