@@ -8,17 +8,27 @@ namespace {
 constexpr size_t kParallelBlocks = 16;
 constexpr size_t kParallelBlockBytes = 512 * 1024;
 
+static_assert(FlowTracker::Options{}.idle_timeout_us == uint64_t{kDefaultIdleTimeoutSeconds} * 1000000);
+static_assert(FlowTracker::Options{}.max_held_bytes == size_t{kDefaultHoldLimitMiB} << 20);
+
+FlowTracker::Options TrackerOptions(const ProgramOptions& options) {
+  FlowTracker::Options tracker;
+  tracker.idle_timeout_us = uint64_t{options.idle_timeout_seconds} * 1000000;
+  tracker.max_held_bytes = size_t{options.hold_limit_mib} << 20;
+  return tracker;
+}
+
 }  // namespace
 
-Pipeline::Pipeline(const ProgramOptions& options, FlowSink* sink) {
+Pipeline::Pipeline(const ProgramOptions& options, FlowSink* sink) : hold_limit_mib(options.hold_limit_mib) {
   const bool read_blocks = options.interface_name.empty() && options.user.empty();
   if (options.threads > 1) {
-    parallel = std::make_unique<ParallelPipeline>(options.threads, sink);
+    parallel = std::make_unique<ParallelPipeline>(options.threads, sink, TrackerOptions(options));
     // A worker reading waits for blocks the others still use: enough for
     // the batches in flight to hold some each.
     if (read_blocks) pool = std::make_unique<PcapBlockPool>(kParallelBlocks, kParallelBlockBytes);
   } else {
-    tracker = std::make_unique<FlowTracker>(sink);
+    tracker = std::make_unique<FlowTracker>(sink, TrackerOptions(options));
     // The reader takes the next block before it lets go of the current one.
     if (read_blocks) pool = std::make_unique<PcapBlockPool>(2);
   }
@@ -50,6 +60,12 @@ void WarnAboutSkippedParts(const std::string& inputs_label, const Pipeline& pipe
   for (const LongRecordFile& file : long_records) {
     err << kProgramName << ": warning: " << file.name << ": records are longer than the snap length of "
         << file.header_snap_length << " bytes its header states; they were read whole, as the file holds them\n";
+  }
+  if (flows.hold_limit_gaps) {
+    err << prefix << "the out-of-order data held back over all connections reached --hold-limit ("
+        << pipeline.hold_limit_mib << " MiB) " << flows.hold_limit_gaps
+        << " times; each time the data held longest went on with its gap skipped, so mail text there is "
+           "incomplete (a larger --hold-limit keeps more)\n";
   }
   if (!flows.flows_evicted) return;
   err << prefix << flows.flows_evicted << " connections were ended early because more than ";

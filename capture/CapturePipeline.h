@@ -35,6 +35,7 @@ struct Pipeline {
   std::unique_ptr<PcapBlockReader> blocks;  // null: read through `source`
   std::unique_ptr<FlowTracker> tracker;       // null: the workers track
   std::unique_ptr<ParallelPipeline> parallel;
+  uint32_t hold_limit_mib;  // --hold-limit, for the warning when it was reached
 
   uint64_t bytes_read() const { return blocks ? blocks->bytes_read() : source.bytes_read(); }
   uint64_t total_bytes() const { return blocks ? blocks->total_bytes() : source.total_bytes(); }
@@ -51,7 +52,7 @@ struct Pipeline {
 
 // A capture that reads to its end may still have lost mail text: frames cut
 // by the snap length, headers that contradict the frame, connections pushed
-// out by the live-connection bound. Each is said once on `err`, with its
+// out by the live-connection bound, gaps skipped at the hold limit. Each is said once on `err`, with its
 // count, naming the inputs (`inputs_label`).
 void WarnAboutSkippedParts(const std::string& inputs_label, const Pipeline& pipeline, std::ostream& err);
 

@@ -89,7 +89,13 @@ RunFacts CollectFacts(const ProgramOptions& options, const Pipeline& pipeline, c
   facts.connections_smtp = flows.flows_smtp;
   facts.connections_pop3 = flows.flows_pop3;
   facts.connections_imap = flows.flows_imap;
-  facts.reports_by_event = services.counts().reports_by_event;
+  const HostRunCounts counts = services.counts();
+  facts.reports_by_event = counts.reports_by_event;
+  facts.messages_found = counts.records;
+  facts.found_by_protocol = counts.records_by_protocol;
+  facts.lines_lost = counts.lines_lost;
+  facts.hold_limit_gaps = flows.hold_limit_gaps;
+  facts.hold_limit_mib = options.hold_limit_mib;
   return facts;
 }
 
@@ -128,8 +134,11 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
   const bool inputs_ok = ReadCaptures(options, pipeline, services, drop, err);
   pipeline.Finish();
   WarnAboutSkippedParts(InputsLabel(options), pipeline, err);
+  if (const uint64_t gaps = pipeline.flow_counters().hold_limit_gaps) services.AddStatistic("HoldLimit", "Reached", gaps);
   const bool outputs_ok = services.FinishRun(module->main_table());
   if (!outputs_ok) err << kProgramName << ": " << services.error() << "\n";
+  for (const auto& [file, lines] : services.counts().lines_lost)
+    err << kProgramName << ": " << lines << " lines of " << file << " were lost: they could not be written\n";
 
   if (!options.quiet) {
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - started;

@@ -113,6 +113,25 @@ void AddAnalysisOptions(CLI::App& app, ProgramOptions& options, RawChoices& raw)
       ->group(group);
 }
 
+// Time and memory the flow tracking may take.
+void AddBoundOptions(CLI::App& app, ProgramOptions& options) {
+  const std::string group = "Bounds";
+  app.add_option("--idle-timeout", options.idle_timeout_seconds,
+                 "a connection silent for longer than this many seconds (capture time) ends, and a message "
+                 "still open in it is lost (1 to 604800)")
+      ->type_name("SECONDS")
+      ->capture_default_str()
+      ->check(CLI::Range(1u, kMaxIdleTimeoutSeconds).description(""))
+      ->group(group);
+  app.add_option("--hold-limit", options.hold_limit_mib,
+                 "out-of-order data held back over all connections, in MiB (1 to 1048576); beyond it the data "
+                 "held longest goes on with its gap skipped")
+      ->type_name("MIB")
+      ->capture_default_str()
+      ->check(CLI::Range(1u, kMaxHoldLimitMiB).description(""))
+      ->group(group);
+}
+
 void AddDiagnosisOptions(CLI::App& app, ProgramOptions& options, RawChoices& raw) {
   const std::string group = "Diagnosis";
   app.add_option("--smtp-threshold", options.smtp_threshold_ms,
@@ -180,6 +199,7 @@ CommandLineOutcome ParseCommandLine(int argc, const char* const* argv) {
   app.set_version_flag("--version", std::string(kProgramName) + " " + kProgramVersion);
   AddInputOutputOptions(app, options);
   AddAnalysisOptions(app, options, raw);
+  AddBoundOptions(app, options);
   AddDiagnosisOptions(app, options, raw);
   AddConditionOptions(app, raw.conditions);
 

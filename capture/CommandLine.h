@@ -20,6 +20,13 @@ inline constexpr const char* kProgramName = "pelka-email";
 // Bounds of --threads.
 constexpr unsigned kMaxThreads = 64;
 
+// Defaults and bounds of --idle-timeout and --hold-limit (the flow tracker's
+// own defaults are the same).
+constexpr uint32_t kDefaultIdleTimeoutSeconds = 1800;
+constexpr uint32_t kMaxIdleTimeoutSeconds = 7 * 24 * 3600;
+constexpr uint32_t kDefaultHoldLimitMiB = 256;
+constexpr uint32_t kMaxHoldLimitMiB = 1024 * 1024;
+
 // Exit statuses of the program, also listed in --help and the README.
 enum ExitStatus : int {
   kExitDone = 0,          // the run finished (also --help and --version)
@@ -49,6 +56,10 @@ struct ProgramOptions {
   bool quiet = false;
   // Workers that handle the flows; 1 handles them on the reading thread.
   unsigned threads = 1;
+  // A connection silent for longer ends; its later packets start afresh.
+  uint32_t idle_timeout_seconds = kDefaultIdleTimeoutSeconds;
+  // Out-of-order data held back over all connections, in MiB.
+  uint32_t hold_limit_mib = kDefaultHoldLimitMiB;
   // Empty when no condition was given; otherwise every message must meet all.
   std::optional<EmailConditions> conditions;
 };

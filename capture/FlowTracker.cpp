@@ -49,6 +49,7 @@ struct FlowTracker::HeldSegment {
   uint32_t payload_length;  // captured payload bytes
   uint64_t number;
   uint64_t time_us;
+  uint64_t serial;  // order of holding, over all flows
   std::vector<uint8_t> frame;
 
   SegmentBytes Bytes() const { return {frame.data(), header_length, tcp_offset, payload_length, number, time_us}; }
@@ -299,7 +300,7 @@ void FlowTracker::DeliverFrom(Flow& flow, Stream& stream, const Packet& packet, 
 void FlowTracker::HoldSegment(Flow& flow, Stream& stream, const Packet& packet, uint32_t start) {
   const DecodedPacket& d = packet.decoded;
   HeldSegment segment{start, d.segment_length, packet.bytes.header_length, packet.bytes.tcp_offset,
-                      d.payload_length, packet.bytes.number, packet.bytes.time_us, {}};
+                      d.payload_length, packet.bytes.number, packet.bytes.time_us, next_serial_++, {}};
   if (!spare_buffers_.empty()) {
     segment.frame = std::move(spare_buffers_.back());
     spare_buffers_.pop_back();
@@ -308,6 +309,10 @@ void FlowTracker::HoldSegment(Flow& flow, Stream& stream, const Packet& packet, 
   segment.frame.assign(packet.bytes.frame, packet.bytes.frame + stored);
   auto position = std::upper_bound(stream.held.begin(), stream.held.end(), start,
                                    [](uint32_t value, const HeldSegment& held) { return SeqDiff(value, held.start) < 0; });
+  const int side = &stream == &flow.streams[0] ? 0 : 1;
+  tickets_.push_back({segment.serial, flow.key, side});
+  held_bytes_ += stored;
+  ++held_segments_;
   stream.held.insert(position, std::move(segment));
   stream.held_bytes += d.payload_length;
   ++counters_.segments_held;
@@ -318,13 +323,56 @@ void FlowTracker::HoldSegment(Flow& flow, Stream& stream, const Packet& packet, 
     stream.next = stream.held.front().start;
     DrainHeld(flow, stream);
   }
+  EnforceHoldLimit();
+  if (tickets_.size() > 2 * held_segments_ + 1024) DropStaleTickets();
+}
+
+// Over the bound of all flows, the segment held longest goes out after its
+// gap. Its direction may hold lower segments that came later: they go first,
+// as the per-direction bound sends them, so no byte is trimmed unseen.
+void FlowTracker::EnforceHoldLimit() {
+  while (held_bytes_ > options_.max_held_bytes && !tickets_.empty()) {
+    const auto [flow, stream] = Holder(tickets_.front());
+    if (!stream) {
+      tickets_.pop_front();
+      continue;
+    }
+    ++counters_.gaps_skipped;
+    ++counters_.hold_limit_gaps;
+    stream->next = stream->held.front().start;
+    DrainHeld(*flow, *stream);
+  }
+}
+
+std::pair<FlowTracker::Flow*, FlowTracker::Stream*> FlowTracker::Holder(const HoldTicket& ticket) {
+  const auto found = flows_.find(ticket.key);
+  if (found == flows_.end()) return {nullptr, nullptr};
+  Flow& flow = *found->second;
+  Stream& stream = flow.streams[ticket.side];
+  const bool held = std::any_of(stream.held.begin(), stream.held.end(),
+                                [&](const HeldSegment& segment) { return segment.serial == ticket.serial; });
+  return held ? std::pair{&flow, &stream} : std::pair<Flow*, Stream*>{nullptr, nullptr};
+}
+
+// Tickets of delivered segments pile up behind one held for long; they are
+// dropped once they outnumber the held segments, at a cost shared by the
+// holds that made them.
+void FlowTracker::DropStaleTickets() {
+  std::erase_if(tickets_, [this](const HoldTicket& ticket) { return Holder(ticket).second == nullptr; });
+}
+
+FlowTracker::HeldSegment FlowTracker::TakeLowestHeld(Stream& stream) {
+  HeldSegment segment = std::move(stream.held.front());
+  stream.held.erase(stream.held.begin());
+  stream.held_bytes -= segment.payload_length;
+  held_bytes_ -= segment.frame.size();
+  --held_segments_;
+  return segment;
 }
 
 void FlowTracker::DrainHeld(Flow& flow, Stream& stream) {
   while (!stream.held.empty() && SeqDiff(stream.held.front().start, stream.next) <= 0) {
-    HeldSegment segment = std::move(stream.held.front());
-    stream.held.erase(stream.held.begin());
-    stream.held_bytes -= segment.payload_length;
+    HeldSegment segment = TakeLowestHeld(stream);
     DeliverHeld(flow, stream, segment);
   }
 }
@@ -362,9 +410,7 @@ void FlowTracker::FlushHeld(Flow& flow) {
       ++counters_.gaps_skipped;
       pick->next = pick->held.front().start;
     }
-    HeldSegment segment = std::move(pick->held.front());
-    pick->held.erase(pick->held.begin());
-    pick->held_bytes -= segment.payload_length;
+    HeldSegment segment = TakeLowestHeld(*pick);
     DeliverHeld(flow, *pick, segment);
   }
 }
@@ -381,6 +427,8 @@ void FlowTracker::EndFlow(Flow& flow, FlowEndReason reason) {
 
 void FlowTracker::ReleaseHeld(Stream& stream) {
   for (HeldSegment& segment : stream.held) {
+    held_bytes_ -= segment.frame.size();
+    --held_segments_;
     if (spare_buffers_.size() < kMaxSpareBuffers) spare_buffers_.push_back(std::move(segment.frame));
   }
   stream.held.clear();

@@ -16,7 +16,11 @@
 //   right after the packet that fills the gap, in sequence order. At most
 //   kMaxHeldSegments segments or kMaxHeldBytes payload bytes are held per
 //   direction; beyond that the lowest held segment (possibly the one that just
-//   came) is delivered after its gap.
+//   came) is delivered after its gap. Over all connections at most
+//   Options::max_held_bytes of frames are held: beyond that, the segment held
+//   longest goes out after its gap (with the segments of its direction below
+//   it, then those it reaches), so memory stays bounded however many
+//   connections lose packets at once.
 // - A side's stream begins at its SYN's number + 1; without a SYN, at its first
 //   segment with payload, unless a packet without payload came first and the
 //   data starts more than one byte past that packet's number: then the data is
@@ -32,15 +36,18 @@
 // Memory budget: per tracked connection (live or ended) a fixed part of about
 // 350 bytes (the flow, 264 bytes on x86-64, and its table node); per live flow with segments out of order at
 // most 2 x (kMaxHeldSegments frame headers + kMaxHeldBytes payload), about
-// 2.1 MiB; the number of entries is bounded by Options::max_flows. In-order
+// 2.1 MiB, and over all flows at most Options::max_held_bytes; the number of
+// entries is bounded by Options::max_flows, whatever the idle timeout. In-order
 // delivery allocates nothing per packet; held segments reuse freed buffers.
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "capture/FlowSink.h"
@@ -61,6 +68,7 @@ struct FlowTrackerCounters {
   uint64_t packets_after_end = 0;  // of ended connections, not delivered
   uint64_t segments_held = 0;
   uint64_t gaps_skipped = 0;       // sequence gaps never filled
+  uint64_t hold_limit_gaps = 0;    // of those, skipped because Options::max_held_bytes was reached
   uint64_t flows_idle = 0;
   uint64_t flows_evicted = 0;
 };
@@ -71,8 +79,12 @@ class FlowTracker {
   static constexpr size_t kMaxHeldBytes = 1024 * 1024;
 
   struct Options {
-    uint64_t idle_timeout_us = 600ull * 1000 * 1000;
+    // A connection silent for longer ends (and an ended one is forgotten).
+    // Half an hour: an IMAP client idles up to 29 minutes between commands.
+    uint64_t idle_timeout_us = 1800ull * 1000 * 1000;
     size_t max_flows = 100000;  // live and ended connections together
+    // Frame bytes of out-of-order segments held over all connections.
+    size_t max_held_bytes = size_t{256} << 20;
   };
 
   explicit FlowTracker(FlowSink* sink);
@@ -92,6 +104,8 @@ class FlowTracker {
   void Finish();
 
   size_t tracked_connections() const { return flows_.size(); }
+  // Frame bytes held out of order now, over all connections.
+  size_t held_bytes() const { return held_bytes_; }
   const FlowTrackerCounters& counters() const { return counters_; }
 
  private:
@@ -109,6 +123,14 @@ class FlowTracker {
     size_t operator()(const Key& key) const;
   };
   struct Packet;
+  // A held segment, in the order segments were held: the oldest is released
+  // first when the bound over all connections is reached. Tickets of
+  // segments already delivered are dropped lazily.
+  struct HoldTicket {
+    uint64_t serial;
+    Key key;
+    int side;
+  };
 
   static Key MakeKey(const DecodedPacket& packet);
   // The entry of `key`, or nullptr. Most packets belong to the connection of
@@ -127,6 +149,12 @@ class FlowTracker {
   void EndFlow(Flow& flow, FlowEndReason reason);
   void FlushHeld(Flow& flow);
   void ReleaseHeld(Stream& stream);
+  // Takes the stream's lowest held segment out, keeping the totals.
+  HeldSegment TakeLowestHeld(Stream& stream);
+  void EnforceHoldLimit();
+  // The flow and stream that still hold the ticket's segment, or nulls.
+  std::pair<Flow*, Stream*> Holder(const HoldTicket& ticket);
+  void DropStaleTickets();
   void Erase(Flow& flow);
   void Touch(Flow& flow, uint64_t time_us);
   void Unlink(Flow& flow);
@@ -142,6 +170,10 @@ class FlowTracker {
   Flow* newest_ = nullptr;
   uint64_t next_id_ = 1;
   std::vector<std::vector<uint8_t>> spare_buffers_;
+  std::deque<HoldTicket> tickets_;
+  uint64_t next_serial_ = 1;
+  size_t held_bytes_ = 0;     // frame bytes held over all flows
+  size_t held_segments_ = 0;  // segments held over all flows
   FlowTrackerCounters counters_;
 };
 

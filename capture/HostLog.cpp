@@ -4,12 +4,15 @@
 #include <cstring>
 #include <string>
 
+#include "host/CodePage.h"
+
 namespace pelka {
 namespace {
 
 constexpr uint32_t kStatusRefused = 1;
 constexpr char kCopyStorageKey[] = "email_copy";
 constexpr char kCopyPathKey[] = "email_file_path";
+constexpr char kProtocolKey[] = "protocol";
 
 }  // namespace
 
@@ -30,6 +33,7 @@ uint16_t HostLog::AddColumn(const char* key, const wchar_t* caption, uint32_t va
   const auto id = static_cast<uint16_t>(columns_.size());
   columns_.Add(std::make_unique<LogColumn>(id, key, caption ? caption : L"", value_kind, 0));
   if (copy_path_column_ < 0 && std::strcmp(key, kCopyPathKey) == 0) copy_path_column_ = id;
+  if (protocol_column_ < 0 && std::strcmp(key, kProtocolKey) == 0) protocol_column_ = id;
   if (conditions_) conditions_->NoteColumn(key, id);
   return id;
 }
@@ -178,6 +182,16 @@ uint32_t HostLog::PostRecord(IPelkaLogRecord* handle) {
     return 0;
   }
   posted_.fetch_add(1, std::memory_order_relaxed);
+  {
+    const std::lock_guard<std::mutex> lock(found_mutex_);
+    const std::wstring_view protocol = record->TextAt(protocol_column_);
+    const auto found = found_by_protocol_.find(protocol);
+    if (found != found_by_protocol_.end()) {
+      ++found->second;
+    } else {
+      found_by_protocol_.emplace(protocol, 1);
+    }
+  }
   if (!record->TextAt(copy_path_column_).empty()) copies_written_.fetch_add(1, std::memory_order_relaxed);
   // The record is the caller's alone now: its line is built without a lock.
   if (outputs_.records) WriteRecordLine(*record);
@@ -212,6 +226,13 @@ void HostLog::ExportBatch(std::unique_ptr<LogRecordSet> batch) {
   }
   const std::lock_guard<std::mutex> lock(mutex_);
   spare_batches_.push_back(std::move(batch));
+}
+
+std::map<std::string, uint64_t> HostLog::records_by_protocol() const {
+  std::map<std::string, uint64_t> counts;
+  const std::lock_guard<std::mutex> lock(found_mutex_);
+  for (const auto& [protocol, count] : found_by_protocol_) counts[WideToUtf8(protocol)] += count;
+  return counts;
 }
 
 void HostLog::Finish() {

@@ -31,8 +31,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "capture/EmailConditions.h"
@@ -85,6 +87,9 @@ class HostLog final : public IPelkaLog {
 
   // Records posted and kept (those the conditions refused are not counted).
   uint64_t records() const { return posted_.load(std::memory_order_relaxed); }
+  // The same by the text of their "protocol" field (UTF-8), counted as they
+  // are posted: what the run found, whether or not its line could be written.
+  std::map<std::string, uint64_t> records_by_protocol() const;
   uint64_t entries() const { return entries_.load(std::memory_order_relaxed); }
   // Kept records whose copy path names a file.
   uint64_t copies() const { return copies_written_.load(std::memory_order_relaxed); }
@@ -113,6 +118,7 @@ class HostLog final : public IPelkaLog {
   bool copies_;
   LogColumns columns_;
   int32_t copy_path_column_ = -1;
+  int32_t protocol_column_ = -1;
   std::vector<std::unique_ptr<LogStorage>> storages_;
   std::unique_ptr<RecordConditions> conditions_;  // null: every record is kept
   LogExporter exporter_;
@@ -134,6 +140,9 @@ class HostLog final : public IPelkaLog {
   std::mutex entry_mutex_;  // guards the buffers of the entry lines
   LocalTimeCache entry_times_;
   JsonObjectLine entry_line_;
+
+  mutable std::mutex found_mutex_;  // guards found_by_protocol_
+  std::map<std::wstring, uint64_t, std::less<>> found_by_protocol_;
 
   std::atomic<uint64_t> posted_{0};
   std::atomic<uint64_t> entries_{0};

@@ -38,6 +38,13 @@ uint64_t HostLogService::records() const {
   return total;
 }
 
+std::map<std::string, uint64_t> HostLogService::records_by_protocol() const {
+  std::map<std::string, uint64_t> total;
+  for (const auto& log : logs_)
+    for (const auto& [protocol, count] : log->records_by_protocol()) total[protocol] += count;
+  return total;
+}
+
 uint64_t HostLogService::entries() const {
   uint64_t total = 0;
   for (const auto& log : logs_) total += log->entries();

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -36,6 +37,7 @@ class HostLogService final : public IPelkaLogService {
 
   // Sums over the logs (HostLog::records() and the others).
   uint64_t records() const;
+  std::map<std::string, uint64_t> records_by_protocol() const;
   uint64_t entries() const;
   uint64_t copies() const;
 

@@ -127,11 +127,16 @@ class HostServices::Impl final : public FlowSink {
     counts.flows_declined = flows_declined_.load(std::memory_order_relaxed);
     if (log_) {
       counts.records = log_->records();
+      counts.records_by_protocol = log_->records_by_protocol();
       counts.entries = log_->entries();
       counts.copies = log_->copies();
     }
     counts.diagnosis_reports = diagnosis_.reports();
     counts.reports_by_event = diagnosis_.reports_by_event();
+    for (auto [file, name] : Files()) {
+      if (const uint64_t lost = file->lines_lost()) counts.lines_lost.emplace_back(name, lost);
+    }
+    if (const uint64_t lost = statistics_file_.lines_lost()) counts.lines_lost.emplace_back("statistics.json", lost);
     return counts;
   }
 
@@ -154,12 +159,17 @@ class HostServices::Impl final : public FlowSink {
 
  private:
   // Asked after every packet, so it is a fixed array, not a fresh list.
-  std::array<std::pair<OutputFile*, const char*>, 5> Files() {
-    return {{{&records_file_, "emails.jsonl"},
-             {&entries_file_, "entries.jsonl"},
-             {&diagnosis_file_, "diagnosis.jsonl"},
-             {&csv_file_, "email_log.csv"},
-             {&text_file_, "email_log.txt"}}};
+  template <typename File>
+  using FileList = std::array<std::pair<File*, const char*>, 5>;
+  FileList<OutputFile> Files() { return FilesOf<OutputFile>(*this); }
+  FileList<const OutputFile> Files() const { return FilesOf<const OutputFile>(*this); }
+  template <typename File, typename Self>
+  static FileList<File> FilesOf(Self& self) {
+    return {{{&self.records_file_, "emails.jsonl"},
+             {&self.entries_file_, "entries.jsonl"},
+             {&self.diagnosis_file_, "diagnosis.jsonl"},
+             {&self.csv_file_, "email_log.csv"},
+             {&self.text_file_, "email_log.txt"}}};
   }
   std::string root() const { return log_ ? AbsoluteDirectory(options_.out_dir) : std::string(); }
 
@@ -196,5 +206,8 @@ FlowSink* HostServices::flow_sink() { return impl_.get(); }
 bool HostServices::FinishRun(CPAEBaseModule* module) { return impl_->FinishRun(module); }
 const std::string& HostServices::error() const { return impl_->error_; }
 HostRunCounts HostServices::counts() const { return impl_->counts(); }
+void HostServices::AddStatistic(const std::string& item, const std::string& counter, uint64_t value) {
+  impl_->statistics_.AddHostFigure(item, counter, value);
+}
 
 }  // namespace pelka

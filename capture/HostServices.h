@@ -23,6 +23,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "capture/EmailConditions.h"
 #include "capture/FlowSink.h"
@@ -58,13 +60,16 @@ struct HostOptions {
 
 // What the run produced, for the program's summary.
 struct HostRunCounts {
-  uint64_t records = 0;            // lines of emails.jsonl
+  uint64_t records = 0;            // records posted (and kept): lines of emails.jsonl if all were written
+  std::map<std::string, uint64_t> records_by_protocol;  // the same by protocol text
   uint64_t entries = 0;            // lines of entries.jsonl
   uint64_t copies = 0;             // records that name a copy file
   uint64_t diagnosis_reports = 0;  // lines of diagnosis.jsonl
   std::map<std::string, uint64_t> reports_by_event;  // event key -> reports
   uint64_t flows_bound = 0;        // flows the module took
   uint64_t flows_declined = 0;     // flows the module refused
+  // Output files that lost lines (a full disk): file name -> lines lost.
+  std::vector<std::pair<std::string, uint64_t>> lines_lost;
 };
 
 class HostServices {
@@ -115,6 +120,10 @@ class HostServices {
   bool failed() const { return !error().empty(); }
 
   HostRunCounts counts() const;
+
+  // A figure of the capture side for statistics.json (see
+  // HostStatService::AddHostFigure); call before FinishRun.
+  void AddStatistic(const std::string& item, const std::string& counter, uint64_t value);
 
  private:
   class Impl;

@@ -79,10 +79,19 @@ HostStatCounter* HostStatService::CounterAt(int32_t index) {
   return by_index_[static_cast<size_t>(index)];
 }
 
+void HostStatService::AddHostFigure(const std::string& item, const std::string& counter, uint64_t value) {
+  if (!host_category_) host_category_ = std::make_unique<HostStatCategory>("Capture");
+  auto* host_item = static_cast<HostStatItem*>(host_category_->AddItem(item.c_str(), L"", kStatScopeGlobal, ""));
+  static_cast<HostStatCounter*>(host_item->AddCounter(counter.c_str(), 0, 0, kStatScopeGlobal, ""))->Add(value);
+}
+
 std::string HostStatService::ToJson() const {
   // Objects nest three levels; each level is built like a JSON line.
   JsonObjectLine top;
-  for (const auto& category : categories_) {
+  std::vector<const HostStatCategory*> categories;
+  for (const auto& category : categories_) categories.push_back(category.get());
+  if (host_category_) categories.push_back(host_category_.get());
+  for (const HostStatCategory* category : categories) {
     JsonObjectLine items;
     for (const auto& item : category->items()) {
       JsonObjectLine counters;

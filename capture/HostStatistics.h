@@ -84,6 +84,10 @@ class HostStatService final : public IPelkaStatService, private IPelkaStatRegist
 
   // The counter with the index, or null.
   HostStatCounter* CounterAt(int32_t index);
+  // A figure of the host itself, kept under the category "Capture" after the
+  // clients' categories. Only figures that were added appear.
+  void AddHostFigure(const std::string& item, const std::string& counter, uint64_t value);
+
   // {"Category": {"Item": {"Counter": value, ...}, ...}, ...}, in definition order.
   std::string ToJson() const;
   bool has_client() const { return !clients_.empty(); }
@@ -95,6 +99,7 @@ class HostStatService final : public IPelkaStatService, private IPelkaStatRegist
   std::vector<IPelkaStatClient*> clients_;
   std::vector<std::unique_ptr<HostStatCategory>> categories_;
   std::vector<HostStatCounter*> by_index_;
+  std::unique_ptr<HostStatCategory> host_category_;  // null until a figure is added
 };
 
 // The statistics object of one flow: counts into the service's counters.

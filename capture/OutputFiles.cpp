@@ -78,10 +78,15 @@ bool OutputFile::Write(std::string_view text) {
 }
 
 bool OutputFile::WriteLocked(std::string_view text, bool add_line_end) {
-  if (!file_ || !error_.empty()) return false;
+  const uint64_t lines = static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n')) + (add_line_end ? 1 : 0);
+  if (!file_) return false;
+  if (!error_.empty()) {
+    lines_lost_.fetch_add(lines, std::memory_order_relaxed);
+    return false;
+  }
   pending_.append(text);
   if (add_line_end) pending_ += '\n';
-  ++pending_lines_;
+  pending_lines_ += lines;
   const auto now = std::chrono::steady_clock::now();
   if (each_line_ || pending_.size() >= kFlushBytes || now - last_flush_ >= kFlushInterval) return FlushLocked();
   return true;
@@ -97,18 +102,40 @@ bool OutputFile::FlushLocked() {
   if (!file_ || !error_.empty()) return false;
   if (pending_.empty()) return true;
   errno = 0;
-  if (std::fwrite(pending_.data(), 1, pending_.size(), file_) != pending_.size() || std::fflush(file_) != 0) {
+  const size_t written = WritePending();
+  const bool complete = written == pending_.size();
+  // On a full disk the lines that fit stay; the rest are lost and counted.
+  const size_t kept = complete ? written : (written == 0 ? 0 : pending_.rfind('\n', written - 1) + 1);
+  const auto kept_lines = static_cast<uint64_t>(std::count(pending_.begin(), pending_.begin() + kept, '\n'));
+  complete_bytes_ += kept;
+  lines_.fetch_add(kept_lines, std::memory_order_relaxed);
+  if (!complete) {
+    if (errno == 0) errno = ENOSPC;  // a write that took nothing without saying why
     Fail("cannot write");
     DropPartialLine();
-    pending_.clear();
-    pending_lines_ = 0;
-    return false;
+    lines_lost_.fetch_add(pending_lines_ - kept_lines, std::memory_order_relaxed);
   }
-  complete_bytes_ += pending_.size();
-  lines_.fetch_add(pending_lines_, std::memory_order_relaxed);
   pending_.clear();
   pending_lines_ = 0;
-  return true;
+  return complete;
+}
+
+size_t OutputFile::WritePending() {
+  // Straight to the descriptor: a short write then says how much reached the
+  // file, which stdio would not tell.
+  const int descriptor = ::fileno(file_);
+  size_t written = 0;
+  while (written < pending_.size()) {
+    const ssize_t n = ::write(descriptor, pending_.data() + written, pending_.size() - written);
+    if (n > 0) {
+      written += static_cast<size_t>(n);
+    } else if (n < 0 && errno == EINTR) {
+      continue;
+    } else {
+      break;
+    }
+  }
+  return written;
 }
 
 void OutputFile::DropPartialLine() {

@@ -6,7 +6,10 @@
 // the outputs cost more than analysing the traffic. Only whole lines ever
 // reach the file, so a run that is interrupted (and closes its files) leaves
 // only whole lines behind. The first failure of a file is kept; later writes
-// to it do nothing, and a failed write is cut back to the last whole line.
+// to it do nothing. A failed write (a full disk) keeps every whole line that
+// reached the file and cuts off the part of a line after them; the lines
+// that did not make it, and every line handed over later, are counted as
+// lost.
 // Writers on several threads take turns line by line, so lines never
 // interleave.
 #pragma once
@@ -62,6 +65,8 @@ class OutputFile {
   bool failed() const { return failed_.load(std::memory_order_acquire); }
   // Lines written out to the file.
   uint64_t lines() const { return lines_.load(std::memory_order_relaxed); }
+  // Lines taken but never written because the file failed.
+  uint64_t lines_lost() const { return lines_lost_.load(std::memory_order_relaxed); }
 
  private:
   bool WriteLocked(std::string_view text, bool add_line_end);
@@ -69,6 +74,8 @@ class OutputFile {
   bool CloseLocked();
 
   void Fail(const char* what);
+  // Writes `pending_` through the descriptor; the bytes that reached the file.
+  size_t WritePending();
   // After a failed write: cuts the file back to its last whole line.
   void DropPartialLine();
 
@@ -78,6 +85,7 @@ class OutputFile {
   std::string error_;
   std::atomic<bool> failed_{false};
   std::atomic<uint64_t> lines_{0};
+  std::atomic<uint64_t> lines_lost_{0};
   uint64_t complete_bytes_ = 0;  // bytes of the whole lines written so far
   std::string pending_;          // whole lines taken, not yet written
   uint64_t pending_lines_ = 0;

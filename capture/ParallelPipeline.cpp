@@ -21,6 +21,7 @@ void AddCounters(FlowTrackerCounters& total, const FlowTrackerCounters& more) {
   total.packets_after_end += more.packets_after_end;
   total.segments_held += more.segments_held;
   total.gaps_skipped += more.gaps_skipped;
+  total.hold_limit_gaps += more.hold_limit_gaps;
   total.flows_idle += more.flows_idle;
   total.flows_evicted += more.flows_evicted;
 }
@@ -150,6 +151,7 @@ ParallelPipeline::ParallelPipeline(unsigned workers, FlowSink* sink, FlowTracker
   workers = std::max(1u, workers);
   options.max_flows = std::max<size_t>(1, options.max_flows / workers);
   max_flows_per_worker_ = options.max_flows;
+  options.max_held_bytes /= workers;
   for (size_t i = 0; i < kBatches; ++i) {
     batches_.push_back(std::make_unique<Batch>());
     free_.push_back(batches_.back().get());

@@ -60,8 +60,8 @@ class ParallelPipeline {
   static constexpr size_t kBatchBytes = 256 * 1024;
   static constexpr size_t kBatches = 16;
 
-  // `options.max_flows` is the bound of the whole run; each worker gets its
-  // share.
+  // `options.max_flows` and `options.max_held_bytes` are the bounds of the
+  // whole run; each worker gets its share.
   ParallelPipeline(unsigned workers, FlowSink* sink, FlowTracker::Options options = {});
   ~ParallelPipeline();
   ParallelPipeline(const ParallelPipeline&) = delete;

@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#include "capture/TerminalText.h"
+
 namespace pelka {
 
 std::string FormatBytes(uint64_t bytes) {
@@ -51,7 +53,8 @@ void Progress::CheckClock() {
 
 void Progress::Draw() {
   const std::chrono::duration<double> elapsed = Clock::now() - start_;
-  const std::string line = FormatProgress(read_(), elapsed.count());
+  // It goes to the terminal past the escaping of the program's streams.
+  const std::string line = EscapeForTerminal(FormatProgress(read_(), elapsed.count()));
   // Blanks wipe the rest of a longer previous line.
   const size_t pad = last_width_ > line.size() ? last_width_ - line.size() : 0;
   std::fprintf(out_, "\r%s%*s", line.c_str(), static_cast<int>(pad), "");

@@ -6,6 +6,7 @@
 #include <ostream>
 
 #include "capture/Progress.h"
+#include "capture/TerminalText.h"
 #include "host/CodePage.h"
 
 namespace pelka {
@@ -38,12 +39,13 @@ int CharWidth(wchar_t c) {
   return wide ? 2 : 1;
 }
 
-// Line breaks and tabs inside a field would break the table's rows.
-std::wstring OneLine(std::wstring text) {
-  for (wchar_t& c : text) {
-    if (c == L'\r' || c == L'\n' || c == L'\t') c = L' ';
+// Line breaks and tabs inside a field would break the table's rows; other
+// control characters are shown escaped, taking the columns their escape takes.
+std::wstring OneLine(std::string text) {
+  for (char& c : text) {
+    if (c == '\r' || c == '\n' || c == '\t') c = ' ';
   }
-  return text;
+  return Utf8ToWideText(EscapeForTerminal(text));
 }
 
 std::string Count(uint64_t value, const char* one, const char* many) {
@@ -51,16 +53,16 @@ std::string Count(uint64_t value, const char* one, const char* many) {
 }
 
 void PrintMessages(std::ostream& out, const RunFacts& facts, const MessageDigest& messages) {
-  out << "Messages: " << messages.total;
-  if (!messages.by_protocol.empty()) {
+  out << "Messages: " << facts.messages_found;
+  const std::map<std::string, uint64_t>& by_protocol = facts.found_by_protocol;
+  if (!by_protocol.empty()) {
     // The module's protocol names first, in port order, then anything else.
     static const char* const kKnown[] = {"SMTP", "POP3", "IMAPv4"};
     std::vector<std::pair<std::string, uint64_t>> ordered;
     for (const char* name : kKnown) {
-      if (const auto found = messages.by_protocol.find(name); found != messages.by_protocol.end())
-        ordered.emplace_back(*found);
+      if (const auto found = by_protocol.find(name); found != by_protocol.end()) ordered.emplace_back(*found);
     }
-    for (const auto& entry : messages.by_protocol) {
+    for (const auto& entry : by_protocol) {
       if (std::find(std::begin(kKnown), std::end(kKnown), entry.first) == std::end(kKnown)) ordered.push_back(entry);
     }
     out << " (";
@@ -72,6 +74,15 @@ void PrintMessages(std::ostream& out, const RunFacts& facts, const MessageDigest
     out << ")";
   }
   out << "\n";
+  if (!facts.lines_lost.empty()) {
+    out << "Not written:";
+    const char* separator = " ";
+    for (const auto& [file, lines] : facts.lines_lost) {
+      out << separator << file << " " << Count(lines, "line", "lines");
+      separator = ", ";
+    }
+    out << " (the output could not take them)\n";
+  }
   if (messages.first.empty()) return;
 
   struct Column {
@@ -139,7 +150,7 @@ size_t DisplayWidth(const std::string& utf8) {
 }
 
 std::string FitToWidth(const std::string& utf8, size_t width) {
-  const std::wstring text = OneLine(Utf8ToWideText(utf8));
+  const std::wstring text = OneLine(utf8);
   size_t used = 0;
   for (wchar_t c : text) used += static_cast<size_t>(CharWidth(c));
   std::wstring fitted;
@@ -165,6 +176,10 @@ void PrintSummary(std::ostream& out, const RunFacts& facts, const MessageDigest&
   PrintDiagnosis(out, facts);
   out << "\nConnections: SMTP " << facts.connections_smtp << ", POP3 " << facts.connections_pop3 << ", IMAP4 "
       << facts.connections_imap << "\n";
+  if (facts.hold_limit_gaps) {
+    out << "Hold limit: " << facts.hold_limit_mib << " MiB of out-of-order data reached "
+        << Count(facts.hold_limit_gaps, "time", "times") << "; gaps skipped there\n";
+  }
 
   char elapsed[32];
   std::snprintf(elapsed, sizeof elapsed, "%.2f s", facts.elapsed_seconds);

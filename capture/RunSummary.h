@@ -2,14 +2,17 @@
 // the first messages as a table, diagnosis reports per event, connections per
 // protocol, what was read and how fast, and where the output files are.
 //
-// Messages are read back from the run's emails.jsonl, so that the summary
-// shows exactly what the output holds.
+// Messages are counted as the module posted them, so that a record whose line
+// could not be written (a full disk) still counts; the first rows are read
+// back from the run's emails.jsonl, so that the table shows what it holds.
+// Lines lost on the way out are listed.
 #pragma once
 
 #include <cstdint>
 #include <iosfwd>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace pelka {
@@ -44,6 +47,11 @@ struct RunFacts {
   uint64_t connections_pop3 = 0;
   uint64_t connections_imap = 0;
   std::map<std::string, uint64_t> reports_by_event;
+  uint64_t messages_found = 0;
+  std::map<std::string, uint64_t> found_by_protocol;  // "SMTP", "POP3", "IMAPv4"
+  std::vector<std::pair<std::string, uint64_t>> lines_lost;  // output file -> lines not written
+  uint64_t hold_limit_gaps = 0;  // gaps skipped because --hold-limit was reached
+  uint32_t hold_limit_mib = 0;
 };
 
 inline constexpr size_t kSummaryRows = 10;
@@ -53,8 +61,9 @@ void PrintSummary(std::ostream& out, const RunFacts& facts, const MessageDigest&
 // Columns a text takes on a terminal: wide East Asian characters count two.
 size_t DisplayWidth(const std::string& utf8);
 
-// The text cut to at most `width` columns, "…" marking a cut, then padded
-// with blanks to exactly `width` columns.
+// The text on one line (line breaks and tabs as blanks, other control
+// characters escaped: TerminalText.h), cut to at most `width` columns, "…"
+// marking a cut, then padded with blanks to exactly `width` columns.
 std::string FitToWidth(const std::string& utf8, size_t width);
 
 }  // namespace pelka

@@ -6,6 +6,7 @@
 #include "capture/CaptureRun.h"
 #include "capture/CommandLine.h"
 #include "capture/MergeCommand.h"
+#include "capture/TerminalText.h"
 
 namespace {
 
@@ -25,12 +26,20 @@ void KeepMessageBuffersMapped() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (pelka::IsMergeCommand(argc, argv)) return pelka::RunMergeCommand(argc, argv, std::cout, std::cerr);
+  // Whatever the program prints may hold bytes from the capture or the
+  // command line: control characters reach the terminal escaped.
+  pelka::TerminalStreamBuffer out_buffer(std::cout.rdbuf());
+  pelka::TerminalStreamBuffer err_buffer(std::cerr.rdbuf());
+  std::ostream out(&out_buffer);
+  std::ostream err(&err_buffer);
+  err.setf(std::ios::unitbuf);
+
+  if (pelka::IsMergeCommand(argc, argv)) return pelka::RunMergeCommand(argc, argv, out, err);
   const pelka::CommandLineOutcome outcome = pelka::ParseCommandLine(argc, argv);
   if (!outcome.options) {
-    (outcome.exit_status == pelka::kExitDone ? std::cout : std::cerr) << outcome.text;
+    (outcome.exit_status == pelka::kExitDone ? out : err) << outcome.text;
     return outcome.exit_status;
   }
   KeepMessageBuffersMapped();
-  return pelka::RunCapture(*outcome.options, std::cout, std::cerr);
+  return pelka::RunCapture(*outcome.options, out, err);
 }

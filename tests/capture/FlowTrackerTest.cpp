@@ -73,7 +73,7 @@ const std::vector<FlowCase>& Cases() {
        {"start 630 10.0.0.1:40000", "#1 1 ", "#2 2 ", "#3 1 ", "end closed", "start 630 10.0.0.1:40000", "#5 1 ",
         "end end of input"}},
       {"the ended entry is forgotten after another idle timeout",
-       {{'c', 101, PA, "a", -1, 1}, {'c', 102, PA, "b", -1, 700}, {'c', 103, PA, "c", -1, 1400}},
+       {{'c', 101, PA, "a", -1, 1}, {'c', 102, PA, "b", -1, 1900}, {'c', 103, PA, "c", -1, 3800}},
        {"start 630 10.0.0.1:40000", "#1 1 a", "end idle", "start 630 10.0.0.1:40000", "#3 1 c", "end end of input"}},
       {"payload cut by the snap length still moves the sequence",
        {{'c', 101, PA, "HELO\r\n", 0}, {'c', 107, PA, "MAIL\r\n", 2}, {'c', 113, PA, "RCPT\r\n"}},
@@ -183,6 +183,24 @@ TEST(FlowTrackerTest, ASegmentBelowEveryHeldOneGoesOutWholeWhenTheBoundIsReached
   harness.Feed({'c', 150, PA, "below"});
   ASSERT_EQ(harness.sink.events.size(), 3u);
   EXPECT_EQ(harness.sink.events[2], "#66 1 below");
+}
+
+// Over all connections the held frames are bounded too: past the bound the
+// segment held longest goes out after its gap, whichever flow holds it.
+TEST(FlowTrackerTest, HoldBoundOverAllFlowsReleasesTheOldestHeldFirst) {
+  FlowTracker::Options options;
+  options.max_held_bytes = 60;  // one held frame of 41 bytes, not two
+  TrackerHarness harness(options);
+  harness.Feed({'c', 1, PA, "a", -1, 0, 40001});
+  harness.Feed({'c', 10, PA, "A", -1, 0, 40001});
+  harness.Feed({'c', 1, PA, "b", -1, 0, 40002});
+  harness.Feed({'c', 10, PA, "B", -1, 0, 40002});
+  EXPECT_THAT(harness.sink.events, ElementsAreArray({"start 630 10.0.0.1:40001", "#1 1 a", "start 630 10.0.0.1:40002",
+                                                     "#3 1 b", "#2 1 A"}));
+  EXPECT_EQ(harness.tracker.counters().hold_limit_gaps, 1u);
+  EXPECT_EQ(harness.tracker.held_bytes(), 41u);
+  harness.tracker.Finish();
+  EXPECT_EQ(harness.tracker.held_bytes(), 0u);
 }
 
 TEST(FlowTrackerTest, LiveFlowBoundEndsTheLeastRecentlyActive) {

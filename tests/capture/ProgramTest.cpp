@@ -230,6 +230,21 @@ TEST_F(ProgramTest, ConditionsKeepOnlyTheMessagesThatMeetThemAll) {
   }
 }
 
+// A subject that would retitle the window and clear the screen, and a file
+// name with an escape in it: the terminal sees the control characters escaped
+// in the summary and in the error; emails.jsonl keeps its own JSON escaping.
+TEST_F(ProgramTest, ControlCharactersReachTheTerminalEscaped) {
+  const std::string subject = "\x1b]0;owned\x07Hi\x1b[2J";
+  test::WriteWholeFile(dir_ / "mail.pcap",
+                       test::PcapFileHeader() + test::PcapRecords(test::SmtpSession(40000, subject)));
+  const ProgramResult result = Run({"-o", Out(), (dir_ / "mail.pcap").string(), (dir_ / "x\x1b[2J.pcap").string()});
+  EXPECT_EQ(result.status, kExitInputProblem);
+  EXPECT_THAT(result.out, HasSubstr("\\x1b]0;owned\\x07Hi\\x1b[2J"));
+  EXPECT_THAT(result.err, HasSubstr("x\\x1b[2J.pcap"));
+  for (const std::string& text : {result.out, result.err}) EXPECT_EQ(text.find_first_of("\x1b\x07"), std::string::npos);
+  EXPECT_EQ(Field(Records(Out()), "email_subject"), std::vector<std::string>{subject});
+}
+
 // ---------------------------------------------------------------------------
 // Input problems: status 1, a message, and the outputs found so far kept.
 
@@ -278,6 +293,8 @@ TEST(RunSummaryText, FitsTextToColumnsCountingWideCharacters) {
       {"abcdef", 4, "abc\u2026"},
       {"下周五开会", 6, "下周\u2026 "},
       {"a\r\nb", 4, "a  b"},
+      {"\x1b[2Jx", 10, "\\x1b[2Jx  "},
+      {"\xc2\x9b" "1m\xff", 13, "\\u009b1m\\xff "},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(FitToWidth(c.text, c.width), c.fitted) << c.text;

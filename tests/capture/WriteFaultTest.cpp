@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -93,22 +94,29 @@ TEST_F(WriteFaultTest, UnusableOutputFolderIsNamed) {
   EXPECT_EQ(test::ReadWholeFile(dir_ / "elsewhere.txt"), "keep\n");
 }
 
-// A 16 KiB file system fills up after a few records: the run says so, and
-// what it wrote before is in whole lines.
+// A 16 KiB file system fills up after a few records: the run says so, keeps
+// in whole lines every record that fitted, counts the lost ones on stderr and
+// in the summary, and the summary counts every message found.
 TEST_F(WriteFaultTest, OutputFileSystemFillsUpMidRun) {
   REQUIRE_PROGRAM();
   const path out = dir_ / "out";
   const path saved = dir_ / "saved";
   test::fs::create_directory(out);
   test::fs::create_directory(saved);
-  const ProgramResult result = RunOnTmpfs("size=16k", out, saved, {"-o", out.string(), "--quiet", capture_.string()});
+  const ProgramResult result = RunOnTmpfs("size=16k", out, saved, {"-o", out.string(), capture_.string()});
 
   REQUIRE_MOUNT(result);
   test::ExpectNoCrash(result);
   EXPECT_EQ(result.status, kExitInputProblem);
   EXPECT_THAT(result.err, HasSubstr("No space left on device"));
-  EXPECT_LT(LineCount(saved / "emails.jsonl"), 40u) << "the file system did not fill up";
   test::ExpectWholeLines(saved);
+  const size_t kept = LineCount(saved / "emails.jsonl");
+  std::smatch lost;
+  ASSERT_TRUE(std::regex_search(result.err, lost, std::regex("([0-9]+) lines of emails\\.jsonl were lost"))) << result.err;
+  EXPECT_GT(kept, 0u) << "the lines that fitted were dropped";
+  EXPECT_EQ(kept + std::stoul(lost[1]), 40u);
+  EXPECT_THAT(result.out, HasSubstr("Messages: 40 (SMTP 40)"));
+  EXPECT_THAT(result.out, HasSubstr("Not written: emails.jsonl " + lost[1].str() + " lines"));
 }
 
 // Ctrl-C and SIGTERM end a run cleanly: exit status 0, the summary says the
