@@ -1,5 +1,6 @@
 #include "capture/CaptureReading.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -8,6 +9,7 @@
 #include <utility>
 
 #include "capture/Progress.h"
+#include "capture/StatisticsRefresh.h"
 #include "capture/StopSignal.h"
 
 namespace pelka {
@@ -115,12 +117,17 @@ bool OpenInputs(const ProgramOptions& options, Pipeline& pipeline, std::ostream&
     if (!options.user.empty()) source.OpenAllFilesNow();
     return true;
   }
-  if (source.OpenLive(options.interface_name)) return true;
+  if (source.OpenLive(options.interface_name, {options.filter, options.buffer_size_mib})) return true;
   err << kProgramName << ": " << source.error() << "\n";
   return false;
 }
 
 }  // namespace
+
+bool ReadsSlowInput(const ProgramOptions& options) {
+  return !options.interface_name.empty() ||
+         std::find(options.inputs.begin(), options.inputs.end(), "-") != options.inputs.end();
+}
 
 bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, PrivilegeDrop& drop,
                   std::ostream& err) {
@@ -130,9 +137,10 @@ bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostService
     return false;
   }
   StopSignalScope signals(&pipeline.source, pipeline.blocks.get());
+  const StatisticsRefresh statistics(services, ReadsSlowInput(options));
   Progress progress(Progress::Wanted(options.quiet), [&pipeline, &services] {
     return ProgressFigures{pipeline.bytes_read(), pipeline.total_bytes(), pipeline.frames_read(),
-                           services.counts().records};
+                           services.counts().records, pipeline.kernel_drops()};
   });
   if (pipeline.parallel && pipeline.blocks) {
     return ReadAllInWorkers(*pipeline.blocks, pipeline, services, progress, err);

@@ -20,11 +20,18 @@ inline constexpr const char* kProgramName = "pelka-email";
 // Bounds of --threads.
 constexpr unsigned kMaxThreads = 64;
 
+// Live capture (-i): the packets the kernel hands up unless --filter says
+// otherwise, and the size of its ring buffer.
+inline constexpr const char* kDefaultLiveFilter = "tcp port 25 or tcp port 110 or tcp port 143";
+constexpr uint32_t kDefaultBufferSizeMib = 8;
+constexpr uint32_t kMaxBufferSizeMib = 4096;
+
 // Exit statuses of the program, also listed in --help and the README.
 enum ExitStatus : int {
   kExitDone = 0,          // the run finished (also --help and --version)
-  kExitInputProblem = 1,  // an input is unreadable or damaged (outputs kept), or the output
-                          // folder or the module library cannot be used
+  kExitInputProblem = 1,  // an input is unreadable, damaged (outputs kept) or of a link type
+                          // not supported, or the output folder or the module library cannot
+                          // be used
   kExitUsage = 2,         // the command line is wrong; nothing was read
 };
 
@@ -36,6 +43,10 @@ struct ProgramOptions {
   std::vector<std::string> inputs;  // capture files in order; "-" is standard input
   std::string interface_name;       // live capture instead of files
   std::string user;                 // continue as this user once the inputs are open (see PrivilegeDrop.h)
+  // Live capture only: the kernel's packet filter ("" passes every packet)
+  // and its ring buffer.
+  std::string filter = kDefaultLiveFilter;
+  uint32_t buffer_size_mib = kDefaultBufferSizeMib;
   std::string out_dir = "pelka-out";
   bool copies = false;
   uint32_t max_flow_length_mib = 2;

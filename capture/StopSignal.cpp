@@ -27,11 +27,13 @@ StopSignalScope::StopSignalScope(CaptureSource* source, PcapBlockReader* blocks)
   sigemptyset(&action.sa_mask);
   sigaction(SIGINT, &action, &old_int_);
   sigaction(SIGTERM, &action, &old_term_);
+  sigaction(SIGHUP, &action, &old_hup_);
 }
 
 StopSignalScope::~StopSignalScope() {
   sigaction(SIGINT, &old_int_, nullptr);
   sigaction(SIGTERM, &old_term_, nullptr);
+  sigaction(SIGHUP, &old_hup_, nullptr);
   g_stoppable_source.store(nullptr);
   g_stoppable_blocks.store(nullptr);
 }
