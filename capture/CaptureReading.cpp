@@ -15,6 +15,10 @@
 namespace pelka {
 namespace {
 
+// How long a quiet interface or pipe is waited for before the frames read so
+// far are handed on and the outputs flushed.
+constexpr int kQuietInputMs = 100;
+
 uint64_t NowMicroseconds() {
   return static_cast<uint64_t>(
       std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
@@ -76,7 +80,8 @@ bool ReadAll(Source& source, Pipeline& pipeline, HostServices& services, Progres
         }
         break;
       case ReadStatus::kTimeout:
-        tracker.Advance(NowMicroseconds());
+        // A pipe may carry an old capture: only a live clock moves its time.
+        if (source.live()) tracker.Advance(NowMicroseconds());
         services.FlushOutputs();
         break;
       default:
@@ -96,7 +101,7 @@ bool ReadAllInWorkers(Source& source, Pipeline& pipeline, HostServices& services
       [&](CapturedFrame* frame, PcapBlock** block) {
         const ReadStatus status = NextForFlows(source, frame, block, progress, inputs_ok, err);
         if (status == ReadStatus::kTimeout) {
-          frame->time_us = NowMicroseconds();
+          frame->time_us = source.live() ? NowMicroseconds() : 0;
           services.FlushOutputs();
         }
         return status;
@@ -108,16 +113,18 @@ bool ReadAllInWorkers(Source& source, Pipeline& pipeline, HostServices& services
 bool OpenInputs(const ProgramOptions& options, Pipeline& pipeline, std::ostream& err) {
   CaptureSource& source = pipeline.source;
   if (pipeline.blocks) {
+    pipeline.blocks->AnswerTimeoutsOnStandardInput(kQuietInputMs);
     pipeline.blocks->OpenFiles(options.inputs);
     return true;
   }
   if (options.interface_name.empty()) {
+    source.AnswerTimeoutsOnStandardInput(kQuietInputMs);
     source.OpenFiles(options.inputs);
     // Read as root, even after --user switches away from it.
     if (!options.user.empty()) source.OpenAllFilesNow();
     return true;
   }
-  if (source.OpenLive(options.interface_name, {options.filter, options.buffer_size_mib})) return true;
+  if (source.OpenLive(options.interface_name, {options.filter, options.buffer_size_mib, kQuietInputMs})) return true;
   err << kProgramName << ": " << source.error() << "\n";
   return false;
 }

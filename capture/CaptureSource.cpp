@@ -141,6 +141,7 @@ bool CaptureSource::OpenNextFile() {
   const size_t index = next_path_++;
   const std::string& path = paths_[index];
   current_name_ = path == "-" ? "standard input" : path;
+  reading_stdin_ = path == "-";
   current_bytes_ = 0;
   FILE* file = nullptr;
   int open_error = 0;
@@ -228,6 +229,7 @@ void CaptureSource::CloseCurrent() {
   handle_ = nullptr;
   selectable_fd_ = -1;
   file_ = nullptr;
+  reading_stdin_ = false;
   current_bytes_ = 0;
   current_name_.clear();
 }
@@ -250,6 +252,7 @@ ReadStatus CaptureSource::Next(CapturedFrame* frame) {
       if (OpenNextFile()) continue;
       return error_.empty() ? ReadStatus::kEnd : ReadStatus::kError;
     }
+    if (reading_stdin_ && stdin_timeout_ms_ > 0 && !StandardInputReady()) return ReadStatus::kTimeout;
     pcap_pkthdr* header = nullptr;
     const u_char* data = nullptr;
     const int status = pcap_next_ex(handle_, &header, &data);
@@ -292,6 +295,16 @@ bool CaptureSource::WaitForFrames() {
   if (selectable_fd_ < 0) return false;
   pollfd wanted{selectable_fd_, POLLIN, 0};
   return ::poll(&wanted, 1, read_timeout_ms_) > 0;
+}
+
+bool CaptureSource::StandardInputReady() const {
+  // Bytes stdio already holds are there to read; glibc keeps them between
+  // these two pointers (the stream libpcap reads in front of it has no buffer).
+  if (stdin->_IO_read_ptr < stdin->_IO_read_end) return true;
+  // A stop signal cuts the wait short (-1): the next call sees the stop
+  // rather than blocking in a read.
+  pollfd wanted{STDIN_FILENO, POLLIN, 0};
+  return ::poll(&wanted, 1, stdin_timeout_ms_) > 0;
 }
 
 void CaptureSource::SampleKernelDrops(bool now) {

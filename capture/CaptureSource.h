@@ -40,7 +40,7 @@ struct CapturedFrame {
 
 enum class ReadStatus {
   kFrame,    // a frame was read
-  kTimeout,  // live capture: nothing arrived within the read timeout
+  kTimeout,  // live capture or standard input: nothing arrived within the read timeout
   kEnd,      // every input has been read, or Stop was called
   kError,    // the current input is damaged or unreadable; see error()
 };
@@ -88,6 +88,11 @@ class CaptureSource {
   // type the decoder does not know, or another failure to start.
   bool OpenLive(const std::string& interface_name, const LiveSettings& settings);
 
+  // Standard input that stays quiet for `timeout_ms` answers kTimeout, as a
+  // quiet interface does, so that what was read so far is handed on while
+  // the writer at the other end of the pipe waits.
+  void AnswerTimeoutsOnStandardInput(int timeout_ms) { stdin_timeout_ms_ = timeout_ms; }
+
   // The next frame. On kError, error() says what happened and in which input;
   // the damaged input is closed and a further call goes on with the next file.
   ReadStatus Next(CapturedFrame* frame);
@@ -118,6 +123,8 @@ class CaptureSource {
   // Live capture: waits up to the read timeout for frames to read; false when
   // none came (or the capture cannot be waited on).
   bool WaitForFrames();
+  // Standard input: whether a read would find bytes before the timeout.
+  bool StandardInputReady() const;
   void CloseCurrent();
   void CloseHeldFiles();
   // After libpcap failed in a pcapng file: starts it afresh at the next
@@ -155,6 +162,8 @@ class CaptureSource {
   uint64_t finished_bytes_ = 0;  // bytes of the inputs already closed
   uint64_t current_bytes_ = 0;   // bytes of the current input when its position is unknown
   uint64_t section_start_ = 0;   // pcapng: where the section being read begins
+  bool reading_stdin_ = false;
+  int stdin_timeout_ms_ = 0;     // 0: standard input is waited for
   uint64_t odd_time_frames_ = 0;
   std::atomic<int64_t> kernel_drops_{-1};
   std::chrono::steady_clock::time_point last_drop_sample_{};

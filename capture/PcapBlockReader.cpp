@@ -89,6 +89,7 @@ bool PcapBlockReader::OpenNext() {
   const std::string& path = paths_[next_path_++];
   if (!OpenBlocks(path)) {
     fallback_ = std::make_unique<CaptureSource>();
+    fallback_->AnswerTimeoutsOnStandardInput(stdin_timeout_ms_);
     fallback_->ContinueFile(path, 0, frames_);
   }
   return true;

@@ -40,6 +40,8 @@ class PcapBlockReader {
   PcapBlockReader& operator=(const PcapBlockReader&) = delete;
 
   void OpenFiles(std::vector<std::string> paths);
+  // As CaptureSource's, for standard input among the files.
+  void AnswerTimeoutsOnStandardInput(int timeout_ms) { stdin_timeout_ms_ = timeout_ms; }
 
   // As CaptureSource::Next. `*block` is the block the frame lies in, valid
   // while a reference is taken on it before the next call; nullptr when the
@@ -128,6 +130,7 @@ class PcapBlockReader {
   unsigned reads_in_flight_ = 0;
 
   std::unique_ptr<CaptureSource> fallback_;
+  int stdin_timeout_ms_ = 0;
 };
 
 }  // namespace pelka

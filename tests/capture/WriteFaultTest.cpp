@@ -186,7 +186,7 @@ TEST_P(StopSignalTest, StopsCleanlyKeepingWholeLines) {
 INSTANTIATE_TEST_SUITE_P(Signals, StopSignalTest,
                          ::testing::Values(StopCase{"CtrlCWhileReadingAFile", SIGINT, false},
                                            StopCase{"SigtermWhileWaitingOnAPipe", SIGTERM, true},
-                                           StopCase{"SighupWhileWaitingOnAPipe", SIGHUP, true},
+                                           StopCase{"SighupWhileWaitingOnAPipeOnTwoThreads", SIGHUP, true, "2"},
                                            StopCase{"SigtermWhileReadingAFileOnTwoThreads", SIGTERM, false, "2"}),
                          [](const ::testing::TestParamInfo<StopCase>& info) { return info.param.name; });
 
