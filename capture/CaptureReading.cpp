@@ -138,12 +138,14 @@ bool ReadsSlowInput(const ProgramOptions& options) {
 
 bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, PrivilegeDrop& drop,
                   std::ostream& err) {
+  // Installed first: opening an interface with a large buffer takes seconds,
+  // and a stop signal meanwhile must end the run cleanly too.
+  StopSignalScope signals(&pipeline.source, pipeline.blocks.get());
   if (!OpenInputs(options, pipeline, err)) return false;
   if (std::string problem; !drop.Apply(&problem)) {
     err << kProgramName << ": " << problem << "\n";
     return false;
   }
-  StopSignalScope signals(&pipeline.source, pipeline.blocks.get());
   const StatisticsRefresh statistics(services, ReadsSlowInput(options));
   Progress progress(Progress::Wanted(options.quiet), [&pipeline, &services] {
     return ProgressFigures{pipeline.bytes_read(), pipeline.total_bytes(), pipeline.frames_read(),

@@ -108,7 +108,7 @@ bool CaptureSource::OpenLive(const std::string& interface_name, const LiveSettin
   pcap_set_snaplen(handle, static_cast<int>(kPcapLargestRecord));
   pcap_set_promisc(handle, 1);
   pcap_set_timeout(handle, settings.read_timeout_ms);
-  pcap_set_buffer_size(handle, static_cast<int>(settings.buffer_size_mib << 20));
+  pcap_set_buffer_size(handle, static_cast<int>(uint64_t{settings.buffer_size_mib} << 20));
   pcap_set_tstamp_precision(handle, PCAP_TSTAMP_PRECISION_NANO);
   const int status = pcap_activate(handle);
   if (status < 0) {

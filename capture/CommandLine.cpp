@@ -54,7 +54,7 @@ void AddLiveOptions(CLI::App& app, ProgramOptions& options, const std::string& g
       ->capture_default_str()
       ->group(group);
   app.add_option("-B,--buffer-size", options.buffer_size_mib,
-                 "with -i: the kernel's capture buffer, in MiB (1 to 4096); a larger one drops fewer packets "
+                 "with -i: the kernel's capture buffer, in MiB (1 to 2047); a larger one drops fewer packets "
                  "in bursts")
       ->type_name("MIB")
       ->capture_default_str()

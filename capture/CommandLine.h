@@ -24,7 +24,7 @@ constexpr unsigned kMaxThreads = 64;
 // otherwise, and the size of its ring buffer.
 inline constexpr const char* kDefaultLiveFilter = "tcp port 25 or tcp port 110 or tcp port 143";
 constexpr uint32_t kDefaultBufferSizeMib = 8;
-constexpr uint32_t kMaxBufferSizeMib = 4096;
+constexpr uint32_t kMaxBufferSizeMib = 2047;  // libpcap takes the size in bytes as an int
 
 // Exit statuses of the program, also listed in --help and the README.
 enum ExitStatus : int {
