@@ -55,6 +55,14 @@ void WarnAboutSkippedParts(const std::string& inputs_label, const Pipeline& pipe
   if (const uint64_t damaged = frames.truncated + frames.malformed) {
     err << prefix << damaged << " frames were skipped: their headers are cut short or contradict the frame\n";
   }
+  if (const uint64_t odd = pipeline.odd_time_frames()) {
+    err << prefix << odd << " records are damaged: their time stamp's fraction is a second or more; "
+        << "it was carried into the seconds\n";
+  }
+  if (const int64_t dropped = pipeline.kernel_drops(); dropped > 0) {
+    err << prefix << "the kernel dropped " << dropped << " packets that the program did not take in time; "
+        << "mail in them is lost (a larger --buffer-size or a narrower --filter helps)\n";
+  }
   const std::vector<LongRecordFile>& long_records =
       pipeline.blocks ? pipeline.blocks->long_record_files() : pipeline.source.long_record_files();
   for (const LongRecordFile& file : long_records) {

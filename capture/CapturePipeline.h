@@ -40,6 +40,9 @@ struct Pipeline {
   uint64_t bytes_read() const { return blocks ? blocks->bytes_read() : source.bytes_read(); }
   uint64_t total_bytes() const { return blocks ? blocks->total_bytes() : source.total_bytes(); }
   uint64_t frames_read() const { return blocks ? blocks->frames_read() : source.frames_read(); }
+  uint64_t odd_time_frames() const { return blocks ? blocks->odd_time_frames() : source.odd_time_frames(); }
+  // Live capture: the kernel's drop count; -1 otherwise.
+  int64_t kernel_drops() const { return source.kernel_drops(); }
 
   // Ends the open flows. The workers end theirs when they have read
   // everything.
@@ -52,7 +55,9 @@ struct Pipeline {
 
 // A capture that reads to its end may still have lost mail text: frames cut
 // by the snap length, headers that contradict the frame, connections pushed
-// out by the live-connection bound, gaps skipped at the hold limit. Each is said once on `err`, with its
+// out by the live-connection bound, gaps skipped at the hold limit, packets the
+// kernel dropped; and records with a damaged time stamp were read with a time
+// carried into the seconds. Each is said once on `err`, with its
 // count, naming the inputs (`inputs_label`).
 void WarnAboutSkippedParts(const std::string& inputs_label, const Pipeline& pipeline, std::ostream& err);
 

@@ -1,5 +1,6 @@
 #include "capture/CaptureReading.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -9,10 +10,15 @@
 
 #include "capture/Progress.h"
 #include "capture/ReadLimits.h"
+#include "capture/StatisticsRefresh.h"
 #include "capture/StopSignal.h"
 
 namespace pelka {
 namespace {
+
+// How long a quiet interface or pipe is waited for before the frames read so
+// far are handed on and the outputs flushed.
+constexpr int kQuietInputMs = 100;
 
 uint64_t NowMicroseconds() {
   return static_cast<uint64_t>(
@@ -85,7 +91,8 @@ bool ReadAll(Source& source, Pipeline& pipeline, HostServices& services, ReadSta
         }
         break;
       case ReadStatus::kTimeout:
-        tracker.Advance(NowMicroseconds());
+        // A pipe may carry an old capture: only a live clock moves its time.
+        if (source.live()) tracker.Advance(NowMicroseconds());
         services.FlushOutputs();
         break;
       default:
@@ -103,7 +110,7 @@ bool ReadAllInWorkers(Source& source, Pipeline& pipeline, HostServices& services
       [&](CapturedFrame* frame, PcapBlock** block) {
         const ReadStatus status = NextForFlows(source, frame, block, state);
         if (status == ReadStatus::kTimeout) {
-          frame->time_us = NowMicroseconds();
+          frame->time_us = source.live() ? NowMicroseconds() : 0;
           services.FlushOutputs();
         }
         return status;
@@ -115,16 +122,18 @@ bool ReadAllInWorkers(Source& source, Pipeline& pipeline, HostServices& services
 bool OpenInputs(const ProgramOptions& options, Pipeline& pipeline, std::ostream& err) {
   CaptureSource& source = pipeline.source;
   if (pipeline.blocks) {
+    pipeline.blocks->AnswerTimeoutsOnStandardInput(kQuietInputMs);
     pipeline.blocks->OpenFiles(options.inputs);
     return true;
   }
   if (options.interface_name.empty()) {
+    source.AnswerTimeoutsOnStandardInput(kQuietInputMs);
     source.OpenFiles(options.inputs);
     // Read as root, even after --user switches away from it.
     if (!options.user.empty()) source.OpenAllFilesNow();
     return true;
   }
-  if (source.OpenLive(options.interface_name)) return true;
+  if (source.OpenLive(options.interface_name, {options.filter, options.buffer_size_mib, kQuietInputMs})) return true;
   err << kProgramName << ": " << source.error() << "\n";
   return false;
 }
@@ -138,17 +147,25 @@ bool ReadEverything(Pipeline& pipeline, HostServices& services, ReadState& state
 
 }  // namespace
 
+bool ReadsSlowInput(const ProgramOptions& options) {
+  return !options.interface_name.empty() ||
+         std::find(options.inputs.begin(), options.inputs.end(), "-") != options.inputs.end();
+}
+
 bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, PrivilegeDrop& drop,
                   std::ostream& err) {
+  // Installed first: opening an interface with a large buffer takes seconds,
+  // and a stop signal meanwhile must end the run cleanly too.
+  StopSignalScope signals(&pipeline.source, pipeline.blocks.get());
   if (!OpenInputs(options, pipeline, err)) return false;
   if (std::string problem; !drop.Apply(&problem)) {
     err << kProgramName << ": " << problem << "\n";
     return false;
   }
-  StopSignalScope signals(&pipeline.source, pipeline.blocks.get());
+  const StatisticsRefresh statistics(services, ReadsSlowInput(options));
   Progress progress(Progress::Wanted(options.quiet), [&pipeline, &services] {
     return ProgressFigures{pipeline.bytes_read(), pipeline.total_bytes(), pipeline.frames_read(),
-                           services.counts().records};
+                           services.counts().records, pipeline.kernel_drops()};
   });
   ReadLimits limits(options.max_packets, options.max_seconds);
   ReadState state{progress, limits, err};

@@ -15,8 +15,13 @@
 
 namespace pelka {
 
-// Opens the inputs, drops privileges (--user) and reads everything. False when
-// an input could not be opened or read.
+// Whether the input arrives as it happens (an interface, standard input):
+// then every output is kept current while the run goes on.
+bool ReadsSlowInput(const ProgramOptions& options);
+
+// Opens the inputs, drops privileges (--user) and reads everything, keeping
+// statistics.json current for slow input. False when an input could not be
+// opened or read.
 bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, PrivilegeDrop& drop,
                   std::ostream& err);
 

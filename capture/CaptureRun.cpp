@@ -43,6 +43,13 @@ std::string ResourceDirectory(const std::string& library_path, TextLanguage lang
 std::string LocateModule(std::ostream& err) {
   const char* env = std::getenv("PELKA_MODULE");
   const std::vector<std::string> candidates = ModuleCandidates(ExecutableDirectory(), env ? env : "");
+  // A variable set on purpose must not be passed over for another library.
+  if (env && *env && FindModuleLibrary({candidates.front()}).empty()) {
+    err << kProgramName << ": PELKA_MODULE names " << candidates.front()
+        << ", which is no file; set it to the module library " << kModuleLibraryName
+        << " or its folder, or unset it to use the one beside the program\n";
+    return {};
+  }
   std::string found = FindModuleLibrary(candidates);
   if (found.empty()) {
     err << kProgramName << ": cannot find the e-mail module " << kModuleLibraryName << "; looked for:\n";
@@ -56,8 +63,20 @@ std::string LocateModule(std::ostream& err) {
 std::string InputsLabel(const ProgramOptions& options) {
   if (!options.interface_name.empty()) return options.interface_name;
   std::string label;
-  for (const std::string& input : options.inputs) label += (label.empty() ? "" : ", ") + input;
+  for (const std::string& input : options.inputs)
+    label += (label.empty() ? "" : ", ") + (input == "-" ? std::string("standard input") : input);
   return label;
+}
+
+// Without its string table the module shows its built-in texts, mostly
+// Chinese, whatever --lang asked for: worth saying, not worth stopping.
+void WarnAboutMissingTexts(const std::string& resource_dir, TextLanguage language, std::ostream& err) {
+  if (language == TextLanguage::kNone) return;
+  const std::string table = resource_dir + kModuleStringTable;
+  if (std::filesystem::is_regular_file(table)) return;
+  err << kProgramName << ": warning: the module's string table " << table
+      << " is missing, so its texts are its built-in ones whatever --lang says; "
+      << "copy the resources/ folder of the build beside the library\n";
 }
 
 HostOptions MakeHostOptions(const ProgramOptions& options, const std::string& library_path) {
@@ -70,8 +89,7 @@ HostOptions MakeHostOptions(const ProgramOptions& options, const std::string& li
   host.pop3_threshold_ms = options.pop3_threshold_ms;
   // Someone watching an interface or a pipe expects each message's lines as
   // it is found; files are read too fast for that to matter.
-  host.lines_at_once = !options.interface_name.empty() ||
-                       std::find(options.inputs.begin(), options.inputs.end(), "-") != options.inputs.end();
+  host.lines_at_once = ReadsSlowInput(options);
   host.conditions = options.conditions;
   return host;
 }
@@ -85,6 +103,7 @@ RunFacts CollectFacts(const ProgramOptions& options, const Pipeline& pipeline, c
   facts.packets = pipeline.frames_read();
   facts.bytes = pipeline.bytes_read();
   facts.elapsed_seconds = elapsed_seconds;
+  facts.kernel_drops = pipeline.kernel_drops();
   const FlowTrackerCounters flows = pipeline.flow_counters();
   facts.connections_smtp = flows.flows_smtp;
   facts.connections_pop3 = flows.flows_pop3;
@@ -116,6 +135,7 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
   // Declared before the module, so that the module object is released while
   // the host services it holds still exist.
   HostServices services(MakeHostOptions(options, library_path));
+  WarnAboutMissingTexts(ResourceDirectory(library_path, options.language), options.language, err);
   if (!services.Open()) {
     err << kProgramName << ": " << services.error() << "\n";
     return kExitInputProblem;
@@ -131,6 +151,7 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
   if (!module->ApplyOptions(options.max_flow_length_mib, &error)) err << kProgramName << ": " << error << "\n";
 
   Pipeline pipeline(options, services.flow_sink());
+  if (!options.interface_name.empty()) services.SetKernelDrops([&pipeline] { return pipeline.kernel_drops(); });
   const bool inputs_ok = ReadCaptures(options, pipeline, services, drop, err);
   pipeline.Finish();
   WarnAboutSkippedParts(InputsLabel(options), pipeline, err);

@@ -8,9 +8,9 @@
 // code page of --codepage is set for it. With conditions, the host's log
 // keeps only the messages that meet them (capture/HostLog.h).
 //
-// Ctrl-C (SIGINT) and SIGTERM end the reading cleanly: open flows are ended,
-// the export lines and statistics are written, and the run reports what it
-// found until then. A damaged or unreadable input is reported on stderr and
+// Ctrl-C (SIGINT), SIGTERM and SIGHUP end the reading cleanly: open flows
+// are ended, the export lines and statistics are written, and the run reports
+// what it found until then. A damaged or unreadable input is reported on stderr and
 // the run goes on with the next one; the exit status then says 1.
 #pragma once
 

@@ -4,12 +4,18 @@
 #include <poll.h>
 #include <sys/stat.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <utility>
 
+#include "capture/CaptureFilter.h"
+#include "capture/PacketDecoder.h"
 #include "capture/PcapFormat.h"
 #include "capture/PcapTime.h"
+#include "capture/PcapngSections.h"
 #include "capture/SnapLengthWidening.h"
 
 namespace pelka {
@@ -17,7 +23,7 @@ namespace pelka {
 namespace {
 
 constexpr size_t kFileBufferSize = 1 << 20;
-constexpr int kLiveBufferSize = 8 << 20;
+constexpr auto kDropSampleInterval = std::chrono::seconds(1);
 
 std::string LiveError(const std::string& name, int status, pcap_t* handle) {
   switch (status) {
@@ -35,7 +41,22 @@ std::string LiveError(const std::string& name, int status, pcap_t* handle) {
 
 FILE* OpenCaptureFile(const std::string& path) { return path == "-" ? stdin : std::fopen(path.c_str(), "rb"); }
 
+// A classic file is read in its own precision: libpcap then hands its
+// fraction field over unchanged (as a signed 32-bit value), where scaling
+// would mangle a fraction of a second or more. pcapng times come whole.
+pcap_t* OpenOffline(FILE* file, bool nanosecond, char* message) {
+  return pcap_fopen_offline_with_tstamp_precision(
+      file, nanosecond ? PCAP_TSTAMP_PRECISION_NANO : PCAP_TSTAMP_PRECISION_MICRO, message);
+}
+
 }  // namespace
+
+std::string UnsupportedLinkTypeError(const std::string& input, int link_type) {
+  if (IsSupportedLinkType(link_type)) return {};
+  const char* name = pcap_datalink_val_to_name(link_type);
+  return input + ": link type " + std::to_string(link_type) + (name ? std::string(" (") + name + ")" : "") +
+         " is not supported: only Ethernet, Linux cooked (SLL, SLL2), raw IP and loopback captures are read";
+}
 
 CaptureSource::CaptureSource() = default;
 
@@ -74,7 +95,7 @@ void CaptureSource::CloseHeldFiles() {
   held_.clear();
 }
 
-bool CaptureSource::OpenLive(const std::string& interface_name, int read_timeout_ms) {
+bool CaptureSource::OpenLive(const std::string& interface_name, const LiveSettings& settings) {
   CloseCurrent();
   CloseHeldFiles();
   paths_.clear();
@@ -86,8 +107,8 @@ bool CaptureSource::OpenLive(const std::string& interface_name, int read_timeout
   }
   pcap_set_snaplen(handle, static_cast<int>(kPcapLargestRecord));
   pcap_set_promisc(handle, 1);
-  pcap_set_timeout(handle, read_timeout_ms);
-  pcap_set_buffer_size(handle, kLiveBufferSize);
+  pcap_set_timeout(handle, settings.read_timeout_ms);
+  pcap_set_buffer_size(handle, static_cast<int>(uint64_t{settings.buffer_size_mib} << 20));
   pcap_set_tstamp_precision(handle, PCAP_TSTAMP_PRECISION_NANO);
   const int status = pcap_activate(handle);
   if (status < 0) {
@@ -95,13 +116,20 @@ bool CaptureSource::OpenLive(const std::string& interface_name, int read_timeout
     pcap_close(handle);
     return false;
   }
+  error_ = UnsupportedLinkTypeError(interface_name, pcap_datalink(handle));
+  if (!error_.empty() || !ApplyFilter(handle, settings.filter, &error_)) {
+    if (error_.rfind(interface_name, 0) != 0) error_ = interface_name + ": " + error_;
+    pcap_close(handle);
+    return false;
+  }
   handle_ = handle;
   live_ = true;
+  kernel_drops_ = 0;
   nanosecond_ = pcap_get_tstamp_precision(handle) == PCAP_TSTAMP_PRECISION_NANO;
   // libpcap's read timeout does not run out while nothing arrives, so a
   // quiet interface would never time out: reads do not block, and Next waits
   // on the descriptor itself.
-  read_timeout_ms_ = read_timeout_ms;
+  read_timeout_ms_ = settings.read_timeout_ms;
   selectable_fd_ = pcap_get_selectable_fd(handle);
   if (selectable_fd_ >= 0 && pcap_setnonblock(handle, 1, message) != 0) selectable_fd_ = -1;
   current_name_ = interface_name;
@@ -113,6 +141,7 @@ bool CaptureSource::OpenNextFile() {
   const size_t index = next_path_++;
   const std::string& path = paths_[index];
   current_name_ = path == "-" ? "standard input" : path;
+  reading_stdin_ = path == "-";
   current_bytes_ = 0;
   FILE* file = nullptr;
   int open_error = 0;
@@ -129,19 +158,22 @@ bool CaptureSource::OpenNextFile() {
   }
   if (!file_buffer_) file_buffer_ = MakePageAlignedBytes(kFileBufferSize);
   std::setvbuf(file, reinterpret_cast<char*>(file_buffer_.get()), _IOFBF, kFileBufferSize);
-  if (FILE* widened = WidenSnapLength(file, &header_snap_length_)) {
+  bool nanosecond = false;
+  if (FILE* widened = WidenSnapLength(file, &header_snap_length_, &nanosecond)) {
     // The file keeps the large buffer; the stream in front of it needs none.
     if (widened != file) std::setvbuf(widened, nullptr, _IONBF, 0);
     file = widened;
   }
   long_record_noted_ = false;
   char message[PCAP_ERRBUF_SIZE] = {};
-  // Nanosecond precision keeps both kinds of file exact; times are rounded
-  // down to microseconds when a frame is handed out.
-  pcap_t* handle = pcap_fopen_offline_with_tstamp_precision(file, PCAP_TSTAMP_PRECISION_NANO, message);
+  pcap_t* handle = OpenOffline(file, nanosecond, message);
   if (!handle) {
     if (file != stdin) std::fclose(file);
     error_ = "cannot read " + current_name_ + ": " + message;
+    return false;
+  }
+  if (error_ = UnsupportedLinkTypeError(current_name_, pcap_datalink(handle)); !error_.empty()) {
+    pcap_close(handle);
     return false;
   }
   if (start_offset_ && std::fseek(file, static_cast<long>(std::exchange(start_offset_, 0)), SEEK_SET) != 0) {
@@ -151,7 +183,41 @@ bool CaptureSource::OpenNextFile() {
   }
   handle_ = handle;
   file_ = file;
-  nanosecond_ = true;
+  nanosecond_ = nanosecond;
+  section_start_ = 0;
+  return true;
+}
+
+bool CaptureSource::ResumeAtNextSection() {
+  if (!file_ || file_ == stdin) return false;
+  const long position = std::ftell(file_);
+  if (position < 0) return false;
+  const std::optional<uint64_t> next =
+      FindByteOrderChange(::fileno(file_), section_start_, static_cast<uint64_t>(position));
+  if (!next) return false;
+  // The descriptor outlives the libpcap handle, which closes its stream: a
+  // file opened before --user dropped the privileges stays readable.
+  const int descriptor = ::fcntl(::fileno(file_), F_DUPFD_CLOEXEC, 0);
+  if (descriptor < 0) return false;
+  FILE* file = ::fdopen(descriptor, "rb");
+  if (!file) {
+    ::close(descriptor);
+    return false;
+  }
+  // The old handle goes first: both streams would use the one buffer.
+  pcap_close(handle_);
+  handle_ = nullptr;
+  file_ = file;
+  std::setvbuf(file, reinterpret_cast<char*>(file_buffer_.get()), _IOFBF, kFileBufferSize);
+  char message[PCAP_ERRBUF_SIZE] = {};
+  if (std::fseek(file, static_cast<long>(*next), SEEK_SET) == 0) handle_ = OpenOffline(file, false, message);
+  if (!handle_) {
+    // Fail closes a handle only: the stream goes here.
+    std::fclose(file);
+    file_ = nullptr;
+    return false;
+  }
+  section_start_ = *next;
   return true;
 }
 
@@ -163,6 +229,7 @@ void CaptureSource::CloseCurrent() {
   handle_ = nullptr;
   selectable_fd_ = -1;
   file_ = nullptr;
+  reading_stdin_ = false;
   current_bytes_ = 0;
   current_name_.clear();
 }
@@ -175,13 +242,17 @@ ReadStatus CaptureSource::Fail(const std::string& message) {
 
 ReadStatus CaptureSource::Next(CapturedFrame* frame) {
   for (;;) {
-    if (stopped_) return ReadStatus::kEnd;
+    if (stopped_) {
+      SampleKernelDrops(true);
+      return ReadStatus::kEnd;
+    }
     if (!handle_) {
       if (live_) return ReadStatus::kEnd;
       error_.clear();
       if (OpenNextFile()) continue;
       return error_.empty() ? ReadStatus::kEnd : ReadStatus::kError;
     }
+    if (reading_stdin_ && stdin_timeout_ms_ > 0 && !StandardInputReady()) return ReadStatus::kTimeout;
     pcap_pkthdr* header = nullptr;
     const u_char* data = nullptr;
     const int status = pcap_next_ex(handle_, &header, &data);
@@ -190,9 +261,13 @@ ReadStatus CaptureSource::Next(CapturedFrame* frame) {
       frame->captured_length = header->caplen;
       frame->wire_length = header->len;
       frame->number = ++frames_;
-      frame->time_us = PcapTimeMicroseconds(static_cast<uint64_t>(header->ts.tv_sec),
-                                            static_cast<uint64_t>(header->ts.tv_usec), nanosecond_);
+      // A file's fraction field is unsigned; libpcap hands it over signed.
+      const uint64_t fraction = live_ ? static_cast<uint64_t>(header->ts.tv_usec)
+                                      : static_cast<uint32_t>(header->ts.tv_usec);
+      frame->time_us = PcapTimeMicroseconds(static_cast<uint64_t>(header->ts.tv_sec), fraction, nanosecond_);
+      if (fraction >= PcapFractionsPerSecond(nanosecond_)) ++odd_time_frames_;
       frame->link_type = pcap_datalink(handle_);
+      if (live_) SampleKernelDrops(false);
       current_bytes_ += header->caplen + kPcapRecordHeaderBytes;
       if (header_snap_length_ && header->caplen > header_snap_length_ && !long_record_noted_) {
         long_record_noted_ = true;
@@ -201,15 +276,18 @@ ReadStatus CaptureSource::Next(CapturedFrame* frame) {
       return ReadStatus::kFrame;
     }
     if (status == 0) {
-      if (!WaitForFrames()) return ReadStatus::kTimeout;
-      continue;
+      if (WaitForFrames()) continue;
+      SampleKernelDrops(false);
+      return ReadStatus::kTimeout;
     }
     if (status == PCAP_ERROR_BREAK) {
       if (live_) return ReadStatus::kEnd;
       CloseCurrent();
       continue;
     }
-    return Fail(current_name_ + ": " + pcap_geterr(handle_) + " (after frame " + std::to_string(frames_) + ")");
+    const std::string reason = pcap_geterr(handle_);
+    if (!live_ && ResumeAtNextSection()) continue;
+    return Fail(current_name_ + ": " + reason + " (after frame " + std::to_string(frames_) + ")");
   }
 }
 
@@ -217,6 +295,24 @@ bool CaptureSource::WaitForFrames() {
   if (selectable_fd_ < 0) return false;
   pollfd wanted{selectable_fd_, POLLIN, 0};
   return ::poll(&wanted, 1, read_timeout_ms_) > 0;
+}
+
+bool CaptureSource::StandardInputReady() const {
+  // Bytes stdio already holds are there to read; glibc keeps them between
+  // these two pointers (the stream libpcap reads in front of it has no buffer).
+  if (stdin->_IO_read_ptr < stdin->_IO_read_end) return true;
+  // A stop signal cuts the wait short (-1): the next call sees the stop
+  // rather than blocking in a read.
+  pollfd wanted{STDIN_FILENO, POLLIN, 0};
+  return ::poll(&wanted, 1, stdin_timeout_ms_) > 0;
+}
+
+void CaptureSource::SampleKernelDrops(bool now) {
+  const auto time = std::chrono::steady_clock::now();
+  if (!handle_ || !live_ || (!now && time - last_drop_sample_ < kDropSampleInterval)) return;
+  last_drop_sample_ = time;
+  pcap_stat counts{};
+  if (pcap_stats(handle_, &counts) == 0) kernel_drops_.store(counts.ps_drop, std::memory_order_relaxed);
 }
 
 void CaptureSource::Stop() {

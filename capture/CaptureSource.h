@@ -1,15 +1,20 @@
 // Reads frames from capture files or a live interface through libpcap.
 //
 // Files: classic pcap (microsecond and nanosecond) and pcapng, several in one
-// run read one after the other as one capture, "-" for standard input. Files
+// run read one after the other as one capture, "-" for standard input. A
+// pcapng file is read section by section, whatever each one's byte order. Files
 // are read through a 1 MiB stdio buffer (fopen + setvbuf + pcap_fopen_offline),
 // which reads several times faster than libpcap's default small reads.
 // Frames are numbered from 1 across the whole run; times are microseconds
 // since 1970, nanosecond stamps rounded down. A frame stays valid until the
-// next call of Next.
+// next call of Next. A record whose fraction of a second is a second or more
+// has its time carried into the seconds and is counted (odd_time_frames).
+// A link type the decoder does not know ends that input with an error naming
+// it.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -35,7 +40,7 @@ struct CapturedFrame {
 
 enum class ReadStatus {
   kFrame,    // a frame was read
-  kTimeout,  // live capture: nothing arrived within the read timeout
+  kTimeout,  // live capture or standard input: nothing arrived within the read timeout
   kEnd,      // every input has been read, or Stop was called
   kError,    // the current input is damaged or unreadable; see error()
 };
@@ -46,6 +51,16 @@ struct LongRecordFile {
   std::string name;
   uint32_t header_snap_length = 0;
 };
+
+// How a live capture is set up (see the options -f and -B).
+struct LiveSettings {
+  std::string filter;  // tcpdump filter expression; "" takes every packet
+  uint32_t buffer_size_mib = 8;
+  int read_timeout_ms = 100;
+};
+
+// The error for an input whose link type the decoder does not know, or "".
+std::string UnsupportedLinkTypeError(const std::string& input, int link_type);
 
 class CaptureSource {
  public:
@@ -69,8 +84,14 @@ class CaptureSource {
   void ContinueFile(const std::string& path, uint64_t offset, uint64_t frames_before);
 
   // Live capture on an interface. False with error() set for a missing
-  // interface, a missing privilege or another failure to start.
-  bool OpenLive(const std::string& interface_name, int read_timeout_ms = 100);
+  // interface, a missing privilege, a filter that does not compile, a link
+  // type the decoder does not know, or another failure to start.
+  bool OpenLive(const std::string& interface_name, const LiveSettings& settings);
+
+  // Standard input that stays quiet for `timeout_ms` answers kTimeout, as a
+  // quiet interface does, so that what was read so far is handed on while
+  // the writer at the other end of the pipe waits.
+  void AnswerTimeoutsOnStandardInput(int timeout_ms) { stdin_timeout_ms_ = timeout_ms; }
 
   // The next frame. On kError, error() says what happened and in which input;
   // the damaged input is closed and a further call goes on with the next file.
@@ -91,14 +112,27 @@ class CaptureSource {
   uint64_t total_bytes() const;
   uint64_t frames_read() const { return frames_; }
   const std::vector<LongRecordFile>& long_record_files() const { return long_records_; }
+  // Records whose time stamp's fraction was a second or more.
+  uint64_t odd_time_frames() const { return odd_time_frames_; }
+  // Live capture: packets the kernel dropped because the buffer was full, as
+  // last asked (about every second, and at the end); -1 when not live.
+  int64_t kernel_drops() const { return kernel_drops_.load(std::memory_order_relaxed); }
 
  private:
   bool OpenNextFile();
   // Live capture: waits up to the read timeout for frames to read; false when
   // none came (or the capture cannot be waited on).
   bool WaitForFrames();
+  // Standard input: whether a read would find bytes before the timeout.
+  bool StandardInputReady() const;
   void CloseCurrent();
   void CloseHeldFiles();
+  // After libpcap failed in a pcapng file: starts it afresh at the next
+  // section when that section's byte order caused the failure.
+  bool ResumeAtNextSection();
+  // Live capture: asks the kernel for its drop count, at most every second
+  // unless `now`.
+  void SampleKernelDrops(bool now);
 
   // A file opened ahead of its turn, or the errno of its failed open.
   struct HeldFile {
@@ -127,6 +161,12 @@ class CaptureSource {
   uint64_t start_offset_ = 0;    // where the next file opened is read from
   uint64_t finished_bytes_ = 0;  // bytes of the inputs already closed
   uint64_t current_bytes_ = 0;   // bytes of the current input when its position is unknown
+  uint64_t section_start_ = 0;   // pcapng: where the section being read begins
+  bool reading_stdin_ = false;
+  int stdin_timeout_ms_ = 0;     // 0: standard input is waited for
+  uint64_t odd_time_frames_ = 0;
+  std::atomic<int64_t> kernel_drops_{-1};
+  std::chrono::steady_clock::time_point last_drop_sample_{};
 };
 
 }  // namespace pelka

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <utility>
 
+#include "capture/CaptureFilter.h"
 #include "capture/ConditionOptions.h"
 #include "host/CodePage.h"
 
@@ -26,16 +27,17 @@ constexpr const char* kFooter =
     "  \"example.com;example.org\"; a domain also covers its subdomains.\n"
     "\n"
     "Exit status:\n"
-    "  0  the run finished (also after Ctrl-C, which ends it cleanly)\n"
+    "  0  the run finished (also after Ctrl-C, SIGTERM or SIGHUP, which end it cleanly)\n"
     "  1  an input could not be read or is damaged (what was found before is kept),\n"
-    "     or the output folder or the module library could not be used\n"
+    "     its link type is not supported, or the output folder or the module\n"
+    "     library could not be used\n"
     "  2  the command line is wrong; nothing was read\n"
     "\n"
     "Examples:\n"
     "  pelka-email -o out mail.pcap\n"
     "  sudo pelka-email -i eth0 --user nobody -o /tmp/mail-out\n"
     "  pelka-email --copies --attachment yes --size-included 0-1024 a.pcap b.pcapng\n"
-    "  tcpdump -w - port 25 | pelka-email -o out -";
+    "  tcpdump -U -w - 'tcp port 25 or tcp port 110 or tcp port 143' | pelka-email -o out -";
 
 // Option values that are turned into ProgramOptions after parsing.
 struct RawChoices {
@@ -43,6 +45,22 @@ struct RawChoices {
   bool no_diagnosis = false;
   ConditionTexts conditions;
 };
+
+// Options of live capture, which files do not take.
+void AddLiveOptions(CLI::App& app, ProgramOptions& options, const std::string& group) {
+  app.add_option("-f,--filter", options.filter,
+                 "with -i: the packets the kernel hands up, as a tcpdump filter expression; \"\" takes every packet")
+      ->type_name("EXPR")
+      ->capture_default_str()
+      ->group(group);
+  app.add_option("-B,--buffer-size", options.buffer_size_mib,
+                 "with -i: the kernel's capture buffer, in MiB (1 to 2047); a larger one drops fewer packets "
+                 "in bursts")
+      ->type_name("MIB")
+      ->capture_default_str()
+      ->check(CLI::Range(1u, kMaxBufferSizeMib).description(""))
+      ->group(group);
+}
 
 void AddInputOutputOptions(CLI::App& app, ProgramOptions& options) {
   const std::string input = "Input";
@@ -52,6 +70,7 @@ void AddInputOutputOptions(CLI::App& app, ProgramOptions& options) {
   app.add_option("-i,--interface", options.interface_name, "capture live from this network interface (needs privilege)")
       ->type_name("IFACE")
       ->group(input);
+  AddLiveOptions(app, options, input);
   app.add_option("--user", options.user,
                  "once the inputs are open, continue as this user (the program must start as root); "
                  "an output folder the run creates is given to the user")
@@ -167,12 +186,15 @@ TextLanguage LanguageFromName(const std::string& name) {
 }
 
 // Checks what CLI11 cannot check option by option.
-std::string CheckInputs(const ProgramOptions& options) {
+std::string CheckInputs(const CLI::App& app, const ProgramOptions& options) {
   if (options.inputs.empty() && options.interface_name.empty())
     return "no capture given: name one or more capture files, \"-\" for standard input, or -i INTERFACE";
   if (!options.inputs.empty() && !options.interface_name.empty())
     return "give either capture files or -i INTERFACE, not both";
-  return {};
+  if (options.interface_name.empty() && (app.count("--filter") || app.count("--buffer-size")))
+    return "--filter and --buffer-size apply to live capture (-i) only; filter a capture file with "
+           "tcpdump -r FILE -w - EXPR | pelka-email -";
+  return CheckFilterExpression(options.filter);
 }
 
 }  // namespace
@@ -213,7 +235,7 @@ CommandLineOutcome ParseCommandLine(int argc, const char* const* argv) {
     return Failure(error.what());
   }
 
-  if (std::string problem = CheckInputs(options); !problem.empty()) return Failure(problem);
+  if (std::string problem = CheckInputs(app, options); !problem.empty()) return Failure(problem);
   options.language = LanguageFromName(raw.language);
   options.diagnosis = !raw.no_diagnosis;
 

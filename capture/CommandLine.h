@@ -26,12 +26,18 @@ constexpr uint32_t kDefaultIdleTimeoutSeconds = 1800;
 constexpr uint32_t kMaxIdleTimeoutSeconds = 7 * 24 * 3600;
 constexpr uint32_t kDefaultHoldLimitMiB = 256;
 constexpr uint32_t kMaxHoldLimitMiB = 1024 * 1024;
+// Live capture (-i): the packets the kernel hands up unless --filter says
+// otherwise, and the size of its ring buffer.
+inline constexpr const char* kDefaultLiveFilter = "tcp port 25 or tcp port 110 or tcp port 143";
+constexpr uint32_t kDefaultBufferSizeMib = 8;
+constexpr uint32_t kMaxBufferSizeMib = 2047;  // libpcap takes the size in bytes as an int
 
 // Exit statuses of the program, also listed in --help and the README.
 enum ExitStatus : int {
   kExitDone = 0,          // the run finished (also --help and --version)
-  kExitInputProblem = 1,  // an input is unreadable or damaged (outputs kept), or the output
-                          // folder or the module library cannot be used
+  kExitInputProblem = 1,  // an input is unreadable, damaged (outputs kept) or of a link type
+                          // not supported, or the output folder or the module library cannot
+                          // be used
   kExitUsage = 2,         // the command line is wrong; nothing was read
 };
 
@@ -45,6 +51,10 @@ struct ProgramOptions {
   std::string user;                 // continue as this user once the inputs are open (see PrivilegeDrop.h)
   uint64_t max_packets = 0;         // --count: end after this many packets (0: no limit)
   uint32_t max_seconds = 0;         // --duration: end after this many seconds (0: no limit)
+  // Live capture only: the kernel's packet filter ("" passes every packet)
+  // and its ring buffer.
+  std::string filter = kDefaultLiveFilter;
+  uint32_t buffer_size_mib = kDefaultBufferSizeMib;
   std::string out_dir = "pelka-out";
   bool copies = false;
   uint32_t max_flow_length_mib = 2;

@@ -199,7 +199,7 @@ uint32_t HostLog::PostRecord(IPelkaLogRecord* handle) {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     batch_->Add(std::move(record));
-    if (batch_->GetRecordCount() < kExportBatch) return 0;
+    if (batch_->GetRecordCount() < (outputs_.export_each_record ? 1 : kExportBatch)) return 0;
     full = TakeBatch();
   }
   ExportBatch(std::move(full));

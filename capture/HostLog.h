@@ -10,7 +10,8 @@
 // - Every summary entry becomes one line of the entries file (entries.jsonl):
 //   {"time": local time text, "kind", "summary", "group"}.
 // - Export lines (capture/LogExport.h) are asked for in batches of
-//   kExportBatch records as they are posted and for the rest at Finish. Only
+//   kExportBatch records (or of one, LogOutputs::export_each_record) as they
+//   are posted and for the rest at Finish. Only
 //   the records of a batch are kept, so memory does not grow with the capture.
 // - Storage: the log is always saving (GetSaveMode 2); the storage kind keyed
 //   "email_copy" is enabled only when copies are on; every storage kind's
@@ -55,6 +56,9 @@ struct LogOutputs {
   OutputFile* entries = nullptr;  // entries.jsonl
   OutputFile* csv = nullptr;      // email_log.csv
   OutputFile* text = nullptr;     // email_log.txt
+  // Export each record's lines as it is posted instead of in batches: for
+  // input that arrives slowly, whose readers watch the files grow.
+  bool export_each_record = false;
 };
 
 class HostLog final : public IPelkaLog {

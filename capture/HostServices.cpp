@@ -1,5 +1,6 @@
 #include "capture/HostServices.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <mutex>
@@ -10,6 +11,7 @@
 #include "capture/HostObject.h"
 #include "capture/HostStatistics.h"
 #include "capture/OutputFiles.h"
+#include "capture/ReplacedFile.h"
 
 namespace pelka {
 namespace {
@@ -51,8 +53,8 @@ class HostServices::Impl final : public FlowSink {
     for (auto [file, name] : Files())
       if (!file->Open(root + name)) return Fail(file->error());
     for (auto [file, name] : Files()) file->WriteEachLine(options_.lines_at_once);
-    log_ = std::make_unique<HostLogService>(LogOutputs{&records_file_, &entries_file_, &csv_file_, &text_file_},
-                                            root, options_.copies,
+    log_ = std::make_unique<HostLogService>(
+        LogOutputs{&records_file_, &entries_file_, &csv_file_, &text_file_, options_.lines_at_once}, root, options_.copies,
                                             options_.conditions ? &*options_.conditions : nullptr);
     host_ = HostObject({log_.get(), &diagnosis_, &statistics_, &icons_});
     return true;
@@ -67,6 +69,8 @@ class HostServices::Impl final : public FlowSink {
     if (auto* diagnosis_client = Query<IPelkaDiagnosisClient>(module, kDiagnosisClientId))
       diagnosis_client->DefineDiagnosisEvents();
     statistics_.DefineClients();
+    // Exporting the empty batch writes the header line alone.
+    if (options_.lines_at_once && log_) log_->Finish();
     client_ = Query<IPelkaFlowClient>(module, kFlowClientId);
     return client_;
   }
@@ -76,17 +80,27 @@ class HostServices::Impl final : public FlowSink {
     if (finished_) return error_.empty();
     finished_ = true;
     if (log_) log_->Finish();
-    if (!statistics_file_.is_open() && !root().empty() && statistics_file_.Open(root() + "statistics.json"))
-      statistics_file_.Write(statistics_.ToJson() + "\n");
-    if (!statistics_file_.error().empty()) Fail(statistics_file_.error());
+    WriteStatistics();
     statistics_.DetachClients();
     if (module) module->Uninitialize();
     for (auto [file, name] : Files()) {
       file->Close();
       if (!file->error().empty()) Fail(file->error());
     }
-    statistics_file_.Close();
     return error_.empty();
+  }
+
+  std::string StatisticsJson() const {
+    if (!kernel_drops_) return statistics_.ToJson();
+    const auto drops = static_cast<uint64_t>(std::max<int64_t>(kernel_drops_(), 0));
+    return statistics_.ToJson({{"Kernel", "Dropped", drops}});
+  }
+
+  bool WriteStatistics() {
+    if (root().empty()) return false;
+    const std::lock_guard<std::mutex> lock(statistics_mutex_);
+    std::string problem;
+    return ReplaceFile(root(), "statistics.json", StatisticsJson() + "\n", &problem) || Fail(problem);
   }
 
   // --- FlowSink ---------------------------------------------------------------------
@@ -136,7 +150,6 @@ class HostServices::Impl final : public FlowSink {
     for (auto [file, name] : Files()) {
       if (const uint64_t lost = file->lines_lost()) counts.lines_lost.emplace_back(name, lost);
     }
-    if (const uint64_t lost = statistics_file_.lines_lost()) counts.lines_lost.emplace_back("statistics.json", lost);
     return counts;
   }
 
@@ -144,7 +157,9 @@ class HostServices::Impl final : public FlowSink {
   HostNotify notify_;
   HostIconService icons_;
   HostStatService statistics_;
-  OutputFile records_file_, entries_file_, diagnosis_file_, csv_file_, text_file_, statistics_file_;
+  OutputFile records_file_, entries_file_, diagnosis_file_, csv_file_, text_file_;
+  std::function<int64_t()> kernel_drops_;
+  std::mutex statistics_mutex_;  // one writer of statistics.json at a time
   HostDiagnosisService diagnosis_;
   std::unique_ptr<HostLogService> log_;
   HostObject host_;
@@ -204,6 +219,9 @@ IPelkaFlowClient* HostServices::StartModule(CPAEBaseModule* module) { return imp
 void HostServices::SetFlowClient(IPelkaFlowClient* client) { impl_->client_ = client; }
 FlowSink* HostServices::flow_sink() { return impl_.get(); }
 bool HostServices::FinishRun(CPAEBaseModule* module) { return impl_->FinishRun(module); }
+bool HostServices::WriteStatistics() { return impl_->WriteStatistics(); }
+std::string HostServices::StatisticsJson() const { return impl_->StatisticsJson(); }
+void HostServices::SetKernelDrops(std::function<int64_t()> read) { impl_->kernel_drops_ = std::move(read); }
 const std::string& HostServices::error() const { return impl_->error_; }
 HostRunCounts HostServices::counts() const { return impl_->counts(); }
 void HostServices::AddStatistic(const std::string& item, const std::string& counter, uint64_t value) {

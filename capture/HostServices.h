@@ -12,6 +12,7 @@
 //   email_log.csv     the module's export lines, comma-separated form
 //   email_log.txt     the module's export lines, text form
 //   statistics.json   the counters the module defined, written by FinishRun
+//                     (and by WriteStatistics while the run goes on)
 //   email_copy/       the ".eml" copies, when copies are switched on
 //
 // The first write failure is remembered (error()); the lines written before
@@ -19,6 +20,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -49,8 +51,9 @@ struct HostOptions {
   // negative keeps the module's default (200).
   int32_t smtp_threshold_ms = -1;
   int32_t pop3_threshold_ms = -1;
-  // Write every output line as soon as it is made (input from an interface or
-  // a pipe) rather than in batches of up to a second (capture files).
+  // Write every output line, export lines included, as soon as it is made
+  // (input from an interface or a pipe) rather than in batches of up to a
+  // second (capture files); the export files get their header line at once.
   bool lines_at_once = false;
   // The user's e-mail conditions: a message that does not meet them leaves
   // no record, no export line, no summary entry and no copy. Unset: every
@@ -114,6 +117,17 @@ class HostServices {
   // Writes out the lines the output files gather (they write on their own
   // every 64 KiB or second of output); for a live capture with no traffic.
   void FlushOutputs();
+
+  // Replaces statistics.json with the counters as they stand (a live run
+  // calls it from a thread of its own; readers never see half a file). False
+  // when it cannot be written; the run's error() then says why.
+  bool WriteStatistics();
+  // What WriteStatistics writes, without its line end.
+  std::string StatisticsJson() const;
+
+  // Live capture: where the kernel's drop count is read, added to
+  // statistics.json as {"Capture": {"Kernel": {"Dropped": N}}}. Set before the run.
+  void SetKernelDrops(std::function<int64_t()> read);
 
   // The first failure of the run (open or write); empty while all is well.
   const std::string& error() const;

@@ -80,26 +80,34 @@ HostStatCounter* HostStatService::CounterAt(int32_t index) {
 }
 
 void HostStatService::AddHostFigure(const std::string& item, const std::string& counter, uint64_t value) {
-  if (!host_category_) host_category_ = std::make_unique<HostStatCategory>("Capture");
+  if (!host_category_) host_category_ = std::make_unique<HostStatCategory>(kHostCategory);
   auto* host_item = static_cast<HostStatItem*>(host_category_->AddItem(item.c_str(), L"", kStatScopeGlobal, ""));
   static_cast<HostStatCounter*>(host_item->AddCounter(counter.c_str(), 0, 0, kStatScopeGlobal, ""))->Add(value);
 }
 
-std::string HostStatService::ToJson() const {
+std::string HostStatService::ToJson(const std::vector<HostFigure>& current_figures) const {
   // Objects nest three levels; each level is built like a JSON line.
   JsonObjectLine top;
-  std::vector<const HostStatCategory*> categories;
-  for (const auto& category : categories_) categories.push_back(category.get());
-  if (host_category_) categories.push_back(host_category_.get());
-  for (const HostStatCategory* category : categories) {
-    JsonObjectLine items;
-    for (const auto& item : category->items()) {
+  const auto add_items = [](JsonObjectLine& items, const HostStatCategory& category) {
+    for (const auto& item : category.items()) {
       JsonObjectLine counters;
       for (const auto& counter : item->counters()) counters.Number(counter->name(), counter->value());
       items.Raw(item->name(), counters.Finish());
     }
+  };
+  for (const auto& category : categories_) {
+    JsonObjectLine items;
+    add_items(items, *category);
     top.Raw(category->name(), items.Finish());
   }
+  if (!host_category_ && current_figures.empty()) return top.Finish();
+  JsonObjectLine host_items;
+  if (host_category_) add_items(host_items, *host_category_);
+  for (const HostFigure& figure : current_figures) {
+    JsonObjectLine counters;
+    host_items.Raw(figure.item, counters.Number(figure.counter, figure.value).Finish());
+  }
+  top.Raw(kHostCategory, host_items.Finish());
   return top.Finish();
 }
 

@@ -84,12 +84,20 @@ class HostStatService final : public IPelkaStatService, private IPelkaStatRegist
 
   // The counter with the index, or null.
   HostStatCounter* CounterAt(int32_t index);
+  static constexpr const char* kHostCategory = "Capture";
   // A figure of the host itself, kept under the category "Capture" after the
   // clients' categories. Only figures that were added appear.
   void AddHostFigure(const std::string& item, const std::string& counter, uint64_t value);
 
-  // {"Category": {"Item": {"Counter": value, ...}, ...}, ...}, in definition order.
-  std::string ToJson() const;
+  // A host figure read at the moment of writing (the kernel's drops).
+  struct HostFigure {
+    std::string item, counter;
+    uint64_t value = 0;
+  };
+  // {"Category": {"Item": {"Counter": value, ...}, ...}, ...}, in definition
+  // order; the host's figures last, under "Capture", `current_figures` after
+  // the added ones.
+  std::string ToJson(const std::vector<HostFigure>& current_figures = {}) const;
   bool has_client() const { return !clients_.empty(); }
 
  private:

@@ -29,6 +29,8 @@
 namespace pelka {
 
 inline constexpr const char* kModuleLibraryName = "libPelkaEmail.so";
+// The module's string table, in resources/<language>/ beside the library.
+inline constexpr const char* kModuleStringTable = "PelkaEmailRes.cst";
 
 // The ANSI code page (936 by default) is the code page of message bytes that
 // declare no character set: a process setting that only the module reads. The

@@ -222,6 +222,14 @@ uint32_t IpAddress::Ipv4HostOrder() const {
   return ReadU32(bytes.data());
 }
 
+bool IsSupportedLinkType(int link_type) {
+  // Asked of the decoder itself, so that the two never disagree.
+  static constexpr uint8_t kNoBytes[1] = {};
+  PacketDecoder probe;
+  DecodedPacket unused;
+  return probe.Decode(link_type, kNoBytes, 0, &unused) != DecodeStatus::kUnsupportedLink;
+}
+
 DecodeStatus PacketDecoder::Decode(int link_type, const uint8_t* frame, size_t length, DecodedPacket* out) {
   *out = DecodedPacket{};
   const DecodeStatus status = frame == nullptr ? DecodeStatus::kTruncated : DecodeFrame(link_type, frame, length, out);

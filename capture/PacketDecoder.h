@@ -100,6 +100,9 @@ struct DecoderCounters {
   uint64_t payload_cut = 0;  // TCP segments whose payload the snap length shortened
 };
 
+// Whether Decode knows the link type (a DLT value, as libpcap reports it).
+bool IsSupportedLinkType(int link_type);
+
 class PacketDecoder {
  public:
   // Decodes `length` bytes at `frame` of the given link type. On kTcp, `out`

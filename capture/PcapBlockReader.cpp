@@ -89,6 +89,7 @@ bool PcapBlockReader::OpenNext() {
   const std::string& path = paths_[next_path_++];
   if (!OpenBlocks(path)) {
     fallback_ = std::make_unique<CaptureSource>();
+    fallback_->AnswerTimeoutsOnStandardInput(stdin_timeout_ms_);
     fallback_->ContinueFile(path, 0, frames_);
   }
   return true;
@@ -210,13 +211,12 @@ void PcapBlockReader::HandOver(uint64_t offset) {
 // The record header at `header` describes a record libpcap would read as it is.
 bool PcapBlockReader::Usual(const uint8_t* header) const {
   const uint32_t seconds = LoadPcap32(header, swapped_);
-  const uint32_t fraction = LoadPcap32(header + 4, swapped_);
   const uint32_t captured = LoadPcap32(header + 8, swapped_);
   const uint32_t wire = LoadPcap32(header + 12, swapped_);
   // A record longer than the header's snap length is read whole: the bytes
-  // the file holds are the packet.
-  return seconds < 0x80000000u && fraction < PcapFractionsPerSecond(nanosecond_) && captured <= kPcapLargestRecord &&
-         captured <= wire;
+  // the file holds are the packet. A fraction of a second or more is carried
+  // into the seconds (SetFrame).
+  return seconds < 0x80000000u && captured <= kPcapLargestRecord && captured <= wire;
 }
 
 void PcapBlockReader::SetFrame(const uint8_t* header, CapturedFrame* frame) {
@@ -227,6 +227,7 @@ void PcapBlockReader::SetFrame(const uint8_t* header, CapturedFrame* frame) {
   frame->wire_length = LoadPcap32(header + 12, swapped_);
   frame->number = ++frames_;
   frame->time_us = PcapTimeMicroseconds(seconds, fraction, nanosecond_);
+  if (fraction >= PcapFractionsPerSecond(nanosecond_)) ++odd_time_frames_;
   frame->link_type = link_type_;
   if (frame->captured_length > snap_length_) NoteLongRecord({path_, snap_length_});
 }
@@ -270,6 +271,7 @@ ReadStatus PcapBlockReader::Next(CapturedFrame* frame, PcapBlock** block) {
       if (status != ReadStatus::kEnd) return status;
       finished_bytes_ += fallback_->bytes_read();
       frames_ = fallback_->frames_read();
+      odd_time_frames_ += fallback_->odd_time_frames();
       for (const LongRecordFile& file : fallback_->long_record_files()) NoteLongRecord(file);
       fallback_.reset();
       continue;
@@ -314,6 +316,10 @@ ReadStatus PcapBlockReader::Next(CapturedFrame* frame, PcapBlock** block) {
 uint64_t PcapBlockReader::bytes_read() const {
   if (fallback_) return finished_bytes_ + fallback_->bytes_read();
   return finished_bytes_ + (fd_ >= 0 ? block_offset_ + position_ : 0);
+}
+
+uint64_t PcapBlockReader::odd_time_frames() const {
+  return odd_time_frames_ + (fallback_ ? fallback_->odd_time_frames() : 0);
 }
 
 uint64_t PcapBlockReader::frames_read() const { return fallback_ ? fallback_->frames_read() : frames_; }

@@ -7,10 +7,13 @@
 // on. So blocks can be read ahead by other threads (Prefetch) while one thread
 // walks the records (Next). A record that runs from one block into the next is
 // put together in a buffer of the reader's own. The walk checks each record
-// header; on anything unusual (a length beyond the largest record or the file, a
-// cut header, an odd time stamp, a read error) it hands the file from that
-// record on to a CaptureSource, which reports exactly as it does for files it
-// reads whole. Other files and standard input go to a CaptureSource whole.
+// header; on anything unusual (a length beyond the largest record or the file,
+// a cut header, seconds past 2038 that libpcap reads as negative, a read
+// error) it hands the file from that record on to a CaptureSource, which
+// reports exactly as it does for files it reads whole. Other files and
+// standard input go to a CaptureSource whole. A fraction of a second or more
+// is no reason to hand over: the time is carried into the seconds and the
+// record counted (odd_time_frames).
 //
 // Frames are numbered across the run and times given as CaptureSource does.
 #pragma once
@@ -37,6 +40,8 @@ class PcapBlockReader {
   PcapBlockReader& operator=(const PcapBlockReader&) = delete;
 
   void OpenFiles(std::vector<std::string> paths);
+  // As CaptureSource's, for standard input among the files.
+  void AnswerTimeoutsOnStandardInput(int timeout_ms) { stdin_timeout_ms_ = timeout_ms; }
 
   // As CaptureSource::Next. `*block` is the block the frame lies in, valid
   // while a reference is taken on it before the next call; nullptr when the
@@ -61,6 +66,8 @@ class PcapBlockReader {
   // As CaptureSource's, for the files read so far (a file being read by the
   // fallback counts once it is done).
   const std::vector<LongRecordFile>& long_record_files() const { return long_records_; }
+  // As CaptureSource's, over every file read so far.
+  uint64_t odd_time_frames() const;
 
  private:
   bool OpenNext();
@@ -90,6 +97,7 @@ class PcapBlockReader {
   std::string error_;
   uint64_t frames_ = 0;
   uint64_t finished_bytes_ = 0;
+  uint64_t odd_time_frames_ = 0;  // of the files read in blocks and the fallbacks done
 
   // The file read in blocks.
   std::string path_;
@@ -122,6 +130,7 @@ class PcapBlockReader {
   unsigned reads_in_flight_ = 0;
 
   std::unique_ptr<CaptureSource> fallback_;
+  int stdin_timeout_ms_ = 0;
 };
 
 }  // namespace pelka

@@ -29,6 +29,7 @@ std::string FormatProgress(const ProgressFigures& figures, double elapsed_second
     line += " of " + FormatBytes(figures.bytes_total) + " (" + std::to_string(percent) + "%)";
   }
   line += ", " + std::to_string(figures.packets) + " packets, " + std::to_string(figures.messages) + " messages";
+  if (figures.kernel_drops >= 0) line += ", " + std::to_string(figures.kernel_drops) + " dropped by the kernel";
   if (elapsed_seconds > 0) {
     const auto rate = static_cast<uint64_t>(static_cast<double>(figures.bytes_read) / elapsed_seconds);
     line += ", " + FormatBytes(rate) + "/s";

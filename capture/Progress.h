@@ -20,6 +20,7 @@ struct ProgressFigures {
   uint64_t bytes_total = 0;  // 0 when unknown (standard input, live capture)
   uint64_t packets = 0;
   uint64_t messages = 0;
+  int64_t kernel_drops = -1;  // live capture: packets the kernel dropped; -1 otherwise
 };
 
 // One line of progress, without line end: "12.5 MiB of 40.0 MiB (31%) ...".

@@ -189,6 +189,7 @@ void PrintSummary(std::ostream& out, const RunFacts& facts, const MessageDigest&
     const auto rate = static_cast<uint64_t>(static_cast<double>(facts.bytes) / facts.elapsed_seconds);
     out << " (" << FormatBytes(rate) << "/s)";
   }
+  if (facts.kernel_drops >= 0) out << "; dropped by the kernel: " << facts.kernel_drops;
   out << "\n";
   out << "Output: " << facts.out_dir << "/ (emails.jsonl, email_log.csv, email_log.txt, entries.jsonl, "
       << "diagnosis.jsonl, statistics.json" << (facts.copies ? ", email_copy/" : "") << ")\n";

@@ -43,6 +43,7 @@ struct RunFacts {
   uint64_t packets = 0;
   uint64_t bytes = 0;
   double elapsed_seconds = 0;
+  int64_t kernel_drops = -1;  // live capture: packets the kernel dropped; -1 otherwise
   uint64_t connections_smtp = 0;
   uint64_t connections_pop3 = 0;
   uint64_t connections_imap = 0;

@@ -59,13 +59,14 @@ void Store32(uint8_t* bytes, uint32_t value, bool swapped) {
 
 }  // namespace
 
-std::FILE* WidenSnapLength(std::FILE* file, uint32_t* snap_length) {
+std::FILE* WidenSnapLength(std::FILE* file, uint32_t* snap_length, bool* nanosecond) {
   *snap_length = 0;
   auto widened = std::make_unique<WidenedFile>();
   widened->file = file;
   widened->header_length = std::fread(widened->header, 1, kPcapFileHeaderBytes, file);
   const bool whole_header = widened->header_length == kPcapFileHeaderBytes;
   const PcapMagic magic = whole_header ? ReadPcapMagic(widened->header) : PcapMagic{};
+  *nanosecond = magic.nanosecond;
   const uint32_t stated = magic.classic ? LoadPcap32(widened->header + kPcapSnapLengthOffset, magic.swapped) : 0;
   if (magic.classic && stated != 0 && stated < kPcapLargestRecord) {
     Store32(widened->header + kPcapSnapLengthOffset, kPcapLargestRecord, magic.swapped);

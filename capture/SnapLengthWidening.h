@@ -17,8 +17,9 @@ namespace pelka {
 // hand libpcap in its place: `file` itself when it is no classic pcap file or
 // states the largest record length (kPcapLargestRecord) or more (or 0), else a stream that owns `file`
 // (closing it closes `file`, unless `file` is stdin). `*snap_length` is the
-// header's own snap length, 0 when it was not changed. nullptr when the header
-// cannot be read back; `file` is then still the caller's.
-std::FILE* WidenSnapLength(std::FILE* file, uint32_t* snap_length);
+// header's own snap length, 0 when it was not changed. `*nanosecond` says
+// whether it is a classic pcap file with nanosecond stamps. nullptr when the
+// header cannot be read back; `file` is then still the caller's.
+std::FILE* WidenSnapLength(std::FILE* file, uint32_t* snap_length, bool* nanosecond);
 
 }  // namespace pelka

@@ -28,12 +28,14 @@ StopSignalScope::StopSignalScope(CaptureSource* source, PcapBlockReader* blocks)
   sigaction(SIGINT, &action, &old_int_);
   sigaction(SIGTERM, &action, &old_term_);
   sigaction(SIGALRM, &action, &old_alarm_);
+  sigaction(SIGHUP, &action, &old_hup_);
 }
 
 StopSignalScope::~StopSignalScope() {
   sigaction(SIGINT, &old_int_, nullptr);
   sigaction(SIGTERM, &old_term_, nullptr);
   sigaction(SIGALRM, &old_alarm_, nullptr);
+  sigaction(SIGHUP, &old_hup_, nullptr);
   g_stoppable_source.store(nullptr);
   g_stoppable_blocks.store(nullptr);
 }

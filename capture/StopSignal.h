@@ -1,4 +1,5 @@
-// Ctrl-C (SIGINT) and SIGTERM end a run's reading cleanly: the sources stop
+// Ctrl-C (SIGINT), SIGTERM and SIGHUP (the terminal or the ssh session
+// closing) end a run's reading cleanly: the sources stop
 // reading, and the run ends its flows and writes its outputs as at the end of
 // the input. SIGALRM does the same: it is how --duration ends a run.
 //
@@ -27,6 +28,7 @@ class StopSignalScope {
   struct sigaction old_int_ {};
   struct sigaction old_term_ {};
   struct sigaction old_alarm_ {};
+  struct sigaction old_hup_ {};
 };
 
 // Whether a stop signal came during the last (or current) scope.

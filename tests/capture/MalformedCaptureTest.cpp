@@ -57,6 +57,53 @@ std::string RecordClaiming(uint32_t captured, size_t present) {
   return out + std::string(present, '\x55');
 }
 
+// The session's records, every other one stamped 4000 s early with
+// 4,000,000,000 microseconds: the same times, once the fraction is carried
+// into the seconds (read otherwise, the connection would go idle).
+std::string CarriedTimeRecords(const std::vector<Frame>& frames) {
+  std::string out;
+  for (size_t i = 0; i < frames.size(); ++i) {
+    const uint64_t time = test::kCaptureStartUs + i * 100;
+    std::string record = test::PcapRecord(frames[i], time), stamp;
+    if (i % 2 == 0) {
+      out += record;
+      continue;
+    }
+    test::Put32(stamp, static_cast<uint32_t>(time / 1000000 - 4000));
+    test::Put32(stamp, static_cast<uint32_t>(time % 1000000 + 4000000000u));
+    out += record.replace(0, stamp.size(), stamp);
+  }
+  return out;
+}
+
+// A pcapng section of Ethernet frames in either byte order.
+std::string PcapngSection(const std::vector<Frame>& frames, uint64_t first_index, bool big) {
+  const auto block = [big](uint32_t type, std::string body) {
+    body.resize((body.size() + 3) / 4 * 4, '\0');
+    std::string out;
+    for (uint32_t field : {type, static_cast<uint32_t>(body.size() + 12)}) test::Put32(out, field, big);
+    out += body;
+    test::Put32(out, static_cast<uint32_t>(body.size() + 12), big);
+    return out;
+  };
+  std::string header, interface;
+  test::Put32(header, 0x1A2B3C4D, big);
+  test::Put32(header, big ? 0x00010000 : 0x00000001, big);  // version 1.0
+  header += std::string(8, '\xFF');                          // section length unknown
+  test::Put32(interface, big ? 0x00010000 : 0x00000001, big); // Ethernet, reserved
+  test::Put32(interface, 65535, big);
+  std::string out = block(0x0A0D0D0A, header) + block(1, interface);
+  for (size_t i = 0; i < frames.size(); ++i) {
+    const uint64_t time = test::kCaptureStartUs + (first_index + i) * 100;
+    const auto length = static_cast<uint32_t>(frames[i].bytes.size());
+    std::string packet;
+    for (uint64_t field : {uint64_t{0}, time >> 32, time & 0xFFFFFFFF, uint64_t{length}, uint64_t{length}})
+      test::Put32(packet, static_cast<uint32_t>(field), big);
+    out += block(6, packet.append(frames[i].bytes.begin(), frames[i].bytes.end()));
+  }
+  return out;
+}
+
 struct MalformedCase {
   const char* name;
   std::vector<std::string> files;     // capture files, read in order
@@ -94,6 +141,16 @@ const std::vector<MalformedCase>& Cases() {
       {"ZeroLengthFrames", {header + zero + SessionBefore() + zero + SessionAfter() + zero}, kExitDone,
        {kBefore, kAfter}, {}},
       // The frame claiming 1865 bytes is a cut segment; the other two are skipped.
+      {"UnsupportedLinkType", {header.substr(0, 20) + std::string("\x93\0\0\0", 4) + SessionBefore()}, kExitInputProblem, {},
+       {"FILE0", "link type 147 is not supported"}},
+      {"FractionOfASecondOrMoreIsCarried", {header + CarriedTimeRecords(test::SmtpSession(40001, kBefore))},
+       kExitDone, {kBefore}, {"FILE0", "carried into the seconds"}},
+      {"FractionOfASecondOrMoreOnStandardInput", {header + CarriedTimeRecords(test::SmtpSession(40001, kBefore))},
+       kExitDone, {kBefore}, {"FILE0", "carried into the seconds"}, true},
+      {"PcapngSectionsInBothByteOrders",
+       {PcapngSection(test::SmtpSession(40001, kBefore), 0, false) +
+        PcapngSection(test::SmtpSession(40002, kAfter), 1000, true)},
+       kExitDone, {kBefore, kAfter}, {}},
       {"HeaderLengthsThatLie", {header + SessionBefore() + test::PcapRecords(lies, 900) + SessionAfter()}, kExitDone,
        {kBefore, kAfter}, {"FILE0", "2 frames were skipped"}},
   };

@@ -84,6 +84,10 @@ TEST_F(ProgramTest, UsageErrorsGiveStatusTwoAndSayWhy) {
       {"size entry", {"--size-included", "120;12x", sample}, "\"12x\""},
       {"condition twice", {"--attachment", "yes", "--where", "attachment=no", sample}, "more than once"},
       {"bad condition repeats the syntax", {"--size-included", "1-x", sample}, "\"120;0-1024\""},
+      {"filter with files", {"-f", "tcp", sample}, "live capture (-i) only"},
+      {"buffer size with files", {"-B", "16", sample}, "live capture (-i) only"},
+      {"filter that does not compile", {"-i", "lo", "-f", "tcp port nosuchport"}, "nosuchport"},
+      {"buffer size 0", {"-i", "lo", "-B", "0"}, "--buffer-size"},
   };
   for (const UsageCase& c : cases) {
     SCOPED_TRACE(c.name);
@@ -104,6 +108,16 @@ TEST_F(ProgramTest, HelpAndVersionGoToStandardOutput) {
     EXPECT_EQ(result.status, kExitDone) << option;
     EXPECT_THAT(result.out, HasSubstr(option == std::string("--help") ? "Exit status" : "pelka-email ")) << option;
   }
+  // Without -U, tcpdump holds the packets back until it exits.
+  EXPECT_THAT(Run({"--help"}).out, HasSubstr("tcpdump -U -w - "));
+}
+
+// A live capture takes only the mail ports unless told otherwise.
+TEST(CommandLineDefaults, LiveCaptureFiltersTheMailPorts) {
+  const char* const argv[] = {"pelka-email", "-i", "lo"};
+  const CommandLineOutcome outcome = ParseCommandLine(3, argv);
+  ASSERT_TRUE(outcome.options);
+  EXPECT_EQ(outcome.options->filter, "tcp port 25 or tcp port 110 or tcp port 143");
 }
 
 // ---------------------------------------------------------------------------
@@ -177,21 +191,28 @@ TEST_F(ProgramTest, LanguageChoosesTheModulesTexts) {
 TEST_F(ProgramTest, MissingOrForeignModuleLibraryIsReportedClearly) {
   const fs::path not_a_library = dir_ / "libPelkaEmail.so";
   std::ofstream(not_a_library) << "not a library";
+  // The module without the resources/ folder the build puts beside it.
+  const fs::path bare = dir_ / "bare" / "libPelkaEmail.so";
+  fs::create_directories(bare.parent_path());
+  fs::copy_file(fs::path(PELKA_BINARY_DIR) / "libPelkaEmail.so", bare);
   struct Case {
     std::string module;
+    int status;
     const char* message;
   };
-  std::vector<Case> cases = {{not_a_library.string(), "cannot load the e-mail module"}};
+  std::vector<Case> cases = {{not_a_library.string(), kExitInputProblem, "cannot load the e-mail module"},
+                             {(dir_ / "nothing").string(), kExitInputProblem, "PELKA_MODULE names"},
+                             {bare.string(), kExitDone, "string table"}};
   // Any shared library of the system that is not the module.
   for (const char* path : {"/usr/lib/x86_64-linux-gnu/libpcap.so", "/usr/lib/aarch64-linux-gnu/libpcap.so"}) {
-    if (fs::exists(path)) cases.push_back({path, "it has no RegisterDomObjects"});
+    if (fs::exists(path)) cases.push_back({path, kExitInputProblem, "it has no RegisterDomObjects"});
   }
   for (const Case& c : cases) {
     SCOPED_TRACE(c.module);
     ::setenv("PELKA_MODULE", c.module.c_str(), 1);
     const ProgramResult result = Run({"-o", Out(), kSample.string()});
     ::unsetenv("PELKA_MODULE");
-    EXPECT_EQ(result.status, kExitInputProblem);
+    EXPECT_EQ(result.status, c.status);
     EXPECT_THAT(result.err, HasSubstr(c.message));
   }
 }
@@ -258,6 +279,20 @@ TEST_F(ProgramTest, UnreadableInputOrInterfaceGivesOneAndSaysWhich) {
   EXPECT_EQ(interface.status, kExitInputProblem);
   EXPECT_THAT(interface.err, ::testing::AnyOf(HasSubstr("no such interface: nosuchiface0"),
                                               HasSubstr("no permission to capture on nosuchiface0")));
+}
+
+// The kernel's drop count of a live capture reaches the summary and
+// statistics.json (kept current while the run goes on).
+TEST_F(ProgramTest, LiveCaptureReportsTheKernelsDropCount) {
+  test::ProgramProcess process({"-i", "lo", "-o", Out()});
+  const bool started = test::WaitForLines(Out("statistics.json"), 1, std::chrono::seconds(10));
+  process.Signal(SIGTERM);
+  const ProgramResult result = process.Wait(std::chrono::seconds(30));
+  if (!started && result.err.find("ermi") != std::string::npos) GTEST_SKIP() << "no privilege: " << result.err;
+  ASSERT_EQ(result.status, kExitDone) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("dropped by the kernel: 0"));
+  const auto statistics = nlohmann::json::parse(ReadWholeFile(Out("statistics.json")), nullptr, false);
+  EXPECT_EQ(statistics.value("/Capture/Kernel/Dropped"_json_pointer, -1), 0) << statistics;
 }
 
 // ---------------------------------------------------------------------------
@@ -332,6 +367,7 @@ TEST(ProgressText, ShowsBytesOfTheTotalPacketsMessagesAndRate) {
       {{512 * 1024, 1024 * 1024, 10, 2}, 2.0, "512.0 KiB of 1.0 MiB (50%), 10 packets, 2 messages, 256.0 KiB/s"},
       {{5, 0, 1, 0}, 0.0, "5 B, 1 packets, 0 messages"},
       {{3ull << 30, 2ull << 30, 7, 1}, 0.0, "3.0 GiB of 2.0 GiB (100%), 7 packets, 1 messages"},
+      {{5, 0, 1, 0, 3}, 0.0, "5 B, 1 packets, 0 messages, 3 dropped by the kernel"},
   };
   for (const Case& c : cases) EXPECT_EQ(FormatProgress(c.figures, c.seconds), c.line);
   EXPECT_EQ(FormatBytes(1023), "1023 B");

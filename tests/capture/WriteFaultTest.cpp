@@ -119,7 +119,7 @@ TEST_F(WriteFaultTest, OutputFileSystemFillsUpMidRun) {
   EXPECT_THAT(result.out, HasSubstr("Not written: emails.jsonl " + lost[1].str() + " lines"));
 }
 
-// Ctrl-C and SIGTERM end a run cleanly: exit status 0, the summary says the
+// Ctrl-C, SIGTERM and SIGHUP end a run cleanly: exit status 0, the summary says the
 // run stopped early, and the export lines of every record found were written.
 struct StopCase {
   const char* name;
@@ -153,11 +153,27 @@ TEST_P(StopSignalTest, StopsCleanlyKeepingWholeLines) {
   const std::string input = c.from_pipe ? "-" : BigCapture();
   test::ProgramProcess process({"--threads", c.threads, "-o", out.string(), input}, c.from_pipe);
   if (c.from_pipe) {
+    // The export files show their header before any packet came.
+    EXPECT_TRUE(test::WaitForLines(out / "email_log.csv", 1, std::chrono::seconds(10)));
     // The stream stays open: the program waits for more when the signal comes.
     ASSERT_TRUE(process.WriteStdin(SessionsCapture(kPipeSessions, 2000)));
   }
   const size_t wanted = c.from_pipe ? kPipeSessions : 1;
   ASSERT_TRUE(test::WaitForLines(out / "emails.jsonl", wanted, std::chrono::seconds(60)));
+  if (c.from_pipe) {
+    // Input that arrives slowly keeps every file current: each record's
+    // export lines within a second, the counters within a few.
+    for (const char* name : {"email_log.csv", "email_log.txt"})
+      EXPECT_TRUE(test::WaitForLines(out / name, wanted + 1, std::chrono::seconds(1))) << name;
+    const auto counted = [&out] {
+      const auto statistics = nlohmann::json::parse(test::ReadWholeFile(out / "statistics.json"), nullptr, false);
+      return statistics.is_object() ? statistics.value("/Email/SMTP/Count"_json_pointer, size_t{0}) : 0;
+    };
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (counted() != kPipeSessions && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(counted(), kPipeSessions) << "statistics.json is not kept current";
+  }
   process.Signal(c.signal);
   const ProgramResult result = process.Wait(std::chrono::seconds(30));
 
@@ -178,6 +194,7 @@ TEST_P(StopSignalTest, StopsCleanlyKeepingWholeLines) {
 INSTANTIATE_TEST_SUITE_P(Signals, StopSignalTest,
                          ::testing::Values(StopCase{"CtrlCWhileReadingAFile", SIGINT, false},
                                            StopCase{"SigtermWhileWaitingOnAPipe", SIGTERM, true},
+                                           StopCase{"SighupWhileWaitingOnAPipeOnTwoThreads", SIGHUP, true, "2"},
                                            StopCase{"SigtermWhileReadingAFileOnTwoThreads", SIGTERM, false, "2"}),
                          [](const ::testing::TestParamInfo<StopCase>& info) { return info.param.name; });
 
