@@ -1,11 +1,18 @@
 #include "capture/CaptureReading.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "capture/Progress.h"
 #include "capture/StopSignal.h"
@@ -103,8 +110,29 @@ bool ReadAllInWorkers(Source& source, Pipeline& pipeline, HostServices& services
   return inputs_ok;
 }
 
+// Whether every input file opens (standard input always does), so that a
+// mistyped name is found before anything is written.
+bool FilesOpen(const std::vector<std::string>& paths, std::ostream& err) {
+  bool all_open = true;
+  for (const std::string& path : paths) {
+    if (path == "-") continue;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int code = fd < 0 ? errno : 0;
+    struct stat info {};
+    if (fd >= 0 && ::fstat(fd, &info) == 0 && S_ISDIR(info.st_mode)) code = EISDIR;
+    if (fd >= 0) ::close(fd);
+    if (!code) continue;
+    err << kProgramName << ": cannot open " << path << ": " << std::strerror(code) << "\n";
+    all_open = false;
+  }
+  return all_open;
+}
+
+}  // namespace
+
 bool OpenInputs(const ProgramOptions& options, Pipeline& pipeline, std::ostream& err) {
   CaptureSource& source = pipeline.source;
+  if (options.interface_name.empty() && !FilesOpen(options.inputs, err)) return false;
   if (pipeline.blocks) {
     pipeline.blocks->OpenFiles(options.inputs);
     return true;
@@ -120,15 +148,7 @@ bool OpenInputs(const ProgramOptions& options, Pipeline& pipeline, std::ostream&
   return false;
 }
 
-}  // namespace
-
-bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, PrivilegeDrop& drop,
-                  std::ostream& err) {
-  if (!OpenInputs(options, pipeline, err)) return false;
-  if (std::string problem; !drop.Apply(&problem)) {
-    err << kProgramName << ": " << problem << "\n";
-    return false;
-  }
+bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, std::ostream& err) {
   StopSignalScope signals(&pipeline.source, pipeline.blocks.get());
   Progress progress(Progress::Wanted(options.quiet), [&pipeline, &services] {
     return ProgressFigures{pipeline.bytes_read(), pipeline.total_bytes(), pipeline.frames_read(),
