@@ -94,7 +94,8 @@ std::unique_ptr<CopyStore> CopyStore::Open(const std::string& out_dir, std::stri
     *error = FolderProblem(copy_dir, errno);
     return nullptr;
   }
-  const int copy_fd = MakeFolder(out_fd, kFolder, 0750);
+  const bool made = ::mkdirat(out_fd, kFolder, 0750) == 0;
+  const int copy_fd = made || errno == EEXIST ? OpenFolder(out_fd, kFolder) : -1;
   const int code = errno;
   ::close(out_fd);
   if (copy_fd < 0) {
@@ -109,18 +110,19 @@ std::unique_ptr<CopyStore> CopyStore::Open(const std::string& out_dir, std::stri
     ::close(copy_fd);
     return nullptr;
   }
-  return std::unique_ptr<CopyStore>(new CopyStore(copy_dir, copy_fd, staging_fd));
+  return std::unique_ptr<CopyStore>(new CopyStore(copy_dir, copy_fd, staging_fd, made));
 }
 
-CopyStore::CopyStore(std::string copy_dir, int copy_fd, int staging_fd)
-    : copy_dir_(std::move(copy_dir)),
-      copy_fd_(copy_fd),
-      staging_fd_(staging_fd) {}
+CopyStore::CopyStore(std::string copy_dir, int copy_fd, int staging_fd, bool made)
+    : copy_dir_(std::move(copy_dir)), copy_fd_(copy_fd), staging_fd_(staging_fd), made_(made) {}
 
 CopyStore::~CopyStore() {
   ::close(staging_fd_);
   RemoveFolder(copy_fd_, kStaging);
   ::close(copy_fd_);
+  // A run without a copy leaves no empty folder it made; one with copies in
+  // it is not removed.
+  if (made_) ::rmdir(copy_dir_.c_str());
 }
 
 const char* CopyStore::StagingFolder() {

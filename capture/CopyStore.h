@@ -14,7 +14,7 @@
 //
 // Safety: email_copy/ must be a directory of its own: a symbolic link or
 // anything else in its place is refused at the start. It is made (0750) when
-// missing, and every move goes through descriptors of the folders opened at
+// missing (and removed again when it stays empty), and every move goes through descriptors of the folders opened at
 // the start, so that a link planted later changes nothing. A copy is made
 // 0600 (or less, when the umask takes more away).
 //
@@ -54,7 +54,8 @@ class CopyStore {
   // folder is not a directory, or cannot be made or opened.
   static std::unique_ptr<CopyStore> Open(const std::string& out_dir, std::string* error);
 
-  // Removes the staging folders with whatever is left in them.
+  // Removes the staging folders with whatever is left in them, and the copy
+  // folder when this run made it and put no copy in it.
   ~CopyStore();
   CopyStore(const CopyStore&) = delete;
   CopyStore& operator=(const CopyStore&) = delete;
@@ -81,7 +82,7 @@ class CopyStore {
   std::string first_failure() const;
 
  private:
-  CopyStore(std::string copy_dir, int copy_fd, int staging_fd);
+  CopyStore(std::string copy_dir, int copy_fd, int staging_fd, bool made);
 
   std::string Fail(const std::string& what, int code);
   // Tries the name and then its suffixed forms until one is free.
@@ -90,6 +91,7 @@ class CopyStore {
   const std::string copy_dir_;  // absolute, ending with '/'
   const int copy_fd_;
   const int staging_fd_;
+  const bool made_;  // the copy folder was made by this run
 
   std::mutex threads_mutex_;  // guards the staging folders of the threads
   std::vector<std::pair<std::thread::id, std::unique_ptr<std::string>>> staging_;
