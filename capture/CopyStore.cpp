@@ -40,7 +40,8 @@ void RemoveFolder(int parent_fd, const char* name) {
   }
   std::vector<std::string> names;
   while (const dirent* entry = ::readdir(dir))
-    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) names.emplace_back(entry->d_name);
+    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
+      names.emplace_back(entry->d_name);
   for (const std::string& entry : names) {
     if (::unlinkat(fd, entry.c_str(), 0) == 0) continue;
     if (errno == EISDIR && std::strcmp(name, kStaging) == 0) RemoveFolder(fd, entry.c_str());
@@ -51,7 +52,8 @@ void RemoveFolder(int parent_fd, const char* name) {
 
 std::string FolderProblem(const std::string& path, int code) {
   if (code == ELOOP || code == ENOTDIR)
-    return "the copy folder " + path + " is a symbolic link or not a directory; remove it or choose another output folder";
+    return "the copy folder " + path +
+           " is a symbolic link or not a directory; remove it or choose another output folder";
   return "cannot make or open the copy folder " + path + ": " + std::strerror(code);
 }
 
@@ -80,7 +82,8 @@ bool MoveNoReplace(int from_fd, const char* from, int to_fd, const char* to) {
 std::string ModuleStorageRoot(const std::string& out_dir) {
   if (out_dir.find('\\') == std::string::npos) return out_dir;
   std::error_code error;
-  const std::filesystem::path relative = std::filesystem::relative(out_dir, std::filesystem::current_path(error), error);
+  const std::filesystem::path here = std::filesystem::current_path(error);
+  const std::filesystem::path relative = std::filesystem::relative(out_dir, here, error);
   if (error) return out_dir;
   std::string text = "./" + relative.string();
   if (text.back() != '/') text += '/';

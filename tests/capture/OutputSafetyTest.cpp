@@ -84,7 +84,8 @@ TEST_F(OutputSafetyTest, EveryRecordNamesAPrivateCopyOfItsOwnMessage) {
     }
   }
   ASSERT_EQ(names.size(), 6u) << "one file per record";
-  const std::string first = *std::min_element(names.begin(), names.end(), [](auto& a, auto& b) { return a.size() < b.size(); });
+  const std::string first =
+      *std::min_element(names.begin(), names.end(), [](auto& a, auto& b) { return a.size() < b.size(); });
   for (const char* suffix : {"-2", "-3", "-4", "-5", "-6"})
     EXPECT_EQ(names.count(first.substr(0, first.size() - 4) + suffix + ".eml"), 1u) << suffix;
   EXPECT_EQ(std::distance(fs::directory_iterator(out / "email_copy"), fs::directory_iterator()), 6)
