@@ -1,12 +1,20 @@
 #include "capture/CaptureReading.h"
 
 #include <algorithm>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "capture/Progress.h"
 #include "capture/ReadLimits.h"
@@ -119,8 +127,36 @@ bool ReadAllInWorkers(Source& source, Pipeline& pipeline, HostServices& services
   return state.inputs_ok;
 }
 
+bool ReadEverything(Pipeline& pipeline, HostServices& services, ReadState& state) {
+  if (pipeline.parallel && pipeline.blocks) return ReadAllInWorkers(*pipeline.blocks, pipeline, services, state);
+  if (pipeline.parallel) return ReadAllInWorkers(pipeline.source, pipeline, services, state);
+  if (pipeline.blocks) return ReadAll(*pipeline.blocks, pipeline, services, state);
+  return ReadAll(pipeline.source, pipeline, services, state);
+}
+
+// Whether every input file opens (standard input always does), so that a
+// mistyped name is found before anything is written.
+bool FilesOpen(const std::vector<std::string>& paths, std::ostream& err) {
+  bool all_open = true;
+  for (const std::string& path : paths) {
+    if (path == "-") continue;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int code = fd < 0 ? errno : 0;
+    struct stat info {};
+    if (fd >= 0 && ::fstat(fd, &info) == 0 && S_ISDIR(info.st_mode)) code = EISDIR;
+    if (fd >= 0) ::close(fd);
+    if (!code) continue;
+    err << kProgramName << ": cannot open " << path << ": " << std::strerror(code) << "\n";
+    all_open = false;
+  }
+  return all_open;
+}
+
+}  // namespace
+
 bool OpenInputs(const ProgramOptions& options, Pipeline& pipeline, std::ostream& err) {
   CaptureSource& source = pipeline.source;
+  if (options.interface_name.empty() && !FilesOpen(options.inputs, err)) return false;
   if (pipeline.blocks) {
     pipeline.blocks->AnswerTimeoutsOnStandardInput(kQuietInputMs);
     pipeline.blocks->OpenFiles(options.inputs);
@@ -138,30 +174,12 @@ bool OpenInputs(const ProgramOptions& options, Pipeline& pipeline, std::ostream&
   return false;
 }
 
-bool ReadEverything(Pipeline& pipeline, HostServices& services, ReadState& state) {
-  if (pipeline.parallel && pipeline.blocks) return ReadAllInWorkers(*pipeline.blocks, pipeline, services, state);
-  if (pipeline.parallel) return ReadAllInWorkers(pipeline.source, pipeline, services, state);
-  if (pipeline.blocks) return ReadAll(*pipeline.blocks, pipeline, services, state);
-  return ReadAll(pipeline.source, pipeline, services, state);
-}
-
-}  // namespace
-
 bool ReadsSlowInput(const ProgramOptions& options) {
   return !options.interface_name.empty() ||
          std::find(options.inputs.begin(), options.inputs.end(), "-") != options.inputs.end();
 }
 
-bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, PrivilegeDrop& drop,
-                  std::ostream& err) {
-  // Installed first: opening an interface with a large buffer takes seconds,
-  // and a stop signal meanwhile must end the run cleanly too.
-  StopSignalScope signals(&pipeline.source, pipeline.blocks.get());
-  if (!OpenInputs(options, pipeline, err)) return false;
-  if (std::string problem; !drop.Apply(&problem)) {
-    err << kProgramName << ": " << problem << "\n";
-    return false;
-  }
+bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, std::ostream& err) {
   const StatisticsRefresh statistics(services, ReadsSlowInput(options));
   Progress progress(Progress::Wanted(options.quiet), [&pipeline, &services] {
     return ProgressFigures{pipeline.bytes_read(), pipeline.total_bytes(), pipeline.frames_read(),

@@ -11,7 +11,6 @@
 #include "capture/CapturePipeline.h"
 #include "capture/CommandLine.h"
 #include "capture/HostServices.h"
-#include "capture/PrivilegeDrop.h"
 
 namespace pelka {
 
@@ -19,10 +18,14 @@ namespace pelka {
 // then every output is kept current while the run goes on.
 bool ReadsSlowInput(const ProgramOptions& options);
 
-// Opens the inputs, drops privileges (--user) and reads everything, keeping
-// statistics.json current for slow input. False when an input could not be
-// opened or read.
-bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, PrivilegeDrop& drop,
-                  std::ostream& err);
+// Opens the inputs: the interface, or the files (each is checked to open,
+// and with --user they are opened now, as root). False, with every input that
+// failed said on `err`, when one cannot be opened.
+bool OpenInputs(const ProgramOptions& options, Pipeline& pipeline, std::ostream& err);
+
+// Reads everything from the inputs OpenInputs opened, keeping statistics.json
+// current for slow input. False when an input could not be read or is
+// damaged. The caller holds the stop-signal scope (StopSignal.h).
+bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, std::ostream& err);
 
 }  // namespace pelka

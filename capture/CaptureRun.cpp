@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -118,6 +119,17 @@ RunFacts CollectFacts(const ProgramOptions& options, const Pipeline& pipeline, c
   return facts;
 }
 
+// --user: what the run made so far is given to the user, then the run
+// becomes that user; the copy folder must then still take the copies.
+bool SwitchUser(PrivilegeDrop& drop, HostServices& services, std::ostream& err) {
+  const std::optional<UserAccount>& account = drop.account();
+  std::string problem;
+  if ((!account || services.GiveTo(account->uid, account->gid)) && drop.Apply(&problem) && services.CheckWritable())
+    return true;
+  err << kProgramName << ": " << (problem.empty() ? services.error() : problem) << "\n";
+  return false;
+}
+
 }  // namespace
 
 int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& err) {
@@ -132,16 +144,24 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
   const std::string library_path = LocateModule(err);
   if (library_path.empty()) return kExitInputProblem;
 
-  // Declared before the module, so that the module object is released while
-  // the host services it holds still exist.
+  // Declared in this order so that the pipeline's workers end before the
+  // module object goes, and the module before the host services it holds.
   HostServices services(MakeHostOptions(options, library_path));
   WarnAboutMissingTexts(ResourceDirectory(library_path, options.language), options.language, err);
+  std::unique_ptr<LoadedModule> module;
+  Pipeline pipeline(options, services.flow_sink());
+  // Installed before the inputs open: opening an interface with a large
+  // buffer takes seconds, and a stop signal meanwhile must end the run
+  // cleanly too.
+  StopSignalScope signals(&pipeline.source, pipeline.blocks.get());
+  // An input that cannot be opened leaves the output folder as it was.
+  if (!OpenInputs(options, pipeline, err)) return kExitInputProblem;
   if (!services.Open()) {
     err << kProgramName << ": " << services.error() << "\n";
     return kExitInputProblem;
   }
   std::string error;
-  std::unique_ptr<LoadedModule> module = LoadedModule::Load(library_path, &error);
+  module = LoadedModule::Load(library_path, &error);
   if (!module) {
     err << kProgramName << ": " << error << "\n";
     services.FinishRun(nullptr);
@@ -150,23 +170,31 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
   services.StartModule(module->main_table());
   if (!module->ApplyOptions(options.max_flow_length_mib, &error)) err << kProgramName << ": " << error << "\n";
 
-  Pipeline pipeline(options, services.flow_sink());
   if (!options.interface_name.empty()) services.SetKernelDrops([&pipeline] { return pipeline.kernel_drops(); });
-  const bool inputs_ok = ReadCaptures(options, pipeline, services, drop, err);
+  if (!SwitchUser(drop, services, err)) {
+    services.FinishRun(module->main_table());
+    return kExitInputProblem;
+  }
+  const bool inputs_ok = ReadCaptures(options, pipeline, services, err);
   pipeline.Finish();
   WarnAboutSkippedParts(InputsLabel(options), pipeline, err);
   if (const uint64_t gaps = pipeline.flow_counters().hold_limit_gaps) services.AddStatistic("HoldLimit", "Reached", gaps);
   const bool outputs_ok = services.FinishRun(module->main_table());
   if (!outputs_ok) err << kProgramName << ": " << services.error() << "\n";
-  for (const auto& [file, lines] : services.counts().lines_lost)
+  const HostRunCounts counts = services.counts();
+  for (const auto& [file, lines] : counts.lines_lost)
     err << kProgramName << ": " << lines << " lines of " << file << " were lost: they could not be written\n";
+  if (counts.copy_failures)
+    err << kProgramName << ": " << counts.copy_failures << " message cop" << (counts.copy_failures == 1 ? "y" : "ies")
+        << " could not be written, their records name no file (first: " << counts.first_copy_failure << ")\n";
 
   if (!options.quiet) {
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - started;
-    const RunFacts facts = CollectFacts(options, pipeline, services, elapsed.count());
+    RunFacts facts = CollectFacts(options, pipeline, services, elapsed.count());
+    facts.copy_failures = counts.copy_failures;
     PrintSummary(out, facts, ReadMessageDigest(facts.out_dir + "/emails.jsonl", kSummaryRows));
   }
-  return inputs_ok && outputs_ok ? kExitDone : kExitInputProblem;
+  return inputs_ok && outputs_ok && !counts.copy_failures ? kExitDone : kExitInputProblem;
 }
 
 }  // namespace pelka

@@ -10,8 +10,11 @@
 //
 // Ctrl-C (SIGINT), SIGTERM and SIGHUP end the reading cleanly: open flows
 // are ended, the export lines and statistics are written, and the run reports
-// what it found until then. A damaged or unreadable input is reported on stderr and
-// the run goes on with the next one; the exit status then says 1.
+// what it found until then. Every input is opened before the output folder is
+// touched: one that does not open ends the run at once, leaving an earlier
+// run's results as they were. A damaged or unreadable input is reported on
+// stderr and the run goes on with the next one; the exit status then says 1,
+// as it does when a message copy could not be written.
 #pragma once
 
 #include <iosfwd>

@@ -28,9 +28,11 @@ constexpr const char* kFooter =
     "\n"
     "Exit status:\n"
     "  0  the run finished (also after Ctrl-C, SIGTERM or SIGHUP, which end it cleanly)\n"
-    "  1  an input could not be read or is damaged (what was found before is kept),\n"
-    "     its link type is not supported, or the output folder or the module\n"
-    "     library could not be used\n"
+    "  1  an input could not be opened (the output folder is left untouched), could\n"
+    "     not be read or is damaged (what was found before is kept), its link type\n"
+    "     is not supported, the output folder is used by another run or could not be\n"
+    "     used, a message copy could not be written, or the module library could\n"
+    "     not be used\n"
     "  2  the command line is wrong; nothing was read\n"
     "\n"
     "Examples:\n"
@@ -90,7 +92,8 @@ void AddInputOutputOptions(CLI::App& app, ProgramOptions& options) {
       ->type_name("DIR")
       ->capture_default_str()
       ->group(output);
-  app.add_flag("--copies", options.copies, "also save every message as an .eml file under DIR/email_copy/")
+  app.add_flag("--copies", options.copies,
+               "also save every message as an .eml file under DIR/email_copy/ (0600; a taken name gets -2, -3, ...)")
       ->group(output);
   app.add_flag("-q,--quiet", options.quiet, "no progress and no summary; only errors are printed")->group(output);
 }

@@ -16,9 +16,10 @@ constexpr char kProtocolKey[] = "protocol";
 
 }  // namespace
 
-HostLog::HostLog(const LogOutputs& outputs, bool copies, const EmailConditions* conditions)
+HostLog::HostLog(const LogOutputs& outputs, bool copies, const EmailConditions* conditions, CopyStore* store)
     : outputs_(outputs),
       copies_(copies),
+      store_(copies ? store : nullptr),
       conditions_(conditions ? std::make_unique<RecordConditions>(*conditions) : nullptr),
       exporter_(outputs.csv, outputs.text),
       batch_(exporter_.NewSet(columns_)) {}
@@ -49,8 +50,9 @@ void HostLog::AddStandardColumn(const wchar_t* caption, uint32_t field, uint32_t
 uint32_t HostLog::AddStorage(const char* name, const char* key, const char*, const wchar_t*,
                              PelkaLogExportFn export_fn) {
   const std::string storage_key = key ? key : (name ? name : "");
-  const bool enabled = storage_key != kCopyStorageKey || copies_;
-  storages_.push_back(std::make_unique<LogStorage>(storage_key, enabled, export_fn));
+  const bool is_copy = storage_key == kCopyStorageKey;
+  storages_.push_back(
+      std::make_unique<LogStorage>(storage_key, !is_copy || copies_, export_fn, is_copy ? store_ : nullptr));
   return 0;
 }
 
@@ -160,6 +162,13 @@ void HostLog::WriteRecordLine(const LogRecord& record) {
   writers_.push_back(std::move(writer));
 }
 
+void HostLog::PlaceCopy(LogRecord& record) {
+  const std::wstring_view staged = record.TextAt(copy_path_column_);
+  if (staged.empty()) return;
+  const std::wstring placed = Utf8ToWideText(store_->Place(WideToUtf8(staged)));
+  record.SetText(static_cast<uint16_t>(copy_path_column_), placed);
+}
+
 std::unique_ptr<LogRecord> HostLog::TakeOpen(IPelkaLogRecord* handle) {
   const std::lock_guard<std::mutex> lock(open_mutex_);
   const auto found = std::find_if(open_.begin(), open_.end(), [handle](const auto& r) { return r.get() == handle; });
@@ -192,6 +201,7 @@ uint32_t HostLog::PostRecord(IPelkaLogRecord* handle) {
       found_by_protocol_.emplace(protocol, 1);
     }
   }
+  if (store_) PlaceCopy(*record);
   if (!record->TextAt(copy_path_column_).empty()) copies_written_.fetch_add(1, std::memory_order_relaxed);
   // The record is the caller's alone now: its line is built without a lock.
   if (outputs_.records) WriteRecordLine(*record);

@@ -15,7 +15,10 @@
 //   the records of a batch are kept, so memory does not grow with the capture.
 // - Storage: the log is always saving (GetSaveMode 2); the storage kind keyed
 //   "email_copy" is enabled only when copies are on; every storage kind's
-//   folder is its key.
+//   folder is its key. With a copy store, the module writes its copies to
+//   the store's staging folders instead, and each kept record's copy is moved
+//   to its final name when the record is posted, the record then naming that
+//   file (or nothing, when the copy could not be placed; capture/CopyStore.h).
 // - Conditions: with the user's e-mail conditions, a record that does not meet
 //   them leaves no line, no export line, no entry and no copy
 //   (capture/RecordConditions.h).
@@ -38,6 +41,7 @@
 #include <string>
 #include <vector>
 
+#include "capture/CopyStore.h"
 #include "capture/EmailConditions.h"
 #include "capture/JsonText.h"
 #include "capture/LocalTime.h"
@@ -65,8 +69,9 @@ class HostLog final : public IPelkaLog {
  public:
   static constexpr int32_t kExportBatch = 32;
 
-  // `conditions` (null: none) stays the caller's and must outlive the log.
-  HostLog(const LogOutputs& outputs, bool copies, const EmailConditions* conditions);
+  // `conditions` (null: none) and `store` (null: copies stay where the
+  // module writes them) stay the caller's and must outlive the log.
+  HostLog(const LogOutputs& outputs, bool copies, const EmailConditions* conditions, CopyStore* store = nullptr);
   ~HostLog();
 
   uint16_t AddColumn(const char* key, const wchar_t* caption, uint32_t value_kind, uint32_t width, uint32_t flags,
@@ -112,6 +117,8 @@ class HostLog final : public IPelkaLog {
   std::unique_ptr<LogRecord> TakeOpen(IPelkaLogRecord* record);
   void Recycle(std::unique_ptr<LogRecord> record);
   void WriteRecordLine(const LogRecord& record);
+  // Moves the record's staged copy to its final name, which the record then holds.
+  void PlaceCopy(LogRecord& record);
   void BuildRecordLine(const LogRecord& record, LineWriter& writer);
   // With mutex_ held: the batch being filled, replaced by an empty one.
   std::unique_ptr<LogRecordSet> TakeBatch();
@@ -120,6 +127,7 @@ class HostLog final : public IPelkaLog {
 
   LogOutputs outputs_;
   bool copies_;
+  CopyStore* store_;
   LogColumns columns_;
   int32_t copy_path_column_ = -1;
   int32_t protocol_column_ = -1;

@@ -10,14 +10,19 @@ constexpr uint32_t kStatusRefused = 1;
 }  // namespace
 
 HostLogService::HostLogService(LogOutputs outputs, std::string storage_root, bool copies,
-                               const EmailConditions* conditions)
-    : outputs_(outputs), storage_root_(Utf8ToWideText(storage_root)), copies_(copies), conditions_(conditions) {}
+                               const EmailConditions* conditions, CopyStore* store)
+    : outputs_(outputs),
+      storage_root_(Utf8ToWideText(storage_root)),
+      copies_(copies),
+      conditions_(conditions),
+      store_(store) {}
 
 HostLogService::~HostLogService() = default;
 
 uint32_t HostLogService::CreateLog(const char* name, const wchar_t*, uint32_t, int32_t, IPelkaLog** log) {
   if (!name || !log) return kStatusRefused;
-  logs_.push_back(std::make_unique<HostLog>(logs_.empty() ? outputs_ : LogOutputs{}, copies_, conditions_));
+  logs_.push_back(std::make_unique<HostLog>(logs_.empty() ? outputs_ : LogOutputs{}, copies_, conditions_,
+                                            logs_.empty() ? store_ : nullptr));
   *log = logs_.back().get();
   return 0;
 }

@@ -20,10 +20,11 @@ namespace pelka {
 
 class HostLogService final : public IPelkaLogService {
  public:
-  // `storage_root`: absolute directory ending with '/'. `conditions` (null:
-  // none) stays the caller's and must outlive the service.
+  // `storage_root`: directory ending with '/'. `conditions` (null: none)
+  // and `store` (null: copies stay where the module writes them) stay the
+  // caller's and must outlive the service.
   HostLogService(LogOutputs outputs, std::string storage_root, bool copies,
-                 const EmailConditions* conditions = nullptr);
+                 const EmailConditions* conditions = nullptr, CopyStore* store = nullptr);
   ~HostLogService();
   HostLogService(const HostLogService&) = delete;
   HostLogService& operator=(const HostLogService&) = delete;
@@ -46,6 +47,7 @@ class HostLogService final : public IPelkaLogService {
   std::wstring storage_root_;
   bool copies_;
   const EmailConditions* conditions_;
+  CopyStore* store_;
   std::vector<std::unique_ptr<HostLog>> logs_;
 };
 

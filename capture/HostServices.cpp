@@ -5,6 +5,7 @@
 #include <atomic>
 #include <mutex>
 
+#include "capture/CopyStore.h"
 #include "capture/HostDiagnosis.h"
 #include "capture/HostFlow.h"
 #include "capture/HostLogService.h"
@@ -12,6 +13,7 @@
 #include "capture/HostStatistics.h"
 #include "capture/OutputFiles.h"
 #include "capture/ReplacedFile.h"
+#include "capture/OutputLock.h"
 
 namespace pelka {
 namespace {
@@ -50,14 +52,34 @@ class HostServices::Impl final : public FlowSink {
   bool Open() {
     if (std::string problem = PrepareOutputDirectory(options_.out_dir); !problem.empty()) return Fail(problem);
     const std::string root = AbsoluteDirectory(options_.out_dir);
+    std::string problem;
+    // Nothing in the folder is touched before the lock is held.
+    if (lock_ = OutputLock::Take(root, &problem); !lock_) return Fail(problem);
+    if (options_.copies && !(copy_store_ = CopyStore::Open(root, &problem))) return Fail(problem);
+    if (copy_store_ && !copy_store_->Writable(&problem)) return Fail(problem);
     for (auto [file, name] : Files())
       if (!file->Open(root + name)) return Fail(file->error());
     for (auto [file, name] : Files()) file->WriteEachLine(options_.lines_at_once);
     log_ = std::make_unique<HostLogService>(
-        LogOutputs{&records_file_, &entries_file_, &csv_file_, &text_file_, options_.lines_at_once}, root, options_.copies,
-                                            options_.conditions ? &*options_.conditions : nullptr);
+        LogOutputs{&records_file_, &entries_file_, &csv_file_, &text_file_, options_.lines_at_once},
+        ModuleStorageRoot(root), options_.copies, options_.conditions ? &*options_.conditions : nullptr,
+        copy_store_.get());
     host_ = HostObject({log_.get(), &diagnosis_, &statistics_, &icons_});
     return true;
+  }
+
+  bool GiveTo(uid_t uid, gid_t gid) {
+    std::string problem;
+    if (lock_ && !lock_->GiveTo(uid, gid, &problem)) return Fail(problem);
+    if (copy_store_ && !copy_store_->GiveTo(uid, gid, &problem)) return Fail(problem);
+    for (auto [file, name] : Files())
+      if (!file->GiveTo(uid, gid)) return Fail(file->error());
+    return true;
+  }
+
+  bool CheckWritable() {
+    std::string problem;
+    return !copy_store_ || copy_store_->Writable(&problem) || Fail(problem);
   }
 
   IPelkaFlowClient* StartModule(CPAEBaseModule* module) {
@@ -145,6 +167,10 @@ class HostServices::Impl final : public FlowSink {
       counts.entries = log_->entries();
       counts.copies = log_->copies();
     }
+    if (copy_store_) {
+      counts.copy_failures = copy_store_->failures();
+      counts.first_copy_failure = copy_store_->first_failure();
+    }
     counts.diagnosis_reports = diagnosis_.reports();
     counts.reports_by_event = diagnosis_.reports_by_event();
     for (auto [file, name] : Files()) {
@@ -154,6 +180,10 @@ class HostServices::Impl final : public FlowSink {
   }
 
   HostOptions options_;
+  // Held until every file is closed, so declared before them.
+  std::unique_ptr<OutputLock> lock_;
+  // Outlives the log service, which moves the copies into it.
+  std::unique_ptr<CopyStore> copy_store_;
   HostNotify notify_;
   HostIconService icons_;
   HostStatService statistics_;
@@ -212,6 +242,8 @@ HostServices::HostServices(HostOptions options) : impl_(std::make_unique<Impl>(s
 HostServices::~HostServices() = default;
 
 bool HostServices::Open() { return impl_->Open(); }
+bool HostServices::GiveTo(uid_t uid, gid_t gid) { return impl_->GiveTo(uid, gid); }
+bool HostServices::CheckWritable() { return impl_->CheckWritable(); }
 void HostServices::FlushOutputs() { impl_->FlushOutputs(); }
 IPelkaHost* HostServices::host() { return &impl_->host_; }
 IPelkaNotify* HostServices::notify() { return &impl_->notify_; }

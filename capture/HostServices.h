@@ -19,6 +19,8 @@
 // it stay whole. The program reports it and exits with status 1.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -67,6 +69,8 @@ struct HostRunCounts {
   std::map<std::string, uint64_t> records_by_protocol;  // the same by protocol text
   uint64_t entries = 0;            // lines of entries.jsonl
   uint64_t copies = 0;             // records that name a copy file
+  uint64_t copy_failures = 0;      // copies that could not be written or placed
+  std::string first_copy_failure;  // why the first of them failed
   uint64_t diagnosis_reports = 0;  // lines of diagnosis.jsonl
   std::map<std::string, uint64_t> reports_by_event;  // event key -> reports
   uint64_t flows_bound = 0;        // flows the module took
@@ -82,9 +86,18 @@ class HostServices {
   HostServices(const HostServices&) = delete;
   HostServices& operator=(const HostServices&) = delete;
 
-  // Creates the output directory and opens the output files. False, with
-  // error() saying why, when the directory cannot be made or written.
+  // Creates the output directory, takes its lock (one run per folder; see
+  // capture/OutputLock.h), makes the copy folder (capture/CopyStore.h) and
+  // opens the output files. False, with error() saying why, when the
+  // directory cannot be made or written, another run holds it, or the copy
+  // folder is not a plain directory of its own.
   bool Open();
+
+  // --user: gives what Open made to the account, before the run switches to
+  // it; then, after the switch, CheckWritable says whether the copies can
+  // still be placed. False with error() set.
+  bool GiveTo(uid_t uid, gid_t gid);
+  bool CheckWritable();
 
   // The host objects the module is given.
   IPelkaHost* host();

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <iterator>
 
+#include "capture/CopyStore.h"
+
 namespace pelka {
 
 const char* StandardColumnKey(uint32_t field) {
@@ -32,5 +34,7 @@ void LogColumns::Add(std::unique_ptr<LogColumn> column) {
                  entry);
   list_.push_back(std::move(column));
 }
+
+const char* LogStorage::GetFolderName() { return staging_ ? staging_->StagingFolder() : key_.c_str(); }
 
 }  // namespace pelka

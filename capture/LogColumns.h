@@ -18,6 +18,8 @@
 
 namespace pelka {
 
+class CopyStore;
+
 // The host's key of a standard field (kLogField...); "" for an unknown field.
 const char* StandardColumnKey(uint32_t field);
 
@@ -62,19 +64,21 @@ class LogColumns final : public IPelkaLogColumns {
   std::vector<KeyEntry> by_key_;
 };
 
-// A storage kind: its folder is its key.
+// A storage kind: its folder is its key, or, for the copies when a copy
+// store is given, the calling thread's staging folder of that store.
 class LogStorage final : public IPelkaLogStorage {
  public:
-  LogStorage(std::string key, bool enabled, PelkaLogExportFn export_fn)
-      : key_(std::move(key)), enabled_(enabled), export_fn_(export_fn) {}
+  LogStorage(std::string key, bool enabled, PelkaLogExportFn export_fn, CopyStore* staging = nullptr)
+      : key_(std::move(key)), enabled_(enabled), export_fn_(export_fn), staging_(staging) {}
   uint32_t IsStorageEnabled() override { return enabled_ ? 1 : 0; }
-  const char* GetFolderName() override { return key_.c_str(); }
+  const char* GetFolderName() override;
   PelkaLogExportFn export_fn() const { return export_fn_; }
 
  private:
   std::string key_;
   bool enabled_;
   PelkaLogExportFn export_fn_;
+  CopyStore* staging_;
 };
 
 }  // namespace pelka

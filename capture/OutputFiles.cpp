@@ -1,6 +1,7 @@
 #include "capture/OutputFiles.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <stdio_ext.h>
 #include <unistd.h>
 
@@ -36,6 +37,42 @@ std::string AbsoluteDirectory(const std::string& directory) {
   return text;
 }
 
+namespace {
+
+// What stands where an output file goes, when it is not a regular file, is
+// refused, without blocking: a symbolic link (a run started as root must not
+// write through it to a file outside the folder), a FIFO (which would hold
+// the run until someone reads it), a device (which would swallow the lines).
+// -1 with errno set (ELOOP for a link, ENXIO for a FIFO nobody reads, EISDIR,
+// or EINVAL for a FIFO, device or socket opened nonetheless).
+int OpenRegularFile(const std::string& path) {
+  const int descriptor =
+      ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0640);
+  if (descriptor < 0) return -1;
+  struct stat info {};
+  if (::fstat(descriptor, &info) != 0 || !S_ISREG(info.st_mode)) {
+    ::close(descriptor);
+    errno = EINVAL;
+    return -1;
+  }
+  // A file of an earlier run loses what a new one would not have (the umask
+  // applies to a new one already).
+  if (info.st_uid == ::geteuid() && (info.st_mode & 07777 & ~0640) != 0) ::fchmod(descriptor, info.st_mode & 0640);
+  ::fcntl(descriptor, F_SETFL, ::fcntl(descriptor, F_GETFL) & ~O_NONBLOCK);
+  return descriptor;
+}
+
+const char* OpenProblem(int code) {
+  switch (code) {
+    case ELOOP: return "refusing to write through the symbolic link";
+    case ENXIO:
+    case EINVAL: return "refusing to write to the FIFO, device or socket";
+    default: return "cannot create";
+  }
+}
+
+}  // namespace
+
 OutputFile::~OutputFile() { Close(); }
 
 bool OutputFile::Open(const std::string& path) {
@@ -49,11 +86,11 @@ bool OutputFile::Open(const std::string& path) {
   pending_.clear();
   pending_lines_ = 0;
   last_flush_ = std::chrono::steady_clock::now();
-  // A symbolic link planted where an output file goes is refused: a run
-  // started as root must not write through it to a file outside the folder.
-  const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  const int descriptor = OpenRegularFile(path);
   if (descriptor < 0) {
-    Fail(errno == ELOOP ? "refusing to write through the symbolic link" : "cannot create");
+    const char* problem = OpenProblem(errno);
+    if (errno == ENXIO || errno == EINVAL) errno = 0;
+    Fail(problem);
     return false;
   }
   file_ = ::fdopen(descriptor, "wb");
@@ -63,6 +100,15 @@ bool OutputFile::Open(const std::string& path) {
     return false;
   }
   return true;
+}
+
+bool OutputFile::GiveTo(uid_t uid, gid_t gid) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  struct stat info {};
+  if (!file_ || ::fstat(::fileno(file_), &info) != 0 || info.st_uid != ::geteuid()) return true;
+  if (::fchown(::fileno(file_), uid, gid) == 0) return true;
+  Fail("cannot give the user");
+  return false;
 }
 
 void OutputFile::Fail(const char* what) {

@@ -14,6 +14,8 @@
 // interleave.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -39,8 +41,14 @@ class OutputFile {
   OutputFile(const OutputFile&) = delete;
   OutputFile& operator=(const OutputFile&) = delete;
 
-  // Creates (truncates) the file. False with error() set on failure.
+  // Creates (truncates) the file, readable by its owner's group at most
+  // (0640, less by the umask). Anything but a regular file in its place (a
+  // symbolic link, FIFO, device, socket or directory) is refused at once,
+  // without blocking. False with error() set on failure.
   bool Open(const std::string& path);
+  // Gives the open file to the account (--user) when this process owns it.
+  // False with error() set.
+  bool GiveTo(uid_t uid, gid_t gid);
   // Takes the text as it is (it should end with its line end). False once
   // the file has failed.
   bool Write(std::string_view text);

@@ -9,8 +9,9 @@
 //   1. Check, before anything is made: the program runs as root and NAME is
 //      an existing user other than root. Notes whether the output directory
 //      exists yet.
-//   2. The output directory and its files are made and opened (as root).
-//   3. The inputs are opened (as root).
+//   2. The inputs are opened (as root).
+//   3. The output directory and its files are made and opened (as root), and
+//      given to NAME (capture/HostServices.h).
 //   4. Apply: an output directory this run made is given to NAME with the
 //      files in it, since later files (statistics.json, email_copy/) are made
 //      there after the switch; a directory that existed before is left as it
@@ -65,6 +66,9 @@ class PrivilegeDrop {
   // Step 4, after the inputs are open. False with `error` set; the run must
   // then read nothing.
   bool Apply(std::string* error);
+
+  // The account of --user after a successful Check; nullopt without --user.
+  const std::optional<UserAccount>& account() const { return account_; }
 
  private:
   std::string user_;

@@ -39,6 +39,7 @@ MessageDigest ReadMessageDigest(const std::string& emails_path, size_t first_row
 struct RunFacts {
   std::string out_dir;  // absolute
   bool copies = false;
+  uint64_t copy_failures = 0;  // copies that could not be written
   bool interrupted = false;
   uint64_t packets = 0;
   uint64_t bytes = 0;

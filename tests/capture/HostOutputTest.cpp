@@ -3,30 +3,68 @@
 // reaching the files during a run, by StopSignalTest.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/resource.h>
+
 #include <string>
 
 #include "capture/HostDiagnosis.h"
 #include "capture/HostStatistics.h"
 #include "capture/OutputFiles.h"
+#include "support/TempFile.h"
 
 namespace pelka {
 namespace {
 
+// A write fails here as on a full disk: the file size limit is 0 bytes.
+class FileSizeLimit {
+ public:
+  FileSizeLimit() {
+    ::getrlimit(RLIMIT_FSIZE, &old_);
+    old_signal_ = ::signal(SIGXFSZ, SIG_IGN);
+    const rlimit none{0, old_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &none);
+  }
+  ~FileSizeLimit() {
+    ::setrlimit(RLIMIT_FSIZE, &old_);
+    ::signal(SIGXFSZ, old_signal_);
+  }
+
+ private:
+  rlimit old_{};
+  sighandler_t old_signal_ = nullptr;
+};
+
 TEST(HostOutputFile, TheFirstWriteFailureIsKeptAndLaterWritesStop) {
+  test::TempFile path("");
   OutputFile file;
-  ASSERT_TRUE(file.Open("/dev/full"));
+  ASSERT_TRUE(file.Open(path.path()));
+  const FileSizeLimit full;
   EXPECT_TRUE(file.WriteLine("{\"a\": 1}")) << "gathered, not written yet";
   EXPECT_FALSE(file.Flush());
-  EXPECT_NE(file.error().find("/dev/full"), std::string::npos) << file.error();
+  EXPECT_NE(file.error().find(path.path().string()), std::string::npos) << file.error();
   const std::string first = file.error();
   EXPECT_FALSE(file.WriteLine("next"));
   EXPECT_EQ(file.error(), first);
   EXPECT_EQ(file.lines(), 0u);
   EXPECT_FALSE(file.Close());
+}
 
-  OutputFile missing;
-  EXPECT_FALSE(missing.Open("/nonexistent-directory/x.jsonl"));
-  EXPECT_NE(missing.error().find("cannot create"), std::string::npos);
+// Only a regular file, or none, is written: anything else is refused at once.
+TEST(HostOutputFile, OpensOnlyARegularFileOrNone) {
+  const struct {
+    const char* path;
+    const char* error;
+  } cases[] = {
+      {"/nonexistent-directory/x.jsonl", "cannot create"},
+      {"/dev/null", "refusing to write to the FIFO, device or socket /dev/null"},
+      {"/tmp", "cannot create /tmp: Is a directory"},
+  };
+  for (const auto& c : cases) {
+    OutputFile file;
+    EXPECT_FALSE(file.Open(c.path)) << c.path;
+    EXPECT_NE(file.error().find(c.error), std::string::npos) << file.error();
+  }
 }
 
 // The tree is HostServicesTest's (statistics.json); the scopes a counter is

@@ -130,33 +130,40 @@ TEST(PrivilegeDrop, GivesAwayOnlyTheFilesTheRunMade) {
   EXPECT_EQ(OwnerOf(dir.path()), 0u);
 }
 
-// The program itself, as `sudo pelka-email --user nobody` runs it.
-TEST(PrivilegeDropProgram, RunsAsTheUserInAFolderItIsGiven) {
+// The program itself, as `sudo pelka-email --user nobody` runs it: every file
+// the run makes is the user's, in a folder it makes or in one open to all.
+TEST(PrivilegeDropProgram, RunsAsTheUserAndGivesItEveryFileItMakes) {
   REQUIRE_PROGRAM();
   REQUIRE_ROOT();
   TempDir private_dir;
   const fs::path capture = private_dir / "sample.pcap";
   fs::copy_file(kSample, capture);
-  TempDir public_dir;
-  fs::permissions(public_dir.path(), fs::perms::others_read | fs::perms::others_exec, fs::perm_options::add);
-  const fs::path out = public_dir / "out";
-
-  const ProgramResult result =
-      test::RunProgram({"--user", kUnprivileged, "--copies", "-o", out.string(), capture.string()});
-  test::ExpectNoCrash(result);
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_THAT(result.out, HasSubstr("Messages: 3"));
-  EXPECT_EQ(test::ReadJsonLines(out / "emails.jsonl").size(), 3u);
-  const uid_t user = Unprivileged().uid;
-  size_t files = 0;
-  EXPECT_EQ(OwnerOf(out), user);
-  for (const auto& entry : fs::recursive_directory_iterator(out)) {
-    EXPECT_EQ(OwnerOf(entry.path()), user) << entry.path();
-    ++files;
+  for (const bool existing_folder : {false, true}) {
+    SCOPED_TRACE(existing_folder ? "a folder open to all" : "a folder the run makes");
+    TempDir public_dir;
+    fs::permissions(public_dir.path(), fs::perms::others_read | fs::perms::others_exec, fs::perm_options::add);
+    const fs::path out = public_dir / "out";
+    if (existing_folder) {
+      fs::create_directory(out);
+      fs::permissions(out, fs::perms::all);
+    }
+    const ProgramResult result =
+        test::RunProgram({"--user", kUnprivileged, "--copies", "-o", out.string(), capture.string()});
+    test::ExpectNoCrash(result);
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out, HasSubstr("Messages: 3"));
+    EXPECT_EQ(test::ReadJsonLines(out / "emails.jsonl").size(), 3u);
+    const uid_t user = Unprivileged().uid;
+    size_t files = 0;
+    EXPECT_EQ(OwnerOf(out), existing_folder ? 0u : user);
+    for (const auto& entry : fs::recursive_directory_iterator(out)) {
+      EXPECT_EQ(OwnerOf(entry.path()), user) << entry.path();
+      ++files;
+    }
+    EXPECT_EQ(files, 6u + 1u + 3u) << "six files, email_copy/ and three copies";
+    EXPECT_EQ(std::distance(fs::directory_iterator(public_dir.path()), fs::directory_iterator()), 1)
+        << "nothing but the output folder beside it";
   }
-  EXPECT_EQ(files, 6u + 1u + 3u) << "six files, email_copy/ and three copies";
-  EXPECT_EQ(std::distance(fs::directory_iterator(public_dir.path()), fs::directory_iterator()), 1)
-      << "nothing but the output folder beside it";
 }
 
 TEST(PrivilegeDropProgram, RefusalsStopTheRunBeforeItReads) {

@@ -258,6 +258,7 @@ TEST_F(ProgramTest, ControlCharactersReachTheTerminalEscaped) {
   const std::string subject = "\x1b]0;owned\x07Hi\x1b[2J";
   test::WriteWholeFile(dir_ / "mail.pcap",
                        test::PcapFileHeader() + test::PcapRecords(test::SmtpSession(40000, subject)));
+  test::WriteWholeFile(dir_ / "x\x1b[2J.pcap", "not a capture");
   const ProgramResult result = Run({"-o", Out(), (dir_ / "mail.pcap").string(), (dir_ / "x\x1b[2J.pcap").string()});
   EXPECT_EQ(result.status, kExitInputProblem);
   EXPECT_THAT(result.out, HasSubstr("\\x1b]0;owned\\x07Hi\\x1b[2J"));
@@ -267,18 +268,20 @@ TEST_F(ProgramTest, ControlCharactersReachTheTerminalEscaped) {
 }
 
 // ---------------------------------------------------------------------------
-// Input problems: status 1, a message, and the outputs found so far kept.
+// Input problems: status 1 and a message; an input that does not open stops
+// the run before anything is written.
 
 TEST_F(ProgramTest, UnreadableInputOrInterfaceGivesOneAndSaysWhich) {
   const ProgramResult missing = Run({"-o", Out(), (dir_ / "missing.pcap").string(), kSample.string()});
   EXPECT_EQ(missing.status, kExitInputProblem);
   EXPECT_THAT(missing.err, HasSubstr("missing.pcap"));
-  EXPECT_EQ(Records(Out()).size(), 3u) << "the other input's records are kept";
+  EXPECT_FALSE(fs::exists(Out())) << "nothing is written before every input is open";
 
   const ProgramResult interface = Run({"-q", "-i", "nosuchiface0", "-o", Out()});
   EXPECT_EQ(interface.status, kExitInputProblem);
   EXPECT_THAT(interface.err, ::testing::AnyOf(HasSubstr("no such interface: nosuchiface0"),
                                               HasSubstr("no permission to capture on nosuchiface0")));
+  EXPECT_FALSE(fs::exists(Out()));
 }
 
 // The kernel's drop count of a live capture reaches the summary and

@@ -1,0 +1,107 @@
+// Where the ".eml" copies end up, and how they get there.
+//
+// The module names a copy by the capture time of the packet that completes
+// its message, so several messages (all of one IMAP FETCH response, or two
+// finished in the same microsecond) get the same name. So the module is
+// given a staging folder of the calling thread (email_copy/.staging/N/) to
+// write each copy to, and right after its record is posted, on the same
+// thread, the copy is moved to email_copy/ under its name or, when that name
+// is taken, under the name with "-2", "-3", ... before ".eml". A name is
+// never replaced: every record names the file that holds its own message.
+// The next free suffix of each name that was found taken is remembered, so a
+// thousand messages of one name cost a thousand moves, not half a million
+// probes.
+//
+// Safety: email_copy/ must be a directory of its own: a symbolic link or
+// anything else in its place is refused at the start. It is made (0750) when
+// missing (and removed again when it stays empty), and every move goes through descriptors of the folders opened at
+// the start, so that a link planted later changes nothing. A copy is made
+// 0600 (or less, when the umask takes more away).
+//
+// A copy that cannot be placed (the module could not write it, or the move
+// failed) is counted; its record's path is then empty.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace pelka {
+
+// The storage root the module is given for the output folder `out_dir`
+// (absolute, ending with '/'). The module takes a backslash in it for a
+// separator when it makes the copy folder's parents, which would make folders
+// outside the output folder: such a folder is given as a path relative to
+// the working directory, which the module makes no folders for.
+std::string ModuleStorageRoot(const std::string& out_dir);
+
+class CopyStore {
+ public:
+  // The folder of the copies, below the output folder.
+  static constexpr char kFolder[] = "email_copy";
+
+  // Opens (makes when missing) <out_dir>email_copy/ and its staging folder.
+  // `out_dir`: absolute, ending with '/'. Null with `error` set when the copy
+  // folder is not a directory, or cannot be made or opened.
+  static std::unique_ptr<CopyStore> Open(const std::string& out_dir, std::string* error);
+
+  // Removes the staging folders with whatever is left in them, and the copy
+  // folder when this run made it and put no copy in it.
+  ~CopyStore();
+  CopyStore(const CopyStore&) = delete;
+  CopyStore& operator=(const CopyStore&) = delete;
+
+  // The staging folder of the calling thread, relative to the output folder
+  // ("email_copy/.staging/N"); the text stays valid while the store lives.
+  const char* StagingFolder();
+
+  // Moves the staged copy the module wrote at `staged_path` (a path whose
+  // last two parts are the staging folder's number and the file name) to its
+  // final place, and returns that path; empty when the copy could not be
+  // placed (counted, and the staged file removed).
+  std::string Place(std::string_view staged_path);
+
+  // Whether copies can be moved into the copy folder (by the user the run
+  // is now); false with `error` set.
+  bool Writable(std::string* error) const;
+
+  // Gives the folders this run made to the account (--user).
+  bool GiveTo(uid_t uid, gid_t gid, std::string* error);
+
+  // Copies that could not be placed, and why the first of them failed.
+  uint64_t failures() const { return failures_.load(std::memory_order_relaxed); }
+  std::string first_failure() const;
+
+ private:
+  CopyStore(std::string copy_dir, int copy_fd, int staging_fd, bool made);
+
+  std::string Fail(const std::string& what, int code);
+  // Tries the name and then its suffixed forms until one is free.
+  std::string MoveToFreeName(const std::string& staged, const std::string& name, int* code);
+
+  const std::string copy_dir_;  // absolute, ending with '/'
+  const int copy_fd_;
+  const int staging_fd_;
+  const bool made_;  // the copy folder was made by this run
+
+  std::mutex threads_mutex_;  // guards the staging folders of the threads
+  std::vector<std::pair<std::thread::id, std::unique_ptr<std::string>>> staging_;
+
+  std::mutex names_mutex_;  // guards the suffixes
+  std::map<std::string, uint32_t, std::less<>> next_suffix_;  // only names found taken
+
+  mutable std::mutex failure_mutex_;
+  std::string first_failure_;
+  std::atomic<uint64_t> failures_{0};
+};
+
+}  // namespace pelka
