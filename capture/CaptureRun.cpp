@@ -14,6 +14,7 @@
 #include "capture/HostServices.h"
 #include "capture/ModuleLoader.h"
 #include "capture/PrivilegeDrop.h"
+#include "capture/RunDescription.h"
 #include "capture/RunSummary.h"
 #include "capture/StopSignal.h"
 
@@ -73,6 +74,8 @@ HostOptions MakeHostOptions(const ProgramOptions& options, const std::string& li
   host.lines_at_once = !options.interface_name.empty() ||
                        std::find(options.inputs.begin(), options.inputs.end(), "-") != options.inputs.end();
   host.conditions = options.conditions;
+  host.database = options.database;
+  if (host.database) host.run = DescribeRun(options);
   return host;
 }
 
@@ -81,6 +84,7 @@ RunFacts CollectFacts(const ProgramOptions& options, const Pipeline& pipeline, c
   RunFacts facts;
   facts.out_dir = WithoutTrailingSlash(AbsolutePath(options.out_dir));
   facts.copies = options.copies;
+  facts.database = options.database && services.database_error().empty();
   facts.interrupted = StopRequested();
   facts.packets = pipeline.frames_read();
   facts.bytes = pipeline.bytes_read();
@@ -97,6 +101,17 @@ RunFacts CollectFacts(const ProgramOptions& options, const Pipeline& pipeline, c
   facts.hold_limit_gaps = flows.hold_limit_gaps;
   facts.hold_limit_mib = options.hold_limit_mib;
   return facts;
+}
+
+// Says what the database lost, unless that was said when it failed at the
+// start. False when it failed.
+bool ReportDatabase(const HostServices& services, const std::string& said, std::ostream& err) {
+  const std::string problem = services.database_error();
+  if (problem.empty()) return true;
+  if (problem != said) err << kProgramName << ": " << problem << "\n";
+  if (const uint64_t lost = services.database_rows_lost())
+    err << kProgramName << ": " << lost << " rows of emails.sqlite were lost: they could not be written\n";
+  return false;
 }
 
 }  // namespace
@@ -120,6 +135,8 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
     err << kProgramName << ": " << services.error() << "\n";
     return kExitInputProblem;
   }
+  std::string database_problem = services.database_error();
+  if (!database_problem.empty()) err << kProgramName << ": " << database_problem << "; the other outputs go on\n";
   std::string error;
   std::unique_ptr<LoadedModule> module = LoadedModule::Load(library_path, &error);
   if (!module) {
@@ -135,8 +152,10 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
   pipeline.Finish();
   WarnAboutSkippedParts(InputsLabel(options), pipeline, err);
   if (const uint64_t gaps = pipeline.flow_counters().hold_limit_gaps) services.AddStatistic("HoldLimit", "Reached", gaps);
+  services.SetReadTotals(pipeline.frames_read(), pipeline.bytes_read(), StopRequested());
   const bool outputs_ok = services.FinishRun(module->main_table());
   if (!outputs_ok) err << kProgramName << ": " << services.error() << "\n";
+  const bool database_ok = ReportDatabase(services, database_problem, err);
   for (const auto& [file, lines] : services.counts().lines_lost)
     err << kProgramName << ": " << lines << " lines of " << file << " were lost: they could not be written\n";
 
@@ -145,7 +164,7 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
     const RunFacts facts = CollectFacts(options, pipeline, services, elapsed.count());
     PrintSummary(out, facts, ReadMessageDigest(facts.out_dir + "/emails.jsonl", kSummaryRows));
   }
-  return inputs_ok && outputs_ok ? kExitDone : kExitInputProblem;
+  return inputs_ok && outputs_ok && database_ok ? kExitDone : kExitInputProblem;
 }
 
 }  // namespace pelka

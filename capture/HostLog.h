@@ -45,6 +45,7 @@
 #include "capture/LogRecord.h"
 #include "capture/OutputFiles.h"
 #include "capture/RecordConditions.h"
+#include "capture/RunSink.h"
 #include "host/LogInterfaces.h"
 
 namespace pelka {
@@ -55,6 +56,7 @@ struct LogOutputs {
   OutputFile* entries = nullptr;  // entries.jsonl
   OutputFile* csv = nullptr;      // email_log.csv
   OutputFile* text = nullptr;     // email_log.txt
+  RunSink* sink = nullptr;        // the records and entries once more (emails.sqlite)
 };
 
 class HostLog final : public IPelkaLog {

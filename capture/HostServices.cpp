@@ -51,10 +51,13 @@ class HostServices::Impl final : public FlowSink {
     for (auto [file, name] : Files())
       if (!file->Open(root + name)) return Fail(file->error());
     for (auto [file, name] : Files()) file->WriteEachLine(options_.lines_at_once);
-    log_ = std::make_unique<HostLogService>(LogOutputs{&records_file_, &entries_file_, &csv_file_, &text_file_},
+    database_ = std::make_unique<RunDatabase>();
+    RunSink* sink = options_.database ? database_.get() : nullptr;
+    log_ = std::make_unique<HostLogService>(LogOutputs{&records_file_, &entries_file_, &csv_file_, &text_file_, sink},
                                             root, options_.copies,
                                             options_.conditions ? &*options_.conditions : nullptr);
     host_ = HostObject({log_.get(), &diagnosis_, &statistics_, &icons_});
+    if (options_.database) OpenDatabase(root + "emails.sqlite");
     return true;
   }
 
@@ -78,6 +81,7 @@ class HostServices::Impl final : public FlowSink {
     if (log_) log_->Finish();
     if (!statistics_file_.is_open() && !root().empty() && statistics_file_.Open(root() + "statistics.json"))
       statistics_file_.Write(statistics_.ToJson() + "\n");
+    if (options_.database && database_) CloseDatabase();
     if (!statistics_file_.error().empty()) Fail(statistics_file_.error());
     statistics_.DetachClients();
     if (module) module->Uninitialize();
@@ -118,6 +122,7 @@ class HostServices::Impl final : public FlowSink {
 
   void FlushOutputs() {
     for (auto [file, name] : Files()) file->Flush();
+    if (options_.database && database_) database_->Commit();
     CheckWrites();
   }
 
@@ -146,6 +151,8 @@ class HostServices::Impl final : public FlowSink {
   HostStatService statistics_;
   OutputFile records_file_, entries_file_, diagnosis_file_, csv_file_, text_file_, statistics_file_;
   HostDiagnosisService diagnosis_;
+  std::unique_ptr<RunDatabase> database_;
+  RunTotals run_totals_;
   std::unique_ptr<HostLogService> log_;
   HostObject host_;
   IPelkaFlowClient* client_ = nullptr;
@@ -179,6 +186,23 @@ class HostServices::Impl final : public FlowSink {
     failed_.store(true, std::memory_order_release);
     return false;
   }
+  // The database is one more sink of the record, entry and report writers; a
+  // database that fails leaves the other outputs as they are.
+  void OpenDatabase(const std::string& path) {
+    database_->Open(path, options_.run);
+    diagnosis_.set_sink(database_.get());
+  }
+  void CloseDatabase() {
+    database_->AddStatistics(statistics_);
+    const HostRunCounts run = counts();
+    run_totals_.messages = run.records;
+    run_totals_.entries = run.entries;
+    run_totals_.diagnosis_reports = run.diagnosis_reports;
+    run_totals_.copies = run.copies;
+    run_totals_.connections = run.flows_bound;
+    database_->Close(run_totals_);
+  }
+
   bool Declined() {
     flows_declined_.fetch_add(1, std::memory_order_relaxed);
     return false;
@@ -206,6 +230,17 @@ FlowSink* HostServices::flow_sink() { return impl_.get(); }
 bool HostServices::FinishRun(CPAEBaseModule* module) { return impl_->FinishRun(module); }
 const std::string& HostServices::error() const { return impl_->error_; }
 HostRunCounts HostServices::counts() const { return impl_->counts(); }
+void HostServices::SetReadTotals(uint64_t packets, uint64_t bytes, bool interrupted) {
+  impl_->run_totals_.packets = packets;
+  impl_->run_totals_.bytes = bytes;
+  impl_->run_totals_.interrupted = interrupted;
+}
+std::string HostServices::database_error() const {
+  return impl_->database_ ? impl_->database_->error() : std::string();
+}
+uint64_t HostServices::database_rows_lost() const {
+  return impl_->database_ ? impl_->database_->rows_lost() : 0;
+}
 void HostServices::AddStatistic(const std::string& item, const std::string& counter, uint64_t value) {
   impl_->statistics_.AddHostFigure(item, counter, value);
 }

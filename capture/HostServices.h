@@ -12,10 +12,12 @@
 //   email_log.csv     the module's export lines, comma-separated form
 //   email_log.txt     the module's export lines, text form
 //   statistics.json   the counters the module defined, written by FinishRun
+//   emails.sqlite     all of the above as one database (capture/RunDatabase.h)
 //   email_copy/       the ".eml" copies, when copies are switched on
 //
 // The first write failure is remembered (error()); the lines written before
-// it stay whole. The program reports it and exits with status 1.
+// it stay whole. The program reports it and exits with status 1. The
+// database fails on its own (database_error()): the files go on without it.
 #pragma once
 
 #include <cstdint>
@@ -28,6 +30,7 @@
 
 #include "capture/EmailConditions.h"
 #include "capture/FlowSink.h"
+#include "capture/RunDatabase.h"
 #include "host/FlowInterfaces.h"
 #include "host/ModuleInterfaces.h"
 
@@ -56,6 +59,9 @@ struct HostOptions {
   // no record, no export line, no summary entry and no copy. Unset: every
   // message is kept.
   std::optional<EmailConditions> conditions;
+  // Write emails.sqlite too, with `run` in its table run.
+  bool database = true;
+  RunDescription run;
 };
 
 // What the run produced, for the program's summary.
@@ -114,6 +120,14 @@ class HostServices {
   // Writes out the lines the output files gather (they write on their own
   // every 64 KiB or second of output); for a live capture with no traffic.
   void FlushOutputs();
+
+  // What the capture side read, for the database's table run; call before
+  // FinishRun.
+  void SetReadTotals(uint64_t packets, uint64_t bytes, bool interrupted);
+  // The database's first failure, and the rows it could not take; read them
+  // after FinishRun (or right after Open).
+  std::string database_error() const;
+  uint64_t database_rows_lost() const;
 
   // The first failure of the run (open or write); empty while all is well.
   const std::string& error() const;

@@ -90,6 +90,8 @@ class HostStatService final : public IPelkaStatService, private IPelkaStatRegist
 
   // {"Category": {"Item": {"Counter": value, ...}, ...}, ...}, in definition order.
   std::string ToJson() const;
+  // The categories in that order, the host's own last.
+  std::vector<const HostStatCategory*> categories() const;
   bool has_client() const { return !clients_.empty(); }
 
  private:

@@ -191,7 +191,8 @@ void PrintSummary(std::ostream& out, const RunFacts& facts, const MessageDigest&
   }
   out << "\n";
   out << "Output: " << facts.out_dir << "/ (emails.jsonl, email_log.csv, email_log.txt, entries.jsonl, "
-      << "diagnosis.jsonl, statistics.json" << (facts.copies ? ", email_copy/" : "") << ")\n";
+      << "diagnosis.jsonl, statistics.json" << (facts.database ? ", emails.sqlite" : "")
+      << (facts.copies ? ", email_copy/" : "") << ")\n";
 }
 
 }  // namespace pelka

@@ -39,6 +39,7 @@ MessageDigest ReadMessageDigest(const std::string& emails_path, size_t first_row
 struct RunFacts {
   std::string out_dir;  // absolute
   bool copies = false;
+  bool database = false;  // emails.sqlite was written
   bool interrupted = false;
   uint64_t packets = 0;
   uint64_t bytes = 0;

@@ -1,0 +1,117 @@
+// emails.sqlite: the run's outputs as one SQLite database, for questions that
+// need a query (who sent the most, which server answered slowly and when).
+//
+// It holds the same rows as emails.jsonl (table messages), entries.jsonl
+// (entries), diagnosis.jsonl (diagnosis) and statistics.json (statistics),
+// fed by the same writers through RunSink, plus one row on the run itself
+// (run). The schema is in capture/RunDatabaseSchema.h; PRAGMA user_version
+// carries its version.
+//
+// Rows are written in transactions of up to kBatchRows rows or one second,
+// and whatever waits is committed by Commit and Close. The journal is a
+// write-ahead log, so the sqlite3 shell can query the file while a live run
+// adds to it, and a crash loses at most the last second.
+//
+// The first failure (the file cannot be made, a write fails) is kept in
+// error(); the database is then closed, and the rows that did not reach it
+// are counted (rows_lost()). The other outputs do not depend on it.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "capture/LocalTime.h"
+#include "capture/RunSink.h"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace pelka {
+
+class HostStatService;
+
+// What a run was asked to do, for the table run.
+struct RunDescription {
+  std::string command_line;  // the arguments, separated by spaces
+  std::string captures;      // the capture files (one per line) or the interface
+  std::string options;       // the settings of the run, "name=value" separated by spaces
+};
+
+// What a run did, for the table run.
+struct RunTotals {
+  uint64_t packets = 0;
+  uint64_t bytes = 0;
+  uint64_t messages = 0;
+  uint64_t entries = 0;
+  uint64_t diagnosis_reports = 0;
+  uint64_t copies = 0;
+  uint64_t connections = 0;  // mail connections the module followed
+  bool interrupted = false;  // ended by a signal or a limit
+};
+
+class RunDatabase final : public RunSink {
+ public:
+  static constexpr uint32_t kBatchRows = 4096;
+  static constexpr std::chrono::seconds kBatchTime{1};
+
+  RunDatabase();
+  ~RunDatabase() override;
+  RunDatabase(const RunDatabase&) = delete;
+  RunDatabase& operator=(const RunDatabase&) = delete;
+
+  // Creates the database at `path` afresh (an older one and its journal are
+  // removed) and writes the run's start. A symbolic link at `path` is refused,
+  // never followed. False with error() when it cannot be made.
+  bool Open(const std::string& path, const RunDescription& run);
+
+  void OnRecord(const LogColumns& columns, const LogRecord& record) override;
+  void OnEntry(uint64_t seconds, std::wstring_view kind, std::wstring_view summary,
+               std::wstring_view group) override;
+  void OnDiagnosis(const DiagnosisRow& report) override;
+
+  // One row per counter of statistics.json, in its order.
+  void AddStatistics(const HostStatService& statistics);
+  // Commits the rows that wait (a live capture without traffic).
+  void Commit();
+  // Writes the run's end and totals, commits and closes the file. False when
+  // any write of the run failed.
+  bool Close(const RunTotals& totals);
+
+  // Empty while all is well; read it once the writers are done.
+  std::string error() const;
+  uint64_t rows_lost() const;
+
+ private:
+  struct Statement;
+  class MessageInsert;
+
+  void WriteEnd(const RunTotals& totals);
+  bool Exec(const char* sql);
+  bool Prepare(const char* sql, Statement& statement);
+  // Runs a bound insert and counts its row; with mutex_ held.
+  void Step(sqlite3_stmt* statement);
+  void CommitLocked();
+  bool Fail(const std::string& what);
+  bool usable() const { return db_ != nullptr; }
+
+  mutable std::mutex mutex_;  // one writer at a time
+  sqlite3* db_ = nullptr;
+  std::string path_;
+  std::string error_;
+  uint64_t rows_lost_ = 0;
+  uint64_t pending_ = 0;  // rows of the open transaction
+  bool in_transaction_ = false;
+  std::chrono::steady_clock::time_point last_commit_;
+  LocalTimeCache times_;
+  std::vector<std::unique_ptr<Statement>> statements_;
+  Statement* entry_insert_ = nullptr;
+  Statement* diagnosis_insert_ = nullptr;
+  Statement* statistic_insert_ = nullptr;
+  std::unique_ptr<MessageInsert> messages_;
+};
+
+}  // namespace pelka
