@@ -28,7 +28,7 @@ CREATE TABLE messages (
   email_server TEXT, email_client TEXT, email_sender TEXT, email_sender_email TEXT,
   email_receiver TEXT, email_receive_email TEXT, email_cc TEXT, email_subject TEXT,
   email_sent_time TEXT, email_emailclient TEXT, email_account TEXT, email_attachment TEXT,
-  email_filesize INTEGER, email_duration NUMERIC, email_averagespeed NUMERIC,
+  email_filesize INTEGER, email_duration REAL, email_averagespeed REAL,
   email_file_path TEXT, protocol_path TEXT, "group" TEXT);
 CREATE INDEX messages_time ON messages (time_unix);
 CREATE INDEX messages_sender_domain ON messages (sender_domain);
