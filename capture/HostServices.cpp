@@ -29,6 +29,7 @@ struct BoundFlow {
   HostFlowNode node;
   HostFlowStats stats;
   IPelkaFlowBindContext* context = nullptr;
+  ConnectionTally tally;  // for the database's table connections
 };
 
 }  // namespace
@@ -81,7 +82,7 @@ class HostServices::Impl final : public FlowSink {
     if (log_) log_->Finish();
     if (!statistics_file_.is_open() && !root().empty() && statistics_file_.Open(root() + "statistics.json"))
       statistics_file_.Write(statistics_.ToJson() + "\n");
-    if (options_.database && database_) CloseDatabase();
+    if (open_database()) CloseDatabase();
     if (!statistics_file_.error().empty()) Fail(statistics_file_.error());
     statistics_.DetachClients();
     if (module) module->Uninitialize();
@@ -99,6 +100,9 @@ class HostServices::Impl final : public FlowSink {
     auto bound = std::make_unique<BoundFlow>(tracked, statistics_);
     if (client_->BindFlow(&bound->flow, &bound->stats, &bound->context) != 0) return Declined();
     flows_bound_.fetch_add(1, std::memory_order_relaxed);
+    if (RunDatabase* database = open_database())
+      database->OnConnectionStart(&bound->flow, ConnectionProtocolText(tracked.application_protocol()),
+                                   EndpointText(tracked.client()), EndpointText(tracked.server()));
     tracked.user_data = bound.release();
     return true;
   }
@@ -107,22 +111,25 @@ class HostServices::Impl final : public FlowSink {
                     uint32_t direction) override {
     auto* bound = static_cast<BoundFlow*>(tracked.user_data);
     if (!bound) return;
+    bound->tally.Count(GetPacketTime(&record), direction, length);
     // A result of 1 (the module is done with the flow) changes nothing here:
     // the contract delivers every packet of a bound flow.
     client_->ProcessFlowData(&bound->flow, &record, payload, length, direction, &bound->node, bound->context);
     CheckWrites();
   }
 
-  void OnFlowEnd(TrackedFlow& tracked, FlowEndReason) override {
+  void OnFlowEnd(TrackedFlow& tracked, FlowEndReason reason) override {
     std::unique_ptr<BoundFlow> bound(static_cast<BoundFlow*>(tracked.user_data));
     tracked.user_data = nullptr;
     if (bound) client_->UnbindFlow(&bound->flow, &bound->stats, &bound->node, bound->context);
+    if (RunDatabase* database = open_database(); bound && database)
+      database->OnConnectionEnd(&bound->flow, bound->tally, ConnectionEndText(reason));
     CheckWrites();
   }
 
   void FlushOutputs() {
     for (auto [file, name] : Files()) file->Flush();
-    if (options_.database && database_) database_->Commit();
+    if (RunDatabase* database = open_database()) database->Commit();
     CheckWrites();
   }
 
@@ -186,6 +193,7 @@ class HostServices::Impl final : public FlowSink {
     failed_.store(true, std::memory_order_release);
     return false;
   }
+  RunDatabase* open_database() { return options_.database ? database_.get() : nullptr; }
   // The database is one more sink of the record, entry and report writers; a
   // database that fails leaves the other outputs as they are.
   void OpenDatabase(const std::string& path) {

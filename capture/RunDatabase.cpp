@@ -64,6 +64,27 @@ std::string RealPlace(const std::string& path) {
 
 }  // namespace
 
+const char* ConnectionEndText(FlowEndReason reason) {
+  switch (reason) {
+    case FlowEndReason::kClosed: return "closed";
+    case FlowEndReason::kReset: return "reset";
+    case FlowEndReason::kIdle: return "idle";
+    case FlowEndReason::kEvicted: return "evicted";
+    case FlowEndReason::kReplaced: return "replaced";
+    case FlowEndReason::kEndOfInput: return "end of input";
+  }
+  return "";
+}
+
+const char* ConnectionProtocolText(uint16_t application_protocol) {
+  switch (application_protocol) {
+    case 630: return "SMTP";
+    case 626: return "POP3";
+    case 614: return "IMAP4";
+    default: return "";
+  }
+}
+
 struct RunDatabase::Statement {
   Statement() = default;
   ~Statement() { sqlite3_finalize(handle); }
@@ -76,14 +97,14 @@ struct RunDatabase::Statement {
 // column i of the log is parameter kFirstColumn + i.
 class RunDatabase::MessageInsert {
  public:
-  static constexpr int kFirstColumn = 4;  // after time_unix, sender_domain, receiver_domain
+  static constexpr int kFirstColumn = 5;  // after time_unix, sender_domain, receiver_domain, connection_id
 
   bool Make(RunDatabase& database, const LogColumns& columns) {
     column_count_ = columns.size();
     std::set<std::string> known;
     if (!KnownColumns(database, known)) return false;
-    std::string names = "time_unix, sender_domain, receiver_domain";
-    std::string values = "?, ?, ?";
+    std::string names = "time_unix, sender_domain, receiver_domain, connection_id";
+    std::string values = "?, ?, ?, ?";
     for (const auto& column : columns.list()) {
       const std::string quoted = Quoted(column->key());
       if (!known.count(column->key())) {
@@ -102,11 +123,13 @@ class RunDatabase::MessageInsert {
   bool Fits(const LogColumns& columns) const { return columns.size() == column_count_; }
 
   // Binds the record's fields as its emails.jsonl line writes them.
-  sqlite3_stmt* Bind(const LogColumns& columns, const LogRecord& record, LocalTimeCache& times) {
+  // `connection` is the row of the record's connection, 0 for none.
+  sqlite3_stmt* Bind(const LogColumns& columns, const LogRecord& record, LocalTimeCache& times, int64_t connection) {
     sqlite3_stmt* statement = statement_.handle;
     BindNumber(statement, 1, record.seconds());
     BindTextOrNull(statement, 2, FirstDomain(record.TextAt(sender_)));
     BindTextOrNull(statement, 3, FirstDomain(record.TextAt(receiver_)));
+    if (connection != 0) BindNumber(statement, 4, static_cast<uint64_t>(connection));
     for (const auto& column : columns.list()) {
       const int index = kFirstColumn + column->id();
       const uint32_t field = column->field();
@@ -195,7 +218,8 @@ bool RunDatabase::Open(const std::string& path, const RunDescription& run) {
   BindText(start.handle, 5, run.options);
   if (sqlite3_step(start.handle) != SQLITE_DONE) return Fail("cannot write");
 
-  for (Statement** statement : {&entry_insert_, &diagnosis_insert_, &statistic_insert_}) {
+  for (Statement** statement :
+       {&entry_insert_, &diagnosis_insert_, &statistic_insert_, &connection_insert_, &connection_update_}) {
     statements_.push_back(std::make_unique<Statement>());
     *statement = statements_.back().get();
   }
@@ -204,7 +228,11 @@ bool RunDatabase::Open(const std::string& path, const RunDescription& run) {
       !Prepare("INSERT INTO diagnosis (event, title, text, code1, code2, packet, time, related_packet, client, "
                "server) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
                *diagnosis_insert_) ||
-      !Prepare("INSERT INTO statistics (category, item, counter, value) VALUES (?, ?, ?, ?)", *statistic_insert_))
+      !Prepare("INSERT INTO statistics (category, item, counter, value) VALUES (?, ?, ?, ?)", *statistic_insert_) ||
+      !Prepare("INSERT INTO connections (protocol, client, server) VALUES (?, ?, ?)", *connection_insert_) ||
+      !Prepare("UPDATE connections SET first_time = ?, last_time = ?, client_packets = ?, client_bytes = ?, "
+               "server_packets = ?, server_bytes = ?, records = ?, ended = ? WHERE id = ?",
+               *connection_update_))
     return false;
   CommitLocked();
   return usable();
@@ -220,7 +248,12 @@ void RunDatabase::OnRecord(const LogColumns& columns, const LogRecord& record) {
     ++rows_lost_;
     return;
   }
-  Step(messages_->Bind(columns, record, times_));
+  int64_t connection = 0;
+  if (const auto open = connections_.find(record.flow()); open != connections_.end()) {
+    connection = open->second.row;
+    ++open->second.records;
+  }
+  Step(messages_->Bind(columns, record, times_, connection));
 }
 
 void RunDatabase::OnEntry(uint64_t seconds, std::wstring_view kind, std::wstring_view summary,
@@ -256,6 +289,42 @@ void RunDatabase::OnDiagnosis(const DiagnosisRow& report) {
   BindNumber(statement, 8, report.related_packet);
   BindTextOrNull(statement, 9, report.client);
   BindTextOrNull(statement, 10, report.server);
+  Step(statement);
+}
+
+void RunDatabase::OnConnectionStart(const IPelkaFlow* flow, std::string_view protocol, std::string_view client,
+                                    std::string_view server) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (!usable()) {
+    ++rows_lost_;
+    return;
+  }
+  sqlite3_stmt* statement = connection_insert_->handle;
+  BindText(statement, 1, protocol);
+  BindText(statement, 2, client);
+  BindText(statement, 3, server);
+  Step(statement);
+  if (usable()) connections_[flow] = {sqlite3_last_insert_rowid(db_), 0};
+}
+
+void RunDatabase::OnConnectionEnd(const IPelkaFlow* flow, const ConnectionTally& tally, std::string_view ended) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto open = connections_.find(flow);
+  if (open == connections_.end()) return;  // its start was lost, and counted
+  const OpenConnection connection = open->second;
+  // The flow object may be reused for a later connection.
+  connections_.erase(open);
+  if (!usable()) {
+    ++rows_lost_;
+    return;
+  }
+  sqlite3_stmt* statement = connection_update_->handle;
+  int index = 1;
+  for (const uint64_t value : {tally.first_time, tally.last_time, tally.packets[0], tally.bytes[0], tally.packets[1],
+                               tally.bytes[1], connection.records})
+    BindNumber(statement, index++, value);
+  BindText(statement, index++, ended);
+  BindNumber(statement, index, static_cast<uint64_t>(connection.row));
   Step(statement);
 }
 

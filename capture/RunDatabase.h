@@ -3,7 +3,8 @@
 //
 // It holds the same rows as emails.jsonl (table messages), entries.jsonl
 // (entries), diagnosis.jsonl (diagnosis) and statistics.json (statistics),
-// fed by the same writers through RunSink, plus one row on the run itself
+// fed by the same writers through RunSink, one row per mail connection
+// (connections, fed by the host's flow sink) and one row on the run itself
 // (run). The schema is in capture/RunDatabaseSchema.h; PRAGMA user_version
 // carries its version.
 //
@@ -19,11 +20,13 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "capture/FlowSink.h"
 #include "capture/LocalTime.h"
 #include "capture/RunSink.h"
 
@@ -33,6 +36,24 @@ struct sqlite3_stmt;
 namespace pelka {
 
 class HostStatService;
+struct IPelkaFlow;
+
+// What the host saw of one mail connection, for the table connections.
+// Side 0 is the client, 1 the server; bytes are TCP payload delivered.
+struct ConnectionTally {
+  uint64_t first_time = 0;  // microseconds since 1970
+  uint64_t last_time = 0;
+  uint64_t packets[2] = {0, 0};
+  uint64_t bytes[2] = {0, 0};
+
+  void Count(uint64_t time, uint32_t direction, uint32_t length) {
+    if (packets[0] + packets[1] == 0) first_time = time;
+    last_time = time;
+    const int side = direction == 2 ? 1 : 0;
+    ++packets[side];
+    bytes[side] += length;
+  }
+};
 
 // What a run was asked to do, for the table run.
 struct RunDescription {
@@ -53,6 +74,13 @@ struct RunTotals {
   bool interrupted = false;  // ended by a signal or a limit
 };
 
+// connections.ended: "closed", "reset", "idle", "evicted", "replaced" or
+// "end of input".
+const char* ConnectionEndText(FlowEndReason reason);
+// connections.protocol of a flow's application protocol: the statistics'
+// item names "SMTP", "POP3", "IMAP4".
+const char* ConnectionProtocolText(uint16_t application_protocol);
+
 class RunDatabase final : public RunSink {
  public:
   static constexpr uint32_t kBatchRows = 4096;
@@ -72,6 +100,13 @@ class RunDatabase final : public RunSink {
   void OnEntry(uint64_t seconds, std::wstring_view kind, std::wstring_view summary,
                std::wstring_view group) override;
   void OnDiagnosis(const DiagnosisRow& report) override;
+
+  // A connection the module took, after it chose the sides: its row is made
+  // now, so that the records posted on it name it (messages.connection_id).
+  void OnConnectionStart(const IPelkaFlow* flow, std::string_view protocol, std::string_view client,
+                         std::string_view server);
+  // Its end: the tally, the records posted on it and why it ended.
+  void OnConnectionEnd(const IPelkaFlow* flow, const ConnectionTally& tally, std::string_view ended);
 
   // One row per counter of statistics.json, in its order.
   void AddStatistics(const HostStatService& statistics);
@@ -111,6 +146,14 @@ class RunDatabase final : public RunSink {
   Statement* entry_insert_ = nullptr;
   Statement* diagnosis_insert_ = nullptr;
   Statement* statistic_insert_ = nullptr;
+  Statement* connection_insert_ = nullptr;
+  Statement* connection_update_ = nullptr;
+  // The open connections by flow object: their row and records so far.
+  struct OpenConnection {
+    int64_t row = 0;
+    uint64_t records = 0;
+  };
+  std::map<const IPelkaFlow*, OpenConnection> connections_;
   std::unique_ptr<MessageInsert> messages_;
 };
 

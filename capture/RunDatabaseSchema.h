@@ -20,9 +20,15 @@ CREATE TABLE run (
   command_line TEXT, captures TEXT, options TEXT,
   packets INTEGER, bytes INTEGER, messages INTEGER, entries INTEGER,
   diagnosis_reports INTEGER, copies INTEGER, connections INTEGER, interrupted INTEGER);
+CREATE TABLE connections (
+  id INTEGER PRIMARY KEY, protocol TEXT, client TEXT, server TEXT,
+  first_time INTEGER, last_time INTEGER,
+  client_packets INTEGER, client_bytes INTEGER, server_packets INTEGER, server_bytes INTEGER,
+  records INTEGER, ended TEXT);
+CREATE INDEX connections_server ON connections (server);
 CREATE TABLE messages (
   id INTEGER PRIMARY KEY,
-  time_unix INTEGER, sender_domain TEXT, receiver_domain TEXT,
+  time_unix INTEGER, sender_domain TEXT, receiver_domain TEXT, connection_id INTEGER,
   email_number INTEGER, timestamp TEXT, protocol TEXT,
   src_mac TEXT, src_ip4 TEXT, src_port INTEGER, dst_mac TEXT, dst_ip4 TEXT, dst_port INTEGER,
   email_server TEXT, email_client TEXT, email_sender TEXT, email_sender_email TEXT,
@@ -35,6 +41,7 @@ CREATE INDEX messages_sender_domain ON messages (sender_domain);
 CREATE INDEX messages_receiver_domain ON messages (receiver_domain);
 CREATE INDEX messages_subject ON messages (email_subject);
 CREATE INDEX messages_server ON messages (email_server);
+CREATE INDEX messages_connection ON messages (connection_id);
 CREATE TABLE entries (
   id INTEGER PRIMARY KEY, time_unix INTEGER, time TEXT, kind TEXT, summary TEXT, "group" TEXT);
 CREATE INDEX entries_time ON entries (time_unix);

@@ -85,10 +85,29 @@ class Database {
   sqlite3* db_ = nullptr;
 };
 
+// Every message names the connection it came on, every connection ended,
+// and there are as many per protocol as the module counted.
+void ExpectConnectionsAgree(sqlite3* db, size_t records) {
+  const auto found = Rows(db,
+                          "SELECT (SELECT count(*) FROM messages m JOIN connections c ON c.id = m.connection_id"
+                          "        AND c.client = m.email_client AND c.server = m.email_server) AS matched,"
+                          " (SELECT ifnull(sum(records), 0) FROM connections) AS records,"
+                          " (SELECT count(*) FROM connections WHERE ended IS NULL OR last_time < first_time"
+                          "        OR client_packets + server_packets = 0) AS unfinished");
+  EXPECT_EQ(found.at(0), json({{"matched", records}, {"records", records}, {"unfinished", 0}}));
+  json counted = json::object();
+  for (const json& row : Rows(db, "SELECT protocol, count(*) AS n FROM connections GROUP BY protocol"))
+    counted[row["protocol"].get<std::string>()] = row["n"];
+  json module = json::object();
+  for (const json& row : Rows(db, "SELECT item, value FROM statistics WHERE category = 'Email' AND value > 0"))
+    module[row["item"].get<std::string>()] = row["value"];
+  EXPECT_EQ(counted, module);
+}
+
 void ExpectDatabaseHoldsTheJsonFiles(const path& out, bool in_order) {
   const Database db(out / "emails.sqlite");
   const auto messages = Rows(db.get(), "SELECT * FROM messages ORDER BY id",
-                             {"id", "time_unix", "sender_domain", "receiver_domain"});
+                             {"id", "time_unix", "sender_domain", "receiver_domain", "connection_id"});
   const auto entries = Rows(db.get(), "SELECT * FROM entries ORDER BY id", {"id", "time_unix"});
   const auto diagnosis = DiagnosisRows(db.get());
   const auto records = test::ReadJsonLines(out / "emails.jsonl");
@@ -104,6 +123,7 @@ void ExpectDatabaseHoldsTheJsonFiles(const path& out, bool in_order) {
     EXPECT_EQ(Unordered(diagnosis), Unordered(report_lines));
   }
   EXPECT_EQ(StatisticsObject(db.get()), json::parse(test::ReadWholeFile(out / "statistics.json")));
+  ExpectConnectionsAgree(db.get(), records.size());
   const auto run = Rows(db.get(), "SELECT messages, entries, diagnosis_reports FROM run WHERE ended IS NOT NULL");
   ASSERT_EQ(run.size(), 1u);
   EXPECT_EQ(run[0], json({{"messages", records.size()},
@@ -145,8 +165,9 @@ TEST(DatabaseTest, HoldsWhatTheJsonFilesHold) {
   }
 }
 
-// The columns made for queries by domain.
-TEST(DatabaseTest, KnowsTheSenderAndReceiverDomains) {
+// The columns that are not in the JSON files: domains and connections. The
+// sample's 82 packets are its three connections.
+TEST(DatabaseTest, KnowsTheDomainsAndConnectionsOfTheSample) {
   REQUIRE_PROGRAM();
   test::TempDir out;
   test::ExpectNoCrash(test::RunProgram({"-q", "-o", out.path().string(), test::kSample.string()}));
@@ -155,6 +176,20 @@ TEST(DatabaseTest, KnowsTheSenderAndReceiverDomains) {
             (std::vector<json>{{{"sender_domain", "example.org"}, {"receiver_domain", "example.com"}},
                                {{"sender_domain", "example.net"}, {"receiver_domain", "example.com"}},
                                {{"sender_domain", "example.com"}, {"receiver_domain", "example.org"}}}));
+  EXPECT_EQ(Rows(db.get(), "SELECT * FROM connections WHERE protocol = 'SMTP'", {"id"}),
+            (std::vector<json>{{{"protocol", "SMTP"},
+                                {"client", "192.0.2.10:40001"},
+                                {"server", "198.51.100.25:25"},
+                                {"first_time", 1700000000000000},
+                                {"last_time", 1700000000088800},
+                                {"client_packets", 18},
+                                {"client_bytes", 698},
+                                {"server_packets", 16},
+                                {"server_bytes", 172},
+                                {"records", 1},
+                                {"ended", "closed"}}}));
+  EXPECT_EQ(Rows(db.get(), "SELECT sum(client_packets + server_packets) AS packets FROM connections"),
+            (std::vector<json>{{{"packets", 82}}}));
 }
 
 TEST(DatabaseTest, NoDbWritesNone) {
