@@ -197,6 +197,7 @@ class HostServices::Impl final : public FlowSink {
   // The database is one more sink of the record, entry and report writers; a
   // database that fails leaves the other outputs as they are.
   void OpenDatabase(const std::string& path) {
+    database_->CommitEachRow(options_.lines_at_once);
     database_->Open(path, options_.run);
     diagnosis_.set_sink(database_.get());
   }

@@ -415,7 +415,8 @@ void RunDatabase::Step(sqlite3_stmt* statement) {
     Fail("cannot write");
     return;
   }
-  if (pending_ >= kBatchRows || std::chrono::steady_clock::now() - last_commit_ >= kBatchTime) CommitLocked();
+  if (each_row_ || pending_ >= kBatchRows || std::chrono::steady_clock::now() - last_commit_ >= kBatchTime)
+    CommitLocked();
 }
 
 void RunDatabase::CommitLocked() {

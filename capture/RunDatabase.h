@@ -8,8 +8,9 @@
 // (run). The schema is in capture/RunDatabaseSchema.h; PRAGMA user_version
 // carries its version.
 //
-// Rows are written in transactions of up to kBatchRows rows or one second,
-// and whatever waits is committed by Commit and Close. The journal is a
+// Rows are written in transactions of up to kBatchRows rows or one second
+// (or each at once, for input that arrives slowly), and whatever waits is
+// committed by Commit and Close. The journal is a
 // write-ahead log, so the sqlite3 shell can query the file while a live run
 // adds to it, and a crash loses at most the last second.
 //
@@ -96,6 +97,10 @@ class RunDatabase final : public RunSink {
   // never followed. False with error() when it cannot be made.
   bool Open(const std::string& path, const RunDescription& run);
 
+  // Commits every row as it comes (an interface, a pipe): with traffic that
+  // brings no mail, nothing else would commit a lone record soon.
+  void CommitEachRow(bool each_row) { each_row_ = each_row; }
+
   void OnRecord(const LogColumns& columns, const LogRecord& record) override;
   void OnEntry(uint64_t seconds, std::wstring_view kind, std::wstring_view summary,
                std::wstring_view group) override;
@@ -140,6 +145,7 @@ class RunDatabase final : public RunSink {
   uint64_t rows_lost_ = 0;
   uint64_t pending_ = 0;  // rows of the open transaction
   bool in_transaction_ = false;
+  bool each_row_ = false;
   std::chrono::steady_clock::time_point last_commit_;
   LocalTimeCache times_;
   std::vector<std::unique_ptr<Statement>> statements_;
