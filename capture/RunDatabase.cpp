@@ -13,43 +13,15 @@
 #include "capture/LogColumns.h"
 #include "capture/LogRecord.h"
 #include "capture/RunDatabaseSchema.h"
+#include "capture/RunDatabaseStatements.h"
 #include "host/CodePage.h"
 
 namespace pelka {
 namespace {
 
-constexpr char kSenderKey[] = "email_sender_email";
-constexpr char kReceiverKey[] = "email_receive_email";
-
-void BindText(sqlite3_stmt* statement, int index, std::string_view text) {
-  sqlite3_bind_text(statement, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
-}
-
-// An empty text is a field the JSON object leaves out.
-void BindTextOrNull(sqlite3_stmt* statement, int index, std::string_view text) {
-  if (text.empty()) {
-    sqlite3_bind_null(statement, index);
-  } else {
-    BindText(statement, index, text);
-  }
-}
-
-void BindNumber(sqlite3_stmt* statement, int index, uint64_t value) {
-  sqlite3_bind_int64(statement, index, static_cast<sqlite3_int64>(value));
-}
-
-// The domain of the first address in a list ("a@Example.com, b@c.org"),
-// lower-case; empty when it has none.
-std::string FirstDomain(std::wstring_view addresses) {
-  const std::string text = WideToUtf8(addresses);
-  const size_t at = text.find('@');
-  if (at == std::string::npos) return {};
-  const size_t end = text.find_first_of(",; >", at + 1);
-  std::string domain = text.substr(at + 1, end == std::string::npos ? std::string::npos : end - at - 1);
-  for (char& c : domain)
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  return domain;
-}
+using run_database::BindNumber;
+using run_database::BindText;
+using run_database::BindTextOrNull;
 
 uint64_t NowSeconds() { return static_cast<uint64_t>(std::time(nullptr)); }
 
@@ -85,101 +57,10 @@ const char* ConnectionProtocolText(uint16_t application_protocol) {
   }
 }
 
-struct RunDatabase::Statement {
-  Statement() = default;
-  ~Statement() { sqlite3_finalize(handle); }
-  Statement(const Statement&) = delete;
-  Statement& operator=(const Statement&) = delete;
-  sqlite3_stmt* handle = nullptr;
-};
-
-// The insert of one message row, made for the columns the log declared:
-// column i of the log is parameter kFirstColumn + i.
-class RunDatabase::MessageInsert {
- public:
-  static constexpr int kFirstColumn = 5;  // after time_unix, sender_domain, receiver_domain, connection_id
-
-  bool Make(RunDatabase& database, const LogColumns& columns) {
-    column_count_ = columns.size();
-    std::set<std::string> known;
-    if (!KnownColumns(database, known)) return false;
-    std::string names = "time_unix, sender_domain, receiver_domain, connection_id";
-    std::string values = "?, ?, ?, ?";
-    for (const auto& column : columns.list()) {
-      const std::string quoted = Quoted(column->key());
-      if (!known.count(column->key())) {
-        if (!database.Exec(("ALTER TABLE messages ADD COLUMN " + quoted).c_str())) return false;
-        known.insert(column->key());
-      }
-      names += ", " + quoted;
-      values += ", ?";
-      if (column->key() == kSenderKey) sender_ = column->id();
-      if (column->key() == kReceiverKey) receiver_ = column->id();
-    }
-    const std::string sql = "INSERT INTO messages (" + names + ") VALUES (" + values + ")";
-    return database.Prepare(sql.c_str(), statement_);
-  }
-
-  bool Fits(const LogColumns& columns) const { return columns.size() == column_count_; }
-
-  // Binds the record's fields as its emails.jsonl line writes them.
-  // `connection` is the row of the record's connection, 0 for none.
-  sqlite3_stmt* Bind(const LogColumns& columns, const LogRecord& record, LocalTimeCache& times, int64_t connection) {
-    sqlite3_stmt* statement = statement_.handle;
-    BindNumber(statement, 1, record.seconds());
-    BindTextOrNull(statement, 2, FirstDomain(record.TextAt(sender_)));
-    BindTextOrNull(statement, 3, FirstDomain(record.TextAt(receiver_)));
-    if (connection != 0) BindNumber(statement, 4, static_cast<uint64_t>(connection));
-    for (const auto& column : columns.list()) {
-      const int index = kFirstColumn + column->id();
-      const uint32_t field = column->field();
-      if (field == kLogFieldClientPort || field == kLogFieldServerPort) {
-        BindNumber(statement, index, record.view().port[field == kLogFieldClientPort ? 0 : 1]);
-      } else if (field == kLogFieldDateTime) {
-        BindText(statement, index, times.Text(record.seconds()));
-      } else if (field != 0) {
-        char digits[8];
-        BindTextOrNull(statement, index, record.StandardText(field, {}, digits));
-      } else {
-        BindField(statement, index, record, record.field(column->id()));
-      }
-    }
-    return statement;
-  }
-
- private:
-  static void BindField(sqlite3_stmt* statement, int index, const LogRecord& record, const LogRecord::Field& value) {
-    switch (value.kind) {
-      case LogRecord::Kind::kText: BindText(statement, index, WideToUtf8(record.Text(value))); return;
-      case LogRecord::Kind::kNumber: BindNumber(statement, index, value.number); return;
-      case LogRecord::Kind::kDouble: sqlite3_bind_double(statement, index, value.real); return;
-      case LogRecord::Kind::kUnset: sqlite3_bind_null(statement, index); return;
-    }
-  }
-
-  static std::string Quoted(const std::string& key) {
-    std::string quoted = "\"";
-    for (const char c : key) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-    return quoted + "\"";
-  }
-
-  static bool KnownColumns(RunDatabase& database, std::set<std::string>& known) {
-    Statement info;
-    if (!database.Prepare("PRAGMA table_info(messages)", info)) return false;
-    while (sqlite3_step(info.handle) == SQLITE_ROW)
-      known.insert(reinterpret_cast<const char*>(sqlite3_column_text(info.handle, 1)));
-    return true;
-  }
-
-  Statement statement_;
-  size_t column_count_ = 0;
-  int32_t sender_ = -1;
-  int32_t receiver_ = -1;
-};
-
 RunDatabase::RunDatabase() = default;
 
 RunDatabase::~RunDatabase() {
+  StopWriter();
   const std::lock_guard<std::mutex> lock(mutex_);
   statements_.clear();
   messages_.reset();
@@ -201,7 +82,9 @@ bool RunDatabase::Open(const std::string& path, const RunDescription& run) {
   if (sqlite3_open_v2(RealPlace(path).c_str(), &db_, flags, nullptr) != SQLITE_OK) return Fail("cannot create");
   // Sorting and temporary tables stay in memory: the run writes nowhere
   // but its output folder.
-  if (!Exec("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA temp_store = MEMORY;")) return false;
+  if (!Exec("PRAGMA journal_mode = WAL; PRAGMA synchronous = OFF; PRAGMA temp_store = MEMORY; "
+            "PRAGMA cache_size = -16384; PRAGMA wal_autocheckpoint = 8192;"))
+    return false;
   const std::string version = "PRAGMA user_version = " + std::to_string(kRunDatabaseVersion);
   if (!Exec("BEGIN") || !Exec(kRunDatabaseSchema) || !Exec(version.c_str())) return false;
   in_transaction_ = true;
@@ -235,17 +118,109 @@ bool RunDatabase::Open(const std::string& path, const RunDescription& run) {
                *connection_update_))
     return false;
   CommitLocked();
-  return usable();
+  if (!usable()) return false;
+  const std::lock_guard<std::mutex> queue_lock(queue_mutex_);
+  accepting_ = true;
+  writer_ = std::thread(&RunDatabase::WriterLoop, this);
+  return true;
 }
 
 void RunDatabase::OnRecord(const LogColumns& columns, const LogRecord& record) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (usable() && (!messages_ || !messages_->Fits(columns))) {
+  std::shared_ptr<const MessageColumns> snapshot = Snapshot(columns);
+  auto copy = std::make_shared<LogRecord>(record);
+  Enqueue([this, snapshot, copy] { WriteRecord(snapshot, *copy); });
+}
+
+void RunDatabase::OnEntry(uint64_t seconds, std::wstring_view kind, std::wstring_view summary,
+                          std::wstring_view group) {
+  Enqueue([this, seconds, kind = std::wstring(kind), summary = std::wstring(summary), group = std::wstring(group)] {
+    WriteEntry(seconds, kind, summary, group);
+  });
+}
+
+void RunDatabase::OnDiagnosis(const DiagnosisRow& report) {
+  Enqueue([this, report, event = std::string(report.event), title = std::string(report.title),
+           text = std::wstring(report.text), client = std::string(report.client),
+           server = std::string(report.server)] {
+    // The copy's texts are the lambda's own; the report's views are gone.
+    DiagnosisRow row = report;
+    row.event = event;
+    row.title = title;
+    row.text = text;
+    row.client = client;
+    row.server = server;
+    WriteDiagnosis(row);
+  });
+}
+
+void RunDatabase::OnConnectionStart(const IPelkaFlow* flow, std::string_view protocol, std::string_view client,
+                                    std::string_view server) {
+  Enqueue([this, flow, protocol = std::string(protocol), client = std::string(client),
+           server = std::string(server)] { WriteConnectionStart(flow, protocol, client, server); });
+}
+
+void RunDatabase::OnConnectionEnd(const IPelkaFlow* flow, const ConnectionTally& tally, std::string_view ended) {
+  Enqueue([this, flow, tally, ended = std::string(ended)] { WriteConnectionEnd(flow, tally, ended); });
+}
+
+std::shared_ptr<const RunDatabase::MessageColumns> RunDatabase::Snapshot(const LogColumns& columns) {
+  const std::lock_guard<std::mutex> lock(queue_mutex_);
+  if (columns_ && columns_->keys.size() == columns.size()) return columns_;
+  auto snapshot = std::make_shared<MessageColumns>();
+  for (const auto& column : columns.list()) {
+    snapshot->keys.push_back(column->key());
+    snapshot->fields.push_back(column->field());
+  }
+  columns_ = std::move(snapshot);
+  return columns_;
+}
+
+void RunDatabase::Enqueue(std::function<void()> write) {
+  const std::lock_guard<std::mutex> lock(queue_mutex_);
+  if (!accepting_ || failed_.load(std::memory_order_acquire)) {
+    rows_lost_.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  queue_.push_back(std::move(write));
+  if (each_row_ || queue_.size() >= kBatchRows) queue_ready_.notify_one();
+}
+
+void RunDatabase::WriterLoop() {
+  std::unique_lock<std::mutex> lock(queue_mutex_);
+  for (;;) {
+    queue_ready_.wait_for(lock, kBatchTime, [this] { return stop_ || flush_ || queue_.size() >= kBatchRows; });
+    std::vector<std::function<void()>> batch;
+    batch.swap(queue_);
+    flush_ = false;
+    const bool stop = stop_;
+    lock.unlock();
+    {
+      const std::lock_guard<std::mutex> db_lock(mutex_);
+      for (const auto& write : batch) write();
+      CommitLocked();
+    }
+    lock.lock();
+    if (stop && queue_.empty()) return;
+  }
+}
+
+void RunDatabase::StopWriter() {
+  {
+    const std::lock_guard<std::mutex> lock(queue_mutex_);
+    accepting_ = false;
+    stop_ = true;
+  }
+  queue_ready_.notify_one();
+  if (writer_.joinable()) writer_.join();
+}
+
+void RunDatabase::WriteRecord(const std::shared_ptr<const MessageColumns>& columns, const LogRecord& record) {
+  if (usable() && (!messages_ || !messages_->Fits(columns.get()))) {
     auto insert = std::make_unique<MessageInsert>();
     if (insert->Make(*this, columns)) messages_ = std::move(insert);
   }
   if (!usable()) {
-    ++rows_lost_;
+    rows_lost_.fetch_add(1, std::memory_order_relaxed);
     return;
   }
   int64_t connection = 0;
@@ -253,14 +228,13 @@ void RunDatabase::OnRecord(const LogColumns& columns, const LogRecord& record) {
     connection = open->second.row;
     ++open->second.records;
   }
-  Step(messages_->Bind(columns, record, times_, connection));
+  Step(messages_->Bind(record, times_, connection));
 }
 
-void RunDatabase::OnEntry(uint64_t seconds, std::wstring_view kind, std::wstring_view summary,
-                          std::wstring_view group) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+void RunDatabase::WriteEntry(uint64_t seconds, std::wstring_view kind, std::wstring_view summary,
+                             std::wstring_view group) {
   if (!usable()) {
-    ++rows_lost_;
+    rows_lost_.fetch_add(1, std::memory_order_relaxed);
     return;
   }
   sqlite3_stmt* statement = entry_insert_->handle;
@@ -272,10 +246,9 @@ void RunDatabase::OnEntry(uint64_t seconds, std::wstring_view kind, std::wstring
   Step(statement);
 }
 
-void RunDatabase::OnDiagnosis(const DiagnosisRow& report) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+void RunDatabase::WriteDiagnosis(const DiagnosisRow& report) {
   if (!usable()) {
-    ++rows_lost_;
+    rows_lost_.fetch_add(1, std::memory_order_relaxed);
     return;
   }
   sqlite3_stmt* statement = diagnosis_insert_->handle;
@@ -292,11 +265,10 @@ void RunDatabase::OnDiagnosis(const DiagnosisRow& report) {
   Step(statement);
 }
 
-void RunDatabase::OnConnectionStart(const IPelkaFlow* flow, std::string_view protocol, std::string_view client,
-                                    std::string_view server) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+void RunDatabase::WriteConnectionStart(const IPelkaFlow* flow, std::string_view protocol, std::string_view client,
+                                       std::string_view server) {
   if (!usable()) {
-    ++rows_lost_;
+    rows_lost_.fetch_add(1, std::memory_order_relaxed);
     return;
   }
   sqlite3_stmt* statement = connection_insert_->handle;
@@ -307,15 +279,15 @@ void RunDatabase::OnConnectionStart(const IPelkaFlow* flow, std::string_view pro
   if (usable()) connections_[flow] = {sqlite3_last_insert_rowid(db_), 0};
 }
 
-void RunDatabase::OnConnectionEnd(const IPelkaFlow* flow, const ConnectionTally& tally, std::string_view ended) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+void RunDatabase::WriteConnectionEnd(const IPelkaFlow* flow, const ConnectionTally& tally,
+                                     std::string_view ended) {
   const auto open = connections_.find(flow);
   if (open == connections_.end()) return;  // its start was lost, and counted
   const OpenConnection connection = open->second;
   // The flow object may be reused for a later connection.
   connections_.erase(open);
   if (!usable()) {
-    ++rows_lost_;
+    rows_lost_.fetch_add(1, std::memory_order_relaxed);
     return;
   }
   sqlite3_stmt* statement = connection_update_->handle;
@@ -334,7 +306,7 @@ void RunDatabase::AddStatistics(const HostStatService& statistics) {
     for (const auto& item : category->items()) {
       for (const auto& counter : item->counters()) {
         if (!usable()) {
-          ++rows_lost_;
+          rows_lost_.fetch_add(1, std::memory_order_relaxed);
           continue;
         }
         sqlite3_stmt* statement = statistic_insert_->handle;
@@ -349,11 +321,15 @@ void RunDatabase::AddStatistics(const HostStatService& statistics) {
 }
 
 void RunDatabase::Commit() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  CommitLocked();
+  {
+    const std::lock_guard<std::mutex> lock(queue_mutex_);
+    flush_ = true;
+  }
+  queue_ready_.notify_one();
 }
 
 bool RunDatabase::Close(const RunTotals& totals) {
+  StopWriter();
   const std::lock_guard<std::mutex> lock(mutex_);
   if (!usable()) return false;
   WriteEnd(totals);
@@ -386,10 +362,7 @@ std::string RunDatabase::error() const {
   return error_;
 }
 
-uint64_t RunDatabase::rows_lost() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  return rows_lost_;
-}
+uint64_t RunDatabase::rows_lost() const { return rows_lost_.load(std::memory_order_relaxed); }
 
 bool RunDatabase::Exec(const char* sql) {
   return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK || Fail("cannot write");
@@ -402,7 +375,7 @@ bool RunDatabase::Prepare(const char* sql, Statement& statement) {
 void RunDatabase::Step(sqlite3_stmt* statement) {
   if (!in_transaction_) {
     if (!Exec("BEGIN")) {
-      ++rows_lost_;
+      rows_lost_.fetch_add(1, std::memory_order_relaxed);
       return;
     }
     in_transaction_ = true;
@@ -411,19 +384,13 @@ void RunDatabase::Step(sqlite3_stmt* statement) {
   sqlite3_reset(statement);
   sqlite3_clear_bindings(statement);
   ++pending_;
-  if (result != SQLITE_DONE) {
-    Fail("cannot write");
-    return;
-  }
-  if (each_row_ || pending_ >= kBatchRows || std::chrono::steady_clock::now() - last_commit_ >= kBatchTime)
-    CommitLocked();
+  if (result != SQLITE_DONE) Fail("cannot write");
 }
 
 void RunDatabase::CommitLocked() {
   if (in_transaction_ && usable() && !Exec("COMMIT")) return;
   in_transaction_ = false;
   pending_ = 0;
-  last_commit_ = std::chrono::steady_clock::now();
 }
 
 bool RunDatabase::Fail(const std::string& what) {
@@ -432,7 +399,8 @@ bool RunDatabase::Fail(const std::string& what) {
     if (db_) error_ += std::string(" (") + sqlite3_errmsg(db_) + ")";
   }
   // The open transaction is rolled back when the file closes: its rows are lost.
-  rows_lost_ += pending_;
+  rows_lost_.fetch_add(pending_, std::memory_order_relaxed);
+  failed_.store(true, std::memory_order_release);
   pending_ = 0;
   in_transaction_ = false;
   statements_.clear();

@@ -8,9 +8,11 @@
 // (run). The schema is in capture/RunDatabaseSchema.h; PRAGMA user_version
 // carries its version.
 //
-// Rows are written in transactions of up to kBatchRows rows or one second
-// (or each at once, for input that arrives slowly), and whatever waits is
-// committed by Commit and Close. The journal is a
+// The threads that post hand each row over (a copy of its values) to a
+// writer thread of the database's own, which writes them in transactions of
+// up to kBatchRows rows or one second (or each at once, for input that
+// arrives slowly): the analysis never waits for SQLite. Commit and Close
+// commit whatever waits. The journal is a
 // write-ahead log, so the sqlite3 shell can query the file while a live run
 // adds to it, and a crash loses at most the last second.
 //
@@ -19,12 +21,16 @@
 // are counted (rows_lost()). The other outputs do not depend on it.
 #pragma once
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "capture/FlowSink.h"
@@ -37,7 +43,7 @@ struct sqlite3_stmt;
 namespace pelka {
 
 class HostStatService;
-struct IPelkaFlow;
+class IPelkaFlow;
 
 // What the host saw of one mail connection, for the table connections.
 // Side 0 is the client, 1 the server; bytes are TCP payload delivered.
@@ -99,7 +105,10 @@ class RunDatabase final : public RunSink {
 
   // Commits every row as it comes (an interface, a pipe): with traffic that
   // brings no mail, nothing else would commit a lone record soon.
-  void CommitEachRow(bool each_row) { each_row_ = each_row; }
+  void CommitEachRow(bool each_row) {
+    const std::lock_guard<std::mutex> lock(queue_mutex_);
+    each_row_ = each_row;
+  }
 
   void OnRecord(const LogColumns& columns, const LogRecord& record) override;
   void OnEntry(uint64_t seconds, std::wstring_view kind, std::wstring_view summary,
@@ -115,7 +124,7 @@ class RunDatabase final : public RunSink {
 
   // One row per counter of statistics.json, in its order.
   void AddStatistics(const HostStatService& statistics);
-  // Commits the rows that wait (a live capture without traffic).
+  // Has the rows that wait committed soon (a live capture without traffic).
   void Commit();
   // Writes the run's end and totals, commits and closes the file. False when
   // any write of the run failed.
@@ -128,6 +137,25 @@ class RunDatabase final : public RunSink {
  private:
   struct Statement;
   class MessageInsert;
+  // The columns of the messages' log, as they were when a record came.
+  struct MessageColumns {
+    std::vector<std::string> keys;
+    std::vector<uint32_t> fields;  // kLogField..., 0 for a keyed column
+  };
+
+  // Posting side: hands a row's write to the writer thread.
+  std::shared_ptr<const MessageColumns> Snapshot(const LogColumns& columns);
+  void Enqueue(std::function<void()> write);
+  void WriterLoop();
+  void StopWriter();
+
+  // Writer side, with mutex_ held.
+  void WriteRecord(const std::shared_ptr<const MessageColumns>& columns, const LogRecord& record);
+  void WriteEntry(uint64_t seconds, std::wstring_view kind, std::wstring_view summary, std::wstring_view group);
+  void WriteDiagnosis(const DiagnosisRow& report);
+  void WriteConnectionStart(const IPelkaFlow* flow, std::string_view protocol, std::string_view client,
+                            std::string_view server);
+  void WriteConnectionEnd(const IPelkaFlow* flow, const ConnectionTally& tally, std::string_view ended);
 
   void WriteEnd(const RunTotals& totals);
   bool Exec(const char* sql);
@@ -138,15 +166,25 @@ class RunDatabase final : public RunSink {
   bool Fail(const std::string& what);
   bool usable() const { return db_ != nullptr; }
 
-  mutable std::mutex mutex_;  // one writer at a time
+  // The rows handed over and not yet written, and the writer's orders.
+  std::mutex queue_mutex_;
+  std::condition_variable queue_ready_;
+  std::vector<std::function<void()>> queue_;
+  std::shared_ptr<const MessageColumns> columns_;
+  bool accepting_ = false;  // open, and not closing
+  bool stop_ = false;
+  bool flush_ = false;
+  bool each_row_ = false;
+  std::thread writer_;
+
+  mutable std::mutex mutex_;  // the database itself: one writer at a time
   sqlite3* db_ = nullptr;
   std::string path_;
   std::string error_;
-  uint64_t rows_lost_ = 0;
+  std::atomic<bool> failed_{false};
+  std::atomic<uint64_t> rows_lost_{0};
   uint64_t pending_ = 0;  // rows of the open transaction
   bool in_transaction_ = false;
-  bool each_row_ = false;
-  std::chrono::steady_clock::time_point last_commit_;
   LocalTimeCache times_;
   std::vector<std::unique_ptr<Statement>> statements_;
   Statement* entry_insert_ = nullptr;
