@@ -15,6 +15,7 @@
 #include "capture/HostServices.h"
 #include "capture/ModuleLoader.h"
 #include "capture/PrivilegeDrop.h"
+#include "capture/RunDescription.h"
 #include "capture/RunSummary.h"
 #include "capture/StopSignal.h"
 
@@ -92,6 +93,8 @@ HostOptions MakeHostOptions(const ProgramOptions& options, const std::string& li
   // it is found; files are read too fast for that to matter.
   host.lines_at_once = ReadsSlowInput(options);
   host.conditions = options.conditions;
+  host.database = options.database;
+  if (host.database) host.run = DescribeRun(options);
   return host;
 }
 
@@ -100,6 +103,7 @@ RunFacts CollectFacts(const ProgramOptions& options, const Pipeline& pipeline, c
   RunFacts facts;
   facts.out_dir = WithoutTrailingSlash(AbsolutePath(options.out_dir));
   facts.copies = options.copies;
+  facts.database = options.database && services.database_error().empty();
   facts.interrupted = StopRequested();
   facts.packets = pipeline.frames_read();
   facts.bytes = pipeline.bytes_read();
@@ -127,6 +131,17 @@ bool SwitchUser(PrivilegeDrop& drop, HostServices& services, std::ostream& err) 
   if ((!account || services.GiveTo(account->uid, account->gid)) && drop.Apply(&problem) && services.CheckWritable())
     return true;
   err << kProgramName << ": " << (problem.empty() ? services.error() : problem) << "\n";
+  return false;
+}
+
+// Says what the database lost, unless that was said when it failed at the
+// start. False when it failed.
+bool ReportDatabase(const HostServices& services, const std::string& said, std::ostream& err) {
+  const std::string problem = services.database_error();
+  if (problem.empty()) return true;
+  if (problem != said) err << kProgramName << ": " << problem << "\n";
+  if (const uint64_t lost = services.database_rows_lost())
+    err << kProgramName << ": " << lost << " rows of emails.sqlite were lost: they could not be written\n";
   return false;
 }
 
@@ -160,6 +175,8 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
     err << kProgramName << ": " << services.error() << "\n";
     return kExitInputProblem;
   }
+  std::string database_problem = services.database_error();
+  if (!database_problem.empty()) err << kProgramName << ": " << database_problem << "; the other outputs go on\n";
   std::string error;
   module = LoadedModule::Load(library_path, &error);
   if (!module) {
@@ -179,8 +196,10 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
   pipeline.Finish();
   WarnAboutSkippedParts(InputsLabel(options), pipeline, err);
   if (const uint64_t gaps = pipeline.flow_counters().hold_limit_gaps) services.AddStatistic("HoldLimit", "Reached", gaps);
+  services.SetReadTotals(pipeline.frames_read(), pipeline.bytes_read(), StopRequested());
   const bool outputs_ok = services.FinishRun(module->main_table());
   if (!outputs_ok) err << kProgramName << ": " << services.error() << "\n";
+  const bool database_ok = ReportDatabase(services, database_problem, err);
   const HostRunCounts counts = services.counts();
   for (const auto& [file, lines] : counts.lines_lost)
     err << kProgramName << ": " << lines << " lines of " << file << " were lost: they could not be written\n";
@@ -194,7 +213,7 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
     facts.copy_failures = counts.copy_failures;
     PrintSummary(out, facts, ReadMessageDigest(facts.out_dir + "/emails.jsonl", kSummaryRows));
   }
-  return inputs_ok && outputs_ok && !counts.copy_failures ? kExitDone : kExitInputProblem;
+  return inputs_ok && outputs_ok && database_ok && !counts.copy_failures ? kExitDone : kExitInputProblem;
 }
 
 }  // namespace pelka

@@ -16,7 +16,8 @@ constexpr const char* kDescription =
     "Finds the e-mail messages carried by SMTP (port 25), POP3 (port 110) and IMAP4\n"
     "(port 143) in packet captures, and writes what it finds to an output folder:\n"
     "emails.jsonl, email_log.csv, email_log.txt, entries.jsonl, diagnosis.jsonl,\n"
-    "statistics.json and, with --copies, the messages themselves as .eml files.";
+    "statistics.json, all of them as one database emails.sqlite and, with --copies,\n"
+    "the messages themselves as .eml files.";
 
 constexpr const char* kFooter =
     "Conditions:\n"
@@ -94,6 +95,9 @@ void AddInputOutputOptions(CLI::App& app, ProgramOptions& options) {
       ->group(output);
   app.add_flag("--copies", options.copies,
                "also save every message as an .eml file under DIR/email_copy/ (0600; a taken name gets -2, -3, ...)")
+      ->group(output);
+  app.add_flag("--no-db", [&options](int64_t) { options.database = false; },
+               "do not write DIR/emails.sqlite, the database of the run's records")
       ->group(output);
   app.add_flag("-q,--quiet", options.quiet, "no progress and no summary; only errors are printed")->group(output);
 }
@@ -240,6 +244,7 @@ CommandLineOutcome ParseCommandLine(int argc, const char* const* argv) {
 
   if (std::string problem = CheckInputs(app, options); !problem.empty()) return Failure(problem);
   options.language = LanguageFromName(raw.language);
+  options.arguments.assign(argv, argv + argc);
   options.diagnosis = !raw.no_diagnosis;
 
   if (std::string problem = ReadConditions(raw.conditions, options.conditions); !problem.empty())

@@ -72,6 +72,10 @@ struct ProgramOptions {
   uint32_t hold_limit_mib = kDefaultHoldLimitMiB;
   // Empty when no condition was given; otherwise every message must meet all.
   std::optional<EmailConditions> conditions;
+  // Write emails.sqlite (--no-db: not).
+  bool database = true;
+  // The command line as given, argv[0] first, for the database's run table.
+  std::vector<std::string> arguments;
 };
 
 struct CommandLineOutcome {

@@ -37,11 +37,17 @@ uint32_t HostDiagnosisEvent::Report(IPelkaFlowNode* target, const wchar_t* text,
   line.Raw("codes", "[" + std::to_string(code1) + ", " + std::to_string(code2) + "]");
   line.Number("packet", GetPacketNumber(packet)).Number("time", GetPacketTime(packet));
   line.Number("related_packet", related_packet);
+  std::string client, server;
   if (const auto* node = dynamic_cast<const HostFlowNode*>(target)) {
     const TrackedFlow& flow = node->flow().tracked();
-    line.Text("client", EndpointText(flow.client())).Text("server", EndpointText(flow.server()));
+    client = EndpointText(flow.client());
+    server = EndpointText(flow.server());
+    line.Text("client", client).Text("server", server);
   }
   service_.Write(*this, line.Finish());
+  if (RunSink* sink = service_.sink())
+    sink->OnDiagnosis({key_, title_, text ? text : L"", code1, code2, GetPacketNumber(packet),
+                       GetPacketTime(packet), related_packet, client, server});
   return 0;
 }
 

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "capture/RunSink.h"
 #include "host/DiagnosisInterfaces.h"
 
 namespace pelka {
@@ -67,6 +68,9 @@ class HostDiagnosisService final : public IPelkaDiagnosisService {
   // The value a parameter of this key starts with, instead of the module's
   // default; kept within the parameter's lowest and highest value.
   void OverrideParameter(const std::string& key, int32_t value) { overrides_[key] = value; }
+  // Hands every report to `sink` too (null: none); set before flows are handled.
+  void set_sink(RunSink* sink) { sink_ = sink; }
+  RunSink* sink() const { return sink_; }
 
   uint64_t reports() const;
   std::map<std::string, uint64_t> reports_by_event() const;
@@ -78,6 +82,7 @@ class HostDiagnosisService final : public IPelkaDiagnosisService {
   int32_t StartValue(const std::string& key, int32_t default_value, int32_t lowest, int32_t highest) const;
 
   OutputFile* output_;
+  RunSink* sink_ = nullptr;
   mutable std::mutex mutex_;  // guards the counts
   bool enabled_ = true;
   std::map<std::string, int32_t> overrides_;

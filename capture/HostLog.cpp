@@ -65,6 +65,8 @@ uint32_t HostLog::AddEntry(uint64_t seconds, IPelkaFlow* flow, const wchar_t* ki
                            const wchar_t* group) {
   if (conditions_ && conditions_->TakeEntryDrop(flow)) return 0;
   entries_.fetch_add(1, std::memory_order_relaxed);
+  if (outputs_.sink)
+    outputs_.sink->OnEntry(seconds, kind ? kind : L"", summary ? summary : L"", group ? group : L"");
   if (!outputs_.entries) return 0;
   const std::lock_guard<std::mutex> lock(entry_mutex_);
   JsonObjectLine& line = entry_line_;
@@ -205,6 +207,7 @@ uint32_t HostLog::PostRecord(IPelkaLogRecord* handle) {
   if (!record->TextAt(copy_path_column_).empty()) copies_written_.fetch_add(1, std::memory_order_relaxed);
   // The record is the caller's alone now: its line is built without a lock.
   if (outputs_.records) WriteRecordLine(*record);
+  if (outputs_.sink) outputs_.sink->OnRecord(columns_, *record);
   std::unique_ptr<LogRecordSet> full;
   {
     const std::lock_guard<std::mutex> lock(mutex_);

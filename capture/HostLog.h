@@ -50,6 +50,7 @@
 #include "capture/LogRecord.h"
 #include "capture/OutputFiles.h"
 #include "capture/RecordConditions.h"
+#include "capture/RunSink.h"
 #include "host/LogInterfaces.h"
 
 namespace pelka {
@@ -63,6 +64,7 @@ struct LogOutputs {
   // Export each record's lines as it is posted instead of in batches: for
   // input that arrives slowly, whose readers watch the files grow.
   bool export_each_record = false;
+  RunSink* sink = nullptr;        // the records and entries once more (emails.sqlite)
 };
 
 class HostLog final : public IPelkaLog {

@@ -1,6 +1,10 @@
 #include "capture/HostServices.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <array>
 #include <atomic>
 #include <mutex>
@@ -33,6 +37,7 @@ struct BoundFlow {
   HostFlowNode node;
   HostFlowStats stats;
   IPelkaFlowBindContext* context = nullptr;
+  ConnectionTally tally;  // for the database's table connections
 };
 
 }  // namespace
@@ -60,11 +65,14 @@ class HostServices::Impl final : public FlowSink {
     for (auto [file, name] : Files())
       if (!file->Open(root + name)) return Fail(file->error());
     for (auto [file, name] : Files()) file->WriteEachLine(options_.lines_at_once);
+    database_ = std::make_unique<RunDatabase>();
+    RunSink* sink = options_.database ? database_.get() : nullptr;
     log_ = std::make_unique<HostLogService>(
-        LogOutputs{&records_file_, &entries_file_, &csv_file_, &text_file_, options_.lines_at_once},
+        LogOutputs{&records_file_, &entries_file_, &csv_file_, &text_file_, options_.lines_at_once, sink},
         ModuleStorageRoot(root), options_.copies, options_.conditions ? &*options_.conditions : nullptr,
         copy_store_.get());
     host_ = HostObject({log_.get(), &diagnosis_, &statistics_, &icons_});
+    if (options_.database) OpenDatabase(root + "emails.sqlite");
     return true;
   }
 
@@ -74,6 +82,12 @@ class HostServices::Impl final : public FlowSink {
     if (copy_store_ && !copy_store_->GiveTo(uid, gid, &problem)) return Fail(problem);
     for (auto [file, name] : Files())
       if (!file->GiveTo(uid, gid)) return Fail(file->error());
+    // The database and its write-ahead files, made by SQLite as root.
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+      const std::string path = root() + "emails.sqlite" + suffix;
+      if (open_database() && ::lchown(path.c_str(), uid, gid) != 0 && errno != ENOENT)
+        return Fail("cannot give " + path + " to the user: " + std::strerror(errno));
+    }
     return true;
   }
 
@@ -103,6 +117,7 @@ class HostServices::Impl final : public FlowSink {
     finished_ = true;
     if (log_) log_->Finish();
     WriteStatistics();
+    if (open_database()) CloseDatabase();
     statistics_.DetachClients();
     if (module) module->Uninitialize();
     for (auto [file, name] : Files()) {
@@ -131,6 +146,9 @@ class HostServices::Impl final : public FlowSink {
     auto bound = std::make_unique<BoundFlow>(tracked, statistics_);
     if (client_->BindFlow(&bound->flow, &bound->stats, &bound->context) != 0) return Declined();
     flows_bound_.fetch_add(1, std::memory_order_relaxed);
+    if (RunDatabase* database = open_database())
+      database->OnConnectionStart(&bound->flow, ConnectionProtocolText(tracked.application_protocol()),
+                                   EndpointText(tracked.client()), EndpointText(tracked.server()));
     tracked.user_data = bound.release();
     return true;
   }
@@ -139,21 +157,25 @@ class HostServices::Impl final : public FlowSink {
                     uint32_t direction) override {
     auto* bound = static_cast<BoundFlow*>(tracked.user_data);
     if (!bound) return;
+    bound->tally.Count(GetPacketTime(&record), direction, length);
     // A result of 1 (the module is done with the flow) changes nothing here:
     // the contract delivers every packet of a bound flow.
     client_->ProcessFlowData(&bound->flow, &record, payload, length, direction, &bound->node, bound->context);
     CheckWrites();
   }
 
-  void OnFlowEnd(TrackedFlow& tracked, FlowEndReason) override {
+  void OnFlowEnd(TrackedFlow& tracked, FlowEndReason reason) override {
     std::unique_ptr<BoundFlow> bound(static_cast<BoundFlow*>(tracked.user_data));
     tracked.user_data = nullptr;
     if (bound) client_->UnbindFlow(&bound->flow, &bound->stats, &bound->node, bound->context);
+    if (RunDatabase* database = open_database(); bound && database)
+      database->OnConnectionEnd(&bound->flow, bound->tally, ConnectionEndText(reason));
     CheckWrites();
   }
 
   void FlushOutputs() {
     for (auto [file, name] : Files()) file->Flush();
+    if (RunDatabase* database = open_database()) database->Commit();
     CheckWrites();
   }
 
@@ -191,6 +213,8 @@ class HostServices::Impl final : public FlowSink {
   std::function<int64_t()> kernel_drops_;
   std::mutex statistics_mutex_;  // one writer of statistics.json at a time
   HostDiagnosisService diagnosis_;
+  std::unique_ptr<RunDatabase> database_;
+  RunTotals run_totals_;
   std::unique_ptr<HostLogService> log_;
   HostObject host_;
   IPelkaFlowClient* client_ = nullptr;
@@ -224,6 +248,25 @@ class HostServices::Impl final : public FlowSink {
     failed_.store(true, std::memory_order_release);
     return false;
   }
+  RunDatabase* open_database() { return options_.database ? database_.get() : nullptr; }
+  // The database is one more sink of the record, entry and report writers; a
+  // database that fails leaves the other outputs as they are.
+  void OpenDatabase(const std::string& path) {
+    database_->CommitEachRow(options_.lines_at_once);
+    database_->Open(path, options_.run);
+    diagnosis_.set_sink(database_.get());
+  }
+  void CloseDatabase() {
+    database_->AddStatistics(statistics_);
+    const HostRunCounts run = counts();
+    run_totals_.messages = run.records;
+    run_totals_.entries = run.entries;
+    run_totals_.diagnosis_reports = run.diagnosis_reports;
+    run_totals_.copies = run.copies;
+    run_totals_.connections = run.flows_bound;
+    database_->Close(run_totals_);
+  }
+
   bool Declined() {
     flows_declined_.fetch_add(1, std::memory_order_relaxed);
     return false;
@@ -256,6 +299,17 @@ std::string HostServices::StatisticsJson() const { return impl_->StatisticsJson(
 void HostServices::SetKernelDrops(std::function<int64_t()> read) { impl_->kernel_drops_ = std::move(read); }
 const std::string& HostServices::error() const { return impl_->error_; }
 HostRunCounts HostServices::counts() const { return impl_->counts(); }
+void HostServices::SetReadTotals(uint64_t packets, uint64_t bytes, bool interrupted) {
+  impl_->run_totals_.packets = packets;
+  impl_->run_totals_.bytes = bytes;
+  impl_->run_totals_.interrupted = interrupted;
+}
+std::string HostServices::database_error() const {
+  return impl_->database_ ? impl_->database_->error() : std::string();
+}
+uint64_t HostServices::database_rows_lost() const {
+  return impl_->database_ ? impl_->database_->rows_lost() : 0;
+}
 void HostServices::AddStatistic(const std::string& item, const std::string& counter, uint64_t value) {
   impl_->statistics_.AddHostFigure(item, counter, value);
 }

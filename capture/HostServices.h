@@ -13,10 +13,12 @@
 //   email_log.txt     the module's export lines, text form
 //   statistics.json   the counters the module defined, written by FinishRun
 //                     (and by WriteStatistics while the run goes on)
+//   emails.sqlite     all of the above as one database (capture/RunDatabase.h)
 //   email_copy/       the ".eml" copies, when copies are switched on
 //
 // The first write failure is remembered (error()); the lines written before
-// it stay whole. The program reports it and exits with status 1.
+// it stay whole. The program reports it and exits with status 1. The
+// database fails on its own (database_error()): the files go on without it.
 #pragma once
 
 #include <sys/types.h>
@@ -32,6 +34,7 @@
 
 #include "capture/EmailConditions.h"
 #include "capture/FlowSink.h"
+#include "capture/RunDatabase.h"
 #include "host/FlowInterfaces.h"
 #include "host/ModuleInterfaces.h"
 
@@ -61,6 +64,9 @@ struct HostOptions {
   // no record, no export line, no summary entry and no copy. Unset: every
   // message is kept.
   std::optional<EmailConditions> conditions;
+  // Write emails.sqlite too, with `run` in its table run.
+  bool database = true;
+  RunDescription run;
 };
 
 // What the run produced, for the program's summary.
@@ -141,6 +147,13 @@ class HostServices {
   // Live capture: where the kernel's drop count is read, added to
   // statistics.json as {"Capture": {"Kernel": {"Dropped": N}}}. Set before the run.
   void SetKernelDrops(std::function<int64_t()> read);
+  // What the capture side read, for the database's table run; call before
+  // FinishRun.
+  void SetReadTotals(uint64_t packets, uint64_t bytes, bool interrupted);
+  // The database's first failure, and the rows it could not take; read them
+  // after FinishRun (or right after Open).
+  std::string database_error() const;
+  uint64_t database_rows_lost() const;
 
   // The first failure of the run (open or write); empty while all is well.
   const std::string& error() const;

@@ -85,6 +85,13 @@ void HostStatService::AddHostFigure(const std::string& item, const std::string& 
   static_cast<HostStatCounter*>(host_item->AddCounter(counter.c_str(), 0, 0, kStatScopeGlobal, ""))->Add(value);
 }
 
+std::vector<const HostStatCategory*> HostStatService::categories() const {
+  std::vector<const HostStatCategory*> categories;
+  for (const auto& category : categories_) categories.push_back(category.get());
+  if (host_category_) categories.push_back(host_category_.get());
+  return categories;
+}
+
 std::string HostStatService::ToJson(const std::vector<HostFigure>& current_figures) const {
   // Objects nest three levels; each level is built like a JSON line.
   JsonObjectLine top;

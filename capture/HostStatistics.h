@@ -98,6 +98,8 @@ class HostStatService final : public IPelkaStatService, private IPelkaStatRegist
   // order; the host's figures last, under "Capture", `current_figures` after
   // the added ones.
   std::string ToJson(const std::vector<HostFigure>& current_figures = {}) const;
+  // The categories in that order, the host's own last.
+  std::vector<const HostStatCategory*> categories() const;
   bool has_client() const { return !clients_.empty(); }
 
  private:

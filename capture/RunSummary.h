@@ -40,6 +40,7 @@ struct RunFacts {
   std::string out_dir;  // absolute
   bool copies = false;
   uint64_t copy_failures = 0;  // copies that could not be written
+  bool database = false;  // emails.sqlite was written
   bool interrupted = false;
   uint64_t packets = 0;
   uint64_t bytes = 0;

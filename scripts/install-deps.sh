@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config
   clang libclang-rt-14-dev
-  libpcap-dev libpugixml-dev libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev
+  libpcap-dev libpugixml-dev libsqlite3-dev libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev
   libbenchmark-dev
   help2man file dpkg-dev parallel
 )

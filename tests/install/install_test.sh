@@ -45,7 +45,7 @@ grep -qF -- '\-\-copies' "$work/prefix/share/man/man1/pelka-email.1" || fail "th
 (cd "$build" && cpack -G DEB -B "$work/package" >/dev/null) || fail "cpack -G DEB failed"
 deb=$(ls "$work"/package/pelka-email_*.deb)
 info=$(dpkg-deb --info "$deb")
-for dependency in libpcap0.8 libpugixml1v5 libc6; do
+for dependency in libpcap0.8 libpugixml1v5 libsqlite3-0 libc6; do
   grep -q "Depends:.*$dependency" <<<"$info" || fail "the package does not depend on $dependency:"$'\n'"$info"
 done
 dpkg-deb -x "$deb" "$work/root"

@@ -1,0 +1,415 @@
+#include "capture/RunDatabase.h"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <filesystem>
+#include <set>
+
+#include "capture/HostStatistics.h"
+#include "capture/LogColumns.h"
+#include "capture/LogRecord.h"
+#include "capture/RunDatabaseSchema.h"
+#include "capture/RunDatabaseStatements.h"
+#include "host/CodePage.h"
+
+namespace pelka {
+namespace {
+
+using run_database::BindNumber;
+using run_database::BindText;
+using run_database::BindTextOrNull;
+
+uint64_t NowSeconds() { return static_cast<uint64_t>(std::time(nullptr)); }
+
+// The file's real place: a folder reached through a symbolic link is fine,
+// only the file itself must not be one.
+std::string RealPlace(const std::string& path) {
+  const std::filesystem::path file(path);
+  std::error_code error;
+  const std::filesystem::path folder = std::filesystem::canonical(file.parent_path(), error);
+  return error ? path : (folder / file.filename()).string();
+}
+
+}  // namespace
+
+const char* ConnectionEndText(FlowEndReason reason) {
+  switch (reason) {
+    case FlowEndReason::kClosed: return "closed";
+    case FlowEndReason::kReset: return "reset";
+    case FlowEndReason::kIdle: return "idle";
+    case FlowEndReason::kEvicted: return "evicted";
+    case FlowEndReason::kReplaced: return "replaced";
+    case FlowEndReason::kEndOfInput: return "end of input";
+  }
+  return "";
+}
+
+const char* ConnectionProtocolText(uint16_t application_protocol) {
+  switch (application_protocol) {
+    case 630: return "SMTP";
+    case 626: return "POP3";
+    case 614: return "IMAP4";
+    default: return "";
+  }
+}
+
+RunDatabase::RunDatabase() = default;
+
+RunDatabase::~RunDatabase() {
+  StopWriter();
+  const std::lock_guard<std::mutex> lock(mutex_);
+  statements_.clear();
+  messages_.reset();
+  if (db_) sqlite3_close_v2(db_);
+}
+
+bool RunDatabase::Open(const std::string& path, const RunDescription& run) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  path_ = path;
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode))
+    return Fail("refusing to write through the symbolic link");
+  // A database of an earlier run in the folder is replaced, as the other
+  // outputs are; its journal would not fit the new file.
+  for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
+    if (::unlink((path + suffix).c_str()) != 0 && errno != ENOENT) return Fail("cannot replace the old database");
+  }
+  const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX;
+  if (sqlite3_open_v2(RealPlace(path).c_str(), &db_, flags, nullptr) != SQLITE_OK) return Fail("cannot create");
+  // Sorting and temporary tables stay in memory: the run writes nowhere
+  // but its output folder.
+  // The writer thread checkpoints as it goes (every 1000 pages, SQLite's
+  // default), so that little is left for the end of the run.
+  if (!Exec("PRAGMA synchronous = OFF; PRAGMA journal_mode = WAL; PRAGMA temp_store = MEMORY; "
+            "PRAGMA cache_size = -16384;"))
+    return false;
+  const std::string version = "PRAGMA user_version = " + std::to_string(kRunDatabaseVersion);
+  if (!Exec("BEGIN") || !Exec(kRunDatabaseSchema) || !Exec(version.c_str())) return false;
+  in_transaction_ = true;
+
+  Statement start;
+  if (!Prepare("INSERT INTO run (started, started_unix, command_line, captures, options) VALUES (?, ?, ?, ?, ?)",
+               start))
+    return false;
+  const uint64_t now = NowSeconds();
+  BindText(start.handle, 1, LocalTimeText(now));
+  BindNumber(start.handle, 2, now);
+  BindText(start.handle, 3, run.command_line);
+  BindText(start.handle, 4, run.captures);
+  BindText(start.handle, 5, run.options);
+  if (sqlite3_step(start.handle) != SQLITE_DONE) return Fail("cannot write");
+
+  for (Statement** statement :
+       {&entry_insert_, &diagnosis_insert_, &statistic_insert_, &connection_insert_, &connection_update_}) {
+    statements_.push_back(std::make_unique<Statement>());
+    *statement = statements_.back().get();
+  }
+  if (!Prepare("INSERT INTO entries (time_unix, time, kind, summary, \"group\") VALUES (?, ?, ?, ?, ?)",
+               *entry_insert_) ||
+      !Prepare("INSERT INTO diagnosis (event, title, text, code1, code2, packet, time, related_packet, client, "
+               "server) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
+               *diagnosis_insert_) ||
+      !Prepare("INSERT INTO statistics (category, item, counter, value) VALUES (?, ?, ?, ?)", *statistic_insert_) ||
+      !Prepare("INSERT INTO connections (protocol, client, server) VALUES (?, ?, ?)", *connection_insert_) ||
+      !Prepare("UPDATE connections SET first_time = ?, last_time = ?, client_packets = ?, client_bytes = ?, "
+               "server_packets = ?, server_bytes = ?, records = ?, ended = ? WHERE id = ?",
+               *connection_update_))
+    return false;
+  CommitLocked();
+  if (!usable()) return false;
+  const std::lock_guard<std::mutex> queue_lock(queue_mutex_);
+  accepting_ = true;
+  writer_ = std::thread(&RunDatabase::WriterLoop, this);
+  return true;
+}
+
+void RunDatabase::OnRecord(const LogColumns& columns, const LogRecord& record) {
+  std::shared_ptr<const MessageColumns> snapshot = Snapshot(columns);
+  auto copy = std::make_shared<LogRecord>(record);
+  Enqueue([this, snapshot, copy] { WriteRecord(snapshot, *copy); });
+}
+
+void RunDatabase::OnEntry(uint64_t seconds, std::wstring_view kind, std::wstring_view summary,
+                          std::wstring_view group) {
+  Enqueue([this, seconds, kind = std::wstring(kind), summary = std::wstring(summary), group = std::wstring(group)] {
+    WriteEntry(seconds, kind, summary, group);
+  });
+}
+
+void RunDatabase::OnDiagnosis(const DiagnosisRow& report) {
+  Enqueue([this, report, event = std::string(report.event), title = std::string(report.title),
+           text = std::wstring(report.text), client = std::string(report.client),
+           server = std::string(report.server)] {
+    // The copy's texts are the lambda's own; the report's views are gone.
+    DiagnosisRow row = report;
+    row.event = event;
+    row.title = title;
+    row.text = text;
+    row.client = client;
+    row.server = server;
+    WriteDiagnosis(row);
+  });
+}
+
+void RunDatabase::OnConnectionStart(const IPelkaFlow* flow, std::string_view protocol, std::string_view client,
+                                    std::string_view server) {
+  Enqueue([this, flow, protocol = std::string(protocol), client = std::string(client),
+           server = std::string(server)] { WriteConnectionStart(flow, protocol, client, server); });
+}
+
+void RunDatabase::OnConnectionEnd(const IPelkaFlow* flow, const ConnectionTally& tally, std::string_view ended) {
+  Enqueue([this, flow, tally, ended = std::string(ended)] { WriteConnectionEnd(flow, tally, ended); });
+}
+
+std::shared_ptr<const RunDatabase::MessageColumns> RunDatabase::Snapshot(const LogColumns& columns) {
+  const std::lock_guard<std::mutex> lock(queue_mutex_);
+  if (columns_ && columns_->keys.size() == columns.size()) return columns_;
+  auto snapshot = std::make_shared<MessageColumns>();
+  for (const auto& column : columns.list()) {
+    snapshot->keys.push_back(column->key());
+    snapshot->fields.push_back(column->field());
+  }
+  columns_ = std::move(snapshot);
+  return columns_;
+}
+
+void RunDatabase::Enqueue(std::function<void()> write) {
+  const std::lock_guard<std::mutex> lock(queue_mutex_);
+  if (!accepting_ || failed_.load(std::memory_order_acquire)) {
+    rows_lost_.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  queue_.push_back(std::move(write));
+  if (each_row_ || queue_.size() >= kBatchRows) queue_ready_.notify_one();
+}
+
+void RunDatabase::WriterLoop() {
+  std::unique_lock<std::mutex> lock(queue_mutex_);
+  for (;;) {
+    queue_ready_.wait_for(lock, kBatchTime, [this] { return stop_ || flush_ || queue_.size() >= kBatchRows; });
+    std::vector<std::function<void()>> batch;
+    batch.swap(queue_);
+    flush_ = false;
+    const bool stop = stop_;
+    lock.unlock();
+    {
+      const std::lock_guard<std::mutex> db_lock(mutex_);
+      for (const auto& write : batch) write();
+      CommitLocked();
+    }
+    lock.lock();
+    if (stop && queue_.empty()) return;
+  }
+}
+
+void RunDatabase::StopWriter() {
+  {
+    const std::lock_guard<std::mutex> lock(queue_mutex_);
+    accepting_ = false;
+    stop_ = true;
+  }
+  queue_ready_.notify_one();
+  if (writer_.joinable()) writer_.join();
+}
+
+void RunDatabase::WriteRecord(const std::shared_ptr<const MessageColumns>& columns, const LogRecord& record) {
+  if (usable() && (!messages_ || !messages_->Fits(columns.get()))) {
+    auto insert = std::make_unique<MessageInsert>();
+    if (insert->Make(*this, columns)) messages_ = std::move(insert);
+  }
+  if (!usable()) {
+    rows_lost_.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  int64_t connection = 0;
+  if (const auto open = connections_.find(record.flow()); open != connections_.end()) {
+    connection = open->second.row;
+    ++open->second.records;
+  }
+  Step(messages_->Bind(record, times_, connection));
+}
+
+void RunDatabase::WriteEntry(uint64_t seconds, std::wstring_view kind, std::wstring_view summary,
+                             std::wstring_view group) {
+  if (!usable()) {
+    rows_lost_.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  sqlite3_stmt* statement = entry_insert_->handle;
+  BindNumber(statement, 1, seconds);
+  BindText(statement, 2, times_.Text(seconds));
+  BindText(statement, 3, WideToUtf8(kind));
+  BindText(statement, 4, WideToUtf8(summary));
+  BindText(statement, 5, WideToUtf8(group));
+  Step(statement);
+}
+
+void RunDatabase::WriteDiagnosis(const DiagnosisRow& report) {
+  if (!usable()) {
+    rows_lost_.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  sqlite3_stmt* statement = diagnosis_insert_->handle;
+  BindText(statement, 1, report.event);
+  BindText(statement, 2, report.title);
+  BindText(statement, 3, WideToUtf8(report.text));
+  BindNumber(statement, 4, report.code1);
+  BindNumber(statement, 5, report.code2);
+  BindNumber(statement, 6, report.packet);
+  BindNumber(statement, 7, report.time);
+  BindNumber(statement, 8, report.related_packet);
+  BindTextOrNull(statement, 9, report.client);
+  BindTextOrNull(statement, 10, report.server);
+  Step(statement);
+}
+
+void RunDatabase::WriteConnectionStart(const IPelkaFlow* flow, std::string_view protocol, std::string_view client,
+                                       std::string_view server) {
+  if (!usable()) {
+    rows_lost_.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  sqlite3_stmt* statement = connection_insert_->handle;
+  BindText(statement, 1, protocol);
+  BindText(statement, 2, client);
+  BindText(statement, 3, server);
+  Step(statement);
+  if (usable()) connections_[flow] = {sqlite3_last_insert_rowid(db_), 0};
+}
+
+void RunDatabase::WriteConnectionEnd(const IPelkaFlow* flow, const ConnectionTally& tally,
+                                     std::string_view ended) {
+  const auto open = connections_.find(flow);
+  if (open == connections_.end()) return;  // its start was lost, and counted
+  const OpenConnection connection = open->second;
+  // The flow object may be reused for a later connection.
+  connections_.erase(open);
+  if (!usable()) {
+    rows_lost_.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  sqlite3_stmt* statement = connection_update_->handle;
+  int index = 1;
+  for (const uint64_t value : {tally.first_time, tally.last_time, tally.packets[0], tally.bytes[0], tally.packets[1],
+                               tally.bytes[1], connection.records})
+    BindNumber(statement, index++, value);
+  BindText(statement, index++, ended);
+  BindNumber(statement, index, static_cast<uint64_t>(connection.row));
+  Step(statement);
+}
+
+void RunDatabase::AddStatistics(const HostStatService& statistics) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  for (const HostStatCategory* category : statistics.categories()) {
+    for (const auto& item : category->items()) {
+      for (const auto& counter : item->counters()) {
+        if (!usable()) {
+          rows_lost_.fetch_add(1, std::memory_order_relaxed);
+          continue;
+        }
+        sqlite3_stmt* statement = statistic_insert_->handle;
+        BindText(statement, 1, category->name());
+        BindText(statement, 2, item->name());
+        BindText(statement, 3, counter->name());
+        BindNumber(statement, 4, counter->value());
+        Step(statement);
+      }
+    }
+  }
+}
+
+void RunDatabase::Commit() {
+  {
+    const std::lock_guard<std::mutex> lock(queue_mutex_);
+    flush_ = true;
+  }
+  queue_ready_.notify_one();
+}
+
+bool RunDatabase::Close(const RunTotals& totals) {
+  StopWriter();
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (!usable()) return false;
+  WriteEnd(totals);
+  CommitLocked();
+  statements_.clear();
+  messages_.reset();
+  if (usable() && sqlite3_close(db_) != SQLITE_OK) return Fail("cannot close");
+  db_ = nullptr;
+  return error_.empty();
+}
+
+void RunDatabase::WriteEnd(const RunTotals& totals) {
+  Statement end;
+  if (Prepare("UPDATE run SET ended = ?, ended_unix = ?, packets = ?, bytes = ?, messages = ?, entries = ?, "
+              "diagnosis_reports = ?, copies = ?, connections = ?, interrupted = ?",
+              end)) {
+    const uint64_t now = NowSeconds();
+    BindText(end.handle, 1, LocalTimeText(now));
+    int index = 2;
+    for (const uint64_t value : {now, totals.packets, totals.bytes, totals.messages, totals.entries,
+                                 totals.diagnosis_reports, totals.copies, totals.connections,
+                                 uint64_t{totals.interrupted}})
+      BindNumber(end.handle, index++, value);
+    Step(end.handle);
+  }
+}
+
+std::string RunDatabase::error() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return error_;
+}
+
+uint64_t RunDatabase::rows_lost() const { return rows_lost_.load(std::memory_order_relaxed); }
+
+bool RunDatabase::Exec(const char* sql) {
+  return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK || Fail("cannot write");
+}
+
+bool RunDatabase::Prepare(const char* sql, Statement& statement) {
+  return sqlite3_prepare_v2(db_, sql, -1, &statement.handle, nullptr) == SQLITE_OK || Fail("cannot prepare");
+}
+
+void RunDatabase::Step(sqlite3_stmt* statement) {
+  if (!in_transaction_) {
+    if (!Exec("BEGIN")) {
+      rows_lost_.fetch_add(1, std::memory_order_relaxed);
+      return;
+    }
+    in_transaction_ = true;
+  }
+  const int result = sqlite3_step(statement);
+  sqlite3_reset(statement);
+  sqlite3_clear_bindings(statement);
+  ++pending_;
+  if (result != SQLITE_DONE) Fail("cannot write");
+}
+
+void RunDatabase::CommitLocked() {
+  if (in_transaction_ && usable() && !Exec("COMMIT")) return;
+  in_transaction_ = false;
+  pending_ = 0;
+}
+
+bool RunDatabase::Fail(const std::string& what) {
+  if (error_.empty()) {
+    error_ = path_ + ": " + what;
+    if (db_) error_ += std::string(" (") + sqlite3_errmsg(db_) + ")";
+  }
+  // The open transaction is rolled back when the file closes: its rows are lost.
+  rows_lost_.fetch_add(pending_, std::memory_order_relaxed);
+  failed_.store(true, std::memory_order_release);
+  pending_ = 0;
+  in_transaction_ = false;
+  statements_.clear();
+  messages_.reset();
+  if (db_) sqlite3_close_v2(db_);
+  db_ = nullptr;
+  return false;
+}
+
+}  // namespace pelka

@@ -1,0 +1,56 @@
+// The tables of emails.sqlite (capture/RunDatabase.h). The README's
+// "Database" section documents them for users; change both together, and
+// raise kRunDatabaseVersion whenever a table or column changes.
+//
+// Columns named after the keys of the JSON files hold the same values; a
+// key that is absent from a JSON object is NULL. The messages table is made
+// with the keys the module is known to declare; a key it declares beyond
+// them becomes one more column when the first record comes.
+#pragma once
+
+#include <cstdint>
+
+namespace pelka {
+
+inline constexpr uint32_t kRunDatabaseVersion = 1;
+
+inline constexpr const char* kRunDatabaseSchema = R"sql(
+CREATE TABLE run (
+  started TEXT, ended TEXT, started_unix INTEGER, ended_unix INTEGER,
+  command_line TEXT, captures TEXT, options TEXT,
+  packets INTEGER, bytes INTEGER, messages INTEGER, entries INTEGER,
+  diagnosis_reports INTEGER, copies INTEGER, connections INTEGER, interrupted INTEGER);
+CREATE TABLE connections (
+  id INTEGER PRIMARY KEY, protocol TEXT, client TEXT, server TEXT,
+  first_time INTEGER, last_time INTEGER,
+  client_packets INTEGER, client_bytes INTEGER, server_packets INTEGER, server_bytes INTEGER,
+  records INTEGER, ended TEXT);
+CREATE INDEX connections_server ON connections (server);
+CREATE TABLE messages (
+  id INTEGER PRIMARY KEY,
+  time_unix INTEGER, sender_domain TEXT, receiver_domain TEXT, connection_id INTEGER,
+  email_number INTEGER, timestamp TEXT, protocol TEXT,
+  src_mac TEXT, src_ip4 TEXT, src_port INTEGER, dst_mac TEXT, dst_ip4 TEXT, dst_port INTEGER,
+  email_server TEXT, email_client TEXT, email_sender TEXT, email_sender_email TEXT,
+  email_receiver TEXT, email_receive_email TEXT, email_cc TEXT, email_subject TEXT,
+  email_sent_time TEXT, email_emailclient TEXT, email_account TEXT, email_attachment TEXT,
+  email_filesize INTEGER, email_duration REAL, email_averagespeed REAL,
+  email_file_path TEXT, protocol_path TEXT, "group" TEXT);
+CREATE INDEX messages_time ON messages (time_unix);
+CREATE INDEX messages_sender_domain ON messages (sender_domain);
+CREATE INDEX messages_receiver_domain ON messages (receiver_domain);
+CREATE INDEX messages_subject ON messages (email_subject);
+CREATE INDEX messages_server ON messages (email_server);
+CREATE INDEX messages_connection ON messages (connection_id);
+CREATE TABLE entries (
+  id INTEGER PRIMARY KEY, time_unix INTEGER, time TEXT, kind TEXT, summary TEXT, "group" TEXT);
+CREATE INDEX entries_time ON entries (time_unix);
+CREATE TABLE diagnosis (
+  id INTEGER PRIMARY KEY, event TEXT, title TEXT, text TEXT, code1 INTEGER, code2 INTEGER,
+  packet INTEGER, time INTEGER, related_packet INTEGER, client TEXT, server TEXT);
+CREATE INDEX diagnosis_time ON diagnosis (time);
+CREATE INDEX diagnosis_server ON diagnosis (server, event);
+CREATE TABLE statistics (category TEXT, item TEXT, counter TEXT, value INTEGER);
+)sql";
+
+}  // namespace pelka

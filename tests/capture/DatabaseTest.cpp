@@ -1,0 +1,204 @@
+// emails.sqlite against the JSON files of the same run: row by row, the
+// database must say what emails.jsonl, entries.jsonl, diagnosis.jsonl and
+// statistics.json say, over the public captures and the sample.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <memory>
+#include <set>
+
+#include "ProgramHarness.h"
+
+namespace pelka {
+namespace {
+
+using nlohmann::json;
+using test::fs::path;
+
+// The rows of a query as JSON objects keyed by column name; NULL is absent,
+// as an unset field is in the JSON files. Columns in `skip` are left out.
+std::vector<json> Rows(sqlite3* db, const std::string& sql, const std::set<std::string>& skip = {}) {
+  std::vector<json> rows;
+  sqlite3_stmt* raw = nullptr;
+  EXPECT_EQ(sqlite3_prepare_v2(db, sql.c_str(), -1, &raw, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+  const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> statement(raw, sqlite3_finalize);
+  while (raw && sqlite3_step(raw) == SQLITE_ROW) {
+    json row = json::object();
+    for (int i = 0; i < sqlite3_column_count(raw); ++i) {
+      const std::string name = sqlite3_column_name(raw, i);
+      if (skip.count(name)) continue;
+      switch (sqlite3_column_type(raw, i)) {
+        case SQLITE_INTEGER: row[name] = sqlite3_column_int64(raw, i); break;
+        case SQLITE_FLOAT: row[name] = sqlite3_column_double(raw, i); break;
+        case SQLITE_TEXT: row[name] = reinterpret_cast<const char*>(sqlite3_column_text(raw, i)); break;
+        default: break;
+      }
+    }
+    rows.push_back(std::move(row));
+  }
+  return rows;
+}
+
+// Diagnosis rows keep the two codes in columns; the JSON line has an array.
+std::vector<json> DiagnosisRows(sqlite3* db) {
+  std::vector<json> rows = Rows(db, "SELECT * FROM diagnosis ORDER BY id", {"id"});
+  for (json& row : rows) {
+    row["codes"] = json::array({row["code1"], row["code2"]});
+    row.erase("code1");
+    row.erase("code2");
+  }
+  return rows;
+}
+
+json StatisticsObject(sqlite3* db) {
+  json statistics = json::object();
+  for (const json& row : Rows(db, "SELECT * FROM statistics"))
+    statistics[row["category"].get<std::string>()][row["item"].get<std::string>()][row["counter"].get<std::string>()] =
+        row["value"];
+  return statistics;
+}
+
+// Record numbers follow posting order, which differs between threaded runs.
+std::vector<std::string> Unordered(std::vector<json> rows) {
+  std::vector<std::string> texts;
+  for (json& row : rows) {
+    row.erase("email_number");
+    texts.push_back(row.dump());
+  }
+  std::sort(texts.begin(), texts.end());
+  return texts;
+}
+
+class Database {
+ public:
+  explicit Database(const path& file) {
+    EXPECT_EQ(sqlite3_open_v2(file.c_str(), &db_, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK) << file;
+  }
+  ~Database() { sqlite3_close(db_); }
+  Database(const Database&) = delete;
+  Database& operator=(const Database&) = delete;
+  sqlite3* get() const { return db_; }
+
+ private:
+  sqlite3* db_ = nullptr;
+};
+
+// Every message names the connection it came on, every connection ended,
+// and there are as many per protocol as the module counted.
+void ExpectConnectionsAgree(sqlite3* db, size_t records) {
+  const auto found = Rows(db,
+                          "SELECT (SELECT count(*) FROM messages m JOIN connections c ON c.id = m.connection_id"
+                          "        AND c.client = m.email_client AND c.server = m.email_server) AS matched,"
+                          " (SELECT ifnull(sum(records), 0) FROM connections) AS records,"
+                          " (SELECT count(*) FROM connections WHERE ended IS NULL OR last_time < first_time"
+                          "        OR client_packets + server_packets = 0) AS unfinished");
+  EXPECT_EQ(found.at(0), json({{"matched", records}, {"records", records}, {"unfinished", 0}}));
+  json counted = json::object();
+  for (const json& row : Rows(db, "SELECT protocol, count(*) AS n FROM connections GROUP BY protocol"))
+    counted[row["protocol"].get<std::string>()] = row["n"];
+  json module = json::object();
+  for (const json& row : Rows(db, "SELECT item, value FROM statistics WHERE category = 'Email' AND value > 0"))
+    module[row["item"].get<std::string>()] = row["value"];
+  EXPECT_EQ(counted, module);
+}
+
+void ExpectDatabaseHoldsTheJsonFiles(const path& out, bool in_order) {
+  const Database db(out / "emails.sqlite");
+  const auto messages = Rows(db.get(), "SELECT * FROM messages ORDER BY id",
+                             {"id", "time_unix", "sender_domain", "receiver_domain", "connection_id"});
+  const auto entries = Rows(db.get(), "SELECT * FROM entries ORDER BY id", {"id", "time_unix"});
+  const auto diagnosis = DiagnosisRows(db.get());
+  const auto records = test::ReadJsonLines(out / "emails.jsonl");
+  const auto entry_lines = test::ReadJsonLines(out / "entries.jsonl");
+  const auto report_lines = test::ReadJsonLines(out / "diagnosis.jsonl");
+  if (in_order) {
+    EXPECT_EQ(messages, records);
+    EXPECT_EQ(entries, entry_lines);
+    EXPECT_EQ(diagnosis, report_lines);
+  } else {
+    EXPECT_EQ(Unordered(messages), Unordered(records));
+    EXPECT_EQ(Unordered(entries), Unordered(entry_lines));
+    EXPECT_EQ(Unordered(diagnosis), Unordered(report_lines));
+  }
+  EXPECT_EQ(StatisticsObject(db.get()), json::parse(test::ReadWholeFile(out / "statistics.json")));
+  ExpectConnectionsAgree(db.get(), records.size());
+  const auto run = Rows(db.get(), "SELECT messages, entries, diagnosis_reports FROM run WHERE ended IS NOT NULL");
+  ASSERT_EQ(run.size(), 1u);
+  EXPECT_EQ(run[0], json({{"messages", records.size()},
+                          {"entries", entry_lines.size()},
+                          {"diagnosis_reports", report_lines.size()}}));
+}
+
+std::vector<std::string> PublicCaptures() {
+  std::vector<std::string> captures;
+  for (const auto& entry : test::fs::directory_iterator(PELKA_TEST_DATA_DIR))
+    if (entry.path().extension() != ".md") captures.push_back(entry.path().string());
+  std::sort(captures.begin(), captures.end());
+  return captures;
+}
+
+TEST(DatabaseTest, HoldsWhatTheJsonFilesHold) {
+  REQUIRE_PROGRAM();
+  struct Case {
+    const char* name;
+    std::vector<std::string> options;
+    bool in_order;
+  };
+  const Case cases[] = {
+      {"one thread", {}, true},
+      {"two threads", {"--threads", "2"}, false},
+  };
+  std::vector<std::string> captures = PublicCaptures();
+  captures.push_back(test::kSample.string());
+  for (const Case& c : cases) {
+    for (const std::string& capture : captures) {
+      SCOPED_TRACE(std::string(c.name) + ": " + capture);
+      test::TempDir out;
+      std::vector<std::string> args = {"-q", "-o", out.path().string(), capture};
+      args.insert(args.end(), c.options.begin(), c.options.end());
+      const test::ProgramResult result = test::RunProgram(args);
+      test::ExpectNoCrash(result);
+      ExpectDatabaseHoldsTheJsonFiles(out.path(), c.in_order);
+    }
+  }
+}
+
+// The columns that are not in the JSON files: domains and connections. The
+// sample's 82 packets are its three connections.
+TEST(DatabaseTest, KnowsTheDomainsAndConnectionsOfTheSample) {
+  REQUIRE_PROGRAM();
+  test::TempDir out;
+  test::ExpectNoCrash(test::RunProgram({"-q", "-o", out.path().string(), test::kSample.string()}));
+  const Database db(out.path() / "emails.sqlite");
+  EXPECT_EQ(Rows(db.get(), "SELECT sender_domain, receiver_domain FROM messages ORDER BY id"),
+            (std::vector<json>{{{"sender_domain", "example.org"}, {"receiver_domain", "example.com"}},
+                               {{"sender_domain", "example.net"}, {"receiver_domain", "example.com"}},
+                               {{"sender_domain", "example.com"}, {"receiver_domain", "example.org"}}}));
+  EXPECT_EQ(Rows(db.get(), "SELECT * FROM connections WHERE protocol = 'SMTP'", {"id"}),
+            (std::vector<json>{{{"protocol", "SMTP"},
+                                {"client", "192.0.2.10:40001"},
+                                {"server", "198.51.100.25:25"},
+                                {"first_time", 1700000000000000},
+                                {"last_time", 1700000000088800},
+                                {"client_packets", 18},
+                                {"client_bytes", 698},
+                                {"server_packets", 16},
+                                {"server_bytes", 172},
+                                {"records", 1},
+                                {"ended", "closed"}}}));
+  EXPECT_EQ(Rows(db.get(), "SELECT sum(client_packets + server_packets) AS packets FROM connections"),
+            (std::vector<json>{{{"packets", 82}}}));
+}
+
+TEST(DatabaseTest, NoDbWritesNone) {
+  REQUIRE_PROGRAM();
+  test::TempDir out;
+  test::ExpectNoCrash(test::RunProgram({"-q", "--no-db", "-o", out.path().string(), test::kSample.string()}));
+  EXPECT_TRUE(test::fs::exists(out.path() / "emails.jsonl"));
+  EXPECT_FALSE(test::fs::exists(out.path() / "emails.sqlite"));
+}
+
+}  // namespace
+}  // namespace pelka
