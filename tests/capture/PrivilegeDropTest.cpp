@@ -160,7 +160,7 @@ TEST(PrivilegeDropProgram, RunsAsTheUserAndGivesItEveryFileItMakes) {
       EXPECT_EQ(OwnerOf(entry.path()), user) << entry.path();
       ++files;
     }
-    EXPECT_EQ(files, 6u + 1u + 3u) << "six files, email_copy/ and three copies";
+    EXPECT_EQ(files, 7u + 1u + 3u) << "seven files, email_copy/ and three copies";
     EXPECT_EQ(std::distance(fs::directory_iterator(public_dir.path()), fs::directory_iterator()), 1)
         << "nothing but the output folder beside it";
   }
