@@ -13,6 +13,7 @@
 #include "capture/CapturePipeline.h"
 #include "capture/CaptureReading.h"
 #include "capture/HostServices.h"
+#include "capture/HtmlReport.h"
 #include "capture/ModuleLoader.h"
 #include "capture/PrivilegeDrop.h"
 #include "capture/RunDescription.h"
@@ -145,6 +146,22 @@ bool ReportDatabase(const HostServices& services, const std::string& said, std::
   return false;
 }
 
+// report.html over what the run wrote; a page that cannot be written is said.
+bool WriteReport(const ProgramOptions& options, const Pipeline& pipeline,
+                 std::chrono::steady_clock::time_point started, std::ostream& err) {
+  ReportRun run;
+  run.captures = InputsLabel(options);
+  run.packets = pipeline.frames_read();
+  run.bytes = pipeline.bytes_read();
+  run.elapsed_seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  run.kernel_drops = pipeline.kernel_drops();
+  run.interrupted = StopRequested();
+  std::string problem;
+  if (WriteHtmlReport(options.out_dir, run, &problem)) return true;
+  err << kProgramName << ": " << problem << "\n";
+  return false;
+}
+
 }  // namespace
 
 int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& err) {
@@ -206,6 +223,7 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
   if (counts.copy_failures)
     err << kProgramName << ": " << counts.copy_failures << " message cop" << (counts.copy_failures == 1 ? "y" : "ies")
         << " could not be written, their records name no file (first: " << counts.first_copy_failure << ")\n";
+  const bool report_ok = WriteReport(options, pipeline, started, err);
 
   if (!options.quiet) {
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - started;
@@ -213,7 +231,7 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
     facts.copy_failures = counts.copy_failures;
     PrintSummary(out, facts, ReadMessageDigest(facts.out_dir + "/emails.jsonl", kSummaryRows));
   }
-  return inputs_ok && outputs_ok && database_ok && !counts.copy_failures ? kExitDone : kExitInputProblem;
+  return inputs_ok && outputs_ok && database_ok && report_ok && !counts.copy_failures ? kExitDone : kExitInputProblem;
 }
 
 }  // namespace pelka

@@ -192,7 +192,7 @@ void PrintSummary(std::ostream& out, const RunFacts& facts, const MessageDigest&
   if (facts.kernel_drops >= 0) out << "; dropped by the kernel: " << facts.kernel_drops;
   out << "\n";
   out << "Output: " << facts.out_dir << "/ (emails.jsonl, email_log.csv, email_log.txt, entries.jsonl, "
-      << "diagnosis.jsonl, statistics.json" << (facts.database ? ", emails.sqlite" : "")
+      << "diagnosis.jsonl, statistics.json, report.html" << (facts.database ? ", emails.sqlite" : "")
       << (facts.copies ? ", email_copy/" : "") << ")\n";
   if (facts.copy_failures)
     out << "Copies not written: " << facts.copy_failures << " (their records name no file; see the message above)\n";

@@ -9,6 +9,7 @@ packages=(
   libpcap-dev libpugixml-dev libsqlite3-dev libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev
   libbenchmark-dev
   help2man file dpkg-dev parallel
+  chromium
 )
 
 missing=()

@@ -1,0 +1,157 @@
+#include "capture/HtmlReport.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "capture/HtmlReportParts.h"
+#include "capture/OutputFiles.h"
+
+namespace pelka {
+namespace {
+
+using report::Escape;
+
+void RunSection(std::ostringstream& html, const ReportData& data, const ReportRun& run) {
+  std::string span = "no messages";
+  if (!data.messages.empty()) {
+    const auto [first, last] = std::minmax_element(data.messages.begin(), data.messages.end(),
+                                                   [](const auto& a, const auto& b) { return a.time < b.time; });
+    span = first->time + " to " + last->time + " (" + run.time_zone + ")";
+  }
+  const double per_second = run.elapsed_seconds > 0 ? static_cast<double>(run.bytes) / run.elapsed_seconds : 0;
+  const std::string rate = report::Bytes(static_cast<double>(run.bytes)) + " in " +
+                           report::Decimal(run.elapsed_seconds, 2) + " s (" + report::Bytes(per_second) + "/s)";
+  html << "<section id=\"run\"><h2>Run</h2><table class=\"facts\">";
+  const std::pair<const char*, std::string> rows[] = {
+      {"Captures", run.captures},
+      {"Messages", std::to_string(data.messages.size()) + " (" + span + ")"},
+      {"Diagnosis reports", std::to_string(data.diagnosis.size())},
+      {"Packets", std::to_string(run.packets)},
+      {"Read", rate},
+      {"Dropped by the kernel", run.kernel_drops < 0 ? "not a live capture" : std::to_string(run.kernel_drops)},
+      {"Ended", run.interrupted ? "stopped by a signal or a limit" : "at the end of the input"},
+  };
+  for (const auto& [name, value] : rows) html << "<tr><th>" << name << "</th><td>" << Escape(value) << "</td></tr>";
+  html << "</table></section>\n";
+}
+
+void MessagesOverTime(std::ostringstream& html, const ReportData& data) {
+  std::vector<report::TimedItem> items;
+  for (const ReportMessage& message : data.messages) {
+    items.push_back({report::SecondsOf(message.time), message.protocol});
+  }
+  html << "<section id=\"timeline\"><h2>Messages over time</h2>"
+       << report::StackedBars(items, {"SMTP", "POP3", "IMAPv4"}, "messages") << "</section>\n";
+}
+
+void TopTables(std::ostringstream& html, const ReportData& data) {
+  std::map<std::string, uint64_t> senders, receivers, sender_domains, receiver_domains, types;
+  for (const ReportMessage& message : data.messages) {
+    if (!message.sender.empty()) ++senders[message.sender];
+    if (!message.receiver.empty()) ++receivers[message.receiver];
+    if (const std::string domain = DomainOf(message.sender); !domain.empty()) ++sender_domains[domain];
+    if (const std::string domain = DomainOf(message.receiver); !domain.empty()) ++receiver_domains[domain];
+    for (const std::string& type : AttachmentTypes(message.attachments)) ++types[type];
+  }
+  html << "<section id=\"top\"><h2>Who and what</h2><div class=\"grid\">"
+       << report::CountTable("Top senders", "Sender", TopCounts(senders, 10))
+       << report::CountTable("Top receivers", "Receiver", TopCounts(receivers, 10))
+       << report::CountTable("Top sender domains", "Domain", TopCounts(sender_domains, 10))
+       << report::CountTable("Top receiver domains", "Domain", TopCounts(receiver_domains, 10))
+       << report::CountTable("Attachments by type", "Type", TopCounts(types, 20)) << "</div></section>\n";
+}
+
+void DiagnosisSection(std::ostringstream& html, const ReportData& data) {
+  struct ServerFigures {
+    uint64_t messages = 0, slow = 0, errors = 0, other = 0;
+  };
+  std::map<std::string, ServerFigures> servers;
+  for (const ReportMessage& message : data.messages) ++servers[message.server].messages;
+  std::vector<report::TimedItem> items;
+  for (const ReportDiagnosis& report : data.diagnosis) {
+    ServerFigures& figures = servers[report.server];
+    const bool slow = report.event.find("Slow") != std::string::npos;
+    const bool error = report.event.find("Error") != std::string::npos;
+    ++(slow ? figures.slow : error ? figures.errors : figures.other);
+    items.push_back({static_cast<int64_t>(report.time_us / 1000000), slow ? "slow reply" : error ? "error" : "other"});
+  }
+  html << "<section id=\"diagnosis\"><h2>Diagnosis</h2>"
+       << report::StackedBars(items, {"slow reply", "error", "other"}, "reports (capture time, UTC)")
+       << "<table class=\"sortable\"><caption>Per server</caption><thead><tr><th>Server</th>"
+          "<th class=\"number\">Messages</th><th class=\"number\">Slow replies</th><th class=\"number\">Errors</th>"
+          "<th class=\"number\">Other reports</th></tr></thead><tbody>";
+  for (const auto& [server, figures] : servers) {
+    if (server.empty() && figures.slow + figures.errors + figures.other == 0) continue;
+    html << "<tr><td>" << Escape(server.empty() ? "(unknown)" : server) << "</td><td class=\"number\">"
+         << figures.messages << "</td><td class=\"number\">" << figures.slow << "</td><td class=\"number\">"
+         << figures.errors << "</td><td class=\"number\">" << figures.other << "</td></tr>";
+  }
+  html << "</tbody></table></section>\n";
+}
+
+void MessageTable(std::ostringstream& html, const ReportData& data, const std::string& out_dir) {
+  const size_t total = data.messages.size();
+  const size_t shown = std::min(total, kReportMessageRows);
+  html << "<section id=\"messages\"><h2>Messages</h2>";
+  if (shown < total) {
+    html << "<p class=\"note\">The newest " << shown << " of " << total
+         << " messages are shown; emails.jsonl and email_log.csv beside this page hold them all.</p>";
+  }
+  html << "<p><input id=\"filter\" type=\"search\" placeholder=\"Filter by any text\" aria-label=\"Filter messages\"> "
+          "<span id=\"shown\">"
+       << shown << " shown</span></p><table id=\"message-table\" class=\"sortable\"><thead><tr>"
+       << "<th class=\"number\">#</th><th>Time</th><th>Protocol</th><th>From</th><th>To</th><th>Subject</th>"
+          "<th class=\"number\">Size (bytes)</th><th>Attachments</th><th>Copy</th></tr></thead><tbody>";
+  for (size_t i = total - shown; i < total; ++i) {
+    const ReportMessage& m = data.messages[i];
+    html << "<tr><td class=\"number\">" << m.number << "</td><td>" << Escape(m.time) << "</td><td>"
+         << Escape(m.protocol) << "</td><td>" << Escape(m.sender) << "</td><td>" << Escape(m.receiver) << "</td><td>"
+         << Escape(m.subject) << "</td><td class=\"number\">" << m.size << "</td><td>" << Escape(m.attachments)
+         << "</td><td>" << report::CopyLink(m.copy_path, out_dir) << "</td></tr>";
+  }
+  html << "</tbody></table></section>\n";
+}
+
+std::string LocalZone() {
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  char zone[16] = "";
+  std::strftime(zone, sizeof zone, "%Z", &local);
+  return zone;
+}
+
+}  // namespace
+
+std::string RenderHtmlReport(const ReportData& data, const ReportRun& run, const std::string& out_dir) {
+  std::ostringstream html;
+  html << report::kPageHead << "<h1>E-mail messages: " << Escape(run.captures) << "</h1>\n";
+  RunSection(html, data, run);
+  MessagesOverTime(html, data);
+  TopTables(html, data);
+  DiagnosisSection(html, data);
+  MessageTable(html, data, out_dir);
+  html << "<footer>Made by pelka-email. Times are local (" << Escape(run.time_zone)
+       << ") unless marked otherwise.</footer>\n"
+       << report::kPageScript << "</body></html>\n";
+  return html.str();
+}
+
+bool WriteHtmlReport(const std::string& out_dir, const ReportRun& run, std::string* error) {
+  ReportRun with_zone = run;
+  if (with_zone.time_zone.empty()) with_zone.time_zone = LocalZone();
+  const std::string root = AbsoluteDirectory(out_dir);
+  OutputFile file;
+  if (!file.Open(root + "report.html") || !file.Write(RenderHtmlReport(ReadReportData(root), with_zone, root)) ||
+      !file.Close()) {
+    *error = file.error();
+    return false;
+  }
+  return true;
+}
+
+}  // namespace pelka

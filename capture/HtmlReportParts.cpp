@@ -1,0 +1,157 @@
+#include "capture/HtmlReportParts.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <map>
+#include <iterator>
+#include <sstream>
+
+namespace report {
+namespace {
+
+// Colour-blind-safe series colours.
+constexpr const char* kColours[] = {"#0072b2", "#e69f00", "#009e73", "#cc79a7", "#56b4e9", "#d55e00"};
+
+constexpr int64_t kBucketSeconds[] = {60, 300, 900, 3600, 6 * 3600, 86400, 7 * 86400, 30 * 86400, 365 * 86400};
+constexpr int64_t kMaxBars = 48;
+
+std::string TimeText(int64_t seconds) {
+  const std::time_t time = seconds;
+  std::tm parts{};
+  gmtime_r(&time, &parts);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &parts);
+  return text;
+}
+
+int64_t BucketFor(int64_t span) {
+  for (int64_t bucket : kBucketSeconds) {
+    if (span / bucket < kMaxBars) return bucket;
+  }
+  return span / (kMaxBars - 1) + 1;
+}
+
+}  // namespace
+
+std::string Escape(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (char c : text) {
+    switch (c) {
+      case '&': out += "&amp;"; break;
+      case '<': out += "&lt;"; break;
+      case '>': out += "&gt;"; break;
+      case '"': out += "&quot;"; break;
+      case '\'': out += "&#39;"; break;
+      default: out += c;
+    }
+  }
+  return out;
+}
+
+int64_t SecondsOf(const std::string& time) {
+  std::tm parts{};
+  if (std::sscanf(time.c_str(), "%d-%d-%d %d:%d:%d", &parts.tm_year, &parts.tm_mon, &parts.tm_mday, &parts.tm_hour,
+                  &parts.tm_min, &parts.tm_sec) != 6) {
+    return 0;
+  }
+  parts.tm_year -= 1900;
+  parts.tm_mon -= 1;
+  return static_cast<int64_t>(timegm(&parts));
+}
+
+std::string StackedBars(const std::vector<TimedItem>& items, const std::vector<std::string>& series,
+                        const std::string& unit) {
+  if (items.empty()) return "<p class=\"empty\">None.</p>";
+  const auto [low, high] = std::minmax_element(items.begin(), items.end(),
+                                               [](const auto& a, const auto& b) { return a.seconds < b.seconds; });
+  const int64_t bucket = BucketFor(high->seconds - low->seconds);
+  const int64_t first = low->seconds - low->seconds % bucket;
+  const size_t bars = static_cast<size_t>((high->seconds - first) / bucket + 1);
+  std::vector<std::vector<uint64_t>> counts(bars, std::vector<uint64_t>(series.size(), 0));
+  std::vector<uint64_t> totals(series.size(), 0);
+  for (const TimedItem& item : items) {
+    const auto found = std::find(series.begin(), series.end(), item.series);
+    if (found == series.end()) continue;
+    const size_t s = static_cast<size_t>(found - series.begin());
+    ++counts[static_cast<size_t>((item.seconds - first) / bucket)][s];
+    ++totals[s];
+  }
+  uint64_t tallest = 1;
+  for (const auto& bar : counts) {
+    uint64_t total = 0;
+    for (uint64_t count : bar) total += count;
+    tallest = std::max(tallest, total);
+  }
+  std::ostringstream svg;
+  const double width = 700.0 / static_cast<double>(bars);
+  svg << "<figure><svg class=\"chart\" viewBox=\"0 0 720 230\" role=\"img\" aria-label=\"" << Escape(unit)
+      << " per " << (bucket >= 86400 ? std::to_string(bucket / 86400) + " day(s)" : std::to_string(bucket / 60) + " min")
+      << "\">";
+  for (size_t b = 0; b < bars; ++b) {
+    double y = 200;
+    for (size_t s = 0; s < series.size(); ++s) {
+      if (counts[b][s] == 0) continue;
+      const double height = 176.0 * static_cast<double>(counts[b][s]) / static_cast<double>(tallest);
+      y -= height;
+      svg << "<rect class=\"mark\" x=\"" << 10 + width * static_cast<double>(b) << "\" y=\"" << y << "\" width=\""
+          << std::max(width - 1, 1.0) << "\" height=\"" << height << "\" fill=\"" << kColours[s % 6] << "\"><title>"
+          << Escape(TimeText(first + static_cast<int64_t>(b) * bucket)) << ": " << counts[b][s] << " "
+          << Escape(series[s]) << "</title></rect>";
+    }
+  }
+  svg << "<line x1=\"10\" y1=\"200.5\" x2=\"710\" y2=\"200.5\" stroke=\"#888\"/>"
+      << "<text x=\"10\" y=\"220\">" << Escape(TimeText(first)) << "</text><text x=\"710\" y=\"220\" "
+      << "text-anchor=\"end\">" << Escape(TimeText(first + static_cast<int64_t>(bars) * bucket)) << "</text>"
+      << "<text x=\"10\" y=\"12\">" << tallest << " " << Escape(unit) << " at most per bar</text></svg><figcaption>";
+  for (size_t s = 0; s < series.size(); ++s) {
+    svg << "<span class=\"key\"><i style=\"background:" << kColours[s % 6] << "\"></i>" << Escape(series[s]) << " "
+        << totals[s] << "</span> ";
+  }
+  svg << "</figcaption></figure>";
+  return svg.str();
+}
+
+std::string Decimal(double value, int decimals) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.*f", decimals, value);
+  return text;
+}
+
+std::string Bytes(double bytes) {
+  const char* units[] = {"bytes", "KiB", "MiB", "GiB", "TiB"};
+  size_t unit = 0;
+  for (; bytes >= 1024 && unit + 1 < std::size(units); ++unit) bytes /= 1024;
+  return unit == 0 ? Decimal(bytes, 0) + " bytes" : Decimal(bytes, 1) + " " + units[unit];
+}
+
+std::string CountTable(const std::string& caption, const std::string& name_header,
+                       const std::vector<std::pair<std::string, uint64_t>>& rows) {
+  std::ostringstream html;
+  html << "<table class=\"sortable\"><caption>" << Escape(caption) << "</caption><thead><tr><th>"
+       << Escape(name_header) << "</th><th class=\"number\">Count</th></tr></thead><tbody>";
+  for (const auto& [name, count] : rows) {
+    html << "<tr><td>" << Escape(name) << "</td><td class=\"number\">" << count << "</td></tr>";
+  }
+  if (rows.empty()) html << "<tr><td colspan=\"2\">None.</td></tr>";
+  html << "</tbody></table>";
+  return html.str();
+}
+
+std::string CopyLink(const std::string& path, const std::string& out_dir) {
+  if (path.empty()) return {};
+  const std::string name = path.substr(path.rfind('/') + 1);
+  if (path.compare(0, out_dir.size(), out_dir) != 0) return Escape(name);
+  std::string href;
+  for (unsigned char c : path.substr(out_dir.size())) {
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                       c == '/' || c == '.' || c == '-' || c == '_';
+    char escaped[4];
+    std::snprintf(escaped, sizeof escaped, "%%%02X", c);
+    href += plain ? std::string(1, static_cast<char>(c)) : std::string(escaped);
+  }
+  return "<a href=\"" + href + "\">" + Escape(name) + "</a>";
+}
+
+}  // namespace report

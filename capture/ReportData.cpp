@@ -1,0 +1,87 @@
+#include "capture/ReportData.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <fstream>
+
+namespace pelka {
+namespace {
+
+using Json = nlohmann::json;
+
+std::string Text(const Json& object, const char* key) {
+  const auto found = object.find(key);
+  return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
+}
+
+uint64_t Number(const Json& object, const char* key) {
+  const auto found = object.find(key);
+  return found != object.end() && found->is_number_unsigned() ? found->get<uint64_t>() : 0;
+}
+
+// Calls `take` with every line of the file that is a JSON object.
+template <typename Take>
+void ReadObjects(const std::string& path, uint64_t& unreadable, Take take) {
+  std::ifstream in(path, std::ios::binary);
+  for (std::string line; std::getline(in, line);) {
+    const Json object = Json::parse(line, nullptr, false);
+    if (object.is_object()) {
+      take(object);
+    } else {
+      ++unreadable;
+    }
+  }
+}
+
+}  // namespace
+
+ReportData ReadReportData(const std::string& out_dir) {
+  ReportData data;
+  ReadObjects(out_dir + "/emails.jsonl", data.unreadable_lines, [&](const Json& record) {
+    data.messages.push_back({Number(record, "email_number"), Text(record, "timestamp"), Text(record, "protocol"),
+                             Text(record, "email_sender_email"), Text(record, "email_receive_email"),
+                             Text(record, "email_subject"), Text(record, "email_attachment"),
+                             Text(record, "email_server"), Text(record, "email_account"),
+                             Text(record, "email_file_path"), Number(record, "email_filesize")});
+  });
+  ReadObjects(out_dir + "/diagnosis.jsonl", data.unreadable_lines, [&](const Json& report) {
+    data.diagnosis.push_back({Text(report, "event"), Text(report, "title"), Text(report, "server"),
+                              Number(report, "time")});
+  });
+  return data;
+}
+
+std::string DomainOf(const std::string& address) {
+  const size_t at = address.rfind('@');
+  if (at == std::string::npos) return {};
+  std::string domain = address.substr(at + 1);
+  for (char& c : domain) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+  return domain;
+}
+
+std::vector<std::string> AttachmentTypes(const std::string& attachments) {
+  std::vector<std::string> types;
+  size_t begin = 0;
+  while (begin < attachments.size()) {
+    size_t end = attachments.find(';', begin);
+    if (end == std::string::npos) end = attachments.size();
+    const std::string name = attachments.substr(begin, end - begin);
+    begin = end + 1;
+    if (name.empty()) continue;
+    const size_t dot = name.rfind('.');
+    std::string type = dot == std::string::npos || dot + 1 == name.size() ? "(none)" : name.substr(dot + 1);
+    for (char& c : type) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+    types.push_back(type);
+  }
+  return types;
+}
+
+std::vector<std::pair<std::string, uint64_t>> TopCounts(const std::map<std::string, uint64_t>& counts, size_t limit) {
+  std::vector<std::pair<std::string, uint64_t>> top(counts.begin(), counts.end());
+  std::stable_sort(top.begin(), top.end(), [](const auto& a, const auto& b) { return a.second > b.second; });
+  if (top.size() > limit) top.resize(limit);
+  return top;
+}
+
+}  // namespace pelka

@@ -1,0 +1,45 @@
+// What the HTML report shows, read back from the files of a finished run:
+// the records of emails.jsonl and the reports of diagnosis.jsonl, with the
+// counts the report's tables and charts are made of.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace pelka {
+
+struct ReportMessage {
+  uint64_t number = 0;
+  std::string time;  // "YYYY-mm-dd HH:MM:SS", local time
+  std::string protocol, sender, receiver, subject, attachments, server, account, copy_path;
+  uint64_t size = 0;
+};
+
+struct ReportDiagnosis {
+  std::string event, title, server;
+  uint64_t time_us = 0;  // capture time
+};
+
+struct ReportData {
+  std::vector<ReportMessage> messages;  // in the file's order
+  std::vector<ReportDiagnosis> diagnosis;
+  uint64_t unreadable_lines = 0;  // lines that are not JSON objects
+};
+
+// Reads <out_dir>/emails.jsonl and diagnosis.jsonl (missing files read as
+// empty).
+ReportData ReadReportData(const std::string& out_dir);
+
+// The domain of an address ("" when it has no '@'), in lower case.
+std::string DomainOf(const std::string& address);
+
+// The file types of an attachment list ("a.PDF;b.txt;c" gives "pdf", "txt"
+// and "(none)"), one entry per attachment.
+std::vector<std::string> AttachmentTypes(const std::string& attachments);
+
+// The largest counts first (ties in name order), at most `limit` of them.
+std::vector<std::pair<std::string, uint64_t>> TopCounts(const std::map<std::string, uint64_t>& counts, size_t limit);
+
+}  // namespace pelka
