@@ -30,8 +30,8 @@ void RunSection(std::ostringstream& html, const ReportData& data, const ReportRu
       {"Captures", run.captures},
       {"Messages", std::to_string(data.messages.size()) + " (" + span + ")"},
       {"Diagnosis reports", std::to_string(data.diagnosis.size())},
-      {"Packets", std::to_string(run.packets)},
-      {"Read", rate},
+      {"Packets", run.packets ? std::to_string(run.packets) : "not known here"},
+      {"Read", run.bytes ? rate : "not known here"},
       {"Dropped by the kernel", run.kernel_drops < 0 ? "not a live capture" : std::to_string(run.kernel_drops)},
       {"Ended", run.interrupted ? "stopped by a signal or a limit" : "at the end of the input"},
   };

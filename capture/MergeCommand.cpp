@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "capture/CommandLine.h"
+#include "capture/HtmlReport.h"
 #include "capture/OutputMerge.h"
 
 namespace pelka {
@@ -37,6 +38,13 @@ int RunMergeCommand(int argc, const char* const* argv, std::ostream& out, std::o
   for (const std::string& warning : report.warnings) err << kProgramName << " merge: " << warning << "\n";
   if (!problem.empty()) {
     err << kProgramName << " merge: " << problem << "\n";
+    return kExitInputProblem;
+  }
+  ReportRun run;
+  run.captures = std::to_string(folders.size()) + " merged output folders";
+  std::string report_problem;
+  if (!WriteHtmlReport(merged, run, &report_problem)) {
+    err << kProgramName << " merge: " << report_problem << "\n";
     return kExitInputProblem;
   }
   if (!quiet) {

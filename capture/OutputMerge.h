@@ -6,7 +6,8 @@
 // second keep the order of the folders as given, then their own) and numbered
 // again from 1; each record's export lines (email_log.csv, email_log.txt) go
 // with it. Summary entries, diagnosis reports and notices are put in time
-// order the same way; statistics are added up (StatisticsSum.h). Copies are
+// order the same way; statistics are added up (StatisticsSum.h); the
+// command writes one report.html over the merged folder. Copies are
 // hard-linked into the merged email_copy/ (moved where a link cannot be made,
 // as across file systems), renamed with a "-2", "-3"... suffix where names
 // meet, and each record points at its copy's new place. Nothing is lost

@@ -63,6 +63,7 @@ TEST(MergeTest, ParallelRunsMergeIntoOneRun) {
   test::ExpectNoCrash(merged);
   ASSERT_EQ(merged.status, 0) << merged.err;
   EXPECT_THAT(merged.out, ::testing::HasSubstr("Merged 6 folders: 9 records"));
+  EXPECT_NE(test::ReadWholeFile(dir / "merged" / "report.html").find("9 (20"), std::string::npos);
 
   args = {"-q", "--copies", "-o", (dir / "single").string()};
   args.insert(args.end(), captures.begin(), captures.end());
