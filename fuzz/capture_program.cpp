@@ -29,8 +29,10 @@ namespace fs = std::filesystem;
 // A private folder for the input and the outputs, removed at exit.
 const pelka::test::TempDir* g_scratch = nullptr;
 
-constexpr const char* kOutputFiles[] = {"emails.jsonl",  "entries.jsonl", "diagnosis.jsonl",
-                                        "email_log.csv", "email_log.txt", "statistics.json"};
+constexpr const char* kOutputFiles[] = {"emails.jsonl",  "entries.jsonl", "diagnosis.jsonl", "email_log.csv",
+                                        "email_log.txt", "statistics.json", "report.html"};
+// Present too, but not made of lines.
+constexpr const char* kDatabase = "emails.sqlite";
 
 // Present, and empty or ending with a line end.
 bool IsWholeLines(const fs::path& path) {
@@ -43,7 +45,8 @@ bool IsWholeLines(const fs::path& path) {
 }
 
 // What every run leaves, whatever its input: the fixed files with whole
-// lines in each, and nothing else but copies under email_copy/.
+// lines in each, the database, and nothing else but copies under
+// email_copy/.
 bool OutputsAreWhole(const fs::path& out) {
   for (const char* name : kOutputFiles)
     if (!IsWholeLines(out / name)) return false;
@@ -52,9 +55,9 @@ bool OutputsAreWhole(const fs::path& out) {
     const std::string name = entry.path().filename().string();
     const bool known = std::find_if(std::begin(kOutputFiles), std::end(kOutputFiles),
                                     [&name](const char* file) { return name == file; }) != std::end(kOutputFiles);
-    if (!known && name != "email_copy") return false;
+    if (!known && name != "email_copy" && name != kDatabase) return false;
   }
-  if (error) return false;
+  if (error || !fs::is_regular_file(out / kDatabase)) return false;
   if (!fs::exists(out / "email_copy")) return true;
   for (const auto& entry : fs::directory_iterator(out / "email_copy", error))
     if (!entry.is_regular_file() || entry.path().extension() != ".eml") return false;
