@@ -180,4 +180,41 @@ const std::string& JsonObjectLine::Finish() {
   return text_;
 }
 
+std::string_view JsonFieldText(std::string_view line, std::string_view key) {
+  const std::string pattern = "\"" + std::string(key) + "\": ";
+  const size_t at = line.find(pattern);
+  if (at == std::string_view::npos) return {};
+  size_t begin = at + pattern.size();
+  if (begin < line.size() && line[begin] == '"') {
+    size_t end = ++begin;
+    while (end < line.size() && line[end] != '"') end += line[end] == '\\' ? 2 : 1;
+    return line.substr(begin, std::min(end, line.size()) - begin);
+  }
+  size_t end = begin;
+  while (end < line.size() && line[end] >= '0' && line[end] <= '9') ++end;
+  return line.substr(begin, end - begin);
+}
+
+std::string UnescapeJson(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\\' || i + 1 >= text.size()) {
+      out += text[i];
+      continue;
+    }
+    const char c = text[++i];
+    unsigned code = 0;
+    if (c == 'u' && i + 4 < text.size() &&
+        std::from_chars(text.data() + i + 1, text.data() + i + 5, code, 16).ptr == text.data() + i + 5 &&
+        code < 0x80) {
+      out += static_cast<char>(code);  // only control characters are written as \u escapes
+      i += 4;
+      continue;
+    }
+    out += c == 'n' ? '\n' : c == 't' ? '\t' : c == 'r' ? '\r' : c == 'b' ? '\b' : c == 'f' ? '\f' : c;
+  }
+  return out;
+}
+
 }  // namespace pelka

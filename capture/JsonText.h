@@ -38,6 +38,15 @@ class JsonObjectLine {
   bool finished_ = false;
 };
 
+// Reading back the one-line objects the program writes ("key": value, keys
+// never repeated): a field's raw text, that is a string's escaped contents or
+// a number's digits, found without parsing the whole object (a quote inside
+// a string is always escaped, so a key cannot be matched inside a value);
+// empty when the field is absent. The view points into `line`.
+std::string_view JsonFieldText(std::string_view line, std::string_view key);
+// A string's escaped contents read back (the escapes AppendJsonString writes).
+std::string UnescapeJson(std::string_view text);
+
 // A double in the shortest form that reads back to the same value.
 std::string FormatDouble(double value);
 // FormatDouble appended to `out`.

@@ -36,43 +36,8 @@ bool ReadLines(const fs::path& path, std::vector<std::string>* lines) {
   return true;
 }
 
-// The raw text of a field: a string's escaped contents, or a number's digits.
-std::string_view FieldText(std::string_view line, std::string_view key) {
-  const std::string pattern = "\"" + std::string(key) + "\": ";
-  const size_t at = line.find(pattern);
-  if (at == std::string_view::npos) return {};
-  size_t begin = at + pattern.size();
-  if (begin < line.size() && line[begin] == '"') {
-    size_t end = ++begin;
-    while (end < line.size() && line[end] != '"') end += line[end] == '\\' ? 2 : 1;
-    return line.substr(begin, std::min(end, line.size()) - begin);
-  }
-  size_t end = begin;
-  while (end < line.size() && line[end] >= '0' && line[end] <= '9') ++end;
-  return line.substr(begin, end - begin);
-}
-
 // A number's digits padded to sort as text.
 std::string SortableNumber(std::string_view digits) { return std::string(20 - std::min<size_t>(digits.size(), 20), '0') + std::string(digits); }
-
-// Reads a JSON string's escaped contents back (the escapes JsonText writes).
-std::string Unescape(std::string_view text) {
-  std::string out;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '\\' || i + 1 >= text.size()) {
-      out += text[i];
-      continue;
-    }
-    const char c = text[++i];
-    if (c == 'u' && i + 4 < text.size()) {
-      out += static_cast<char>(std::stoi(std::string(text.substr(i + 1, 4)), nullptr, 16));  // control characters only
-      i += 4;
-    } else {
-      out += c == 'n' ? '\n' : c == 't' ? '\t' : c == 'r' ? '\r' : c == 'b' ? '\b' : c == 'f' ? '\f' : c;
-    }
-  }
-  return out;
-}
 
 void SortByTime(std::vector<Line>& lines) {
   std::stable_sort(lines.begin(), lines.end(), [](const Line& a, const Line& b) {
@@ -110,7 +75,7 @@ class Merger {
     if (!csv.empty() && csv_header_.empty()) csv_header_ = csv[0];
     if (!txt.empty() && txt_header_.empty()) txt_header_ = txt[0];
     for (size_t i = 0; i < records.size(); ++i) {
-      Line line{records[i], std::string(FieldText(records[i], "timestamp")), f, i, {}, {}};
+      Line line{records[i], std::string(JsonFieldText(records[i], "timestamp")), f, i, {}, {}};
       if (paired) line.csv = csv[i + 1], line.txt = txt[i + 1];
       records_.push_back(std::move(line));
     }
@@ -130,7 +95,7 @@ class Merger {
     std::vector<std::string> lines;
     ReadLines(path, &lines);
     for (size_t i = 0; i < lines.size(); ++i) {
-      const std::string_view time = FieldText(lines[i], key);
+      const std::string_view time = JsonFieldText(lines[i], key);
       out->push_back({lines[i], numeric ? SortableNumber(time) : std::string(time), f, i, {}, {}});
     }
   }
@@ -142,9 +107,9 @@ class Merger {
     uint64_t number = 0;
     for (Line& record : records_) {
       Renumber(record.text, ++number);
-      const std::string_view raw = FieldText(record.text, "email_file_path");
+      const std::string_view raw = JsonFieldText(record.text, "email_file_path");
       if (raw.empty()) continue;
-      const std::string source = Unescape(raw);
+      const std::string source = UnescapeJson(raw);
       std::string target;
       if (!made_copy_dir_) {
         std::error_code error;
@@ -178,7 +143,7 @@ class Merger {
   }
 
   static void Renumber(std::string& line, uint64_t number) {
-    const std::string_view digits = FieldText(line, "email_number");
+    const std::string_view digits = JsonFieldText(line, "email_number");
     if (!digits.empty()) line.replace(static_cast<size_t>(digits.data() - line.data()), digits.size(), std::to_string(number));
   }
 

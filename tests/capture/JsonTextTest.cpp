@@ -42,6 +42,10 @@ TEST(JsonTextTest, EscapesEveryControlCharacterQuoteAndBackslash) {
     std::string wide;
     AppendJsonString(wide, std::wstring(c.text.begin(), c.text.end()));
     EXPECT_EQ(wide, "\"" + c.json + "\"");
+    // Read back out of a line, past a field whose value holds the key's text.
+    const std::string line = "{\"n\": 7, \"x\": \"\\\"k\\\": \", \"k\": " + narrow + "}";
+    EXPECT_EQ(UnescapeJson(JsonFieldText(line, "k")), c.text);
+    EXPECT_EQ(JsonFieldText(line, "n"), "7");
   }
 }
 
