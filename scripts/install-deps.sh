@@ -8,7 +8,7 @@ packages=(
   clang libclang-rt-14-dev
   libpcap-dev libpugixml-dev libsqlite3-dev libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev
   libbenchmark-dev
-  help2man file dpkg-dev parallel
+  help2man file dpkg-dev parallel sqlite3
   chromium
 )
 
