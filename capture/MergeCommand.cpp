@@ -16,8 +16,8 @@ bool IsMergeCommand(int argc, const char* const* argv) { return argc > 1 && std:
 int RunMergeCommand(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
   CLI::App app("Combines the output folders of separate runs (for example one run per capture file, run side by\n"
                "side) into one folder, as one run over all their captures would have written it: records in time\n"
-               "order and numbered again, entries, diagnosis and notices merged, statistics added up, copies\n"
-               "linked (or moved) into the merged email_copy/.",
+               "order and numbered again, entries, diagnosis and notices merged, statistics added up, the\n"
+               "databases merged into one emails.sqlite, copies linked (or moved) into the merged email_copy/.",
                std::string(kProgramName) + " merge");
   std::vector<std::string> folders;
   std::string merged;
@@ -56,6 +56,7 @@ int RunMergeCommand(int argc, const char* const* argv, std::ostream& out, std::o
       out << "Copies: " << report.copies_linked << " linked, " << report.copies_moved << " moved, "
           << report.copies_missing << " not carried over\n";
     }
+    if (report.databases) out << "Database: emails.sqlite from " << report.databases << " folders\n";
     out << "Output: " << merged << "\n";
   }
   return report.copies_missing ? kExitInputProblem : kExitDone;

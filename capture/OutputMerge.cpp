@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -11,6 +12,7 @@
 #include <sstream>
 #include <string_view>
 
+#include "capture/DatabaseMerge.h"
 #include "capture/JsonText.h"
 #include "capture/OutputFiles.h"
 #include "capture/StatisticsSum.h"
@@ -56,7 +58,8 @@ class Merger {
     }
     SortByTime(records_);
     if (std::string problem = CarryCopies(); !problem.empty()) return problem;
-    return WriteAll();
+    if (std::string problem = WriteAll(); !problem.empty()) return problem;
+    return MergeDatabase();
   }
 
  private:
@@ -106,7 +109,11 @@ class Merger {
     const fs::path copy_dir = fs::path(AbsoluteDirectory(out_)) / "email_copy";
     uint64_t number = 0;
     for (Line& record : records_) {
-      Renumber(record.text, ++number);
+      MergedRecord& place = placed_.emplace_back();
+      place.folder = record.folder;
+      place.old_number = std::strtoull(std::string(JsonFieldText(record.text, "email_number")).c_str(), nullptr, 10);
+      place.new_number = ++number;
+      Renumber(record.text, number);
       const std::string_view raw = JsonFieldText(record.text, "email_file_path");
       if (raw.empty()) continue;
       const std::string source = UnescapeJson(raw);
@@ -119,6 +126,7 @@ class Merger {
       }
       if (!CarryCopy(source, copy_dir, &target)) ++report_.copies_missing;
       ReplaceText(record.text, raw, target);
+      place.copy_path = target;
     }
     return {};
   }
@@ -191,6 +199,14 @@ class Merger {
     return problem;
   }
 
+  std::string MergeDatabase() {
+    DatabaseMergeReport merged;
+    const std::string problem = MergeDatabases(folders_, placed_, (fs::path(out_) / "emails.sqlite").string(), &merged);
+    report_.databases = merged.databases;
+    report_.warnings.insert(report_.warnings.end(), merged.warnings.begin(), merged.warnings.end());
+    return problem;
+  }
+
   static std::vector<std::string> Texts(const std::vector<Line>& lines) {
     std::vector<std::string> texts;
     for (const Line& line : lines) texts.push_back(line.text);
@@ -201,6 +217,7 @@ class Merger {
   const std::string out_;
   MergeReport& report_;
   std::vector<Line> records_, entries_, diagnosis_, notices_;
+  std::vector<MergedRecord> placed_;  // where each record went, in merged order
   std::vector<std::string> unpaired_csv_, unpaired_txt_, statistics_;
   std::string csv_header_, txt_header_;
   std::set<std::string> used_names_;

@@ -7,7 +7,8 @@
 // again from 1; each record's export lines (email_log.csv, email_log.txt) go
 // with it. Summary entries, diagnosis reports and notices are put in time
 // order the same way; statistics are added up (StatisticsSum.h); the
-// command writes one report.html over the merged folder. Copies are
+// command writes one report.html over the merged folder, and the folders'
+// databases become one emails.sqlite (DatabaseMerge.h). Copies are
 // hard-linked into the merged email_copy/ (moved where a link cannot be made,
 // as across file systems), renamed with a "-2", "-3"... suffix where names
 // meet, and each record points at its copy's new place. Nothing is lost
@@ -28,6 +29,7 @@ struct MergeReport {
   uint64_t copies_linked = 0;
   uint64_t copies_moved = 0;
   uint64_t copies_missing = 0;  // named by a record, but not there or not movable
+  uint64_t databases = 0;       // emails.sqlite files merged
   std::vector<std::string> warnings;
 };
 

@@ -192,6 +192,26 @@ TEST(DatabaseTest, KnowsTheDomainsAndConnectionsOfTheSample) {
             (std::vector<json>{{{"packets", 82}}}));
 }
 
+// Merged folders: one database that says what the merged JSON files say, its
+// messages on their own connections, its statistics and run totals summed.
+TEST(DatabaseTest, MergedFoldersGiveTheMergedDatabase) {
+  REQUIRE_PROGRAM();
+  test::TempDir dir;
+  const std::string captures[] = {(path(PELKA_TEST_DATA_DIR) / "smtp-3msgs-one-session.pcap").string(),
+                                  test::kSample.string(), test::kSample.string()};
+  std::vector<std::string> merge = {"merge"};
+  for (size_t i = 0; i < std::size(captures); ++i) {
+    merge.push_back((dir / std::to_string(i)).string());
+    test::ExpectNoCrash(test::RunProgram({"-q", "--copies", "-o", merge.back(), captures[i]}));
+  }
+  merge.insert(merge.end(), {"-o", (dir / "merged").string()});
+  const test::ProgramResult merged = test::RunProgram(merge);
+  ASSERT_EQ(merged.status, 0) << merged.err;
+  ExpectDatabaseHoldsTheJsonFiles(dir / "merged", true);
+  const Database db(dir / "merged" / "emails.sqlite");
+  EXPECT_EQ(Rows(db.get(), "SELECT count(*) AS n FROM connections"), (std::vector<json>{{{"n", 7}}}));
+}
+
 TEST(DatabaseTest, NoDbWritesNone) {
   REQUIRE_PROGRAM();
   test::TempDir out;
