@@ -3,11 +3,10 @@
 #include <sqlite3.h>
 
 #include <algorithm>
-#include <cctype>
-#include <cstdio>
 #include <filesystem>
 #include <set>
 
+#include "capture/ReadOnlyDatabase.h"
 #include "capture/RunDatabaseSchema.h"
 
 namespace pelka {
@@ -25,22 +24,6 @@ std::string Joined(const std::vector<std::string>& names, const std::string& pre
   std::string joined;
   for (const std::string& name : names) joined += (joined.empty() ? "" : ", ") + prefix + Quoted(name);
   return joined;
-}
-
-// A source opened read-only and without locks: a finished run's database,
-// which nothing else writes, and whose folder the merge must not touch.
-std::string ImmutableUri(const std::string& path) {
-  std::string uri = "file:";
-  for (const unsigned char c : fs::absolute(path).string()) {
-    if (std::isalnum(c) || c == '/' || c == '-' || c == '_' || c == '.' || c == '~') {
-      uri += static_cast<char>(c);
-    } else {
-      char escaped[4];
-      std::snprintf(escaped, sizeof escaped, "%%%02X", c);
-      uri += escaped;
-    }
-  }
-  return uri + "?immutable=1";
 }
 
 class MergedDatabase {
@@ -154,7 +137,7 @@ class MergedDatabase {
 
   bool Attach(const std::string& path) {
     sqlite3_stmt* attach = nullptr;
-    const std::string uri = ImmutableUri(path);
+    const std::string uri = ReadOnlyDatabaseUri(path);
     bool ok = sqlite3_prepare_v2(db_, "ATTACH DATABASE ? AS src", -1, &attach, nullptr) == SQLITE_OK &&
               sqlite3_bind_text(attach, 1, uri.c_str(), -1, SQLITE_TRANSIENT) == SQLITE_OK &&
               sqlite3_step(attach) == SQLITE_DONE;

@@ -93,6 +93,30 @@ void DiagnosisSection(std::ostringstream& html, const ReportData& data) {
   html << "</tbody></table></section>\n";
 }
 
+// One bar per server, split by reply-time band: where a server's replies
+// sit, whatever their number.
+void ReplyTimes(std::ostringstream& html, const ReportData& data) {
+  static const char* const kBands[] = {"under 10 ms", "10-100 ms", "0.1-1 s", "1-10 s", "10 s or more"};
+  html << "<section id=\"replies\"><h2>Reply times per server</h2>";
+  if (data.replies.empty()) {
+    html << "<p class=\"empty\">None. (Reply times are kept in emails.sqlite; runs with --no-db have none.)</p>"
+            "</section>\n";
+    return;
+  }
+  html << "<p class=\"note\">From the client's last data packet to the server's next one.</p>"
+          "<table class=\"sortable\"><thead><tr><th>Server</th><th class=\"number\">Replies</th>";
+  for (const char* band : kBands) html << "<th class=\"number\">" << band << "</th>";
+  html << "<th>Spread</th></tr></thead><tbody>";
+  for (const auto& [server, bands] : data.replies) {
+    uint64_t total = 0;
+    for (const uint64_t count : bands) total += count;
+    html << "<tr><td>" << Escape(server) << "</td><td class=\"number\">" << total << "</td>";
+    for (const uint64_t count : bands) html << "<td class=\"number\">" << count << "</td>";
+    html << "<td>" << report::SpreadBar(bands, kBands) << "</td></tr>";
+  }
+  html << "</tbody></table></section>\n";
+}
+
 void MessageTable(std::ostringstream& html, const ReportData& data, const std::string& out_dir) {
   const size_t total = data.messages.size();
   const size_t shown = std::min(total, kReportMessageRows);
@@ -134,6 +158,7 @@ std::string RenderHtmlReport(const ReportData& data, const ReportRun& run, const
   MessagesOverTime(html, data);
   TopTables(html, data);
   DiagnosisSection(html, data);
+  ReplyTimes(html, data);
   MessageTable(html, data, out_dir);
   html << "<footer>Made by pelka-email. Times are local (" << Escape(run.time_zone)
        << ") unless marked otherwise.</footer>\n"

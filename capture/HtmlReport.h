@@ -1,9 +1,9 @@
 // report.html: one self-contained page over a finished run's output folder,
 // for a person to read in any browser with no network: the run, messages
 // over time per protocol, the top senders, receivers and domains, the
-// attachments by type, the diagnosis per server and over time, and the
-// message table (sortable and filterable with JavaScript, readable without),
-// each row linked to its .eml copy when copies were saved. Everything is
+// attachments by type, the diagnosis per server and over time, the reply
+// times per server, and the message table (sortable and filterable with
+// JavaScript, readable without), each row linked to its .eml copy when copies were saved. Everything is
 // inline: no script, style sheet or font is fetched from anywhere.
 //
 // The table shows the newest kReportMessageRows messages at most and says

@@ -126,6 +126,24 @@ std::string Bytes(double bytes) {
   return unit == 0 ? Decimal(bytes, 0) + " bytes" : Decimal(bytes, 1) + " " + units[unit];
 }
 
+std::string SpreadBar(const std::vector<uint64_t>& counts, const char* const* names) {
+  uint64_t total = 0;
+  for (const uint64_t count : counts) total += count;
+  if (total == 0) return {};
+  std::ostringstream svg;
+  svg << "<svg class=\"spread\" viewBox=\"0 0 160 12\" width=\"160\" height=\"12\" role=\"img\">";
+  double x = 0;
+  for (size_t i = 0; i < counts.size(); ++i) {
+    if (counts[i] == 0) continue;
+    const double width = 160.0 * static_cast<double>(counts[i]) / static_cast<double>(total);
+    svg << "<rect class=\"mark\" x=\"" << x << "\" y=\"0\" width=\"" << width << "\" height=\"12\" fill=\""
+        << kColours[i % 6] << "\"><title>" << Escape(names[i]) << ": " << counts[i] << "</title></rect>";
+    x += width;
+  }
+  svg << "</svg>";
+  return svg.str();
+}
+
 std::string CountTable(const std::string& caption, const std::string& name_header,
                        const std::vector<std::pair<std::string, uint64_t>>& rows) {
   std::ostringstream html;

@@ -29,6 +29,11 @@ struct TimedItem {
 std::string StackedBars(const std::vector<TimedItem>& items, const std::vector<std::string>& series,
                         const std::string& unit);
 
+// One horizontal bar split into the shares of `counts`, coloured like the
+// series of StackedBars, each share titled with its name and count; empty
+// when all counts are 0.
+std::string SpreadBar(const std::vector<uint64_t>& counts, const char* const* names);
+
 // An amount of bytes with its unit ("7.3 KiB"), and a number with so many
 // decimals.
 std::string Bytes(double bytes);

@@ -5,7 +5,11 @@
 #include <fstream>
 #include <string_view>
 
+#include <sqlite3.h>
+
 #include "capture/JsonText.h"
+#include "capture/ReadOnlyDatabase.h"
+#include "capture/RunDatabase.h"
 
 namespace pelka {
 namespace {
@@ -34,6 +38,25 @@ void ReadObjects(const std::string& path, uint64_t& unreadable, Take take) {
   }
 }
 
+void ReadReplies(const std::string& path, std::map<std::string, std::vector<uint64_t>>* replies) {
+  sqlite3* db = OpenReadOnlyDatabase(path);
+  if (!db) return;
+  std::string sql = "SELECT server";
+  for (const char* column : kReplyBandColumns) sql += std::string(", ifnull(sum(") + column + "), 0)";
+  sql += " FROM connections GROUP BY server";
+  sqlite3_stmt* query = nullptr;
+  if (sqlite3_prepare_v2(db, sql.c_str(), -1, &query, nullptr) == SQLITE_OK) {
+    while (sqlite3_step(query) == SQLITE_ROW) {
+      const auto* server = reinterpret_cast<const char*>(sqlite3_column_text(query, 0));
+      std::vector<uint64_t>& bands = (*replies)[server ? server : ""];
+      for (int band = 1; band <= static_cast<int>(ConnectionTally::kReplyBands); ++band)
+        bands.push_back(static_cast<uint64_t>(sqlite3_column_int64(query, band)));
+    }
+  }
+  sqlite3_finalize(query);
+  sqlite3_close_v2(db);
+}
+
 }  // namespace
 
 ReportData ReadReportData(const std::string& out_dir) {
@@ -49,6 +72,7 @@ ReportData ReadReportData(const std::string& out_dir) {
     data.diagnosis.push_back({Text(report, "event"), Text(report, "title"), Text(report, "server"),
                               Number(report, "time")});
   });
+  ReadReplies(out_dir + "/emails.sqlite", &data.replies);
   return data;
 }
 

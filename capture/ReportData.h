@@ -25,11 +25,14 @@ struct ReportDiagnosis {
 struct ReportData {
   std::vector<ReportMessage> messages;  // in the file's order
   std::vector<ReportDiagnosis> diagnosis;
+  // Server replies per reply-time band (the bands of the database's
+  // connections table), by server; empty without emails.sqlite.
+  std::map<std::string, std::vector<uint64_t>> replies;
   uint64_t unreadable_lines = 0;  // lines that are not JSON objects
 };
 
-// Reads <out_dir>/emails.jsonl and diagnosis.jsonl (missing files read as
-// empty).
+// Reads <out_dir>/emails.jsonl, diagnosis.jsonl and the connections of
+// emails.sqlite (missing files read as empty).
 ReportData ReadReportData(const std::string& out_dir);
 
 // The domain of an address ("" when it has no '@'), in lower case.

@@ -116,7 +116,9 @@ bool RunDatabase::Open(const std::string& path, const RunDescription& run) {
       !Prepare("INSERT INTO statistics (category, item, counter, value) VALUES (?, ?, ?, ?)", *statistic_insert_) ||
       !Prepare("INSERT INTO connections (protocol, client, server) VALUES (?, ?, ?)", *connection_insert_) ||
       !Prepare("UPDATE connections SET first_time = ?, last_time = ?, client_packets = ?, client_bytes = ?, "
-               "server_packets = ?, server_bytes = ?, records = ?, ended = ? WHERE id = ?",
+               "server_packets = ?, server_bytes = ?, records = ?, ended = ?, replies_under_10ms = ?, "
+               "replies_under_100ms = ?, replies_under_1s = ?, replies_under_10s = ?, replies_10s_or_more = ? "
+               "WHERE id = ?",
                *connection_update_))
     return false;
   CommitLocked();
@@ -298,6 +300,7 @@ void RunDatabase::WriteConnectionEnd(const IPelkaFlow* flow, const ConnectionTal
                                tally.bytes[1], connection.records})
     BindNumber(statement, index++, value);
   BindText(statement, index++, ended);
+  for (const uint64_t replies : tally.replies) BindNumber(statement, index++, replies);
   BindNumber(statement, index, static_cast<uint64_t>(connection.row));
   Step(statement);
 }

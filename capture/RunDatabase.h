@@ -26,6 +26,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -47,11 +48,22 @@ class IPelkaFlow;
 
 // What the host saw of one mail connection, for the table connections.
 // Side 0 is the client, 1 the server; bytes are TCP payload delivered.
+//
+// A reply time runs from the client's last data packet to the server's next
+// one: the server's own time to answer, whatever the request's length. Data
+// the server sends unasked (a greeting, the rest of a long answer) is none.
 struct ConnectionTally {
+  // Upper bounds of the reply-time bands, in microseconds; the last band has none.
+  static constexpr uint64_t kReplyBandLimits[] = {10'000, 100'000, 1'000'000, 10'000'000};
+  static constexpr size_t kReplyBands = std::size(kReplyBandLimits) + 1;
+
   uint64_t first_time = 0;  // microseconds since 1970
   uint64_t last_time = 0;
   uint64_t packets[2] = {0, 0};
   uint64_t bytes[2] = {0, 0};
+  uint64_t replies[kReplyBands] = {};
+  uint64_t request_time = 0;  // of the client's last data packet not answered yet
+  bool awaiting_reply = false;
 
   void Count(uint64_t time, uint32_t direction, uint32_t length) {
     if (packets[0] + packets[1] == 0) first_time = time;
@@ -59,8 +71,23 @@ struct ConnectionTally {
     const int side = direction == 2 ? 1 : 0;
     ++packets[side];
     bytes[side] += length;
+    if (length == 0) return;
+    if (side == 0) {
+      request_time = time;
+      awaiting_reply = true;
+    } else if (awaiting_reply) {
+      awaiting_reply = false;
+      const uint64_t took = time > request_time ? time - request_time : 0;
+      size_t band = 0;
+      while (band < kReplyBands - 1 && took >= kReplyBandLimits[band]) ++band;
+      ++replies[band];
+    }
   }
 };
+
+// connections' reply-time columns, one per band of ConnectionTally.
+inline constexpr const char* kReplyBandColumns[ConnectionTally::kReplyBands] = {
+    "replies_under_10ms", "replies_under_100ms", "replies_under_1s", "replies_under_10s", "replies_10s_or_more"};
 
 // What a run was asked to do, for the table run.
 struct RunDescription {

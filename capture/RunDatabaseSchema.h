@@ -12,7 +12,7 @@
 
 namespace pelka {
 
-inline constexpr uint32_t kRunDatabaseVersion = 1;
+inline constexpr uint32_t kRunDatabaseVersion = 2;
 
 inline constexpr const char* kRunDatabaseSchema = R"sql(
 CREATE TABLE run (
@@ -24,7 +24,9 @@ CREATE TABLE connections (
   id INTEGER PRIMARY KEY, protocol TEXT, client TEXT, server TEXT,
   first_time INTEGER, last_time INTEGER,
   client_packets INTEGER, client_bytes INTEGER, server_packets INTEGER, server_bytes INTEGER,
-  records INTEGER, ended TEXT);
+  records INTEGER, ended TEXT,
+  replies_under_10ms INTEGER, replies_under_100ms INTEGER, replies_under_1s INTEGER,
+  replies_under_10s INTEGER, replies_10s_or_more INTEGER);
 CREATE INDEX connections_server ON connections (server);
 CREATE TABLE messages (
   id INTEGER PRIMARY KEY,

@@ -10,6 +10,7 @@
 #include <set>
 
 #include "ProgramHarness.h"
+#include "capture/RunDatabase.h"
 
 namespace pelka {
 namespace {
@@ -187,9 +188,39 @@ TEST(DatabaseTest, KnowsTheDomainsAndConnectionsOfTheSample) {
                                 {"server_packets", 16},
                                 {"server_bytes", 172},
                                 {"records", 1},
-                                {"ended", "closed"}}}));
+                                {"ended", "closed"},
+                                {"replies_under_10ms", 6},
+                                {"replies_under_100ms", 0},
+                                {"replies_under_1s", 0},
+                                {"replies_under_10s", 0},
+                                {"replies_10s_or_more", 0}}}));
   EXPECT_EQ(Rows(db.get(), "SELECT sum(client_packets + server_packets) AS packets FROM connections"),
             (std::vector<json>{{{"packets", 82}}}));
+}
+
+// Reply times: from the client's last data packet to the server's next one.
+TEST(DatabaseTest, ReplyTimesFallInTheirBands) {
+  struct Packet {
+    uint64_t time;
+    uint32_t direction;  // 1 client, 2 server
+    uint32_t length;
+  };
+  const struct {
+    const char* name;
+    std::vector<Packet> packets;
+    std::vector<uint64_t> bands;
+  } cases[] = {
+      {"a greeting answers nothing", {{0, 2, 40}, {5, 1, 6}, {9, 2, 8}}, {1, 0, 0, 0, 0}},
+      {"10 ms is the second band", {{0, 1, 6}, {10'000, 2, 8}}, {0, 1, 0, 0, 0}},
+      {"timed from the last client packet", {{0, 1, 6}, {5'000'000, 1, 6}, {5'009'999, 2, 8}}, {1, 0, 0, 0, 0}},
+      {"empty segments are neither", {{0, 1, 6}, {3, 2, 0}, {3'000'000, 1, 0}, {20'000'000, 2, 8}}, {0, 0, 0, 0, 1}},
+      {"one reply per request", {{0, 1, 6}, {200'000, 2, 8}, {300'000, 2, 8}}, {0, 0, 1, 0, 0}},
+  };
+  for (const auto& c : cases) {
+    ConnectionTally tally;
+    for (const Packet& packet : c.packets) tally.Count(packet.time, packet.direction, packet.length);
+    EXPECT_EQ(std::vector<uint64_t>(std::begin(tally.replies), std::end(tally.replies)), c.bands) << c.name;
+  }
 }
 
 // Merged folders: one database that says what the merged JSON files say, its

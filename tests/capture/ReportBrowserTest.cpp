@@ -74,7 +74,7 @@ TEST_P(ReportBrowserTest, ShowsEveryRecordChartAndCopyAndFilters) {
   const std::string table = MessageTable(page.dom);
   ASSERT_FALSE(table.empty()) << page.dom.substr(0, 2000);
   EXPECT_EQ(Count(table, row), records.size());
-  for (const char* section : {"id=\"timeline\"", "id=\"diagnosis\""}) {
+  for (const char* section : {"id=\"timeline\"", "id=\"diagnosis\"", "id=\"replies\""}) {
     const size_t at = page.dom.find(section);
     ASSERT_NE(at, std::string::npos) << section;
     const std::string chart = page.dom.substr(at, page.dom.find("</section>", at) - at);
