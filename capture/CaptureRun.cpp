@@ -156,6 +156,7 @@ bool WriteReport(const ProgramOptions& options, const Pipeline& pipeline,
   run.elapsed_seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   run.kernel_drops = pipeline.kernel_drops();
   run.interrupted = StopRequested();
+  run.chinese = options.language == TextLanguage::kChinese;
   std::string problem;
   if (WriteHtmlReport(options.out_dir, run, &problem)) return true;
   err << kProgramName << ": " << problem << "\n";

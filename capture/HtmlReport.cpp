@@ -14,41 +14,42 @@ namespace pelka {
 namespace {
 
 using report::Escape;
+using report::Words;
 
-void RunSection(std::ostringstream& html, const ReportData& data, const ReportRun& run) {
-  std::string span = "no messages";
+void RunSection(std::ostringstream& html, const ReportData& data, const ReportRun& run, const Words& w) {
+  std::string span = w("no messages");
   if (!data.messages.empty()) {
     const auto [first, last] = std::minmax_element(data.messages.begin(), data.messages.end(),
                                                    [](const auto& a, const auto& b) { return a.time < b.time; });
-    span = first->time + " to " + last->time + " (" + run.time_zone + ")";
+    span = first->time + w(" to ") + last->time + " (" + run.time_zone + ")";
   }
   const double per_second = run.elapsed_seconds > 0 ? static_cast<double>(run.bytes) / run.elapsed_seconds : 0;
-  const std::string rate = report::Bytes(static_cast<double>(run.bytes)) + " in " +
+  const std::string rate = report::Bytes(static_cast<double>(run.bytes)) + w(" in ") +
                            report::Decimal(run.elapsed_seconds, 2) + " s (" + report::Bytes(per_second) + "/s)";
-  html << "<section id=\"run\"><h2>Run</h2><table class=\"facts\">";
+  html << "<section id=\"run\"><h2>" << w("Run") << "</h2><table class=\"facts\">";
   const std::pair<const char*, std::string> rows[] = {
       {"Captures", run.captures},
       {"Messages", std::to_string(data.messages.size()) + " (" + span + ")"},
       {"Diagnosis reports", std::to_string(data.diagnosis.size())},
-      {"Packets", run.packets ? std::to_string(run.packets) : "not known here"},
-      {"Read", run.bytes ? rate : "not known here"},
-      {"Dropped by the kernel", run.kernel_drops < 0 ? "not a live capture" : std::to_string(run.kernel_drops)},
-      {"Ended", run.interrupted ? "stopped by a signal or a limit" : "at the end of the input"},
+      {"Packets", run.packets ? std::to_string(run.packets) : w("not known here")},
+      {"Read", run.bytes ? rate : w("not known here")},
+      {"Dropped by the kernel", run.kernel_drops < 0 ? w("not a live capture") : std::to_string(run.kernel_drops)},
+      {"Ended", w(run.interrupted ? "stopped by a signal or a limit" : "at the end of the input")},
   };
-  for (const auto& [name, value] : rows) html << "<tr><th>" << name << "</th><td>" << Escape(value) << "</td></tr>";
+  for (const auto& [name, value] : rows) html << "<tr><th>" << w(name) << "</th><td>" << Escape(value) << "</td></tr>";
   html << "</table></section>\n";
 }
 
-void MessagesOverTime(std::ostringstream& html, const ReportData& data) {
+void MessagesOverTime(std::ostringstream& html, const ReportData& data, const Words& w) {
   std::vector<report::TimedItem> items;
   for (const ReportMessage& message : data.messages) {
     items.push_back({report::SecondsOf(message.time), message.protocol});
   }
-  html << "<section id=\"timeline\"><h2>Messages over time</h2>"
-       << report::StackedBars(items, {"SMTP", "POP3", "IMAPv4"}, "messages") << "</section>\n";
+  html << "<section id=\"timeline\"><h2>" << w("Messages over time") << "</h2>"
+       << report::StackedBars(items, {"SMTP", "POP3", "IMAPv4"}, w("messages"), w) << "</section>\n";
 }
 
-void TopTables(std::ostringstream& html, const ReportData& data) {
+void TopTables(std::ostringstream& html, const ReportData& data, const Words& w) {
   std::map<std::string, uint64_t> senders, receivers, sender_domains, receiver_domains, types;
   for (const ReportMessage& message : data.messages) {
     if (!message.sender.empty()) ++senders[message.sender];
@@ -57,15 +58,15 @@ void TopTables(std::ostringstream& html, const ReportData& data) {
     if (const std::string domain = DomainOf(message.receiver); !domain.empty()) ++receiver_domains[domain];
     for (const std::string& type : AttachmentTypes(message.attachments)) ++types[type];
   }
-  html << "<section id=\"top\"><h2>Who and what</h2><div class=\"grid\">"
-       << report::CountTable("Top senders", "Sender", TopCounts(senders, 10))
-       << report::CountTable("Top receivers", "Receiver", TopCounts(receivers, 10))
-       << report::CountTable("Top sender domains", "Domain", TopCounts(sender_domains, 10))
-       << report::CountTable("Top receiver domains", "Domain", TopCounts(receiver_domains, 10))
-       << report::CountTable("Attachments by type", "Type", TopCounts(types, 20)) << "</div></section>\n";
+  html << "<section id=\"top\"><h2>" << w("Who and what") << "</h2><div class=\"grid\">"
+       << report::CountTable(w("Top senders"), w("Sender"), TopCounts(senders, 10), w)
+       << report::CountTable(w("Top receivers"), w("Receiver"), TopCounts(receivers, 10), w)
+       << report::CountTable(w("Top sender domains"), w("Domain"), TopCounts(sender_domains, 10), w)
+       << report::CountTable(w("Top receiver domains"), w("Domain"), TopCounts(receiver_domains, 10), w)
+       << report::CountTable(w("Attachments by type"), w("Type"), TopCounts(types, 20), w) << "</div></section>\n";
 }
 
-void DiagnosisSection(std::ostringstream& html, const ReportData& data) {
+void DiagnosisSection(std::ostringstream& html, const ReportData& data, const Words& w) {
   struct ServerFigures {
     uint64_t messages = 0, slow = 0, errors = 0, other = 0;
   };
@@ -77,16 +78,17 @@ void DiagnosisSection(std::ostringstream& html, const ReportData& data) {
     const bool slow = report.event.find("Slow") != std::string::npos;
     const bool error = report.event.find("Error") != std::string::npos;
     ++(slow ? figures.slow : error ? figures.errors : figures.other);
-    items.push_back({static_cast<int64_t>(report.time_us / 1000000), slow ? "slow reply" : error ? "error" : "other"});
+    items.push_back({static_cast<int64_t>(report.time_us / 1000000), w(slow ? "slow reply" : error ? "error" : "other")});
   }
-  html << "<section id=\"diagnosis\"><h2>Diagnosis</h2>"
-       << report::StackedBars(items, {"slow reply", "error", "other"}, "reports (capture time, UTC)")
-       << "<table class=\"sortable\"><caption>Per server</caption><thead><tr><th>Server</th>"
-          "<th class=\"number\">Messages</th><th class=\"number\">Slow replies</th><th class=\"number\">Errors</th>"
-          "<th class=\"number\">Other reports</th></tr></thead><tbody>";
+  html << "<section id=\"diagnosis\"><h2>" << w("Diagnosis") << "</h2>"
+       << report::StackedBars(items, {w("slow reply"), w("error"), w("other")}, w("reports (capture time, UTC)"), w)
+       << "<table class=\"sortable\"><caption>" << w("Per server") << "</caption><thead><tr><th>" << w("Server")
+       << "</th><th class=\"number\">" << w("Messages") << "</th><th class=\"number\">" << w("Slow replies")
+       << "</th><th class=\"number\">" << w("Errors") << "</th><th class=\"number\">" << w("Other reports")
+       << "</th></tr></thead><tbody>";
   for (const auto& [server, figures] : servers) {
     if (server.empty() && figures.slow + figures.errors + figures.other == 0) continue;
-    html << "<tr><td>" << Escape(server.empty() ? "(unknown)" : server) << "</td><td class=\"number\">"
+    html << "<tr><td>" << Escape(server.empty() ? w("(unknown)") : server) << "</td><td class=\"number\">"
          << figures.messages << "</td><td class=\"number\">" << figures.slow << "</td><td class=\"number\">"
          << figures.errors << "</td><td class=\"number\">" << figures.other << "</td></tr>";
   }
@@ -95,41 +97,48 @@ void DiagnosisSection(std::ostringstream& html, const ReportData& data) {
 
 // One bar per server, split by reply-time band: where a server's replies
 // sit, whatever their number.
-void ReplyTimes(std::ostringstream& html, const ReportData& data) {
+void ReplyTimes(std::ostringstream& html, const ReportData& data, const Words& w) {
   static const char* const kBands[] = {"under 10 ms", "10-100 ms", "0.1-1 s", "1-10 s", "10 s or more"};
-  html << "<section id=\"replies\"><h2>Reply times per server</h2>";
+  html << "<section id=\"replies\"><h2>" << w("Reply times per server") << "</h2>";
   if (data.replies.empty()) {
-    html << "<p class=\"empty\">None. (Reply times are kept in emails.sqlite; runs with --no-db have none.)</p>"
-            "</section>\n";
+    html << "<p class=\"empty\">" << w("None. (Reply times are kept in emails.sqlite; runs with --no-db have none.)")
+         << "</p></section>\n";
     return;
   }
-  html << "<p class=\"note\">From the client's last data packet to the server's next one.</p>"
-          "<table class=\"sortable\"><thead><tr><th>Server</th><th class=\"number\">Replies</th>";
-  for (const char* band : kBands) html << "<th class=\"number\">" << band << "</th>";
-  html << "<th>Spread</th></tr></thead><tbody>";
-  for (const auto& [server, bands] : data.replies) {
+  std::vector<std::string> bands;
+  for (const char* band : kBands) bands.push_back(w(band));
+  html << "<p class=\"note\">" << Escape(w("From the client's last data packet to the server's next one."))
+       << "</p><table class=\"sortable\"><thead><tr><th>" << w("Server") << "</th><th class=\"number\">"
+       << w("Replies") << "</th>";
+  for (const std::string& band : bands) html << "<th class=\"number\">" << band << "</th>";
+  html << "<th>" << w("Spread") << "</th></tr></thead><tbody>";
+  for (const auto& [server, counts] : data.replies) {
     uint64_t total = 0;
-    for (const uint64_t count : bands) total += count;
+    for (const uint64_t count : counts) total += count;
     html << "<tr><td>" << Escape(server) << "</td><td class=\"number\">" << total << "</td>";
-    for (const uint64_t count : bands) html << "<td class=\"number\">" << count << "</td>";
-    html << "<td>" << report::SpreadBar(bands, kBands) << "</td></tr>";
+    for (const uint64_t count : counts) html << "<td class=\"number\">" << count << "</td>";
+    html << "<td>" << report::SpreadBar(counts, bands) << "</td></tr>";
   }
   html << "</tbody></table></section>\n";
 }
 
-void MessageTable(std::ostringstream& html, const ReportData& data, const std::string& out_dir) {
+void MessageTable(std::ostringstream& html, const ReportData& data, const std::string& out_dir, const Words& w) {
   const size_t total = data.messages.size();
   const size_t shown = std::min(total, kReportMessageRows);
-  html << "<section id=\"messages\"><h2>Messages</h2>";
+  html << "<section id=\"messages\"><h2>" << w("Messages") << "</h2>";
   if (shown < total) {
-    html << "<p class=\"note\">The newest " << shown << " of " << total
-         << " messages are shown; emails.jsonl and email_log.csv beside this page hold them all.</p>";
+    html << "<p class=\"note\">"
+         << w("The newest %1 of %2 messages are shown; emails.jsonl and email_log.csv beside this page hold them all.",
+              std::to_string(shown), std::to_string(total))
+         << "</p>";
   }
-  html << "<p><input id=\"filter\" type=\"search\" placeholder=\"Filter by any text\" aria-label=\"Filter messages\"> "
-          "<span id=\"shown\">"
-       << shown << " shown</span></p><table id=\"message-table\" class=\"sortable\"><thead><tr>"
-       << "<th class=\"number\">#</th><th>Time</th><th>Protocol</th><th>From</th><th>To</th><th>Subject</th>"
-          "<th class=\"number\">Size (bytes)</th><th>Attachments</th><th>Copy</th></tr></thead><tbody>";
+  html << "<p><input id=\"filter\" type=\"search\" placeholder=\"" << w("Filter by any text") << "\" aria-label=\""
+       << w("Filter messages") << "\"> <span id=\"shown\" data-template=\"" << w("%1 of %2 shown") << "\">"
+       << w("%1 shown", std::to_string(shown))
+       << "</span></p><table id=\"message-table\" class=\"sortable\"><thead><tr><th class=\"number\">#</th>";
+  for (const char* column : {"Time", "Protocol", "From", "To", "Subject"}) html << "<th>" << w(column) << "</th>";
+  html << "<th class=\"number\">" << w("Size (bytes)") << "</th><th>" << w("Attachments") << "</th><th>" << w("Copy")
+       << "</th></tr></thead><tbody>";
   for (size_t i = total - shown; i < total; ++i) {
     const ReportMessage& m = data.messages[i];
     html << "<tr><td class=\"number\">" << m.number << "</td><td>" << Escape(m.time) << "</td><td>"
@@ -153,15 +162,16 @@ std::string LocalZone() {
 
 std::string RenderHtmlReport(const ReportData& data, const ReportRun& run, const std::string& out_dir) {
   std::ostringstream html;
-  html << report::kPageHead << "<h1>E-mail messages: " << Escape(run.captures) << "</h1>\n";
-  RunSection(html, data, run);
-  MessagesOverTime(html, data);
-  TopTables(html, data);
-  DiagnosisSection(html, data);
-  ReplyTimes(html, data);
-  MessageTable(html, data, out_dir);
-  html << "<footer>Made by pelka-email. Times are local (" << Escape(run.time_zone)
-       << ") unless marked otherwise.</footer>\n"
+  const Words w(run.chinese);
+  html << report::PageHead(w) << "<h1>" << w("E-mail messages: ") << Escape(run.captures) << "</h1>\n";
+  RunSection(html, data, run, w);
+  MessagesOverTime(html, data, w);
+  TopTables(html, data, w);
+  DiagnosisSection(html, data, w);
+  ReplyTimes(html, data, w);
+  MessageTable(html, data, out_dir, w);
+  html << "<footer>" << Escape(w("Made by pelka-email. Times are local (%1) unless marked otherwise.", run.time_zone))
+       << "</footer>\n"
        << report::kPageScript << "</body></html>\n";
   return html.str();
 }

@@ -29,6 +29,7 @@ struct ReportRun {
   int64_t kernel_drops = -1;  // live capture only
   bool interrupted = false;
   std::string time_zone;  // the zone of the records' local times, e.g. "UTC"
+  bool chinese = false;   // the page's own texts in Chinese (--lang zh)
 };
 
 // The page for this data. `out_dir` (absolute, ending with '/') is where

@@ -4,11 +4,9 @@
 
 namespace report {
 
-const char* const kPageHead = R"html(<!DOCTYPE html>
-<html lang="en"><head><meta charset="utf-8">
-<meta name="viewport" content="width=device-width, initial-scale=1">
-<title>pelka-email report</title>
-<style>
+namespace {
+
+const char* const kStyle = R"html(<style>
 body{font:15px/1.45 system-ui,-apple-system,"Segoe UI",sans-serif;margin:0 auto;max-width:1200px;padding:0 16px 32px;color:#1d1d1f;background:#fff}
 h1{font-size:1.5em;margin:20px 0 8px;overflow-wrap:anywhere}h2{font-size:1.2em;margin:28px 0 8px;border-bottom:1px solid #ddd}
 table{border-collapse:collapse;margin:8px 0 16px;font-variant-numeric:tabular-nums}
@@ -26,6 +24,15 @@ footer{margin-top:24px;color:#666;font-size:.9em}
 </style></head><body>
 )html";
 
+}  // namespace
+
+std::string PageHead(const Words& words) {
+  return std::string("<!DOCTYPE html>\n<html lang=\"") + words.language() +
+         "\"><head><meta charset=\"utf-8\">\n<meta name=\"viewport\" content=\"width=device-width, "
+         "initial-scale=1\">\n<title>" +
+         words("pelka-email report") + "</title>\n" + kStyle;
+}
+
 const char* const kPageScript = R"html(<script>
 (function () {
   var table = document.getElementById('message-table');
@@ -40,7 +47,7 @@ const char* const kPageScript = R"html(<script>
         row.hidden = !keep;
         if (keep) count++;
       });
-      shown.textContent = count + ' of ' + rows.length + ' shown';
+      shown.textContent = shown.dataset.template.replace('%1', count).replace('%2', rows.length);
     };
     input.addEventListener('input', apply);
     var asked = /^#filter=(.*)$/.exec(location.hash);

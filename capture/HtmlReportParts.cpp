@@ -62,8 +62,8 @@ int64_t SecondsOf(const std::string& time) {
 }
 
 std::string StackedBars(const std::vector<TimedItem>& items, const std::vector<std::string>& series,
-                        const std::string& unit) {
-  if (items.empty()) return "<p class=\"empty\">None.</p>";
+                        const std::string& unit, const Words& words) {
+  if (items.empty()) return "<p class=\"empty\">" + words("None.") + "</p>";
   const auto [low, high] = std::minmax_element(items.begin(), items.end(),
                                                [](const auto& a, const auto& b) { return a.seconds < b.seconds; });
   const int64_t bucket = BucketFor(high->seconds - low->seconds);
@@ -87,7 +87,9 @@ std::string StackedBars(const std::vector<TimedItem>& items, const std::vector<s
   std::ostringstream svg;
   const double width = 700.0 / static_cast<double>(bars);
   svg << "<figure><svg class=\"chart\" viewBox=\"0 0 720 230\" role=\"img\" aria-label=\"" << Escape(unit)
-      << " per " << (bucket >= 86400 ? std::to_string(bucket / 86400) + " day(s)" : std::to_string(bucket / 60) + " min")
+      << " " << words("per") << " "
+      << (bucket >= 86400 ? std::to_string(bucket / 86400) + " " + words("day(s)")
+                          : std::to_string(bucket / 60) + " " + words("min"))
       << "\">";
   for (size_t b = 0; b < bars; ++b) {
     double y = 200;
@@ -104,7 +106,7 @@ std::string StackedBars(const std::vector<TimedItem>& items, const std::vector<s
   svg << "<line x1=\"10\" y1=\"200.5\" x2=\"710\" y2=\"200.5\" stroke=\"#888\"/>"
       << "<text x=\"10\" y=\"220\">" << Escape(TimeText(first)) << "</text><text x=\"710\" y=\"220\" "
       << "text-anchor=\"end\">" << Escape(TimeText(first + static_cast<int64_t>(bars) * bucket)) << "</text>"
-      << "<text x=\"10\" y=\"12\">" << tallest << " " << Escape(unit) << " at most per bar</text></svg><figcaption>";
+      << "<text x=\"10\" y=\"12\">" << tallest << " " << Escape(unit) << " " << words("at most per bar") << "</text></svg><figcaption>";
   for (size_t s = 0; s < series.size(); ++s) {
     svg << "<span class=\"key\"><i style=\"background:" << kColours[s % 6] << "\"></i>" << Escape(series[s]) << " "
         << totals[s] << "</span> ";
@@ -126,14 +128,14 @@ std::string Bytes(double bytes) {
   return unit == 0 ? Decimal(bytes, 0) + " bytes" : Decimal(bytes, 1) + " " + units[unit];
 }
 
-std::string SpreadBar(const std::vector<uint64_t>& counts, const char* const* names) {
+std::string SpreadBar(const std::vector<uint64_t>& counts, const std::vector<std::string>& names) {
   uint64_t total = 0;
   for (const uint64_t count : counts) total += count;
   if (total == 0) return {};
   std::ostringstream svg;
   svg << "<svg class=\"spread\" viewBox=\"0 0 160 12\" width=\"160\" height=\"12\" role=\"img\">";
   double x = 0;
-  for (size_t i = 0; i < counts.size(); ++i) {
+  for (size_t i = 0; i < counts.size() && i < names.size(); ++i) {
     if (counts[i] == 0) continue;
     const double width = 160.0 * static_cast<double>(counts[i]) / static_cast<double>(total);
     svg << "<rect class=\"mark\" x=\"" << x << "\" y=\"0\" width=\"" << width << "\" height=\"12\" fill=\""
@@ -145,14 +147,14 @@ std::string SpreadBar(const std::vector<uint64_t>& counts, const char* const* na
 }
 
 std::string CountTable(const std::string& caption, const std::string& name_header,
-                       const std::vector<std::pair<std::string, uint64_t>>& rows) {
+                       const std::vector<std::pair<std::string, uint64_t>>& rows, const Words& words) {
   std::ostringstream html;
   html << "<table class=\"sortable\"><caption>" << Escape(caption) << "</caption><thead><tr><th>"
-       << Escape(name_header) << "</th><th class=\"number\">Count</th></tr></thead><tbody>";
+       << Escape(name_header) << "</th><th class=\"number\">" << words("Count") << "</th></tr></thead><tbody>";
   for (const auto& [name, count] : rows) {
     html << "<tr><td>" << Escape(name) << "</td><td class=\"number\">" << count << "</td></tr>";
   }
-  if (rows.empty()) html << "<tr><td colspan=\"2\">None.</td></tr>";
+  if (rows.empty()) html << "<tr><td colspan=\"2\">" << words("None.") << "</td></tr>";
   html << "</tbody></table>";
   return html.str();
 }

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "capture/ReportWords.h"
+
 namespace report {
 
 // Text made safe for HTML content and attribute values.
@@ -27,12 +29,12 @@ struct TimedItem {
 // order given, with its legend and totals. Items of another series are not
 // shown. "None." when there are no items.
 std::string StackedBars(const std::vector<TimedItem>& items, const std::vector<std::string>& series,
-                        const std::string& unit);
+                        const std::string& unit, const Words& words);
 
 // One horizontal bar split into the shares of `counts`, coloured like the
 // series of StackedBars, each share titled with its name and count; empty
 // when all counts are 0.
-std::string SpreadBar(const std::vector<uint64_t>& counts, const char* const* names);
+std::string SpreadBar(const std::vector<uint64_t>& counts, const std::vector<std::string>& names);
 
 // An amount of bytes with its unit ("7.3 KiB"), and a number with so many
 // decimals.
@@ -41,14 +43,15 @@ std::string Decimal(double value, int decimals);
 
 // A table of names and counts under a caption.
 std::string CountTable(const std::string& caption, const std::string& name_header,
-                       const std::vector<std::pair<std::string, uint64_t>>& rows);
+                       const std::vector<std::pair<std::string, uint64_t>>& rows, const Words& words);
 
 // A link to a copy below `out_dir` (absolute, ending with '/'), relative to
 // the page so that the folder can be moved; the name alone for a copy
 // elsewhere, nothing for no copy.
 std::string CopyLink(const std::string& path, const std::string& out_dir);
 
-extern const char* const kPageHead;    // doctype, head with the style, body start
+// Doctype, head with the style, body start, in the words' language.
+std::string PageHead(const Words& words);
 extern const char* const kPageScript;  // the table filter and sorting
 
 }  // namespace report

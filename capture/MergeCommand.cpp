@@ -22,11 +22,13 @@ int RunMergeCommand(int argc, const char* const* argv, std::ostream& out, std::o
   std::vector<std::string> folders;
   std::string merged;
   bool quiet = false;
+  std::string language = "en";
   app.add_option("FOLDER", folders, "output folders of earlier runs, in the order their captures were made")
       ->required()
       ->check(CLI::ExistingDirectory);
   app.add_option("-o,--out", merged, "the merged folder (new, or empty)")->required()->type_name("DIR");
   app.add_flag("-q,--quiet", quiet, "no summary; only problems are printed");
+  app.add_option("--lang", language, "language of report.html's own texts")->check(CLI::IsMember({"en", "zh"}));
   try {
     app.parse(argc - 1, argv + 1);
   } catch (const CLI::ParseError& error) {
@@ -42,6 +44,7 @@ int RunMergeCommand(int argc, const char* const* argv, std::ostream& out, std::o
   }
   ReportRun run;
   run.captures = std::to_string(folders.size()) + " merged output folders";
+  run.chinese = language == "zh";
   std::string report_problem;
   if (!WriteHtmlReport(merged, run, &report_problem)) {
     err << kProgramName << " merge: " << report_problem << "\n";
