@@ -93,7 +93,8 @@ class MergedDatabase {
                 "(SELECT ended FROM staged_run ORDER BY ended_unix DESC LIMIT 1), min(started_unix), "
                 "max(ended_unix), group_concat(command_line, char(10)), group_concat(captures, char(10)), "
                 "group_concat(DISTINCT options), sum(packets), sum(bytes), sum(messages), sum(entries), "
-                "sum(diagnosis_reports), sum(copies), sum(connections), max(interrupted) FROM staged_run") &&
+                "sum(diagnosis_reports), sum(copies), sum(connections), max(interrupted), sum(kernel_drops) "
+                "FROM staged_run") &&
            Exec("INSERT INTO main.statistics SELECT category, item, counter, sum(value) FROM staged_statistics "
                 "GROUP BY category, item, counter ORDER BY min(position)") &&
            WriteTimedTables() && Exec("COMMIT");

@@ -264,6 +264,7 @@ class HostServices::Impl final : public FlowSink {
     run_totals_.diagnosis_reports = run.diagnosis_reports;
     run_totals_.copies = run.copies;
     run_totals_.connections = run.flows_bound;
+    run_totals_.kernel_drops = kernel_drops_ ? kernel_drops_() : -1;
     database_->Close(run_totals_);
   }
 

@@ -349,7 +349,7 @@ bool RunDatabase::Close(const RunTotals& totals) {
 void RunDatabase::WriteEnd(const RunTotals& totals) {
   Statement end;
   if (Prepare("UPDATE run SET ended = ?, ended_unix = ?, packets = ?, bytes = ?, messages = ?, entries = ?, "
-              "diagnosis_reports = ?, copies = ?, connections = ?, interrupted = ?",
+              "diagnosis_reports = ?, copies = ?, connections = ?, interrupted = ?, kernel_drops = ?",
               end)) {
     const uint64_t now = NowSeconds();
     BindText(end.handle, 1, LocalTimeText(now));
@@ -358,6 +358,8 @@ void RunDatabase::WriteEnd(const RunTotals& totals) {
                                  totals.diagnosis_reports, totals.copies, totals.connections,
                                  uint64_t{totals.interrupted}})
       BindNumber(end.handle, index++, value);
+    // NULL for a file: there is no kernel to drop anything.
+    if (totals.kernel_drops >= 0) BindNumber(end.handle, index, static_cast<uint64_t>(totals.kernel_drops));
     Step(end.handle);
   }
 }

@@ -106,6 +106,7 @@ struct RunTotals {
   uint64_t copies = 0;
   uint64_t connections = 0;  // mail connections the module followed
   bool interrupted = false;  // ended by a signal or a limit
+  int64_t kernel_drops = -1;  // packets the kernel dropped; live capture only
 };
 
 // connections.ended: "closed", "reset", "idle", "evicted", "replaced" or

@@ -19,7 +19,8 @@ CREATE TABLE run (
   started TEXT, ended TEXT, started_unix INTEGER, ended_unix INTEGER,
   command_line TEXT, captures TEXT, options TEXT,
   packets INTEGER, bytes INTEGER, messages INTEGER, entries INTEGER,
-  diagnosis_reports INTEGER, copies INTEGER, connections INTEGER, interrupted INTEGER);
+  diagnosis_reports INTEGER, copies INTEGER, connections INTEGER, interrupted INTEGER,
+  kernel_drops INTEGER);
 CREATE TABLE connections (
   id INTEGER PRIMARY KEY, protocol TEXT, client TEXT, server TEXT,
   first_time INTEGER, last_time INTEGER,
