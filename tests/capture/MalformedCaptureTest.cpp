@@ -77,7 +77,8 @@ std::string CarriedTimeRecords(const std::vector<Frame>& frames) {
 }
 
 // A pcapng section of Ethernet frames in either byte order.
-std::string PcapngSection(const std::vector<Frame>& frames, uint64_t first_index, bool big) {
+std::string PcapngSection(const std::vector<Frame>& frames, uint64_t first_index, bool big,
+                          uint32_t snap_length = 65535) {
   const auto block = [big](uint32_t type, std::string body) {
     body.resize((body.size() + 3) / 4 * 4, '\0');
     std::string out;
@@ -91,7 +92,7 @@ std::string PcapngSection(const std::vector<Frame>& frames, uint64_t first_index
   test::Put32(header, big ? 0x00010000 : 0x00000001, big);  // version 1.0
   header += std::string(8, '\xFF');                          // section length unknown
   test::Put32(interface, big ? 0x00010000 : 0x00000001, big); // Ethernet, reserved
-  test::Put32(interface, 65535, big);
+  test::Put32(interface, snap_length, big);
   std::string out = block(0x0A0D0D0A, header) + block(1, interface);
   for (size_t i = 0; i < frames.size(); ++i) {
     const uint64_t time = test::kCaptureStartUs + (first_index + i) * 100;
@@ -151,6 +152,10 @@ const std::vector<MalformedCase>& Cases() {
        {PcapngSection(test::SmtpSession(40001, kBefore), 0, false) +
         PcapngSection(test::SmtpSession(40002, kAfter), 1000, true)},
        kExitDone, {kBefore, kAfter}, {}},
+      {"PcapngRecordsLongerThanTheirInterfaceSnapLength",
+       {PcapngSection(test::SmtpSession(40001, kBefore), 0, false, 64) +
+        PcapngSection(test::SmtpSession(40002, kAfter), 1000, true, 64)},
+       kExitDone, {kBefore, kAfter}, {"FILE0", "snap length of 64 bytes"}},
       {"HeaderLengthsThatLie", {header + SessionBefore() + test::PcapRecords(lies, 900) + SessionAfter()}, kExitDone,
        {kBefore, kAfter}, {"FILE0", "2 frames were skipped"}},
   };
