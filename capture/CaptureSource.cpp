@@ -210,7 +210,8 @@ bool CaptureSource::ResumeAtNextSection() {
   file_ = nullptr;
   std::setvbuf(file, reinterpret_cast<char*>(file_buffer_.get()), _IOFBF, kFileBufferSize);
   // The new section's interfaces are shown to libpcap widened too.
-  FILE* stream = std::fseek(file, static_cast<long>(*next), SEEK_SET) == 0 ? WidenSnapLength(file, &snap_view_) : nullptr;
+  FILE* stream =
+      std::fseek(file, static_cast<long>(*next), SEEK_SET) == 0 ? WidenSnapLength(file, &snap_view_) : nullptr;
   char message[PCAP_ERRBUF_SIZE] = {};
   if (stream) {
     if (stream != file) std::setvbuf(stream, nullptr, _IONBF, 0);
