@@ -22,6 +22,19 @@ namespace pelka {
 namespace {
 
 constexpr size_t kFileBufferSize = 1 << 20;
+// A stream in front of a file (SnapLengthWidening) is read through a buffer
+// of its own: glibc asks an unbuffered one for a byte at a time. Standard
+// input's stays unbuffered, so that the bytes held are the ones stdio holds
+// for standard input itself (StandardInputReady).
+constexpr size_t kWidenedBufferSize = 64 << 10;
+
+void BufferWidened(FILE* widened, bool standard_input) {
+  if (standard_input) {
+    std::setvbuf(widened, nullptr, _IONBF, 0);
+  } else {
+    std::setvbuf(widened, nullptr, _IOFBF, kWidenedBufferSize);
+  }
+}
 constexpr auto kDropSampleInterval = std::chrono::seconds(1);
 
 std::string LiveError(const std::string& name, int status, pcap_t* handle) {
@@ -159,8 +172,7 @@ bool CaptureSource::OpenNextFile() {
   std::setvbuf(file, reinterpret_cast<char*>(file_buffer_.get()), _IOFBF, kFileBufferSize);
   const int descriptor = file == stdin ? -1 : ::fileno(file);
   if (FILE* widened = WidenSnapLength(file, &snap_view_)) {
-    // The file keeps the large buffer; the stream in front of it needs none.
-    if (widened != file) std::setvbuf(widened, nullptr, _IONBF, 0);
+    if (widened != file) BufferWidened(widened, file == stdin);
     file = widened;
   }
   long_record_noted_ = false;
@@ -214,7 +226,7 @@ bool CaptureSource::ResumeAtNextSection() {
       std::fseek(file, static_cast<long>(*next), SEEK_SET) == 0 ? WidenSnapLength(file, &snap_view_) : nullptr;
   char message[PCAP_ERRBUF_SIZE] = {};
   if (stream) {
-    if (stream != file) std::setvbuf(stream, nullptr, _IONBF, 0);
+    if (stream != file) BufferWidened(stream, false);
     handle_ = OpenOffline(stream, false, message);
   }
   if (!handle_) {
