@@ -16,13 +16,25 @@
 #include "capture/PcapFormat.h"
 #include "capture/PcapTime.h"
 #include "capture/PcapngSections.h"
-#include "capture/SnapLengthWidening.h"
 
 namespace pelka {
 
 namespace {
 
 constexpr size_t kFileBufferSize = 1 << 20;
+// A stream in front of a file (SnapLengthWidening) is read through a buffer
+// of its own: glibc asks an unbuffered one for a byte at a time. Standard
+// input's stays unbuffered, so that the bytes held are the ones stdio holds
+// for standard input itself (StandardInputReady).
+constexpr size_t kWidenedBufferSize = 64 << 10;
+
+void BufferWidened(FILE* widened, bool standard_input) {
+  if (standard_input) {
+    std::setvbuf(widened, nullptr, _IONBF, 0);
+  } else {
+    std::setvbuf(widened, nullptr, _IOFBF, kWidenedBufferSize);
+  }
+}
 constexpr auto kDropSampleInterval = std::chrono::seconds(1);
 
 std::string LiveError(const std::string& name, int status, pcap_t* handle) {
@@ -158,15 +170,14 @@ bool CaptureSource::OpenNextFile() {
   }
   if (!file_buffer_) file_buffer_ = MakePageAlignedBytes(kFileBufferSize);
   std::setvbuf(file, reinterpret_cast<char*>(file_buffer_.get()), _IOFBF, kFileBufferSize);
-  bool nanosecond = false;
-  if (FILE* widened = WidenSnapLength(file, &header_snap_length_, &nanosecond)) {
-    // The file keeps the large buffer; the stream in front of it needs none.
-    if (widened != file) std::setvbuf(widened, nullptr, _IONBF, 0);
+  const int descriptor = file == stdin ? -1 : ::fileno(file);
+  if (FILE* widened = WidenSnapLength(file, &snap_view_)) {
+    if (widened != file) BufferWidened(widened, file == stdin);
     file = widened;
   }
   long_record_noted_ = false;
   char message[PCAP_ERRBUF_SIZE] = {};
-  pcap_t* handle = OpenOffline(file, nanosecond, message);
+  pcap_t* handle = OpenOffline(file, snap_view_.nanosecond, message);
   if (!handle) {
     if (file != stdin) std::fclose(file);
     error_ = "cannot read " + current_name_ + ": " + message;
@@ -183,21 +194,22 @@ bool CaptureSource::OpenNextFile() {
   }
   handle_ = handle;
   file_ = file;
-  nanosecond_ = nanosecond;
+  file_descriptor_ = descriptor;
+  nanosecond_ = snap_view_.nanosecond;
   section_start_ = 0;
   return true;
 }
 
 bool CaptureSource::ResumeAtNextSection() {
-  if (!file_ || file_ == stdin) return false;
+  if (!file_ || file_descriptor_ < 0) return false;
   const long position = std::ftell(file_);
   if (position < 0) return false;
   const std::optional<uint64_t> next =
-      FindByteOrderChange(::fileno(file_), section_start_, static_cast<uint64_t>(position));
+      FindByteOrderChange(file_descriptor_, section_start_, static_cast<uint64_t>(position));
   if (!next) return false;
   // The descriptor outlives the libpcap handle, which closes its stream: a
   // file opened before --user dropped the privileges stays readable.
-  const int descriptor = ::fcntl(::fileno(file_), F_DUPFD_CLOEXEC, 0);
+  const int descriptor = ::fcntl(file_descriptor_, F_DUPFD_CLOEXEC, 0);
   if (descriptor < 0) return false;
   FILE* file = ::fdopen(descriptor, "rb");
   if (!file) {
@@ -207,18 +219,33 @@ bool CaptureSource::ResumeAtNextSection() {
   // The old handle goes first: both streams would use the one buffer.
   pcap_close(handle_);
   handle_ = nullptr;
-  file_ = file;
+  file_ = nullptr;
   std::setvbuf(file, reinterpret_cast<char*>(file_buffer_.get()), _IOFBF, kFileBufferSize);
+  // The new section's interfaces are shown to libpcap widened too.
+  FILE* stream =
+      std::fseek(file, static_cast<long>(*next), SEEK_SET) == 0 ? WidenSnapLength(file, &snap_view_) : nullptr;
   char message[PCAP_ERRBUF_SIZE] = {};
-  if (std::fseek(file, static_cast<long>(*next), SEEK_SET) == 0) handle_ = OpenOffline(file, false, message);
+  if (stream) {
+    if (stream != file) BufferWidened(stream, false);
+    handle_ = OpenOffline(stream, false, message);
+  }
   if (!handle_) {
     // Fail closes a handle only: the stream goes here.
-    std::fclose(file);
-    file_ = nullptr;
+    std::fclose(stream ? stream : file);
     return false;
   }
+  file_ = stream;
+  file_descriptor_ = descriptor;
   section_start_ = *next;
   return true;
+}
+
+void CaptureSource::NoteLongRecord(uint32_t captured_length) {
+  const uint32_t stated = snap_view_.header_snap_length;
+  const uint32_t exceeded = stated && captured_length > stated ? stated : snap_view_.exceeded_snap_length;
+  if (!exceeded) return;
+  long_record_noted_ = true;
+  long_records_.push_back({current_name_, exceeded});
 }
 
 void CaptureSource::CloseCurrent() {
@@ -229,6 +256,7 @@ void CaptureSource::CloseCurrent() {
   handle_ = nullptr;
   selectable_fd_ = -1;
   file_ = nullptr;
+  file_descriptor_ = -1;
   reading_stdin_ = false;
   current_bytes_ = 0;
   current_name_.clear();
@@ -269,10 +297,7 @@ ReadStatus CaptureSource::Next(CapturedFrame* frame) {
       frame->link_type = pcap_datalink(handle_);
       if (live_) SampleKernelDrops(false);
       current_bytes_ += header->caplen + kPcapRecordHeaderBytes;
-      if (header_snap_length_ && header->caplen > header_snap_length_ && !long_record_noted_) {
-        long_record_noted_ = true;
-        long_records_.push_back({current_name_, header_snap_length_});
-      }
+      if (!long_record_noted_) NoteLongRecord(header->caplen);
       return ReadStatus::kFrame;
     }
     if (status == 0) {

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "capture/PageAlignedBuffer.h"
+#include "capture/SnapLengthWidening.h"
 
 struct pcap;
 
@@ -140,6 +141,8 @@ class CaptureSource {
     int open_error = 0;
   };
   ReadStatus Fail(const std::string& message);
+  // Notes the current file once when a record is longer than its snap length.
+  void NoteLongRecord(uint32_t captured_length);
 
   std::vector<std::string> paths_;
   std::vector<HeldFile> held_;  // empty unless OpenAllFilesNow was called
@@ -155,7 +158,8 @@ class CaptureSource {
   std::string current_name_;
   std::string error_;
   uint64_t frames_ = 0;
-  uint32_t header_snap_length_ = 0;  // of the current file, when libpcap is shown a larger one
+  int file_descriptor_ = -1;  // under file_, which may be a stream in front of it; -1 for standard input
+  SnapLengthView snap_view_;  // of the current file, as the stream in front of it shows it to libpcap
   bool long_record_noted_ = false;
   std::vector<LongRecordFile> long_records_;
   uint64_t start_offset_ = 0;    // where the next file opened is read from

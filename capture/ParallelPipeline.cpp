@@ -125,13 +125,21 @@ class ParallelPipeline::Worker {
 
   void Handle(const Batch& batch) {
     const unsigned workers = pipeline_->workers();
+    // Another worker's TCP segment still ends the flows here that were idle
+    // before it, as it would on a single tracker.
     for (const Batch::Frame& frame : batch.frames) {
-      if (frame.worker != kAnyWorker && frame.worker != index_) continue;
+      if (frame.worker != kAnyWorker && frame.worker != index_) {
+        tracker_.Advance(frame.time_us);
+        continue;
+      }
       const uint8_t* bytes = frame.data ? frame.data : batch.bytes.data() + frame.offset;
       // Each frame is counted once: by its worker, or else by the first.
       PacketDecoder& decoder = frame.worker == index_ || index_ == 0 ? decoder_ : uncounted_decoder_;
       if (decoder.Decode(frame.link_type, bytes, frame.length, &packet_) != DecodeStatus::kTcp) continue;
-      if (frame.worker == kAnyWorker && WorkerOf(packet_, workers) != index_) continue;
+      if (frame.worker == kAnyWorker && WorkerOf(packet_, workers) != index_) {
+        tracker_.Advance(frame.time_us);
+        continue;
+      }
       tracker_.OnPacket(packet_, bytes, frame.number, frame.time_us);
     }
     if (batch.advance_us) tracker_.Advance(batch.advance_us);

@@ -14,7 +14,9 @@
 // hands the TCP packets whose connection hashes to it (ConnectionHash.h) to a
 // FlowTracker of its own, so every flow is handled by one thread, in the order
 // of its packets; the sink must accept calls for different flows from
-// different threads.
+// different threads. The capture time of the other TCP segments reaches each
+// tracker too, so that idle flows end at the segment they would end at on a
+// single tracker.
 //
 // A frame that lies in a shared PcapBlock is not copied: the batch keeps a
 // reference on the block until the last worker is done with the batch. Other

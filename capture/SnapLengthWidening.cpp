@@ -6,38 +6,49 @@
 #include <memory>
 
 #include "capture/PcapFormat.h"
+#include "capture/PcapngSections.h"
+#include "capture/PcapngWidening.h"
 
 namespace pelka {
 namespace {
 
-// The stream libpcap reads: the changed header, then the file's bytes.
+// The stream libpcap reads: the first bytes as changed, then the file's
+// bytes; for pcapng, the blocks as the widener changes them.
 struct WidenedFile {
   std::FILE* file;
   uint8_t header[kPcapFileHeaderBytes];
   size_t header_length = 0;  // fewer than kPcapFileHeaderBytes when the input is that short
-  uint64_t position = 0;     // in the stream, which is the position in the file
+  uint64_t start = 0;        // where the stream starts in the file
+  uint64_t position = 0;     // in the stream
+  std::unique_ptr<PcapngWidener> pcapng;
 };
 
 ssize_t ReadWidened(void* cookie, char* out, size_t size) {
   auto* widened = static_cast<WidenedFile*>(cookie);
   size_t given = 0;
-  if (widened->position < widened->header_length) {
-    given = std::min(size, widened->header_length - static_cast<size_t>(widened->position));
-    std::memcpy(out, widened->header + widened->position, given);
+  if (widened->pcapng) {
+    given = widened->pcapng->Read(reinterpret_cast<uint8_t*>(out), size);
+  } else {
+    if (widened->position < widened->header_length) {
+      given = std::min(size, widened->header_length - static_cast<size_t>(widened->position));
+      std::memcpy(out, widened->header + widened->position, given);
+    }
+    if (given < size) given += std::fread(out + given, 1, size - given, widened->file);
   }
-  if (given < size) given += std::fread(out + given, 1, size - given, widened->file);
   widened->position += given;
   if (given == 0 && std::ferror(widened->file)) return -1;
   return static_cast<ssize_t>(given);
 }
 
+// Telling the position works on every stream; a classic file may be read
+// again from any record on, a pcapng file only on from where it is.
 int SeekWidened(void* cookie, off64_t* offset, int whence) {
   auto* widened = static_cast<WidenedFile*>(cookie);
   if (whence == SEEK_CUR && *offset == 0) {
-    *offset = static_cast<off64_t>(widened->position);
+    *offset = static_cast<off64_t>(widened->start + widened->position);
     return 0;
   }
-  if (whence != SEEK_SET || *offset < 0) return -1;
+  if (widened->pcapng || whence != SEEK_SET || *offset < 0) return -1;
   // Bytes of the header read again come from the changed copy.
   const uint64_t target = static_cast<uint64_t>(*offset);
   const uint64_t in_file = std::max<uint64_t>(target, widened->header_length);
@@ -57,21 +68,33 @@ void Store32(uint8_t* bytes, uint32_t value, bool swapped) {
   std::memcpy(bytes, &value, sizeof value);
 }
 
+bool IsPcapng(const uint8_t* header, size_t length) {
+  uint32_t type = 0;
+  if (length < sizeof type) return false;
+  std::memcpy(&type, header, sizeof type);
+  return type == kPcapngSectionHeader;
+}
+
 }  // namespace
 
-std::FILE* WidenSnapLength(std::FILE* file, uint32_t* snap_length, bool* nanosecond) {
-  *snap_length = 0;
+std::FILE* WidenSnapLength(std::FILE* file, SnapLengthView* view) {
+  *view = {};
   auto widened = std::make_unique<WidenedFile>();
   widened->file = file;
+  const long start = file == stdin ? -1 : std::ftell(file);
+  widened->start = start > 0 ? static_cast<uint64_t>(start) : 0;
   widened->header_length = std::fread(widened->header, 1, kPcapFileHeaderBytes, file);
   const bool whole_header = widened->header_length == kPcapFileHeaderBytes;
   const PcapMagic magic = whole_header ? ReadPcapMagic(widened->header) : PcapMagic{};
-  *nanosecond = magic.nanosecond;
+  view->nanosecond = magic.nanosecond;
   const uint32_t stated = magic.classic ? LoadPcap32(widened->header + kPcapSnapLengthOffset, magic.swapped) : 0;
-  if (magic.classic && stated != 0 && stated < kPcapLargestRecord) {
+  if (IsPcapng(widened->header, widened->header_length)) {
+    widened->pcapng = std::make_unique<PcapngWidener>(file, widened->header, widened->header_length,
+                                                      &view->exceeded_snap_length);
+  } else if (magic.classic && stated != 0 && stated < kPcapLargestRecord) {
     Store32(widened->header + kPcapSnapLengthOffset, kPcapLargestRecord, magic.swapped);
-    *snap_length = stated;
-  } else if (file != stdin && std::fseek(file, 0, SEEK_SET) == 0) {
+    view->header_snap_length = stated;
+  } else if (start >= 0 && std::fseek(file, start, SEEK_SET) == 0) {
     return file;  // nothing to change: libpcap reads the file as it is
   }
   // Header bytes read from a pipe cannot be put back, so the stream serves

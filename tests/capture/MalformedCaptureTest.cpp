@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -76,8 +77,10 @@ std::string CarriedTimeRecords(const std::vector<Frame>& frames) {
   return out;
 }
 
-// A pcapng section of Ethernet frames in either byte order.
-std::string PcapngSection(const std::vector<Frame>& frames, uint64_t first_index, bool big) {
+// A pcapng section of Ethernet frames in either byte order, in enhanced
+// packet blocks or in simple ones (which hold at most the snap length).
+std::string PcapngSection(const std::vector<Frame>& frames, uint64_t first_index, bool big,
+                          uint32_t snap_length = 65535, bool simple = false) {
   const auto block = [big](uint32_t type, std::string body) {
     body.resize((body.size() + 3) / 4 * 4, '\0');
     std::string out;
@@ -91,12 +94,17 @@ std::string PcapngSection(const std::vector<Frame>& frames, uint64_t first_index
   test::Put32(header, big ? 0x00010000 : 0x00000001, big);  // version 1.0
   header += std::string(8, '\xFF');                          // section length unknown
   test::Put32(interface, big ? 0x00010000 : 0x00000001, big); // Ethernet, reserved
-  test::Put32(interface, 65535, big);
+  test::Put32(interface, snap_length, big);
   std::string out = block(0x0A0D0D0A, header) + block(1, interface);
   for (size_t i = 0; i < frames.size(); ++i) {
     const uint64_t time = test::kCaptureStartUs + (first_index + i) * 100;
     const auto length = static_cast<uint32_t>(frames[i].bytes.size());
     std::string packet;
+    if (simple) {
+      test::Put32(packet, length, big);
+      out += block(3, packet.append(frames[i].bytes.begin(), frames[i].bytes.begin() + std::min(length, snap_length)));
+      continue;
+    }
     for (uint64_t field : {uint64_t{0}, time >> 32, time & 0xFFFFFFFF, uint64_t{length}, uint64_t{length}})
       test::Put32(packet, static_cast<uint32_t>(field), big);
     out += block(6, packet.append(frames[i].bytes.begin(), frames[i].bytes.end()));
@@ -151,6 +159,12 @@ const std::vector<MalformedCase>& Cases() {
        {PcapngSection(test::SmtpSession(40001, kBefore), 0, false) +
         PcapngSection(test::SmtpSession(40002, kAfter), 1000, true)},
        kExitDone, {kBefore, kAfter}, {}},
+      {"PcapngRecordsLongerThanTheirInterfaceSnapLength",
+       {PcapngSection(test::SmtpSession(40001, kBefore), 0, false, 64) +
+        PcapngSection(test::SmtpSession(40002, kAfter), 1000, true, 64)},
+       kExitDone, {kBefore, kAfter}, {"FILE0", "snap length of 64 bytes"}},
+      {"PcapngSimplePacketsCutByTheSnapLength", {PcapngSection(test::SmtpSession(40001, kBefore), 0, false, 64, true)},
+       kExitDone, {}, {"FILE0", "cut short by the capture's snap length"}},
       {"HeaderLengthsThatLie", {header + SessionBefore() + test::PcapRecords(lies, 900) + SessionAfter()}, kExitDone,
        {kBefore, kAfter}, {"FILE0", "2 frames were skipped"}},
   };

@@ -79,6 +79,7 @@ std::vector<DecodeCase> Cases() {
       {"ethernet padding after payload", kLinkEthernet, With(Ethernet(v4), [](Bytes& f) { f.resize(f.size() + 6); }),
        tcp, 8, 8, 34},
       {"QinQ", kLinkEthernet, Ethernet(v4, {0x88A8, 0x8100}), tcp, 8, 8, 42},
+      {"older QinQ tag types", kLinkEthernet, Ethernet(v4, {0x9100, 0x9200}), tcp, 8, 8, 42},
       {"nine VLAN tags", kLinkEthernet, Ethernet(v4, {0x8100, 0x8100, 0x8100, 0x8100, 0x8100, 0x8100, 0x8100, 0x8100,
                                                       0x8100}), malformed},
       {"VLAN tag cut", kLinkEthernet, Cut(Ethernet(v4, {0x8100}), 16), truncated},

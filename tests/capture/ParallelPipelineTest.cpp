@@ -75,9 +75,10 @@ struct IdleCountingSink : FlowSink {
   std::atomic<int> started{0}, idle{0};
 };
 
-// The frames as the workers read them, then, with `advance_us`, a timeout
-// passing that capture time.
-void Feed(ParallelPipeline& parallel, const std::vector<Bytes>& frames, uint64_t advance_us = 0) {
+// The frames as the workers read them, the last one at `last_us` if given,
+// then, with `advance_us`, a timeout passing that capture time.
+void Feed(ParallelPipeline& parallel, const std::vector<Bytes>& frames, uint64_t advance_us = 0,
+          uint64_t last_us = 0) {
   size_t next = 0;
   bool advanced = advance_us == 0;
   parallel.Run([&](CapturedFrame* frame, PcapBlock** block) {
@@ -85,7 +86,8 @@ void Feed(ParallelPipeline& parallel, const std::vector<Bytes>& frames, uint64_t
     if (next < frames.size()) {
       const Bytes& bytes = frames[next++];
       *frame = CapturedFrame{bytes.data(), static_cast<uint32_t>(bytes.size()), static_cast<uint32_t>(bytes.size()),
-                             next, test::kCaptureStartUs + next * 100, kLinkEthernet};
+                             next, last_us && next == frames.size() ? last_us : test::kCaptureStartUs + next * 100,
+                             kLinkEthernet};
       return ReadStatus::kFrame;
     }
     if (advanced) return ReadStatus::kEnd;
@@ -98,19 +100,27 @@ void Feed(ParallelPipeline& parallel, const std::vector<Bytes>& frames, uint64_t
 // That every flow hears on one worker what one tracker tells it is checked
 // end to end by ThreadsTest, which compares every output of 1 to 4 threads
 // over interleaved sessions and the corpus, read from shared blocks.
+// A timeout or any worker's TCP segment, of any port, carries it.
 TEST(ParallelPipelineAdvanceTest, CaptureTimeReachesEveryWorker) {
   FlowTracker::Options options;
   options.idle_timeout_us = 5 * 1000000ull;
-  IdleCountingSink sink;
-  ParallelPipeline parallel(3, &sink, options);
   std::vector<Bytes> handshakes;  // every flow stays open
   for (uint16_t i = 0; i < 12; ++i) {
     const std::vector<test::Frame> session = test::SmtpSession(static_cast<uint16_t>(30000 + i), "");
     for (size_t k = 0; k < 3; ++k) handshakes.push_back(session[k].bytes);
   }
-  Feed(parallel, handshakes, test::kCaptureStartUs + 36 * 100 + options.idle_timeout_us + 1);
-  EXPECT_EQ(sink.started, 12);
-  EXPECT_EQ(sink.idle, 12);
+  const uint64_t late = test::kCaptureStartUs + 37 * 100 + options.idle_timeout_us + 1;
+  for (const bool by_segment : {false, true}) {
+    SCOPED_TRACE(by_segment ? "a web segment" : "a timeout");
+    IdleCountingSink sink;
+    ParallelPipeline parallel(3, &sink, options);
+    std::vector<Bytes> frames = handshakes;
+    const Segment web = Between(test::V4(10, 9, 9, 9), 50000, test::V4(10, 9, 9, 8), 80);
+    if (by_segment) frames.push_back(test::Ethernet(test::IpPacket(web)));
+    Feed(parallel, frames, by_segment ? 0 : late, by_segment ? late : 0);
+    EXPECT_EQ(sink.started, 12);
+    EXPECT_EQ(sink.idle, 12);
+  }
 }
 
 }  // namespace

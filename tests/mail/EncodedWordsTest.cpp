@@ -30,6 +30,7 @@ TEST(EncodedWordsTest, DecodeEncodedWords) {
       {"underscore stays", "=?utf-8?q?a_b?=", L"a_b"},
       {"equals sign without digits ends the text", "=?gbk?q?ab=XYcd?=", L"ab"},
       {"invalid utf-8 goes on", "=?utf-8?q?a=FFb?=", L"a\uFFFDb"},
+      {"utf-8 cut short inside the text: one U+FFFD", "=?utf-8?q?=E4=BA_x?=", L"\uFFFD_x"},
       {"empty payload keeps the leading text", "Re: =?gbk?b?\?=", L"Re: ", L"old"},
       {"empty utf-8 result keeps the output behind the leading text", "Re: =?utf-8?b?\?=", L"Re: old", L"old"},
       {"prefix without a closing mark", "Re: =?utf-8?b?5Lit5paH", L"Re: old", L"old"},
