@@ -42,10 +42,16 @@ TEST(JsonTextTest, EscapesEveryControlCharacterQuoteAndBackslash) {
     std::string wide;
     AppendJsonString(wide, std::wstring(c.text.begin(), c.text.end()));
     EXPECT_EQ(wide, "\"" + c.json + "\"");
-    // Read back out of a line, past a field whose value holds the key's text.
-    const std::string line = "{\"n\": 7, \"x\": \"\\\"k\\\": \", \"k\": " + narrow + "}";
+    // Read back out of a line, past a field whose value holds the key's text
+    // and an array holding a string with a bracket.
+    const std::string line =
+        "{\"n\": 7, \"a\": [1, \"],\"], \"x\": \"\\\"k\\\": \", \"k\": " + narrow + ", \"m\": 8}";
     EXPECT_EQ(UnescapeJson(JsonFieldText(line, "k")), c.text);
     EXPECT_EQ(JsonFieldText(line, "n"), "7");
+    const JsonFields fields(line);
+    EXPECT_EQ(UnescapeJson(fields.Text("k")), c.text);
+    EXPECT_EQ(fields.Text("n"), "7");
+    EXPECT_EQ(fields.Text("m"), "8");
   }
 }
 
