@@ -25,6 +25,8 @@ struct EscapeCase {
 const EscapeCase kEscapeCases[] = {
     {"quote", "a\"b", "a\\\"b"},
     {"backslash", "a\\b", "a\\\\b"},
+    {"backslash before the closing quote", "a\\", "a\\\\"},
+    {"quote before the closing quote", "a\"", "a\\\""},
     {"tab, newline and return by letter", "\t\n\r", "\\t\\n\\r"},
     {"every other control byte and DEL as \\u00XX", OtherControlBytes(),
      "\\u0000\\u0001\\u0002\\u0003\\u0004\\u0005\\u0006\\u0007\\u0008\\u000b\\u000c\\u000e\\u000f"
