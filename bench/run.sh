@@ -2,7 +2,7 @@
 # The throughput benchmark. Generates the mail traffic captures once (cached
 # outside the repository), then runs every contender over them and prints,
 # side by side: MB/s, packets/s, messages/s, peak RSS, and the ratios to the
-# read limit (the fastest of four plain read loops, each printed) and to
+# read limit (the fastest of five plain read loops, each printed) and to
 # tshark. It also checks that pelka-email posts one record for every message
 # the generator expects the module to record, and
 # that the time per MB of a capture of large messages stays within 1.25x of
@@ -200,7 +200,7 @@ busy_round() {
 }
 
 # The plain read loops of pelka-read-limit; the fastest is the read limit.
-read_loops=(aligned heap default blocks)
+read_loops=(aligned heap default blocks program)
 
 # fold_limit: the read limit is the fastest plain loop of the last run_all.
 fold_limit() {
@@ -230,7 +230,8 @@ report() {
     "/tshark" "/1thread"
   fold_limit
   local limit=${result_seconds[read-limit]:-} tshark=${result_seconds[tshark]:-} single=${result_seconds[pelka-email]:-}
-  for name in read-aligned read-heap read-default read-blocks pelka-email pelka-email-no-db pelka-email-2t tshark; do
+  for name in read-aligned read-heap read-default read-blocks read-program pelka-email pelka-email-no-db pelka-email-2t \
+    tshark; do
     local s=${result_seconds[$name]:-}
     [ -n "$s" ] || continue
     local vs_limit=- vs_tshark=- vs_single=-
