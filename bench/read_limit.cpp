@@ -11,6 +11,9 @@
 //   --loop default   pcap_open_offline with libpcap's own small reads
 //   --loop blocks    pread of 1 MiB page-aligned blocks, walking the record
 //                    headers in place (how pelka-email reads a regular file)
+//   --loop program   pelka-email's own block reader (capture/PcapBlockReader)
+//                    with its single-thread pool: what reading costs the
+//                    program, every check it makes on a record included
 #include <fcntl.h>
 #include <pcap/pcap.h>
 #include <unistd.h>
@@ -24,6 +27,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "capture/PcapBlockReader.h"
 
 namespace {
 
@@ -122,6 +127,23 @@ bool ReadBlocks(const char* path, uint8_t* block, Totals* totals, std::string* e
   return true;
 }
 
+// The program's reader, as its single-thread run uses it.
+bool ReadWithProgramReader(const char* path, Totals* totals, std::string* error) {
+  pelka::PcapBlockPool pool(2);
+  pelka::PcapBlockReader reader(&pool);
+  reader.OpenFiles({path});
+  pelka::CapturedFrame frame;
+  pelka::PcapBlock* block = nullptr;
+  pelka::ReadStatus status;
+  while ((status = reader.Next(&frame, &block)) == pelka::ReadStatus::kFrame) {
+    ++totals->packets;
+    totals->bytes += frame.captured_length;
+    if (frame.captured_length) totals->touched += frame.data[frame.captured_length - 1];
+  }
+  if (!reader.error().empty()) *error = reader.error();
+  return status != pelka::ReadStatus::kError && reader.error().empty();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -133,8 +155,8 @@ int main(int argc, char** argv) {
     else if (arg == "--default") loop = "default";  // the older spelling
     else path = argv[i];
   }
-  if (!path || (loop != "aligned" && loop != "heap" && loop != "default" && loop != "blocks")) {
-    std::fprintf(stderr, "usage: pelka-read-limit [--loop aligned|heap|default|blocks] FILE\n");
+  if (!path || (loop != "aligned" && loop != "heap" && loop != "default" && loop != "blocks" && loop != "program")) {
+    std::fprintf(stderr, "usage: pelka-read-limit [--loop aligned|heap|default|blocks|program] FILE\n");
     return 2;
   }
 
@@ -147,6 +169,7 @@ int main(int argc, char** argv) {
   std::string error;
   bool ok = false;
   if (loop == "blocks") ok = ReadBlocks(path, aligned, &totals, &error);
+  else if (loop == "program") ok = ReadWithProgramReader(path, &totals, &error);
   else if (loop == "default") ok = ReadWithLibpcap(path, nullptr, &totals, &error);
   else ok = ReadWithLibpcap(path, loop == "heap" ? heap.data() : reinterpret_cast<char*>(aligned), &totals, &error);
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

@@ -2,12 +2,15 @@
 # The throughput benchmark. Generates the mail traffic captures once (cached
 # outside the repository), then runs every contender over them and prints,
 # side by side: MB/s, packets/s, messages/s, peak RSS, and the ratios to the
-# read limit (the fastest of four plain read loops, each printed) and to
+# read limit (the fastest of five plain read loops, each printed) and to
 # tshark. It also checks that pelka-email posts one record for every message
 # the generator expects the module to record, and
 # that the time per MB of a capture of large messages stays within 1.25x of
 # the mixed capture's. Two single-thread runs at once show how far two cores
 # scale here for work that shares nothing, the yardstick for --threads 2.
+# A "busy machine" round runs one and two threads again while a CPU-bound
+# process (not pinned: the scheduler moves it and the workers around) takes a
+# core, and checks that two threads are not slower than one there.
 #
 #   bench/run.sh            # ~1 GB mixed capture + 500 messages of 2 MiB
 #
@@ -165,6 +168,7 @@ run_all() {
     # ---- pelka-email contenders: they run once the capture program exists ----
     if [ -x "$pelka" ]; then
       pelka_once "$capture" pelka-email "$round"
+      pelka_once "$capture" pelka-email-no-db "$round" --no-db
       pelka_once "$capture" pelka-email-2t "$round" --threads 2
       pair_once "$capture"
     fi
@@ -177,8 +181,26 @@ run_all() {
   fi
 }
 
+# busy_round CAPTURE: one and two threads, best of $repeat runs each, taking
+# turns, while a CPU-bound process runs unpinned; sets busy_single, busy_two.
+busy_round() {
+  local capture=$1 round hog
+  sh -c 'while :; do :; done' &
+  hog=$!
+  result_seconds=()
+  result_rss=()
+  for ((round = 0; round < repeat; ++round)); do
+    pelka_once "$capture" busy-1t 1
+    pelka_once "$capture" busy-2t 1 --threads 2
+  done
+  kill "$hog"
+  wait "$hog" 2>/dev/null || true
+  busy_single=${result_seconds[busy-1t]:-}
+  busy_two=${result_seconds[busy-2t]:-}
+}
+
 # The plain read loops of pelka-read-limit; the fastest is the read limit.
-read_loops=(aligned heap default blocks)
+read_loops=(aligned heap default blocks program)
 
 # fold_limit: the read limit is the fastest plain loop of the last run_all.
 fold_limit() {
@@ -208,7 +230,8 @@ report() {
     "/tshark" "/1thread"
   fold_limit
   local limit=${result_seconds[read-limit]:-} tshark=${result_seconds[tshark]:-} single=${result_seconds[pelka-email]:-}
-  for name in read-aligned read-heap read-default read-blocks pelka-email pelka-email-2t tshark; do
+  for name in read-aligned read-heap read-default read-blocks read-program pelka-email pelka-email-no-db pelka-email-2t \
+    tshark; do
     local s=${result_seconds[$name]:-}
     [ -n "$s" ] || continue
     local vs_limit=- vs_tshark=- vs_single=-
@@ -258,6 +281,11 @@ if [ -n "${result_seconds[pelka-email]:-}" ]; then
     check "--threads 2 at least 1.6x single thread" "$single / ${result_seconds[pelka-email-2t]} >= 1.6" \
       "$(echo "$single / ${result_seconds[pelka-email-2t]}" | bc -l | xargs printf '%.2f')x"
   fi
+  if [ -n "${result_seconds[pelka-email-no-db]:-}" ]; then
+    check "the database costs at most 10% of single-thread throughput" \
+      "${result_seconds[pelka-email-no-db]} / $single >= 0.9" \
+      "$(echo "100 * ($single / ${result_seconds[pelka-email-no-db]} - 1)" | bc -l | xargs printf '%.0f')% more time"
+  fi
   if [ -n "${result_seconds[pair]:-}" ]; then
     say "two single-thread runs at once: $(printf '%.2f' "${result_seconds[pair]}") s for twice the work," \
       "$(echo "2 * $single / ${result_seconds[pair]}" | bc -l | xargs printf '%.2f')x one run:" \
@@ -277,6 +305,23 @@ if [ -n "${result_seconds[pelka-email]:-}" ]; then
 fi
 if ! command -v tshark >/dev/null; then
   say "tshark is not installed; to compare with it: sudo apt-get install tshark"
+fi
+
+# --- the busy machine: a core taken by another process ------------------------
+if [ -x "$pelka" ]; then
+  say ""
+  say "busy machine: the mixed capture while a CPU-bound process runs, not pinned"
+  busy_round "$mixed"
+  if [ -n "$busy_single" ] && [ -n "$busy_two" ]; then
+    printf '%-16s %9s %9s %10s\n' contender seconds MB/s "RSS MiB"
+    for name in busy-1t busy-2t; do
+      printf '%-16s %9.2f %9.1f %10.1f\n' "$name" "${result_seconds[$name]}" \
+        "$(echo "$(count "$mixed" file_bytes) / ${result_seconds[$name]} / 1000000" | bc -l)" \
+        "$(echo "${result_rss[$name]} / 1024" | bc -l)"
+    done
+    check "busy machine: --threads 2 at least as fast as one thread" "$busy_single / $busy_two >= 1.0" \
+      "$(echo "$busy_single / $busy_two" | bc -l | xargs printf '%.2f')x"
+  fi
 fi
 
 # --- scenario 2: large messages ----------------------------------------------

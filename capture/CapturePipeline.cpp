@@ -4,8 +4,11 @@ namespace pelka {
 namespace {
 
 // Blocks shared by the workers: a block holds several batches' frames, and the
-// largest record (256 KiB) fits in one.
-constexpr size_t kParallelBlocks = 16;
+// largest record (256 KiB) fits in one. Enough for the batches in flight
+// (ParallelPipeline::kBatches, at most two blocks each but mostly sharing
+// them) to cover the run-ahead of a worker whose partner lost its core;
+// blocks are made only when needed, so a quiet run touches a few.
+constexpr size_t kParallelBlocks = 40;
 constexpr size_t kParallelBlockBytes = 512 * 1024;
 
 static_assert(FlowTracker::Options{}.idle_timeout_us == uint64_t{kDefaultIdleTimeoutSeconds} * 1000000);

@@ -195,6 +195,77 @@ std::string_view JsonFieldText(std::string_view line, std::string_view key) {
   return line.substr(begin, end - begin);
 }
 
+namespace {
+
+// The index of the quote that closes the string whose text starts at
+// `begin`, or the line's size when it is cut short: the first quote after an
+// even run of backslashes. Quotes are looked for with memchr, the text
+// between them is not walked byte by byte.
+size_t StringEnd(std::string_view line, size_t begin) {
+  for (size_t at = begin;;) {
+    const size_t quote = line.find('"', at);
+    if (quote == std::string_view::npos) return line.size();
+    size_t backslashes = 0;
+    while (quote - backslashes > begin && line[quote - backslashes - 1] == '\\') ++backslashes;
+    if (backslashes % 2 == 0) return quote;
+    at = quote + 1;
+  }
+}
+
+// The end of a value that is not a string (a number, null, an array or an
+// object): the first comma or closing brace outside its brackets and strings.
+size_t OtherValueEnd(std::string_view line, size_t at) {
+  int depth = 0;
+  for (; at < line.size(); ++at) {
+    const char c = line[at];
+    if (c == '"') {
+      at = StringEnd(line, at + 1);
+    } else if (c == '[' || c == '{') {
+      ++depth;
+    } else if ((c == ']' || c == '}') && depth > 0) {
+      --depth;
+    } else if ((c == ',' || c == '}') && depth == 0) {
+      break;
+    }
+  }
+  return std::min(at, line.size());
+}
+
+}  // namespace
+
+JsonFields::JsonFields(std::string_view line) {
+  size_t at = line.find('{');
+  if (at == std::string_view::npos) return;
+  ++at;
+  while (at < line.size()) {
+    while (at < line.size() && (line[at] == ' ' || line[at] == ',')) ++at;
+    if (at >= line.size() || line[at] != '"') return;
+    const size_t key_end = StringEnd(line, at + 1);
+    const std::string_view key = line.substr(at + 1, key_end - at - 1);
+    at = key_end + 1;
+    // JsonFieldText finds a key by its quote, colon and one space.
+    if (line.substr(std::min(at, line.size()), 2) != ": ") return;
+    at += 2;
+    if (at < line.size() && line[at] == '"') {
+      const size_t end = StringEnd(line, at + 1);
+      fields_.push_back({key, line.substr(at + 1, end - at - 1)});
+      at = end + 1;
+      continue;
+    }
+    const size_t end = OtherValueEnd(line, at);
+    size_t digits = at;
+    while (digits < end && line[digits] >= '0' && line[digits] <= '9') ++digits;
+    fields_.push_back({key, line.substr(at, digits - at)});
+    at = end;
+  }
+}
+
+std::string_view JsonFields::Text(std::string_view key) const {
+  for (const Field& field : fields_)
+    if (field.key == key) return field.text;
+  return {};
+}
+
 std::string UnescapeJson(std::string_view text) {
   std::string out;
   out.reserve(text.size());

@@ -71,6 +71,21 @@ const char* OpenProblem(int code) {
   }
 }
 
+// The line ends in `text`, found with memchr: every byte the program writes
+// passes here, and a plain byte loop showed in its profile.
+uint64_t CountLineEnds(std::string_view text) {
+  uint64_t count = 0;
+  const char* at = text.data();
+  const char* const end = at + text.size();
+  while (at < end) {
+    const void* found = std::memchr(at, '\n', static_cast<size_t>(end - at));
+    if (!found) break;
+    ++count;
+    at = static_cast<const char*>(found) + 1;
+  }
+  return count;
+}
+
 }  // namespace
 
 OutputFile::~OutputFile() { Close(); }
@@ -124,7 +139,7 @@ bool OutputFile::Write(std::string_view text) {
 }
 
 bool OutputFile::WriteLocked(std::string_view text, bool add_line_end) {
-  const uint64_t lines = static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n')) + (add_line_end ? 1 : 0);
+  const uint64_t lines = CountLineEnds(text) + (add_line_end ? 1 : 0);
   if (!file_) return false;
   if (!error_.empty()) {
     lines_lost_.fetch_add(lines, std::memory_order_relaxed);
@@ -152,7 +167,7 @@ bool OutputFile::FlushLocked() {
   const bool complete = written == pending_.size();
   // On a full disk the lines that fit stay; the rest are lost and counted.
   const size_t kept = complete ? written : (written == 0 ? 0 : pending_.rfind('\n', written - 1) + 1);
-  const auto kept_lines = static_cast<uint64_t>(std::count(pending_.begin(), pending_.begin() + kept, '\n'));
+  const uint64_t kept_lines = complete ? pending_lines_ : CountLineEnds(std::string_view(pending_).substr(0, kept));
   complete_bytes_ += kept;
   lines_.fetch_add(kept_lines, std::memory_order_relaxed);
   if (!complete) {

@@ -60,7 +60,11 @@ class ParallelPipeline {
  public:
   static constexpr size_t kBatchFrames = 512;
   static constexpr size_t kBatchBytes = 256 * 1024;
-  static constexpr size_t kBatches = 16;
+  // How far the worker that is ahead may run before it waits for the one
+  // behind: about 16 MiB of frames. A worker whose core is taken by another
+  // process stops for a scheduler time slice (several milliseconds); with
+  // less slack the one ahead soon waits too, and two threads lose to one.
+  static constexpr size_t kBatches = 64;
 
   // `options.max_flows` and `options.max_held_bytes` are the bounds of the
   // whole run; each worker gets its share.

@@ -14,10 +14,10 @@
 namespace pelka {
 namespace {
 
-std::string Text(std::string_view line, const char* key) { return UnescapeJson(JsonFieldText(line, key)); }
+std::string Text(const JsonFields& line, const char* key) { return UnescapeJson(line.Text(key)); }
 
-uint64_t Number(std::string_view line, const char* key) {
-  const std::string_view digits = JsonFieldText(line, key);
+uint64_t Number(const JsonFields& line, const char* key) {
+  const std::string_view digits = line.Text(key);
   uint64_t value = 0;
   std::from_chars(digits.data(), digits.data() + digits.size(), value);
   return value;
@@ -31,7 +31,7 @@ void ReadObjects(const std::string& path, uint64_t& unreadable, Take take) {
   std::ifstream in(path, std::ios::binary);
   for (std::string line; std::getline(in, line);) {
     if (line.size() >= 2 && line.front() == '{' && line.back() == '}') {
-      take(std::string_view(line));
+      take(JsonFields(line));
     } else {
       ++unreadable;
     }
@@ -61,14 +61,14 @@ void ReadReplies(const std::string& path, std::map<std::string, std::vector<uint
 
 ReportData ReadReportData(const std::string& out_dir) {
   ReportData data;
-  ReadObjects(out_dir + "/emails.jsonl", data.unreadable_lines, [&](std::string_view record) {
+  ReadObjects(out_dir + "/emails.jsonl", data.unreadable_lines, [&](const JsonFields& record) {
     data.messages.push_back({Number(record, "email_number"), Text(record, "timestamp"), Text(record, "protocol"),
                              Text(record, "email_sender_email"), Text(record, "email_receive_email"),
                              Text(record, "email_subject"), Text(record, "email_attachment"),
                              Text(record, "email_server"), Text(record, "email_account"),
                              Text(record, "email_file_path"), Number(record, "email_filesize")});
   });
-  ReadObjects(out_dir + "/diagnosis.jsonl", data.unreadable_lines, [&](std::string_view report) {
+  ReadObjects(out_dir + "/diagnosis.jsonl", data.unreadable_lines, [&](const JsonFields& report) {
     data.diagnosis.push_back({Text(report, "event"), Text(report, "title"), Text(report, "server"),
                               Number(report, "time")});
   });

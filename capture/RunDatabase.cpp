@@ -186,23 +186,32 @@ void RunDatabase::Enqueue(std::function<void()> write) {
     return;
   }
   queue_.push_back(std::move(write));
-  if (each_row_ || queue_.size() >= kBatchRows) queue_ready_.notify_one();
+  if (each_row_ || queue_.size() == kWakeRows) queue_ready_.notify_one();
 }
 
 void RunDatabase::WriterLoop() {
   std::unique_lock<std::mutex> lock(queue_mutex_);
+  // Every row handed over is committed by this time: a crash loses at most
+  // the last second.
+  auto commit_by = std::chrono::steady_clock::now() + kBatchTime;
   for (;;) {
-    queue_ready_.wait_for(lock, kBatchTime, [this] { return stop_ || flush_ || queue_.size() >= kBatchRows; });
+    queue_ready_.wait_until(lock, commit_by, [this] { return stop_ || flush_ || queue_.size() >= kWakeRows; });
     std::vector<std::function<void()>> batch;
     batch.swap(queue_);
+    const bool commit = flush_ || stop_ || each_row_;
     flush_ = false;
     const bool stop = stop_;
     lock.unlock();
     {
       const std::lock_guard<std::mutex> db_lock(mutex_);
       for (const auto& write : batch) write();
-      CommitLocked();
+      const auto now = std::chrono::steady_clock::now();
+      if (commit || pending_ >= kBatchRows || now >= commit_by) {
+        CommitLocked();
+        commit_by = now + kBatchTime;
+      }
     }
+    batch.clear();
     lock.lock();
     if (stop && queue_.empty()) return;
   }

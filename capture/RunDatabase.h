@@ -9,9 +9,10 @@
 // carries its version.
 //
 // The threads that post hand each row over (a copy of its values) to a
-// writer thread of the database's own, which writes them in transactions of
-// up to kBatchRows rows or one second (or each at once, for input that
-// arrives slowly): the analysis never waits for SQLite. Commit and Close
+// writer thread of the database's own, which writes them as they come (in
+// slices of kWakeRows rows) and commits every kBatchRows rows or one second
+// (or each row, for input that arrives slowly): the analysis never waits for
+// SQLite, and at the end of a run only the last slice is left. Commit and Close
 // commit whatever waits. The journal is a
 // write-ahead log, so the sqlite3 shell can query the file while a live run
 // adds to it, and a crash loses at most the last second.
@@ -120,6 +121,10 @@ class RunDatabase final : public RunSink {
  public:
   static constexpr uint32_t kBatchRows = 4096;
   static constexpr std::chrono::seconds kBatchTime{1};
+  // The writer thread takes the rows that wait in slices this big, so that
+  // it keeps pace with the analysis and little is left to write when the
+  // run ends; a transaction still spans kBatchRows rows or kBatchTime.
+  static constexpr uint32_t kWakeRows = 256;
 
   RunDatabase();
   ~RunDatabase() override;

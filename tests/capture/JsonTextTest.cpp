@@ -25,6 +25,8 @@ struct EscapeCase {
 const EscapeCase kEscapeCases[] = {
     {"quote", "a\"b", "a\\\"b"},
     {"backslash", "a\\b", "a\\\\b"},
+    {"backslash before the closing quote", "a\\", "a\\\\"},
+    {"quote before the closing quote", "a\"", "a\\\""},
     {"tab, newline and return by letter", "\t\n\r", "\\t\\n\\r"},
     {"every other control byte and DEL as \\u00XX", OtherControlBytes(),
      "\\u0000\\u0001\\u0002\\u0003\\u0004\\u0005\\u0006\\u0007\\u0008\\u000b\\u000c\\u000e\\u000f"
@@ -42,10 +44,16 @@ TEST(JsonTextTest, EscapesEveryControlCharacterQuoteAndBackslash) {
     std::string wide;
     AppendJsonString(wide, std::wstring(c.text.begin(), c.text.end()));
     EXPECT_EQ(wide, "\"" + c.json + "\"");
-    // Read back out of a line, past a field whose value holds the key's text.
-    const std::string line = "{\"n\": 7, \"x\": \"\\\"k\\\": \", \"k\": " + narrow + "}";
+    // Read back out of a line, past a field whose value holds the key's text
+    // and an array holding a string with a bracket.
+    const std::string line =
+        "{\"n\": 7, \"a\": [1, \"],\"], \"x\": \"\\\"k\\\": \", \"k\": " + narrow + ", \"m\": 8}";
     EXPECT_EQ(UnescapeJson(JsonFieldText(line, "k")), c.text);
     EXPECT_EQ(JsonFieldText(line, "n"), "7");
+    const JsonFields fields(line);
+    EXPECT_EQ(UnescapeJson(fields.Text("k")), c.text);
+    EXPECT_EQ(fields.Text("n"), "7");
+    EXPECT_EQ(fields.Text("m"), "8");
   }
 }
 
