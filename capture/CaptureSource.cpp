@@ -23,18 +23,12 @@ namespace {
 
 constexpr size_t kFileBufferSize = 1 << 20;
 // A stream in front of a file (SnapLengthWidening) is read through a buffer
-// of its own: glibc asks an unbuffered one for a byte at a time. Standard
-// input's stays unbuffered, so that the bytes held are the ones stdio holds
-// for standard input itself (StandardInputReady).
+// of its own: glibc asks an unbuffered one for a byte at a time. In front of
+// standard input it takes only what has come, so the buffer never waits to
+// fill; StandardInputReady looks into both buffers.
 constexpr size_t kWidenedBufferSize = 64 << 10;
 
-void BufferWidened(FILE* widened, bool standard_input) {
-  if (standard_input) {
-    std::setvbuf(widened, nullptr, _IONBF, 0);
-  } else {
-    std::setvbuf(widened, nullptr, _IOFBF, kWidenedBufferSize);
-  }
-}
+void BufferWidened(FILE* widened) { std::setvbuf(widened, nullptr, _IOFBF, kWidenedBufferSize); }
 constexpr auto kDropSampleInterval = std::chrono::seconds(1);
 
 std::string LiveError(const std::string& name, int status, pcap_t* handle) {
@@ -172,7 +166,7 @@ bool CaptureSource::OpenNextFile() {
   std::setvbuf(file, reinterpret_cast<char*>(file_buffer_.get()), _IOFBF, kFileBufferSize);
   const int descriptor = file == stdin ? -1 : ::fileno(file);
   if (FILE* widened = WidenSnapLength(file, &snap_view_)) {
-    if (widened != file) BufferWidened(widened, file == stdin);
+    if (widened != file) BufferWidened(widened);
     file = widened;
   }
   long_record_noted_ = false;
@@ -226,7 +220,7 @@ bool CaptureSource::ResumeAtNextSection() {
       std::fseek(file, static_cast<long>(*next), SEEK_SET) == 0 ? WidenSnapLength(file, &snap_view_) : nullptr;
   char message[PCAP_ERRBUF_SIZE] = {};
   if (stream) {
-    if (stream != file) BufferWidened(stream, false);
+    if (stream != file) BufferWidened(stream);
     handle_ = OpenOffline(stream, false, message);
   }
   if (!handle_) {
@@ -324,8 +318,10 @@ bool CaptureSource::WaitForFrames() {
 
 bool CaptureSource::StandardInputReady() const {
   // Bytes stdio already holds are there to read; glibc keeps them between
-  // these two pointers (the stream libpcap reads in front of it has no buffer).
+  // these two pointers, for standard input and for the stream libpcap reads
+  // in front of it.
   if (stdin->_IO_read_ptr < stdin->_IO_read_end) return true;
+  if (file_ && file_ != stdin && file_->_IO_read_ptr < file_->_IO_read_end) return true;
   // A stop signal cuts the wait short (-1): the next call sees the stop
   // rather than blocking in a read.
   pollfd wanted{STDIN_FILENO, POLLIN, 0};

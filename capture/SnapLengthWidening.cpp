@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 
@@ -23,8 +24,16 @@ struct WidenedFile {
   std::unique_ptr<PcapngWidener> pcapng;
 };
 
+// Bytes stdio holds for a stream, read but not yet taken.
+size_t StdioHeld(const std::FILE* file) { return static_cast<size_t>(file->_IO_read_end - file->_IO_read_ptr); }
+
 ssize_t ReadWidened(void* cookie, char* out, size_t size) {
   auto* widened = static_cast<WidenedFile*>(cookie);
+  // From standard input, only what has come: stdio would wait to fill the
+  // whole buffer, and a pipe fed packet by packet (tcpdump -U -w -) must be
+  // read as it goes. Asking for one byte when nothing is held makes one
+  // read(2), which returns what the pipe has.
+  if (widened->file == stdin) size = std::min(size, std::max<size_t>(1, StdioHeld(stdin)));
   size_t given = 0;
   if (widened->pcapng) {
     given = widened->pcapng->Read(reinterpret_cast<uint8_t*>(out), size);
