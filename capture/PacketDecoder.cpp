@@ -8,7 +8,6 @@ namespace {
 
 constexpr uint16_t kEtherIpv4 = 0x0800;
 constexpr uint16_t kEtherIpv6 = 0x86DD;
-constexpr unsigned kMaxVlanTags = 8;
 constexpr unsigned kMaxExtensionHeaders = 16;
 constexpr uint8_t kIpProtoTcp = 6;
 
@@ -157,8 +156,8 @@ DecodeStatus DecodeEthertype(Span f, size_t type_pos, DecodedPacket* out) {
   if (type_pos + 2 > f.length) return DecodeStatus::kTruncated;
   uint16_t type = ReadU16(f.frame + type_pos);
   size_t pos = type_pos + 2;
-  for (unsigned tags = 0; IsVlanTag(type); ++tags) {
-    if (tags == kMaxVlanTags) return DecodeStatus::kMalformed;
+  // Any number of tags: each takes four bytes of the frame, which bounds them.
+  while (IsVlanTag(type)) {
     if (pos + 4 > f.length) return DecodeStatus::kTruncated;
     type = ReadU16(f.frame + pos + 2);
     pos += 4;

@@ -81,7 +81,7 @@ std::vector<DecodeCase> Cases() {
       {"QinQ", kLinkEthernet, Ethernet(v4, {0x88A8, 0x8100}), tcp, 8, 8, 42},
       {"older QinQ tag types", kLinkEthernet, Ethernet(v4, {0x9100, 0x9200}), tcp, 8, 8, 42},
       {"nine VLAN tags", kLinkEthernet, Ethernet(v4, {0x8100, 0x8100, 0x8100, 0x8100, 0x8100, 0x8100, 0x8100, 0x8100,
-                                                      0x8100}), malformed},
+                                                      0x8100}), tcp, 8, 8, 70},
       {"VLAN tag cut", kLinkEthernet, Cut(Ethernet(v4, {0x8100}), 16), truncated},
       {"ARP", kLinkEthernet, With(Ethernet(v4), [](Bytes& f) { f[12] = 0x08; f[13] = 0x06; }), not_tcp},
       {"ethernet header cut", kLinkEthernet, Bytes(13, 0), truncated},
