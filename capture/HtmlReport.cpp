@@ -93,6 +93,27 @@ void DiagnosisSection(std::ostringstream& html, const ReportData& data) {
   html << "</tbody></table></section>\n";
 }
 
+// What went by unrecorded: counts per kind and the first notices; left out
+// when every mail transfer seen was recorded.
+void NoticesSection(std::ostringstream& html, const ReportData& data) {
+  if (data.notices.empty()) return;
+  std::map<std::string, uint64_t> kinds;
+  for (const ReportNotice& notice : data.notices) ++kinds[notice.kind];
+  html << "<section id=\"notices\"><h2>Seen but not recorded</h2><p class=\"note\">Mail traffic the analysis "
+          "saw go by without recording it, and why; notices.jsonl holds every notice.</p><div class=\"grid\">"
+       << report::CountTable("Notices by kind", "Kind", TopCounts(kinds, kinds.size())) << "</div>"
+       << "<table class=\"sortable\"><thead><tr><th>Time</th><th>Protocol</th><th>Client</th><th>Server</th>"
+          "<th class=\"number\">Packet</th><th>Kind</th><th>What</th></tr></thead><tbody>";
+  const size_t shown = std::min(data.notices.size(), kReportNoticeRows);
+  for (size_t i = 0; i < shown; ++i) {
+    const ReportNotice& n = data.notices[i];
+    html << "<tr><td>" << Escape(n.time) << "</td><td>" << Escape(n.protocol) << "</td><td>" << Escape(n.client)
+         << "</td><td>" << Escape(n.server) << "</td><td class=\"number\">" << n.packet << "</td><td>"
+         << Escape(n.kind) << "</td><td>" << Escape(n.text) << "</td></tr>";
+  }
+  html << "</tbody></table></section>\n";
+}
+
 void MessageTable(std::ostringstream& html, const ReportData& data, const std::string& out_dir) {
   const size_t total = data.messages.size();
   const size_t shown = std::min(total, kReportMessageRows);
@@ -134,6 +155,7 @@ std::string RenderHtmlReport(const ReportData& data, const ReportRun& run, const
   MessagesOverTime(html, data);
   TopTables(html, data);
   DiagnosisSection(html, data);
+  NoticesSection(html, data);
   MessageTable(html, data, out_dir);
   html << "<footer>Made by pelka-email. Times are local (" << Escape(run.time_zone)
        << ") unless marked otherwise.</footer>\n"

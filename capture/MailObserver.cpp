@@ -62,6 +62,7 @@ void MailObserver::OnGap() {
 }
 
 bool MailObserver::MessageOpen() const {
+  if (cut_message_open_) return false;
   if (protocol_ == kProtocolSmtp) return smtp_phase_ == SmtpPhase::kBody || bdat_open_ || module_holds_message_;
   if (protocol_ == kProtocolPop3) return pop3_multiline_ == kPop3Retr && pop3_body_started_;
   return (lines_[1].skip > 0 && imap_literal_message_) || module_fetches_ > 0;
@@ -133,8 +134,8 @@ void MailObserver::ModuleSegment(uint32_t direction, const uint8_t* data, uint32
   // The module checks its limit first, and then neither parses nor keeps
   // the segment: it completes the message from what it has.
   if (module_collected_ > max_flow_length_) {
-    if (!cut_noticed_) Notice(NoticeKind::kCutAtLimit);
-    cut_noticed_ = true;
+    Notice(NoticeKind::kCutAtLimit);
+    cut_message_open_ = true;  // noticed already: its end does not count
     module_in_body_ = false;
     module_reply_seen_ = false;
     module_collected_ = 0;
@@ -152,7 +153,6 @@ void MailObserver::ModuleCompleted() {
   module_in_body_ = false;
   module_reply_seen_ = false;
   module_collected_ = 0;
-  cut_noticed_ = false;
   ++expected_records_;
 }
 
@@ -234,6 +234,7 @@ void MailObserver::SmtpClientLine(const Line& line) {
   if (smtp_phase_ == SmtpPhase::kBody) {
     if (!IsDotLine(line.kept, line.length)) return;
     smtp_phase_ = SmtpPhase::kCommands;
+    cut_message_open_ = false;
     // Ended where the module ends one, the message was seen after all; a
     // module still collecting waits for an end marker it will not find.
     if (!module_completed && module_in_body_) module_holds_message_ = true;
@@ -268,6 +269,7 @@ void MailObserver::SmtpBdat(const Line& line, std::string_view text) {
   bdat_open_ = true;
   if (!observer_text::EqualsUpper(observer_text::Word(text, 2), "LAST")) return;
   bdat_open_ = false;
+  cut_message_open_ = false;
   // The module waits for an end marker that BDAT does not send.
   module_holds_message_ = module_in_body_;
   if (message_pipelined_) Notice(NoticeKind::kSmtpPipelined);

@@ -119,7 +119,7 @@ class MailObserver {
   bool module_await_user_ = false;    // SMTP: AUTH LOGIN prompts
   bool module_await_pass_ = false;
   bool module_segment_opened_ = false;  // this segment opened the body: not collected
-  bool cut_noticed_ = false;
+  bool cut_message_open_ = false;  // the message being sent was cut (and noticed)
   bool module_holds_message_ = false;  // SMTP: a BDAT message ended, the module waits on
   uint64_t module_collected_ = 0;
   uint32_t module_fetches_ = 0;       // IMAP: literals the module will record at completion

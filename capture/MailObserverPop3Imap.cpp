@@ -87,6 +87,7 @@ void MailObserver::Pop3ServerLine(const Line& line) {
   if (pop3_multiline_ != 0) {
     pop3_body_started_ = true;
     if (IsDotLine(line.kept, line.length)) pop3_multiline_ = 0;
+    if (pop3_multiline_ == 0) cut_message_open_ = false;
     return;
   }
   const std::string_view text(line.kept, line.kept_length);
@@ -151,7 +152,7 @@ void MailObserver::ImapServerLine(const Line& line) {
     module_fetches_ = 0;
     module_in_body_ = false;
     module_collected_ = 0;
-    cut_noticed_ = false;
+    cut_message_open_ = false;
   }
   if (starttls_tag_[0] != 0 && tag == starttls_tag_) {
     tls_accepted_ = ok;

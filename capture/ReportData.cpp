@@ -49,6 +49,11 @@ ReportData ReadReportData(const std::string& out_dir) {
     data.diagnosis.push_back({Text(report, "event"), Text(report, "title"), Text(report, "server"),
                               Number(report, "time")});
   });
+  ReadObjects(out_dir + "/notices.jsonl", data.unreadable_lines, [&](std::string_view notice) {
+    data.notices.push_back({Text(notice, "time"), Text(notice, "client"), Text(notice, "server"),
+                            Text(notice, "protocol"), Text(notice, "kind"), Text(notice, "text"),
+                            Number(notice, "packet")});
+  });
   return data;
 }
 
