@@ -237,8 +237,8 @@ void MailObserver::SmtpClientLine(const Line& line) {
     cut_message_open_ = false;
     // Ended where the module ends one, the message was seen after all; a
     // module still collecting waits for an end marker it will not find.
-    if (!module_completed && module_in_body_) module_holds_message_ = true;
-    else if (!module_completed && message_pipelined_) Notice(NoticeKind::kSmtpPipelined);
+    if (!module_completed && message_pipelined_) Notice(NoticeKind::kSmtpPipelined);
+    else if (!module_completed && module_in_body_) module_holds_message_ = true;
     message_pipelined_ = false;
     return;
   }
