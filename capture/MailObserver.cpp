@@ -82,14 +82,32 @@ void MailObserver::Scan(int side, const uint8_t* data, uint32_t length) {
       left -= passed;
       continue;
     }
+    // Inside a body only a line that starts with a dot can end it: the
+    // bytes before the next such line are passed over with one memchr.
+    const bool body = InBodyLine(side);
+    if (body && !(line.kept_length > 0 && line.kept[0] == '.')) {
+      if (side == 1) pop3_body_started_ = true;
+      // Where the module collects the same body, the end comes at a
+      // segment's end, or a few command lines before it (pipelining): only
+      // the segment's last bytes are read.
+      if (ModuleCollectsBody(side) && left > kBodyTailBytes) {
+        PassBytes(line, at, left - kBodyTailBytes);
+        at += left - kBodyTailBytes;
+        left = kBodyTailBytes;
+      }
+      const size_t passed = PassBody(line, at, left);
+      at += passed;
+      left -= passed;
+      if (left == 0) break;
+    }
     if (line.length == 0) line.at_segment_start = at == data;
     const auto* end = static_cast<const uint8_t*>(std::memchr(at, '\n', left));
     const size_t taken = end ? static_cast<size_t>(end - at) + 1 : left;
-    const size_t limit = InBodyLine(side) ? 3 : kKeptBytes;
+    const size_t limit = body ? 3 : kKeptBytes;
     const size_t kept = std::min(taken, limit - std::min<size_t>(line.kept_length, limit));
     std::memcpy(line.kept + line.kept_length, at, kept);
     line.kept_length += static_cast<uint32_t>(kept);
-    if (!InBodyLine(side)) KeepTail(line, at, taken);
+    if (!body) KeepTail(line, at, taken);
     if (taken >= 2) line.before_end = static_cast<char>(at[taken - 2]);
     else if (taken == 1 && line.length > 0) line.before_end = line.last;
     line.last = static_cast<char>(at[taken - 1]);
@@ -104,6 +122,38 @@ void MailObserver::Scan(int side, const uint8_t* data, uint32_t length) {
     line.tail_length = 0;
     line.length = 0;
   }
+}
+
+size_t MailObserver::PassBody(Line& line, const uint8_t* at, size_t left) {
+  for (size_t from = 0;;) {
+    const auto* dot = static_cast<const uint8_t*>(std::memchr(at + from, '.', left - from));
+    if (!dot) break;
+    const auto index = static_cast<size_t>(dot - at);
+    if (index == 0 ? line.length == 0 : dot[-1] == '\n') {
+      PassBytes(line, at, index);
+      return index;
+    }
+    from = index + 1;
+  }
+  PassBytes(line, at, left);
+  return left;
+}
+
+// Keeps of passed bytes what a line that starts after them needs: whether
+// the line before it ended with CR LF. A line left open did not start with
+// a dot, so its length only has to be more than zero.
+void MailObserver::PassBytes(Line& line, const uint8_t* at, size_t count) {
+  if (count == 0) return;
+  const auto last = static_cast<char>(at[count - 1]);
+  if (last == '\n') {
+    line.previous_crlf = (count >= 2 ? static_cast<char>(at[count - 2]) : line.last) == '\r';
+    line.length = 0;
+  } else {
+    line.length += count;
+  }
+  line.kept_length = 0;
+  line.tail_length = 0;
+  line.last = last;
 }
 
 void MailObserver::KeepTail(Line& line, const uint8_t* at, size_t taken) {
@@ -122,6 +172,12 @@ bool MailObserver::InBodyLine(int side) const {
   if (protocol_ == kProtocolSmtp) return side == 0 && smtp_phase_ == SmtpPhase::kBody;
   if (protocol_ == kProtocolPop3) return side == 1 && pop3_multiline_ != 0;
   return false;
+}
+
+bool MailObserver::ModuleCollectsBody(int side) const {
+  if (!module_in_body_) return false;
+  if (protocol_ == kProtocolSmtp) return side == 0 && smtp_phase_ == SmtpPhase::kBody && !message_pipelined_;
+  return protocol_ == kProtocolPop3 && side == 1 && module_reply_seen_ && pop3_multiline_ == kPop3Retr;
 }
 
 void MailObserver::OnLine(int side, const Line& line) {
@@ -170,9 +226,7 @@ namespace {
 constexpr const char* kLoginPrompts[] = {"334 dXNlcm5hbWU6", "334 VXNlcm5hbWU6", "334 UGFzc3dvcmQ6",
                                          "334 cGFzc3dvcmQ6"};
 
-bool Contains(const uint8_t* data, size_t length, const char* text) {
-  return memmem(data, length, text, std::strlen(text)) != nullptr;
-}
+bool ContainsCrlf(const uint8_t* data, size_t length) { return memmem(data, length, "\r\n", 2) != nullptr; }
 
 bool IsDataOrBdat(const char* text, size_t length) {
   return StartsWithWord({text, length}, "DATA") || StartsWithWord({text, length}, "BDAT");
@@ -203,11 +257,16 @@ MailObserver::Split MailObserver::PipelinedSplit(const uint8_t* data, uint32_t l
 
 void MailObserver::SmtpModuleSegment(uint32_t direction, const uint8_t* data, uint32_t length) {
   if (direction != kFromClient) {
-    for (int i = 0; i < 4; ++i) {
-      if (!Contains(data, length, kLoginPrompts[i])) continue;
-      (i < 2 ? module_await_user_ : module_await_pass_) = true;
-      if (i < 2) break;
+    // The prompts are searched anywhere in the segment; each starts "334 ".
+    const std::string_view text(reinterpret_cast<const char*>(data), length);
+    bool user = false, pass = false;
+    for (size_t at = text.find("334 "); at != std::string_view::npos; at = text.find("334 ", at + 1)) {
+      const std::string_view prompt = text.substr(at, 16);
+      user = user || prompt == kLoginPrompts[0] || prompt == kLoginPrompts[1];
+      pass = pass || prompt == kLoginPrompts[2] || prompt == kLoginPrompts[3];
     }
+    if (user) module_await_user_ = true;
+    else if (pass) module_await_pass_ = true;
     return;
   }
   if (module_in_body_) {
@@ -219,7 +278,7 @@ void MailObserver::SmtpModuleSegment(uint32_t direction, const uint8_t* data, ui
     return;
   }
   const auto* text = reinterpret_cast<const char*>(data);
-  if (length >= 4 && IsDataOrBdat(text, length) && Contains(data, length, "\r\n")) {
+  if (length >= 4 && IsDataOrBdat(text, length) && ContainsCrlf(data, length)) {
     module_in_body_ = true;
     module_collected_ = 0;
     module_segment_opened_ = true;

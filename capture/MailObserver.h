@@ -17,7 +17,10 @@
 //
 // Cost: lines are found with memchr; a line keeps at most kKeptBytes of its
 // start (and a body line none of it), message bodies are skipped, never
-// copied. No allocation after construction: the whole state is a few hundred
+// copied. Where the module collects the same body, only the last
+// kBodyTailBytes of each body segment are read for its end: a body that ends
+// further before a segment's end (a long pipelined command group after it)
+// is taken to go on. No allocation after construction: the whole state is a few hundred
 // bytes.
 #pragma once
 
@@ -33,6 +36,8 @@ class MailObserver {
  public:
   static constexpr size_t kKeptBytes = 96;
   static constexpr size_t kTailBytes = 24;
+  // Of a body segment that the module collects too, the bytes read.
+  static constexpr size_t kBodyTailBytes = 512;
   static constexpr size_t kTagBytes = 15;
 
   // `protocol` is the flow's application protocol (630, 626, 614);
@@ -82,7 +87,10 @@ class MailObserver {
   void Notice(NoticeKind kind);
   void Scan(int side, const uint8_t* data, uint32_t length);
   static void KeepTail(Line& line, const uint8_t* at, size_t taken);
+  static size_t PassBody(Line& line, const uint8_t* at, size_t left);
+  static void PassBytes(Line& line, const uint8_t* at, size_t count);
   bool InBodyLine(int side) const;
+  bool ModuleCollectsBody(int side) const;
   void ModuleCompleted();
   void NoticeLogin();
   void SmtpBdat(const Line& line, std::string_view text);
