@@ -158,10 +158,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     if (finished_) return error_.empty();
     finished_ = true;
     if (log_) log_->Finish();
-    const HostRunCounts run = counts();
-    for (size_t kind = 0; kind < kNoticeKindCount; ++kind)
-      if (run.notices[kind] > 0)
-        statistics_.AddHostFigure("Notices", std::string(NoticeKey(static_cast<NoticeKind>(kind))), run.notices[kind]);
+    AddNoticeFigures();
     WriteStatistics();
     if (open_database()) CloseDatabase();
     statistics_.DetachClients();
@@ -370,6 +367,15 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     run_totals_.copies = run.copies;
     run_totals_.connections = run.flows_bound;
     database_->Close(run_totals_);
+  }
+
+  // Every kind, in one order, once there is any notice: runs merged in any
+  // order then add up to the same text.
+  void AddNoticeFigures() {
+    const HostRunCounts run = counts();
+    if (std::all_of(run.notices.begin(), run.notices.end(), [](uint64_t count) { return count == 0; })) return;
+    for (size_t kind = 0; kind < kNoticeKindCount; ++kind)
+      statistics_.AddHostFigure("Notices", std::string(NoticeKey(static_cast<NoticeKind>(kind))), run.notices[kind]);
   }
 
   bool Declined() {

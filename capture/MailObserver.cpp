@@ -38,7 +38,11 @@ void MailObserver::OnSegment(uint64_t packet, uint32_t direction, const uint8_t*
       module_segment_opened_ = false;
     }
   }
-  // A message the module completed without a record failed its address test.
+  CountRecords(records);
+}
+
+// A message the module completed without a record failed its address test.
+void MailObserver::CountRecords(uint64_t records) {
   for (uint64_t missing = expected_records_ > records ? expected_records_ - records : 0; missing > 0; --missing)
     Notice(NoticeKind::kNoReceiverAddress);
   expected_records_ = records;
@@ -46,9 +50,7 @@ void MailObserver::OnSegment(uint64_t packet, uint32_t direction, const uint8_t*
 
 void MailObserver::OnEnd(uint64_t packet, uint64_t records) {
   packet_ = packet;
-  for (uint64_t missing = expected_records_ > records ? expected_records_ - records : 0; missing > 0; --missing)
-    Notice(NoticeKind::kNoReceiverAddress);
-  expected_records_ = records;
+  CountRecords(records);
   if (!encrypted_ && MessageOpen()) Notice(NoticeKind::kUnfinished);
 }
 

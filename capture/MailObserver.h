@@ -85,6 +85,7 @@ class MailObserver {
   enum class SmtpPhase : uint8_t { kCommands, kDataSent, kBody };
 
   void Notice(NoticeKind kind);
+  void CountRecords(uint64_t records);
   void Scan(int side, const uint8_t* data, uint32_t length);
   static void KeepTail(Line& line, const uint8_t* at, size_t taken);
   static size_t PassBody(Line& line, const uint8_t* at, size_t left);

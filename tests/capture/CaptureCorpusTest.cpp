@@ -139,7 +139,8 @@ struct CorpusOutputs {
     for (const nlohmann::json& notice : test::ReadJsonLines(out / "notices.jsonl"))
       ++notices[notice.value("kind", std::string())];
     auto statistics = nlohmann::json::parse(test::ReadWholeFile(out / "statistics.json"), nullptr, false);
-    for (const auto& [kind, count] : statistics["Capture"]["Notices"].items()) counted[kind] = count.get<uint64_t>();
+    for (const auto& [kind, count] : statistics["Capture"]["Notices"].items())
+      if (count.get<uint64_t>() > 0) counted[kind] = count.get<uint64_t>();
     for (const char* name : {"emails.jsonl", "entries.jsonl", "diagnosis.jsonl", "notices.jsonl", "email_log.csv",
                              "email_log.txt", "statistics.json"})
       files[name] = test::ReadWholeFile(out / name);
