@@ -228,10 +228,21 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
 
   void OnUnfollowedSyn(const DecodedPacket& packet, uint64_t number, uint64_t time_us) override {
     const char* protocol = UnfollowedMailProtocol(packet.destination_port);
-    if (!protocol) return;
+    if (!protocol || RepeatedSyn(packet)) return;
     FlowEndpoint client{packet.source, packet.source_port};
     FlowEndpoint server{packet.destination, packet.destination_port};
     WriteNoticeLine(EndpointText(client), EndpointText(server), protocol, NoticeKind::kTlsPort, number, time_us);
+  }
+
+  // A SYN sent again (no answer came) opens no connection of its own: the
+  // last few SYNs counted are remembered.
+  bool RepeatedSyn(const DecodedPacket& packet) {
+    const SynSeen syn{packet.source, packet.destination, packet.source_port, packet.destination_port,
+                      packet.sequence};
+    const std::lock_guard<std::mutex> lock(notice_mutex_);
+    if (std::find(recent_syns_.begin(), recent_syns_.end(), syn) != recent_syns_.end()) return true;
+    recent_syns_[next_syn_++ % recent_syns_.size()] = syn;
+    return false;
   }
 
   void WriteNotice(const TrackedFlow& flow, NoticeKind kind, uint64_t packet, uint64_t time_us) override {
@@ -311,6 +322,14 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
   std::mutex notice_mutex_;  // one notice line at a time
   LocalTimeCache notice_times_;
   std::array<std::atomic<uint64_t>, kNoticeKindCount> notice_counts_{};
+  struct SynSeen {
+    IpAddress source, destination;
+    uint16_t source_port = 0, destination_port = 0;
+    uint32_t sequence = 0;
+    friend bool operator==(const SynSeen&, const SynSeen&) = default;
+  };
+  std::array<SynSeen, 32> recent_syns_{};
+  size_t next_syn_ = 0;
   std::function<int64_t()> kernel_drops_;
   std::mutex statistics_mutex_;  // one writer of statistics.json at a time
   HostDiagnosisService diagnosis_;

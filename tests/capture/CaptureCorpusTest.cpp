@@ -186,6 +186,22 @@ TEST(CaptureCorpusTest, RecordsAndNoticesAccountForEveryListedMessage) {
   }
 }
 
+// A SYN on a mail port that is not followed counts once, however often it is
+// sent again.
+TEST(CaptureCorpusTest, OpeningsOnOtherMailPortsCountOncePerConnection) {
+  REQUIRE_PROGRAM();
+  test::TempDir out;
+  test::Segment submission = test::Between(test::V4(10, 0, 0, 1), 40001, test::V4(192, 0, 2, 25), 587);
+  submission.flags = kTcpSyn;
+  test::Segment imaps = test::Between(test::V4(10, 0, 0, 1), 40002, test::V4(192, 0, 2, 25), 993);
+  imaps.flags = kTcpSyn;
+  const std::vector<test::Frame> frames = {test::EthernetFrame(submission), test::EthernetFrame(submission),
+                                           test::EthernetFrame(imaps)};
+  test::WriteWholeFile(out.path() / "syns.pcap", test::PcapFileHeader() + test::PcapRecords(frames));
+  const CorpusOutputs outputs(out.path() / "syns.pcap", out.path() / "run", {});
+  EXPECT_EQ(outputs.notices, (std::map<std::string, uint64_t>{{"tls-port", 2}}));
+}
+
 struct NoticedCapture {
   const char* file;
   std::map<std::string, uint64_t> notices;
