@@ -90,6 +90,8 @@ HostOptions MakeHostOptions(const ProgramOptions& options, const std::string& li
   host.diagnosis_enabled = options.diagnosis;
   host.smtp_threshold_ms = options.smtp_threshold_ms;
   host.pop3_threshold_ms = options.pop3_threshold_ms;
+  host.max_flow_length = uint64_t{options.max_flow_length_mib} << 20;
+  host.pipelined = options.pipelined;
   // Someone watching an interface or a pipe expects each message's lines as
   // it is found; files are read too fast for that to matter.
   host.lines_at_once = ReadsSlowInput(options);
@@ -119,6 +121,8 @@ RunFacts CollectFacts(const ProgramOptions& options, const Pipeline& pipeline, c
   facts.messages_found = counts.records;
   facts.found_by_protocol = counts.records_by_protocol;
   facts.lines_lost = counts.lines_lost;
+  facts.notices = counts.notices;
+  facts.pipelined = options.pipelined;
   facts.hold_limit_gaps = flows.hold_limit_gaps;
   facts.hold_limit_mib = options.hold_limit_mib;
   return facts;

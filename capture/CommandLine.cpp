@@ -120,6 +120,10 @@ void AddAnalysisOptions(CLI::App& app, ProgramOptions& options, RawChoices& raw)
       ->capture_default_str()
       ->check(CLI::Range(0u, 4095u).description(""))
       ->group(group);
+  app.add_flag("--pipelined", options.pipelined,
+               "split an SMTP client segment where a DATA or BDAT command line starts inside it, so that messages "
+               "sent with pipelining are recorded (changes nothing else the module reports)")
+      ->group(group);
   app.add_option("--lang", raw.language, "language of the module's texts: en, zh, or none for its built-in texts")
       ->type_name("en|zh|none")
       ->capture_default_str()

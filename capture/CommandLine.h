@@ -58,6 +58,8 @@ struct ProgramOptions {
   std::string out_dir = "pelka-out";
   bool copies = false;
   uint32_t max_flow_length_mib = 2;
+  // Split SMTP client segments at a pipelined DATA or BDAT command line.
+  bool pipelined = false;
   TextLanguage language = TextLanguage::kEnglish;
   unsigned code_page = 936;
   int32_t smtp_threshold_ms = 200;

@@ -36,6 +36,11 @@ class TrackedFlow {
   void SwapSides() { swapped_ = !swapped_; }
   bool swapped() const { return swapped_; }
 
+  // Gaps skipped in the flow's data so far (bytes never captured).
+  uint32_t gaps() const { return gaps_; }
+  // The flow's first packet was a SYN: the capture saw the connection open.
+  bool opened_by_syn() const { return opened_by_syn_; }
+
   // Free for the sink: the tracker never reads or frees it.
   void* user_data = nullptr;
 
@@ -45,6 +50,8 @@ class TrackedFlow {
   uint64_t id_ = 0;
   uint16_t protocol_ = 0;
   bool swapped_ = false;
+  bool opened_by_syn_ = false;
+  uint32_t gaps_ = 0;
   // [0] is the side the tracker first took for the client, [1] the other.
   std::array<FlowEndpoint, 2> sides_{};
 };
@@ -75,6 +82,10 @@ class FlowSink {
 
   // The flow ends; no packet of it follows.
   virtual void OnFlowEnd(TrackedFlow& flow, FlowEndReason reason) = 0;
+
+  // A SYN without ACK on a port that is not followed (nothing else of such
+  // connections is delivered): the sink may count it.
+  virtual void OnUnfollowedSyn(const DecodedPacket& /*packet*/, uint64_t /*number*/, uint64_t /*time_us*/) {}
 };
 
 }  // namespace pelka

@@ -136,6 +136,7 @@ void FlowTracker::OnPacket(const DecodedPacket& decoded, const uint8_t* frame, u
   const uint16_t protocol = Classify(decoded);
   if (protocol == 0) {
     ++counters_.not_mail;
+    if (decoded.HasFlag(kTcpSyn) && !decoded.HasFlag(kTcpAck)) sink_->OnUnfollowedSyn(decoded, packet_number, time_us);
     return;
   }
 
@@ -197,6 +198,7 @@ FlowTracker::Flow* FlowTracker::StartFlow(const Key& key, const Packet& packet, 
   TrackedFlow& view = flow->view;
   view.id_ = next_id_++;
   view.protocol_ = protocol;
+  view.opened_by_syn_ = d.HasFlag(kTcpSyn);
   // The first packet's sender: the SYN's sender when the SYN opens the capture.
   view.sides_[0].address = d.source;
   view.sides_[0].port = d.source_port;
@@ -320,6 +322,7 @@ void FlowTracker::HoldSegment(Flow& flow, Stream& stream, const Packet& packet, 
   // one that just came: bytes never delivered are never trimmed.
   while (stream.held.size() > kMaxHeldSegments || stream.held_bytes > kMaxHeldBytes) {
     ++counters_.gaps_skipped;
+    ++flow.view.gaps_;
     stream.next = stream.held.front().start;
     DrainHeld(flow, stream);
   }
@@ -339,6 +342,7 @@ void FlowTracker::EnforceHoldLimit() {
     }
     ++counters_.gaps_skipped;
     ++counters_.hold_limit_gaps;
+    ++flow->view.gaps_;
     stream->next = stream->held.front().start;
     DrainHeld(*flow, *stream);
   }
@@ -408,6 +412,7 @@ void FlowTracker::FlushHeld(Flow& flow) {
     if (!pick) return;
     if (SeqDiff(pick->held.front().start, pick->next) > 0) {
       ++counters_.gaps_skipped;
+      ++flow.view.gaps_;
       pick->next = pick->held.front().start;
     }
     HeldSegment segment = TakeLowestHeld(*pick);

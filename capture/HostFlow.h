@@ -47,8 +47,14 @@ class HostFlow final : public IPelkaFlow {
 
   const TrackedFlow& tracked() const { return flow_; }
 
+  // Records the module began on this flow (counted at NewRecord, before the
+  // user's conditions); read on the flow's own thread.
+  void CountRecord() { ++records_; }
+  uint64_t records() const { return records_; }
+
  private:
   TrackedFlow& flow_;
+  uint64_t records_ = 0;
   std::wstring address_text_;
 };
 

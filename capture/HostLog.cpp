@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <typeinfo>
 
+#include "capture/HostFlow.h"
 #include "host/CodePage.h"
 
 namespace pelka {
@@ -82,6 +84,7 @@ uint32_t HostLog::AddEntry(uint64_t seconds, IPelkaFlow* flow, const wchar_t* ki
 IPelkaLogRecord* HostLog::NewRecord(uint64_t seconds, IPelkaFlow* flow, uint32_t) {
   FlowView view;
   FillFlowView(flow, view);
+  if (flow && typeid(*flow) == typeid(HostFlow)) static_cast<HostFlow*>(flow)->CountRecord();
   const std::lock_guard<std::mutex> lock(open_mutex_);
   if (spare_.empty()) {
     open_.push_back(std::make_unique<LogRecord>());

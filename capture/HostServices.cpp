@@ -15,6 +15,9 @@
 #include "capture/HostLogService.h"
 #include "capture/HostObject.h"
 #include "capture/HostStatistics.h"
+#include "capture/JsonText.h"
+#include "capture/LocalTime.h"
+#include "capture/MailObserver.h"
 #include "capture/OutputFiles.h"
 #include "capture/ReplacedFile.h"
 #include "capture/OutputLock.h"
@@ -30,19 +33,58 @@ Interface* Query(CPAEBaseModule* module, const Guid& id) {
   return static_cast<Interface*>(out);
 }
 
+// Where the notices of every flow are written.
+class NoticeWriter {
+ public:
+  virtual ~NoticeWriter() = default;
+  virtual void WriteNotice(const TrackedFlow& flow, NoticeKind kind, uint64_t packet, uint64_t time_us) = 0;
+};
+
 // The host's objects of one bound flow, kept in TrackedFlow::user_data.
-struct BoundFlow {
-  BoundFlow(TrackedFlow& tracked, HostStatService& statistics) : flow(tracked), node(flow), stats(statistics) {}
+struct BoundFlow final : NoticeListener {
+  BoundFlow(TrackedFlow& tracked, HostStatService& statistics, NoticeWriter& writer, uint64_t max_flow_length)
+      : flow(tracked), node(flow), stats(statistics), observer(tracked.application_protocol(), max_flow_length, *this),
+        notices(writer) {}
+  void OnNotice(NoticeKind kind, uint64_t packet) override {
+    notices.WriteNotice(flow.tracked(), kind, packet, time_us);
+  }
+  // The connection's own notices, once each: it began before the capture, it
+  // lost data.
+  void NoticeCapture(const PacketRecord& record) {
+    const uint64_t packet = GetPacketNumber(&record);
+    if (!seen_packet && !flow.tracked().opened_by_syn()) OnNotice(NoticeKind::kMidstreamStart, packet);
+    seen_packet = true;
+    if (flow.tracked().gaps() > 0 && !gap_noticed) OnNotice(NoticeKind::kTcpGap, packet);
+    gap_noticed = flow.tracked().gaps() > 0;
+  }
   HostFlow flow;
   HostFlowNode node;
   HostFlowStats stats;
   IPelkaFlowBindContext* context = nullptr;
   ConnectionTally tally;  // for the database's table connections
+  MailObserver observer;
+  NoticeWriter& notices;
+  uint64_t packet = 0;  // the last packet's number and time
+  uint64_t time_us = 0;
+  bool seen_packet = false;
+  bool gap_noticed = false;
+  uint32_t gaps_seen = 0;
 };
+
+// The ports of mail services that are not followed: submission, SMTP over
+// TLS, IMAP and POP3 over TLS, and the usual alternative SMTP port.
+const char* UnfollowedMailProtocol(uint16_t port) {
+  switch (port) {
+    case 465: case 587: case 2525: return "SMTP";
+    case 993: return "IMAP4";
+    case 995: return "POP3";
+    default: return nullptr;
+  }
+}
 
 }  // namespace
 
-class HostServices::Impl final : public FlowSink {
+class HostServices::Impl final : public FlowSink, public NoticeWriter {
  public:
   explicit Impl(HostOptions options)
       : options_(std::move(options)),
@@ -116,6 +158,7 @@ class HostServices::Impl final : public FlowSink {
     if (finished_) return error_.empty();
     finished_ = true;
     if (log_) log_->Finish();
+    AddNoticeFigures();
     WriteStatistics();
     if (open_database()) CloseDatabase();
     statistics_.DetachClients();
@@ -143,7 +186,7 @@ class HostServices::Impl final : public FlowSink {
   // --- FlowSink ---------------------------------------------------------------------
   bool OnFlowStart(TrackedFlow& tracked) override {
     if (!client_) return Declined();
-    auto bound = std::make_unique<BoundFlow>(tracked, statistics_);
+    auto bound = std::make_unique<BoundFlow>(tracked, statistics_, *this, options_.max_flow_length);
     if (client_->BindFlow(&bound->flow, &bound->stats, &bound->context) != 0) return Declined();
     flows_bound_.fetch_add(1, std::memory_order_relaxed);
     if (RunDatabase* database = open_database())
@@ -157,17 +200,81 @@ class HostServices::Impl final : public FlowSink {
                     uint32_t direction) override {
     auto* bound = static_cast<BoundFlow*>(tracked.user_data);
     if (!bound) return;
-    bound->tally.Count(GetPacketTime(&record), direction, length);
-    // A result of 1 (the module is done with the flow) changes nothing here:
-    // the contract delivers every packet of a bound flow.
-    client_->ProcessFlowData(&bound->flow, &record, payload, length, direction, &bound->node, bound->context);
+    bound->packet = GetPacketNumber(&record);
+    bound->time_us = GetPacketTime(&record);
+    bound->tally.Count(bound->time_us, direction, length);
+    if (tracked.gaps() != bound->gaps_seen) bound->observer.OnGap();
+    bound->gaps_seen = tracked.gaps();
+    MailObserver::Split split;
+    if (options_.pipelined && direction == kFromClient) split = bound->observer.PipelinedSplit(payload, length);
+    uint32_t from = 0;
+    for (const uint32_t cut : {split.at, split.after}) {
+      if (cut <= from || cut >= length) continue;
+      Deliver(*bound, record, payload + from, cut - from, direction);
+      from = cut;
+    }
+    Deliver(*bound, record, payload + from, length - from, direction);
+    bound->NoticeCapture(record);
     CheckWrites();
+  }
+
+  // A result of 1 (the module is done with the flow) changes nothing here:
+  // the contract delivers every packet of a bound flow.
+  void Deliver(BoundFlow& bound, const PacketRecord& record, const uint8_t* payload, uint32_t length,
+               uint32_t direction) {
+    client_->ProcessFlowData(&bound.flow, &record, payload, length, direction, &bound.node, bound.context);
+    bound.observer.OnSegment(bound.packet, direction, payload, length, bound.flow.records());
+  }
+
+  void OnUnfollowedSyn(const DecodedPacket& packet, uint64_t number, uint64_t time_us) override {
+    const char* protocol = UnfollowedMailProtocol(packet.destination_port);
+    if (!protocol || RepeatedSyn(packet)) return;
+    FlowEndpoint client{packet.source, packet.source_port};
+    FlowEndpoint server{packet.destination, packet.destination_port};
+    WriteNoticeLine(EndpointText(client), EndpointText(server), protocol, NoticeKind::kTlsPort, number, time_us);
+  }
+
+  // A SYN sent again (no answer came) opens no connection of its own: the
+  // last few SYNs counted are remembered.
+  bool RepeatedSyn(const DecodedPacket& packet) {
+    const SynSeen syn{packet.source, packet.destination, packet.source_port, packet.destination_port,
+                      packet.sequence};
+    const std::lock_guard<std::mutex> lock(notice_mutex_);
+    if (std::find(recent_syns_.begin(), recent_syns_.end(), syn) != recent_syns_.end()) return true;
+    recent_syns_[next_syn_++ % recent_syns_.size()] = syn;
+    return false;
+  }
+
+  void WriteNotice(const TrackedFlow& flow, NoticeKind kind, uint64_t packet, uint64_t time_us) override {
+    WriteNoticeLine(EndpointText(flow.client()), EndpointText(flow.server()),
+                    ConnectionProtocolText(flow.application_protocol()), kind, packet, time_us);
+  }
+
+  void WriteNoticeLine(const std::string& client, const std::string& server, const char* protocol, NoticeKind kind,
+                       uint64_t packet, uint64_t time_us) {
+    notice_counts_[static_cast<size_t>(kind)].fetch_add(1, std::memory_order_relaxed);
+    NoticeRow row{{}, client, server, protocol, packet, time_us, NoticeKey(kind), NoticeText(kind)};
+    const std::lock_guard<std::mutex> lock(notice_mutex_);
+    row.time = notice_times_.Text(time_us / 1000000);
+    if (RunDatabase* database = open_database()) database->OnNotice(row);
+    JsonObjectLine line;
+    line.Text("time", row.time);
+    line.Text("client", row.client);
+    line.Text("server", row.server);
+    line.Text("protocol", row.protocol);
+    line.Number("packet", row.packet);
+    line.Text("kind", row.kind);
+    line.Text("text", row.text);
+    notices_file_.WriteLine(line.Finish());
   }
 
   void OnFlowEnd(TrackedFlow& tracked, FlowEndReason reason) override {
     std::unique_ptr<BoundFlow> bound(static_cast<BoundFlow*>(tracked.user_data));
     tracked.user_data = nullptr;
-    if (bound) client_->UnbindFlow(&bound->flow, &bound->stats, &bound->node, bound->context);
+    if (bound) {
+      bound->observer.OnEnd(bound->packet, bound->flow.records());
+      client_->UnbindFlow(&bound->flow, &bound->stats, &bound->node, bound->context);
+    }
     if (RunDatabase* database = open_database(); bound && database)
       database->OnConnectionEnd(&bound->flow, bound->tally, ConnectionEndText(reason));
     CheckWrites();
@@ -193,6 +300,8 @@ class HostServices::Impl final : public FlowSink {
       counts.copy_failures = copy_store_->failures();
       counts.first_copy_failure = copy_store_->first_failure();
     }
+    for (size_t kind = 0; kind < kNoticeKindCount; ++kind)
+      counts.notices[kind] = notice_counts_[kind].load(std::memory_order_relaxed);
     counts.diagnosis_reports = diagnosis_.reports();
     counts.reports_by_event = diagnosis_.reports_by_event();
     for (auto [file, name] : Files()) {
@@ -209,7 +318,18 @@ class HostServices::Impl final : public FlowSink {
   HostNotify notify_;
   HostIconService icons_;
   HostStatService statistics_;
-  OutputFile records_file_, entries_file_, diagnosis_file_, csv_file_, text_file_;
+  OutputFile records_file_, entries_file_, diagnosis_file_, notices_file_, csv_file_, text_file_;
+  std::mutex notice_mutex_;  // one notice line at a time
+  LocalTimeCache notice_times_;
+  std::array<std::atomic<uint64_t>, kNoticeKindCount> notice_counts_{};
+  struct SynSeen {
+    IpAddress source, destination;
+    uint16_t source_port = 0, destination_port = 0;
+    uint32_t sequence = 0;
+    friend bool operator==(const SynSeen&, const SynSeen&) = default;
+  };
+  std::array<SynSeen, 32> recent_syns_{};
+  size_t next_syn_ = 0;
   std::function<int64_t()> kernel_drops_;
   std::mutex statistics_mutex_;  // one writer of statistics.json at a time
   HostDiagnosisService diagnosis_;
@@ -229,7 +349,7 @@ class HostServices::Impl final : public FlowSink {
  private:
   // Asked after every packet, so it is a fixed array, not a fresh list.
   template <typename File>
-  using FileList = std::array<std::pair<File*, const char*>, 5>;
+  using FileList = std::array<std::pair<File*, const char*>, 6>;
   FileList<OutputFile> Files() { return FilesOf<OutputFile>(*this); }
   FileList<const OutputFile> Files() const { return FilesOf<const OutputFile>(*this); }
   template <typename File, typename Self>
@@ -237,6 +357,7 @@ class HostServices::Impl final : public FlowSink {
     return {{{&self.records_file_, "emails.jsonl"},
              {&self.entries_file_, "entries.jsonl"},
              {&self.diagnosis_file_, "diagnosis.jsonl"},
+             {&self.notices_file_, "notices.jsonl"},
              {&self.csv_file_, "email_log.csv"},
              {&self.text_file_, "email_log.txt"}}};
   }
@@ -266,6 +387,15 @@ class HostServices::Impl final : public FlowSink {
     run_totals_.connections = run.flows_bound;
     run_totals_.kernel_drops = kernel_drops_ ? kernel_drops_() : -1;
     database_->Close(run_totals_);
+  }
+
+  // Every kind, in one order, once there is any notice: runs merged in any
+  // order then add up to the same text.
+  void AddNoticeFigures() {
+    const HostRunCounts run = counts();
+    if (std::all_of(run.notices.begin(), run.notices.end(), [](uint64_t count) { return count == 0; })) return;
+    for (size_t kind = 0; kind < kNoticeKindCount; ++kind)
+      statistics_.AddHostFigure("Notices", std::string(NoticeKey(static_cast<NoticeKind>(kind))), run.notices[kind]);
   }
 
   bool Declined() {

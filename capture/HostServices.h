@@ -9,6 +9,9 @@
 //   emails.jsonl      one object per posted email record
 //   entries.jsonl     the summary entries the module adds
 //   diagnosis.jsonl   one object per diagnosis report
+//   notices.jsonl     one object per coverage notice: what went by in a mail
+//                     connection that the module did not record, and why
+//                     (capture/Notices.h, capture/MailObserver.h)
 //   email_log.csv     the module's export lines, comma-separated form
 //   email_log.txt     the module's export lines, text form
 //   statistics.json   the counters the module defined, written by FinishRun
@@ -34,6 +37,7 @@
 
 #include "capture/EmailConditions.h"
 #include "capture/FlowSink.h"
+#include "capture/Notices.h"
 #include "capture/RunDatabase.h"
 #include "host/FlowInterfaces.h"
 #include "host/ModuleInterfaces.h"
@@ -67,6 +71,11 @@ struct HostOptions {
   // Write emails.sqlite too, with `run` in its table run.
   bool database = true;
   RunDescription run;
+  // The module's limit of one message, in bytes, as the observer must know it.
+  uint64_t max_flow_length = uint64_t{2} << 20;
+  // Splits an SMTP client segment at a DATA or BDAT command line that does
+  // not start it, so that the module sees the command (--pipelined).
+  bool pipelined = false;
 };
 
 // What the run produced, for the program's summary.
@@ -81,6 +90,7 @@ struct HostRunCounts {
   std::map<std::string, uint64_t> reports_by_event;  // event key -> reports
   uint64_t flows_bound = 0;        // flows the module took
   uint64_t flows_declined = 0;     // flows the module refused
+  NoticeCounts notices{};          // lines of notices.jsonl by kind
   // Output files that lost lines (a full disk): file name -> lines lost.
   std::vector<std::pair<std::string, uint64_t>> lines_lost;
 };

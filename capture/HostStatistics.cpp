@@ -81,7 +81,12 @@ HostStatCounter* HostStatService::CounterAt(int32_t index) {
 
 void HostStatService::AddHostFigure(const std::string& item, const std::string& counter, uint64_t value) {
   if (!host_category_) host_category_ = std::make_unique<HostStatCategory>(kHostCategory);
-  auto* host_item = static_cast<HostStatItem*>(host_category_->AddItem(item.c_str(), L"", kStatScopeGlobal, ""));
+  // Figures of one item (the notices by kind) share its object.
+  HostStatItem* host_item = nullptr;
+  for (const auto& existing : host_category_->items())
+    if (existing->name() == item) host_item = existing.get();
+  if (!host_item)
+    host_item = static_cast<HostStatItem*>(host_category_->AddItem(item.c_str(), L"", kStatScopeGlobal, ""));
   static_cast<HostStatCounter*>(host_item->AddCounter(counter.c_str(), 0, 0, kStatScopeGlobal, ""))->Add(value);
 }
 

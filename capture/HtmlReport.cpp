@@ -122,6 +122,29 @@ void ReplyTimes(std::ostringstream& html, const ReportData& data, const Words& w
   html << "</tbody></table></section>\n";
 }
 
+// What went by unrecorded: counts per kind and the first notices; left out
+// when every mail transfer seen was recorded.
+void NoticesSection(std::ostringstream& html, const ReportData& data, const Words& w) {
+  if (data.notices.empty()) return;
+  std::map<std::string, uint64_t> kinds;
+  for (const ReportNotice& notice : data.notices) ++kinds[notice.kind];
+  html << "<section id=\"notices\"><h2>" << w("Seen but not recorded") << "</h2><p class=\"note\">"
+       << w("Mail traffic the analysis saw go by without recording it, and why; notices.jsonl holds every notice.")
+       << "</p><div class=\"grid\">" << report::CountTable(w("Notices by kind"), w("Kind"), TopCounts(kinds, kinds.size()), w)
+       << "</div><table class=\"sortable\"><thead><tr>";
+  for (const char* column : {"Time", "Protocol", "Client", "Server"}) html << "<th>" << w(column) << "</th>";
+  html << "<th class=\"number\">" << w("Packet") << "</th><th>" << w("Kind") << "</th><th>" << w("What")
+       << "</th></tr></thead><tbody>";
+  const size_t shown = std::min(data.notices.size(), kReportNoticeRows);
+  for (size_t i = 0; i < shown; ++i) {
+    const ReportNotice& n = data.notices[i];
+    html << "<tr><td>" << Escape(n.time) << "</td><td>" << Escape(n.protocol) << "</td><td>" << Escape(n.client)
+         << "</td><td>" << Escape(n.server) << "</td><td class=\"number\">" << n.packet << "</td><td>"
+         << Escape(n.kind) << "</td><td>" << Escape(n.text) << "</td></tr>";
+  }
+  html << "</tbody></table></section>\n";
+}
+
 void MessageTable(std::ostringstream& html, const ReportData& data, const std::string& out_dir, const Words& w) {
   const size_t total = data.messages.size();
   const size_t shown = std::min(total, kReportMessageRows);
@@ -169,6 +192,7 @@ std::string RenderHtmlReport(const ReportData& data, const ReportRun& run, const
   TopTables(html, data, w);
   DiagnosisSection(html, data, w);
   ReplyTimes(html, data, w);
+  NoticesSection(html, data, w);
   MessageTable(html, data, out_dir, w);
   html << "<footer>" << Escape(w("Made by pelka-email. Times are local (%1) unless marked otherwise.", run.time_zone))
        << "</footer>\n"

@@ -2,8 +2,10 @@
 // for a person to read in any browser with no network: the run, messages
 // over time per protocol, the top senders, receivers and domains, the
 // attachments by type, the diagnosis per server and over time, the reply
-// times per server, and the message table (sortable and filterable with
-// JavaScript, readable without), each row linked to its .eml copy when copies were saved. Everything is
+// times per server, what was seen but not recorded (when anything was: the
+// coverage notices), and the message table (sortable and filterable with
+// JavaScript, readable without), each row linked to its .eml copy when
+// copies were saved. Everything is
 // inline: no script, style sheet or font is fetched from anywhere.
 //
 // The table shows the newest kReportMessageRows messages at most and says
@@ -19,6 +21,8 @@
 namespace pelka {
 
 inline constexpr size_t kReportMessageRows = 5000;
+// The first notices shown; their counts by kind cover them all.
+inline constexpr size_t kReportNoticeRows = 1000;
 
 // The run as the summary knows it.
 struct ReportRun {

@@ -72,6 +72,11 @@ ReportData ReadReportData(const std::string& out_dir) {
     data.diagnosis.push_back({Text(report, "event"), Text(report, "title"), Text(report, "server"),
                               Number(report, "time")});
   });
+  ReadObjects(out_dir + "/notices.jsonl", data.unreadable_lines, [&](const JsonFields& notice) {
+    data.notices.push_back({Text(notice, "time"), Text(notice, "client"), Text(notice, "server"),
+                            Text(notice, "protocol"), Text(notice, "kind"), Text(notice, "text"),
+                            Number(notice, "packet")});
+  });
   ReadReplies(out_dir + "/emails.sqlite", &data.replies);
   return data;
 }

@@ -1,5 +1,6 @@
 // What the HTML report shows, read back from the files of a finished run:
-// the records of emails.jsonl and the reports of diagnosis.jsonl, with the
+// the records of emails.jsonl, the reports of diagnosis.jsonl and the
+// coverage notices of notices.jsonl, with the
 // counts the report's tables and charts are made of.
 #pragma once
 
@@ -22,17 +23,23 @@ struct ReportDiagnosis {
   uint64_t time_us = 0;  // capture time
 };
 
+struct ReportNotice {
+  std::string time, client, server, protocol, kind, text;
+  uint64_t packet = 0;
+};
+
 struct ReportData {
   std::vector<ReportMessage> messages;  // in the file's order
   std::vector<ReportDiagnosis> diagnosis;
   // Server replies per reply-time band (the bands of the database's
   // connections table), by server; empty without emails.sqlite.
   std::map<std::string, std::vector<uint64_t>> replies;
+  std::vector<ReportNotice> notices;
   uint64_t unreadable_lines = 0;  // lines that are not JSON objects
 };
 
-// Reads <out_dir>/emails.jsonl, diagnosis.jsonl and the connections of
-// emails.sqlite (missing files read as empty).
+// Reads <out_dir>/emails.jsonl, diagnosis.jsonl, notices.jsonl and the
+// connections of emails.sqlite (missing files read as empty).
 ReportData ReadReportData(const std::string& out_dir);
 
 // The domain of an address ("" when it has no '@'), in lower case.

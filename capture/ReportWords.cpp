@@ -80,6 +80,14 @@ const std::pair<const char*, const char*> kChinese[] = {
     {"min", "分钟"},
     {"day(s)", "天"},
     {"pelka-email report", "pelka-email 报告"},
+    {"Seen but not recorded", "已看到但未记录"},
+    {"Mail traffic the analysis saw go by without recording it, and why; notices.jsonl holds every notice.",
+     "分析看到但未记录的邮件流量及其原因；notices.jsonl 包含全部通知。"},
+    {"Notices by kind", "按类型统计的通知"},
+    {"Kind", "类型"},
+    {"Client", "客户端"},
+    {"Packet", "数据包"},
+    {"What", "说明"},
 };
 
 }  // namespace

@@ -104,7 +104,8 @@ bool RunDatabase::Open(const std::string& path, const RunDescription& run) {
   if (sqlite3_step(start.handle) != SQLITE_DONE) return Fail("cannot write");
 
   for (Statement** statement :
-       {&entry_insert_, &diagnosis_insert_, &statistic_insert_, &connection_insert_, &connection_update_}) {
+       {&entry_insert_, &diagnosis_insert_, &notice_insert_, &statistic_insert_, &connection_insert_,
+        &connection_update_}) {
     statements_.push_back(std::make_unique<Statement>());
     *statement = statements_.back().get();
   }
@@ -113,6 +114,8 @@ bool RunDatabase::Open(const std::string& path, const RunDescription& run) {
       !Prepare("INSERT INTO diagnosis (event, title, text, code1, code2, packet, time, related_packet, client, "
                "server) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
                *diagnosis_insert_) ||
+      !Prepare("INSERT INTO notices (time, client, server, protocol, packet, kind, text) VALUES (?, ?, ?, ?, ?, ?, ?)",
+               *notice_insert_) ||
       !Prepare("INSERT INTO statistics (category, item, counter, value) VALUES (?, ?, ?, ?)", *statistic_insert_) ||
       !Prepare("INSERT INTO connections (protocol, client, server) VALUES (?, ?, ?)", *connection_insert_) ||
       !Prepare("UPDATE connections SET first_time = ?, last_time = ?, client_packets = ?, client_bytes = ?, "
@@ -154,6 +157,22 @@ void RunDatabase::OnDiagnosis(const DiagnosisRow& report) {
     row.client = client;
     row.server = server;
     WriteDiagnosis(row);
+  });
+}
+
+void RunDatabase::OnNotice(const NoticeRow& notice) {
+  Enqueue([this, time = notice.time_us, client = std::string(notice.client), server = std::string(notice.server),
+           protocol = std::string(notice.protocol), packet = notice.packet, kind = std::string(notice.kind),
+           text = std::string(notice.text)] {
+    NoticeRow row;
+    row.time_us = time;
+    row.client = client;
+    row.server = server;
+    row.protocol = protocol;
+    row.packet = packet;
+    row.kind = kind;
+    row.text = text;
+    WriteNotice(row);
   });
 }
 
@@ -275,6 +294,22 @@ void RunDatabase::WriteDiagnosis(const DiagnosisRow& report) {
   BindNumber(statement, 8, report.related_packet);
   BindTextOrNull(statement, 9, report.client);
   BindTextOrNull(statement, 10, report.server);
+  Step(statement);
+}
+
+void RunDatabase::WriteNotice(const NoticeRow& notice) {
+  if (!usable()) {
+    rows_lost_.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  sqlite3_stmt* statement = notice_insert_->handle;
+  BindNumber(statement, 1, notice.time_us);
+  BindText(statement, 2, notice.client);
+  BindText(statement, 3, notice.server);
+  BindText(statement, 4, notice.protocol);
+  BindNumber(statement, 5, notice.packet);
+  BindText(statement, 6, notice.kind);
+  BindText(statement, 7, notice.text);
   Step(statement);
 }
 

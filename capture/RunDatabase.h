@@ -90,6 +90,19 @@ struct ConnectionTally {
 inline constexpr const char* kReplyBandColumns[ConnectionTally::kReplyBands] = {
     "replies_under_10ms", "replies_under_100ms", "replies_under_1s", "replies_under_10s", "replies_10s_or_more"};
 
+// One coverage notice, as its notices.jsonl line holds it (time is the local
+// time text; time_us the packet's time in microseconds since 1970).
+struct NoticeRow {
+  std::string_view time;
+  std::string_view client;
+  std::string_view server;
+  std::string_view protocol;
+  uint64_t packet = 0;
+  uint64_t time_us = 0;
+  std::string_view kind;
+  std::string_view text;
+};
+
 // What a run was asked to do, for the table run.
 struct RunDescription {
   std::string command_line;  // the arguments, separated by spaces
@@ -147,6 +160,7 @@ class RunDatabase final : public RunSink {
   void OnEntry(uint64_t seconds, std::wstring_view kind, std::wstring_view summary,
                std::wstring_view group) override;
   void OnDiagnosis(const DiagnosisRow& report) override;
+  void OnNotice(const NoticeRow& notice);
 
   // A connection the module took, after it chose the sides: its row is made
   // now, so that the records posted on it name it (messages.connection_id).
@@ -186,6 +200,7 @@ class RunDatabase final : public RunSink {
   void WriteRecord(const std::shared_ptr<const MessageColumns>& columns, const LogRecord& record);
   void WriteEntry(uint64_t seconds, std::wstring_view kind, std::wstring_view summary, std::wstring_view group);
   void WriteDiagnosis(const DiagnosisRow& report);
+  void WriteNotice(const NoticeRow& notice);
   void WriteConnectionStart(const IPelkaFlow* flow, std::string_view protocol, std::string_view client,
                             std::string_view server);
   void WriteConnectionEnd(const IPelkaFlow* flow, const ConnectionTally& tally, std::string_view ended);
@@ -222,6 +237,7 @@ class RunDatabase final : public RunSink {
   std::vector<std::unique_ptr<Statement>> statements_;
   Statement* entry_insert_ = nullptr;
   Statement* diagnosis_insert_ = nullptr;
+  Statement* notice_insert_ = nullptr;
   Statement* statistic_insert_ = nullptr;
   Statement* connection_insert_ = nullptr;
   Statement* connection_update_ = nullptr;

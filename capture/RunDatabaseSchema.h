@@ -53,6 +53,10 @@ CREATE TABLE diagnosis (
   packet INTEGER, time INTEGER, related_packet INTEGER, client TEXT, server TEXT);
 CREATE INDEX diagnosis_time ON diagnosis (time);
 CREATE INDEX diagnosis_server ON diagnosis (server, event);
+CREATE TABLE notices (
+  id INTEGER PRIMARY KEY, time INTEGER, client TEXT, server TEXT, protocol TEXT, packet INTEGER,
+  kind TEXT, text TEXT);
+CREATE INDEX notices_kind ON notices (kind);
 CREATE TABLE statistics (category TEXT, item TEXT, counter TEXT, value INTEGER);
 )sql";
 

@@ -117,6 +117,19 @@ void PrintDiagnosis(std::ostream& out, const RunFacts& facts) {
   for (const auto& [event, count] : facts.reports_by_event) out << "  " << FitToWidth(event, 32) << " " << count << "\n";
 }
 
+// What went by unrecorded, one line per kind, with what to do about it;
+// nothing when every mail transfer seen was recorded.
+void PrintNotices(std::ostream& out, const RunFacts& facts) {
+  uint64_t total = 0;
+  for (const uint64_t count : facts.notices) total += count;
+  if (total == 0) return;
+  out << "\nSeen but not recorded: " << Count(total, "notice", "notices") << " (notices.jsonl)\n";
+  for (size_t kind = 0; kind < kNoticeKindCount; ++kind) {
+    if (facts.notices[kind] == 0) continue;
+    out << "  " << NoticeSummaryLine(static_cast<NoticeKind>(kind), facts.notices[kind], facts.pipelined) << "\n";
+  }
+}
+
 }  // namespace
 
 MessageDigest ReadMessageDigest(const std::string& emails_path, size_t first_rows) {
@@ -174,6 +187,7 @@ void PrintSummary(std::ostream& out, const RunFacts& facts, const MessageDigest&
   if (facts.interrupted) out << "Stopped before the end of the input; the outputs hold what was found until then.\n\n";
   PrintMessages(out, facts, messages);
   PrintDiagnosis(out, facts);
+  PrintNotices(out, facts);
   out << "\nConnections: SMTP " << facts.connections_smtp << ", POP3 " << facts.connections_pop3 << ", IMAP4 "
       << facts.connections_imap << "\n";
   if (facts.hold_limit_gaps) {
@@ -192,7 +206,7 @@ void PrintSummary(std::ostream& out, const RunFacts& facts, const MessageDigest&
   if (facts.kernel_drops >= 0) out << "; dropped by the kernel: " << facts.kernel_drops;
   out << "\n";
   out << "Output: " << facts.out_dir << "/ (emails.jsonl, email_log.csv, email_log.txt, entries.jsonl, "
-      << "diagnosis.jsonl, statistics.json, report.html" << (facts.database ? ", emails.sqlite" : "")
+      << "diagnosis.jsonl, notices.jsonl, statistics.json, report.html" << (facts.database ? ", emails.sqlite" : "")
       << (facts.copies ? ", email_copy/" : "") << ")\n";
   if (facts.copy_failures)
     out << "Copies not written: " << facts.copy_failures << " (their records name no file; see the message above)\n";

@@ -15,6 +15,8 @@
 #include <utility>
 #include <vector>
 
+#include "capture/Notices.h"
+
 namespace pelka {
 
 struct MessageRow {
@@ -55,6 +57,8 @@ struct RunFacts {
   std::vector<std::pair<std::string, uint64_t>> lines_lost;  // output file -> lines not written
   uint64_t hold_limit_gaps = 0;  // gaps skipped because --hold-limit was reached
   uint32_t hold_limit_mib = 0;
+  NoticeCounts notices{};  // coverage notices by kind
+  bool pipelined = false;  // --pipelined was given
 };
 
 inline constexpr size_t kSummaryRows = 10;

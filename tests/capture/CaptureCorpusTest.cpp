@@ -4,9 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
 
+#include "ProgramHarness.h"
 #include "TrackerHarness.h"
 #include "capture/CaptureSource.h"
+#include "capture/Notices.h"
 
 namespace pelka {
 namespace {
@@ -107,6 +112,130 @@ TEST(CaptureCorpusTest, TwinCapturesDeliverTheSamePackets) {
     CorpusRun second({Corpus(b).string()});
     EXPECT_FALSE(first.PacketEvents().empty());
     EXPECT_EQ(first.PacketEvents(), second.PacketEvents());
+  }
+}
+
+// --- The program over the shared corpus ----------------------------------------------
+
+// The corpus the developers share, beside the repository; its README lists
+// the messages each capture carries ("messages: N" in the file's row).
+const fs::path kSharedCorpus = fs::path(PELKA_SOURCE_DIR) / ".." / "shared" / "corpus";
+
+std::map<std::string, uint64_t> ListedMessages() {
+  std::map<std::string, uint64_t> listed;
+  std::ifstream readme(kSharedCorpus / "README.md");
+  const std::regex row(R"(^\| `([^`]+)` \|.*messages: (\d+))");
+  std::smatch match;
+  for (std::string line; std::getline(readme, line);)
+    if (std::regex_search(line, match, row)) listed[match[1]] = std::stoull(match[2]);
+  return listed;
+}
+
+struct CorpusOutputs {
+  CorpusOutputs(const fs::path& capture, const fs::path& out, std::vector<std::string> options) {
+    options.insert(options.end(), {"-q", "-o", out.string(), capture.string()});
+    test::ExpectNoCrash(test::RunProgram(options));
+    records = test::LineCount(out / "emails.jsonl");
+    for (const nlohmann::json& notice : test::ReadJsonLines(out / "notices.jsonl"))
+      ++notices[notice.value("kind", std::string())];
+    auto statistics = nlohmann::json::parse(test::ReadWholeFile(out / "statistics.json"), nullptr, false);
+    for (const auto& [kind, count] : statistics["Capture"]["Notices"].items())
+      if (count.get<uint64_t>() > 0) counted[kind] = count.get<uint64_t>();
+    for (const char* name : {"emails.jsonl", "entries.jsonl", "diagnosis.jsonl", "notices.jsonl", "email_log.csv",
+                             "email_log.txt", "statistics.json"})
+      files[name] = test::ReadWholeFile(out / name);
+  }
+  uint64_t MessageNotices() const {
+    uint64_t total = 0;
+    for (size_t kind = 0; kind < kNoticeKindCount; ++kind) {
+      const auto found = notices.find(std::string(NoticeKey(static_cast<NoticeKind>(kind))));
+      if (found != notices.end() && CountsMessage(static_cast<NoticeKind>(kind))) total += found->second;
+    }
+    return total;
+  }
+  uint64_t records = 0;
+  std::map<std::string, uint64_t> notices, counted;
+  std::map<std::string, std::string> files;
+};
+
+// Every message a capture carries is recorded or noticed, unless a notice
+// says the connection could not be read at all; --pipelined changes nothing
+// where nothing was pipelined, and records what was.
+TEST(CaptureCorpusTest, RecordsAndNoticesAccountForEveryListedMessage) {
+  REQUIRE_PROGRAM();
+  const std::map<std::string, uint64_t> listed = ListedMessages();
+  if (listed.empty()) GTEST_SKIP() << "no shared corpus at " << kSharedCorpus;
+  test::TempDir out;
+  for (const auto& [file, messages] : listed) {
+    SCOPED_TRACE(file);
+    const fs::path capture = kSharedCorpus / "pcap" / file;
+    const CorpusOutputs plain(capture, out.path() / file, {});
+    const CorpusOutputs split(capture, out.path() / (file + ".pipelined"), {"--pipelined"});
+    EXPECT_EQ(plain.counted, plain.notices);
+    const bool unreadable = plain.notices.count("starttls") || plain.notices.count("tls-port");
+    if (!unreadable) {
+      EXPECT_GE(plain.records + plain.MessageNotices(), messages);
+    }
+    if (!plain.notices.count("smtp-pipelined")) {
+      EXPECT_EQ(split.files, plain.files);
+      continue;
+    }
+    EXPECT_GE(split.records, plain.records);
+    EXPECT_LT(split.notices.count("smtp-pipelined") ? split.notices.at("smtp-pipelined") : 0,
+              plain.notices.at("smtp-pipelined"));
+  }
+}
+
+// A SYN on a mail port that is not followed counts once, however often it is
+// sent again.
+TEST(CaptureCorpusTest, OpeningsOnOtherMailPortsCountOncePerConnection) {
+  REQUIRE_PROGRAM();
+  test::TempDir out;
+  test::Segment submission = test::Between(test::V4(10, 0, 0, 1), 40001, test::V4(192, 0, 2, 25), 587);
+  submission.flags = kTcpSyn;
+  test::Segment imaps = test::Between(test::V4(10, 0, 0, 1), 40002, test::V4(192, 0, 2, 25), 993);
+  imaps.flags = kTcpSyn;
+  const std::vector<test::Frame> frames = {test::EthernetFrame(submission), test::EthernetFrame(submission),
+                                           test::EthernetFrame(imaps)};
+  test::WriteWholeFile(out.path() / "syns.pcap", test::PcapFileHeader() + test::PcapRecords(frames));
+  const CorpusOutputs outputs(out.path() / "syns.pcap", out.path() / "run", {});
+  EXPECT_EQ(outputs.notices, (std::map<std::string, uint64_t>{{"tls-port", 2}}));
+}
+
+struct NoticedCapture {
+  const char* file;
+  std::map<std::string, uint64_t> notices;
+  std::vector<std::string> options = {};
+  uint64_t records = 0;
+};
+
+// Captures that stand for one notice kind each, with exactly what they give.
+TEST(CaptureCorpusTest, CapturesGiveTheirNotices) {
+  REQUIRE_PROGRAM();
+  if (!fs::exists(kSharedCorpus / "pcap")) GTEST_SKIP() << "no shared corpus at " << kSharedCorpus;
+  const std::vector<NoticedCapture> cases = {
+      {"smtp-3msgs-one-session.pcap", {}, {}, 3},
+      {"smtp-pipelining-loopback.pcap", {{"smtp-pipelined", 1}}},
+      // The split hands the body (it has no header lines) to the module.
+      {"smtp-pipelining-loopback.pcap", {{"no-receiver-address", 1}}, {"--pipelined"}},
+      {"smtp-multi-addr.pcap", {}, {"--pipelined"}, 1},
+      {"smtp-starttls.pcap", {{"starttls", 1}}},
+      {"smtp-port587-winmail.pcap", {{"tls-port", 1}}},
+      {"smtp-helo-fallback-30rcpt.pcap", {{"no-receiver-address", 1}}},
+      {"pop3-49-top.pcap", {{"pop3-top", 49}}},
+      {"imap-login-fetch-26.pcap", {{"imap-fetch-form", 1}}},
+      {"mixed-ntlm-auth.pcap", {{"login-not-taken", 3}}},
+      {"smtp-spambot-port25.pcap", {{"cut-at-limit", 4}, {"login-not-taken", 1}}, {"--max-flow-length", "0"}},
+      {"smtp-bdat-multipart-chunked.pcap", {{"unfinished", 1}}},
+      {"pop3-gb2312-retr.pcap", {{"midstream-start", 1}}, {}, 1},
+      {"smtp-bdat-gap.pcap", {{"tcp-gap", 1}}, {}, 1},
+  };
+  test::TempDir out;
+  for (const NoticedCapture& c : cases) {
+    SCOPED_TRACE(c.file);
+    const CorpusOutputs outputs(kSharedCorpus / "pcap" / c.file, out.path() / c.file, c.options);
+    EXPECT_EQ(outputs.notices, c.notices);
+    EXPECT_EQ(outputs.records, c.records);
   }
 }
 

@@ -160,7 +160,7 @@ TEST(PrivilegeDropProgram, RunsAsTheUserAndGivesItEveryFileItMakes) {
       EXPECT_EQ(OwnerOf(entry.path()), user) << entry.path();
       ++files;
     }
-    EXPECT_EQ(files, 8u + 1u + 3u) << "eight files (report.html and emails.sqlite too), email_copy/ and three copies";
+    EXPECT_EQ(files, 9u + 1u + 3u) << "nine files (report.html and emails.sqlite too), email_copy/ and three copies";
     EXPECT_EQ(std::distance(fs::directory_iterator(public_dir.path()), fs::directory_iterator()), 1)
         << "nothing but the output folder beside it";
   }
