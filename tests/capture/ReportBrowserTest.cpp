@@ -126,8 +126,8 @@ TEST(ReportTextTest, ChineseRunLeavesNoEnglishText) {
   std::string page = test::ReadWholeFile(dir / "report.html");
   page = std::regex_replace(page, std::regex("<(script|style)[\\s\\S]*?</\\1>|<[^>]+>|&[a-z]+;"), " ");
   const std::regex word("[A-Za-z]{3,}");
-  std::set<std::string> known = {"pelka", "email", "emails", "jsonl", "log", "csv", "sqlite", "UTC", "bytes", "KiB", "MiB", "GiB", "SMTP",
-                                 "POP", "IMAPv"};
+  std::set<std::string> known = {"pelka", "email", "emails", "jsonl", "log", "csv", "sqlite", "UTC",
+                                 "bytes", "KiB", "MiB", "GiB", "SMTP", "POP", "IMAPv"};
   const std::string sources = test::ReadWholeFile(dir / "emails.jsonl") + test::kSample.string();
   for (std::sregex_iterator it(sources.begin(), sources.end(), word), end; it != end; ++it) known.insert(it->str());
   for (std::sregex_iterator it(page.begin(), page.end(), word), end; it != end; ++it)
