@@ -159,6 +159,11 @@ class HostServices::Impl final : public FlowSink {
     if (root().empty()) return error_.empty();
     log_->Finish();
     WriteStatistics();
+    {
+      // The folder is finished: a live run's statistics writer leaves it be.
+      const std::lock_guard<std::mutex> lock(statistics_mutex_);
+      folder_.clear();
+    }
     if (RunDatabase* database = open_database()) {
       for (const auto& [sequence, bound] : open_flows_)
         database->OnConnectionEnd(&bound->flow, bound->tally, "continued");
@@ -175,8 +180,12 @@ class HostServices::Impl final : public FlowSink {
 
   bool StartFolder(const std::string& folder, uint64_t packets, uint64_t bytes) {
     {
+      // The period's counters start here, under the lock the statistics
+      // writer reads them with.
       const std::lock_guard<std::mutex> lock(statistics_mutex_);
       folder_ = folder;
+      statistics_.StartPeriod();
+      drops_base_ = kernel_drops_ ? kernel_drops_() : 0;
     }
     std::string problem;
     if (copy_store_ && !copy_store_->MoveTo(folder, &problem)) Fail(problem);
@@ -190,11 +199,8 @@ class HostServices::Impl final : public FlowSink {
         bound->tally = CarriedTally(bound->tally);
       }
     }
-    // The period's counters start here.
-    statistics_.StartPeriod();
     const HostRunCounts now = counts();
     period_base_ = {packets, bytes, now.records, now.entries, now.diagnosis_reports, now.copies, now.flows_bound};
-    drops_base_ = kernel_drops_ ? kernel_drops_() : 0;
     if (options_.lines_at_once) log_->Finish();
     return error_.empty();
   }
