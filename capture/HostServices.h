@@ -2,8 +2,9 @@
 //
 // The program makes a HostServices with its options, opens it (output
 // directory and files), hands the module over with StartModule, feeds the flow
-// tracker into flow_sink(), and ends with FinishRun. Every file of the output
-// directory is written as the module produces it, in whole lines at least
+// tracker into flow_sink(), and ends with FinishRun (a rotating run's files
+// are in folders below the output directory, one after another: FinishFolder,
+// StartFolder). Every file of the output directory is written as the module produces it, in whole lines at least
 // every second, so an interrupted run keeps what was found until then:
 //
 //   emails.jsonl      one object per posted email record
