@@ -49,6 +49,7 @@ struct ReadState {
   Progress& progress;
   ReadLimits& limits;
   std::ostream& err;
+  FolderRotation* rotation;  // null: one output folder
   bool inputs_ok = true;
 };
 
@@ -93,6 +94,9 @@ bool ReadAll(Source& source, Pipeline& pipeline, HostServices& services, ReadSta
   for (;;) {
     switch (NextForFlows(source, &frame, &block, state)) {
       case ReadStatus::kFrame:
+        // Before the frame is handed on: every record it brings belongs to
+        // the folder of its time. frames_read() counts it already.
+        if (state.rotation) state.rotation->BeforePacket(frame.time_us, pipeline.frames_read() - 1, pipeline.bytes_read());
         if (pipeline.decoder.Decode(frame.link_type, frame.data, frame.captured_length, &packet) ==
             DecodeStatus::kTcp) {
           tracker.OnPacket(packet, frame.data, frame.number, frame.time_us);
@@ -101,6 +105,8 @@ bool ReadAll(Source& source, Pipeline& pipeline, HostServices& services, ReadSta
       case ReadStatus::kTimeout:
         // A pipe may carry an old capture: only a live clock moves its time.
         if (source.live()) tracker.Advance(NowMicroseconds());
+        if (source.live() && state.rotation)
+          state.rotation->BeforePacket(NowMicroseconds(), pipeline.frames_read(), pipeline.bytes_read());
         services.FlushOutputs();
         break;
       default:
@@ -179,14 +185,15 @@ bool ReadsSlowInput(const ProgramOptions& options) {
          std::find(options.inputs.begin(), options.inputs.end(), "-") != options.inputs.end();
 }
 
-bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, std::ostream& err) {
+bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, std::ostream& err,
+                  FolderRotation* rotation) {
   const StatisticsRefresh statistics(services, ReadsSlowInput(options));
   Progress progress(Progress::Wanted(options.quiet), [&pipeline, &services] {
     return ProgressFigures{pipeline.bytes_read(), pipeline.total_bytes(), pipeline.frames_read(),
                            services.counts().records, pipeline.kernel_drops()};
   });
   ReadLimits limits(options.max_packets, options.max_seconds);
-  ReadState state{progress, limits, err};
+  ReadState state{progress, limits, err, rotation};
   const bool read = ReadEverything(pipeline, services, state);
   if (const std::string reason = limits.Reason(); !reason.empty()) {
     progress.Clear();

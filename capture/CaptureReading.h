@@ -10,6 +10,7 @@
 
 #include "capture/CapturePipeline.h"
 #include "capture/CommandLine.h"
+#include "capture/FolderRotation.h"
 #include "capture/HostServices.h"
 
 namespace pelka {
@@ -25,7 +26,11 @@ bool OpenInputs(const ProgramOptions& options, Pipeline& pipeline, std::ostream&
 
 // Reads everything from the inputs OpenInputs opened, keeping statistics.json
 // current for slow input. False when an input could not be read or is
-// damaged. The caller holds the stop-signal scope (StopSignal.h).
-bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, std::ostream& err);
+// damaged. The caller holds the stop-signal scope (StopSignal.h). With
+// `rotation` (one thread only), the output folder is switched before each
+// packet as its capture time asks, and by the clock while a live capture is
+// quiet.
+bool ReadCaptures(const ProgramOptions& options, Pipeline& pipeline, HostServices& services, std::ostream& err,
+                  FolderRotation* rotation = nullptr);
 
 }  // namespace pelka

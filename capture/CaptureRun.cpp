@@ -12,9 +12,11 @@
 
 #include "capture/CapturePipeline.h"
 #include "capture/CaptureReading.h"
+#include "capture/FolderRotation.h"
 #include "capture/HostServices.h"
 #include "capture/HtmlReport.h"
 #include "capture/ModuleLoader.h"
+#include "capture/OutputFiles.h"
 #include "capture/PrivilegeDrop.h"
 #include "capture/RunDescription.h"
 #include "capture/RunSummary.h"
@@ -97,6 +99,7 @@ HostOptions MakeHostOptions(const ProgramOptions& options, const std::string& li
   host.lines_at_once = ReadsSlowInput(options);
   host.conditions = options.conditions;
   host.database = options.database;
+  host.rotate = options.rotate_seconds > 0;
   if (host.database) host.run = DescribeRun(options);
   return host;
 }
@@ -150,21 +153,36 @@ bool ReportDatabase(const HostServices& services, const std::string& said, std::
   return false;
 }
 
-// report.html over what the run wrote; a page that cannot be written is said.
-bool WriteReport(const ProgramOptions& options, const Pipeline& pipeline,
-                 std::chrono::steady_clock::time_point started, std::ostream& err) {
+// report.html over what the run wrote into `folder`, which read `packets`
+// and `bytes`; a page that cannot be written is said.
+bool WriteReport(const ProgramOptions& options, const Pipeline& pipeline, const std::string& folder,
+                 uint64_t packets, uint64_t bytes, std::chrono::steady_clock::time_point started,
+                 std::ostream& err) {
   ReportRun run;
   run.captures = InputsLabel(options);
-  run.packets = pipeline.frames_read();
-  run.bytes = pipeline.bytes_read();
+  run.packets = packets;
+  run.bytes = bytes;
   run.elapsed_seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   run.kernel_drops = pipeline.kernel_drops();
   run.interrupted = StopRequested();
   run.chinese = options.language == TextLanguage::kChinese;
   std::string problem;
-  if (WriteHtmlReport(options.out_dir, run, &problem)) return true;
+  if (WriteHtmlReport(folder, run, &problem)) return true;
   err << kProgramName << ": " << problem << "\n";
   return false;
+}
+
+// The summary's messages over every folder of a rotating run, in order.
+MessageDigest ReadFoldersDigest(const std::vector<std::string>& folders) {
+  MessageDigest all;
+  for (const std::string& folder : folders) {
+    MessageDigest one = ReadMessageDigest(folder + "emails.jsonl", kSummaryRows);
+    all.total += one.total;
+    for (const auto& [protocol, count] : one.by_protocol) all.by_protocol[protocol] += count;
+    for (MessageRow& row : one.first)
+      if (all.first.size() < kSummaryRows) all.first.push_back(std::move(row));
+  }
+  return all;
 }
 
 }  // namespace
@@ -214,7 +232,16 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
     services.FinishRun(module->main_table());
     return kExitInputProblem;
   }
-  const bool inputs_ok = ReadCaptures(options, pipeline, services, err);
+  std::unique_ptr<FolderRotation> rotation;
+  if (options.rotate_seconds) {
+    rotation = std::make_unique<FolderRotation>(
+        AbsoluteDirectory(options.out_dir), options.rotate_seconds, services,
+        [&](const std::string& folder, uint64_t packets, uint64_t bytes) {
+          return WriteReport(options, pipeline, folder, packets, bytes, started, err);
+        });
+  }
+  const bool inputs_ok = ReadCaptures(options, pipeline, services, err, rotation.get());
+  if (rotation) rotation->EnsureFolder(pipeline.frames_read(), pipeline.bytes_read());
   pipeline.Finish();
   WarnAboutSkippedParts(InputsLabel(options), pipeline, err);
   if (const uint64_t gaps = pipeline.flow_counters().hold_limit_gaps) services.AddStatistic("HoldLimit", "Reached", gaps);
@@ -228,13 +255,23 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
   if (counts.copy_failures)
     err << kProgramName << ": " << counts.copy_failures << " message cop" << (counts.copy_failures == 1 ? "y" : "ies")
         << " could not be written, their records name no file (first: " << counts.first_copy_failure << ")\n";
-  const bool report_ok = WriteReport(options, pipeline, started, err);
+  const uint64_t period_packets = rotation ? rotation->period_packets() : 0;
+  const uint64_t period_bytes = rotation ? rotation->period_bytes() : 0;
+  const bool report_ok =
+      WriteReport(options, pipeline, rotation ? services.folder() : options.out_dir,
+                  pipeline.frames_read() - period_packets, pipeline.bytes_read() - period_bytes, started, err) &&
+      (!rotation || rotation->reports_ok());
 
   if (!options.quiet) {
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - started;
     RunFacts facts = CollectFacts(options, pipeline, services, elapsed.count());
     facts.copy_failures = counts.copy_failures;
-    PrintSummary(out, facts, ReadMessageDigest(facts.out_dir + "/emails.jsonl", kSummaryRows));
+    if (!rotation) {
+      PrintSummary(out, facts, ReadMessageDigest(facts.out_dir + "/emails.jsonl", kSummaryRows));
+    } else {
+      facts.folders = rotation->folders().size();
+      PrintSummary(out, facts, ReadFoldersDigest(rotation->folders()));
+    }
   }
   return inputs_ok && outputs_ok && database_ok && report_ok && !counts.copy_failures ? kExitDone : kExitInputProblem;
 }

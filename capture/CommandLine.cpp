@@ -96,6 +96,12 @@ void AddInputOutputOptions(CLI::App& app, ProgramOptions& options) {
   app.add_flag("--copies", options.copies,
                "also save every message as an .eml file under DIR/email_copy/ (0600; a taken name gets -2, -3, ...)")
       ->group(output);
+  app.add_option("--rotate", options.rotate_seconds,
+                 "start a new output folder every this many seconds of capture time: DIR is then the parent of "
+                 "folders named by their start time (local, e.g. \"2026-11-26 01.00.00\"); not with --threads")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(1u, 100u * 365 * 24 * 3600).description(""))
+      ->group(output);
   app.add_flag("--no-db", [&options](int64_t) { options.database = false; },
                "do not write DIR/emails.sqlite, the database of the run's records")
       ->group(output);
@@ -205,6 +211,9 @@ std::string CheckInputs(const CLI::App& app, const ProgramOptions& options) {
   if (options.interface_name.empty() && (app.count("--filter") || app.count("--buffer-size")))
     return "--filter and --buffer-size apply to live capture (-i) only; filter a capture file with "
            "tcpdump -r FILE -w - EXPR | pelka-email -";
+  // The folders switch between two packets, which workers reading ahead of
+  // each other have no common point for.
+  if (options.rotate_seconds && options.threads > 1) return "--rotate works with one thread only: leave out --threads";
   return CheckFilterExpression(options.filter);
 }
 

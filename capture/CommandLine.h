@@ -57,6 +57,9 @@ struct ProgramOptions {
   uint32_t buffer_size_mib = kDefaultBufferSizeMib;
   std::string out_dir = "pelka-out";
   bool copies = false;
+  // --rotate: a new output folder below out_dir every this many seconds of
+  // capture time (0: one folder, out_dir itself).
+  uint32_t rotate_seconds = 0;
   uint32_t max_flow_length_mib = 2;
   // Split SMTP client segments at a pipelined DATA or BDAT command line.
   bool pipelined = false;

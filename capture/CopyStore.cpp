@@ -116,10 +116,34 @@ std::unique_ptr<CopyStore> CopyStore::Open(const std::string& out_dir, std::stri
   return std::unique_ptr<CopyStore>(new CopyStore(copy_dir, copy_fd, staging_fd, made));
 }
 
+std::unique_ptr<CopyStore> CopyStore::Unplaced() {
+  return std::unique_ptr<CopyStore>(new CopyStore({}, -1, -1, false));
+}
+
+bool CopyStore::MoveTo(const std::string& out_dir, std::string* error) {
+  std::unique_ptr<CopyStore> next = Open(out_dir, error);
+  if (!next) return false;
+  const std::lock_guard<std::mutex> threads(threads_mutex_);
+  const std::lock_guard<std::mutex> names(names_mutex_);
+  // The staging folders keep their numbers, which the threads' texts name.
+  for (size_t number = 0; number < staging_.size(); ++number) {
+    const std::string name = std::to_string(number);
+    if (::renameat(staging_fd_, name.c_str(), next->staging_fd_, name.c_str()) != 0)
+      ::mkdirat(next->staging_fd_, name.c_str(), 0700);
+  }
+  std::swap(copy_dir_, next->copy_dir_);
+  std::swap(copy_fd_, next->copy_fd_);
+  std::swap(staging_fd_, next->staging_fd_);
+  std::swap(made_, next->made_);
+  next_suffix_.clear();
+  return true;
+}
+
 CopyStore::CopyStore(std::string copy_dir, int copy_fd, int staging_fd, bool made)
     : copy_dir_(std::move(copy_dir)), copy_fd_(copy_fd), staging_fd_(staging_fd), made_(made) {}
 
 CopyStore::~CopyStore() {
+  if (copy_fd_ < 0) return;
   ::close(staging_fd_);
   RemoveFolder(copy_fd_, kStaging);
   ::close(copy_fd_);

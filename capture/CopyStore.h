@@ -53,6 +53,9 @@ class CopyStore {
   // `out_dir`: absolute, ending with '/'. Null with `error` set when the copy
   // folder is not a directory, or cannot be made or opened.
   static std::unique_ptr<CopyStore> Open(const std::string& out_dir, std::string* error);
+  // A store with no folder yet, for a run whose first output folder is named
+  // by its first packet: MoveTo gives it one. Until then every copy fails.
+  static std::unique_ptr<CopyStore> Unplaced();
 
   // Removes the staging folders with whatever is left in them, and the copy
   // folder when this run made it and put no copy in it.
@@ -70,6 +73,14 @@ class CopyStore {
   // placed (counted, and the staged file removed).
   std::string Place(std::string_view staged_path);
 
+  // Switches to <out_dir>email_copy/ (as Open makes it) for the copies
+  // placed from now on, between two packets. What waits in staging moves
+  // along; the previous folder is left as the destructor leaves it. False
+  // with `error` set, and the store unchanged, when the new folder cannot be
+  // made or opened.
+  bool MoveTo(const std::string& out_dir, std::string* error);
+  // Whether the store has a folder (not Unplaced, or moved since).
+  bool placed() const { return copy_fd_ >= 0; }
   // Whether copies can be moved into the copy folder (by the user the run
   // is now); false with `error` set.
   bool Writable(std::string* error) const;
@@ -88,10 +99,10 @@ class CopyStore {
   // Tries the name and then its suffixed forms until one is free.
   std::string MoveToFreeName(const std::string& staged, const std::string& name, int* code);
 
-  const std::string copy_dir_;  // absolute, ending with '/'
-  const int copy_fd_;
-  const int staging_fd_;
-  const bool made_;  // the copy folder was made by this run
+  std::string copy_dir_;  // absolute, ending with '/'
+  int copy_fd_;
+  int staging_fd_;
+  bool made_;  // the copy folder was made by this run
 
   std::mutex threads_mutex_;  // guards the staging folders of the threads
   std::vector<std::pair<std::thread::id, std::unique_ptr<std::string>>> staging_;

@@ -95,6 +95,9 @@ class HostLog final : public IPelkaLog {
 
   // Exports the pending records; with none ever exported, the header alone.
   void Finish();
+  // The export files were replaced by new ones: the next export writes the
+  // header line again.
+  void RestartExport() { exporter_.RestartHeader(); }
 
   // Records posted and kept (those the conditions refused are not counted).
   uint64_t records() const { return posted_.load(std::memory_order_relaxed); }

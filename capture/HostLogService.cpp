@@ -37,6 +37,11 @@ void HostLogService::Finish() {
   for (const auto& log : logs_) log->Finish();
 }
 
+void HostLogService::StartNewFolder(std::string storage_root) {
+  storage_root_ = Utf8ToWideText(storage_root);
+  for (const auto& log : logs_) log->RestartExport();
+}
+
 uint64_t HostLogService::records() const {
   uint64_t total = 0;
   for (const auto& log : logs_) total += log->records();

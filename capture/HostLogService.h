@@ -35,6 +35,10 @@ class HostLogService final : public IPelkaLogService {
 
   // Exports what is still pending of every log.
   void Finish();
+  // The output files were replaced by new ones in another folder: copies go
+  // under `storage_root` from now on, and the export files get their header
+  // line again. Only between packets.
+  void StartNewFolder(std::string storage_root);
 
   // Sums over the logs (HostLog::records() and the others).
   uint64_t records() const;

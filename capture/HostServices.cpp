@@ -7,6 +7,7 @@
 #include <cstring>
 #include <array>
 #include <atomic>
+#include <map>
 #include <mutex>
 
 #include "capture/CopyStore.h"
@@ -44,7 +45,7 @@ class NoticeWriter {
 struct BoundFlow final : NoticeListener {
   BoundFlow(TrackedFlow& tracked, HostStatService& statistics, NoticeWriter& writer, uint64_t max_flow_length)
       : flow(tracked), node(flow), stats(statistics), observer(tracked.application_protocol(), max_flow_length, *this),
-        notices(writer) {}
+        notices(writer), tracked(tracked) {}
   void OnNotice(NoticeKind kind, uint64_t packet) override {
     notices.WriteNotice(flow.tracked(), kind, packet, time_us);
   }
@@ -69,6 +70,8 @@ struct BoundFlow final : NoticeListener {
   bool seen_packet = false;
   bool gap_noticed = false;
   uint32_t gaps_seen = 0;
+  TrackedFlow& tracked;
+  uint64_t sequence = 0;  // a rotating run's order of the flows
 };
 
 // The ports of mail services that are not followed: submission, SMTP over
@@ -80,6 +83,22 @@ const char* UnfollowedMailProtocol(uint16_t port) {
     case 995: return "POP3";
     default: return nullptr;
   }
+}
+
+// The connection's row in a database: its protocol and endpoints.
+void StartConnectionRow(RunDatabase& database, BoundFlow& bound) {
+  const TrackedFlow& tracked = bound.tracked;
+  database.OnConnectionStart(&bound.flow, ConnectionProtocolText(tracked.application_protocol()),
+                             EndpointText(tracked.client()), EndpointText(tracked.server()));
+}
+
+// The tally of a connection carried into a new folder: what comes from now
+// on, with a request that waits for its reply still waiting.
+ConnectionTally CarriedTally(const ConnectionTally& tally) {
+  ConnectionTally carried;
+  carried.request_time = tally.request_time;
+  carried.awaiting_reply = tally.awaiting_reply;
+  return carried;
 }
 
 }  // namespace
@@ -102,10 +121,16 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     std::string problem;
     // Nothing in the folder is touched before the lock is held.
     if (lock_ = OutputLock::Take(root, &problem); !lock_) return Fail(problem);
-    if (options_.copies && !(copy_store_ = CopyStore::Open(root, &problem))) return Fail(problem);
-    if (copy_store_ && !copy_store_->Writable(&problem)) return Fail(problem);
-    for (auto [file, name] : Files())
-      if (!file->Open(root + name)) return Fail(file->error());
+    if (options_.rotate) {
+      // The folders below come with the packets (StartFolder).
+      if (options_.copies) copy_store_ = CopyStore::Unplaced();
+    } else {
+      if (options_.copies && !(copy_store_ = CopyStore::Open(root, &problem))) return Fail(problem);
+      if (copy_store_ && !copy_store_->Writable(&problem)) return Fail(problem);
+      for (auto [file, name] : Files())
+        if (!file->Open(root + name)) return Fail(file->error());
+      folder_ = root;
+    }
     for (auto [file, name] : Files()) file->WriteEachLine(options_.lines_at_once);
     database_ = std::make_unique<RunDatabase>();
     RunSink* sink = options_.database ? database_.get() : nullptr;
@@ -114,7 +139,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
         ModuleStorageRoot(root), options_.copies, options_.conditions ? &*options_.conditions : nullptr,
         copy_store_.get());
     host_ = HostObject({log_.get(), &diagnosis_, &statistics_, &icons_});
-    if (options_.database) OpenDatabase(root + "emails.sqlite");
+    if (options_.database && !options_.rotate) OpenDatabase(root + "emails.sqlite");
     return true;
   }
 
@@ -127,7 +152,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     // The database and its write-ahead files, made by SQLite as root.
     for (const char* suffix : {"", "-wal", "-shm"}) {
       const std::string path = root() + "emails.sqlite" + suffix;
-      if (open_database() && ::lchown(path.c_str(), uid, gid) != 0 && errno != ENOENT)
+      if (open_database() && !root().empty() && ::lchown(path.c_str(), uid, gid) != 0 && errno != ENOENT)
         return Fail("cannot give " + path + " to the user: " + std::strerror(errno));
     }
     return true;
@@ -135,7 +160,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
 
   bool CheckWritable() {
     std::string problem;
-    return !copy_store_ || copy_store_->Writable(&problem) || Fail(problem);
+    return !copy_store_ || !copy_store_->placed() || copy_store_->Writable(&problem) || Fail(problem);
   }
 
   IPelkaFlowClient* StartModule(CPAEBaseModule* module) {
@@ -170,17 +195,69 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     return error_.empty();
   }
 
+  std::string folder() const { return root(); }
+
+  bool FinishFolder(uint64_t packets, uint64_t bytes) {
+    if (root().empty()) return error_.empty();
+    log_->Finish();
+    WriteStatistics();
+    {
+      // The folder is finished: a live run's statistics writer leaves it be.
+      const std::lock_guard<std::mutex> lock(statistics_mutex_);
+      folder_.clear();
+    }
+    if (RunDatabase* database = open_database()) {
+      for (const auto& [sequence, bound] : open_flows_)
+        database->OnConnectionEnd(&bound->flow, bound->tally, "continued");
+      run_totals_.packets = packets;
+      run_totals_.bytes = bytes;
+      CloseDatabase();
+    }
+    for (auto [file, name] : Files()) {
+      file->Close();
+      if (!file->error().empty()) Fail(file->error());
+    }
+    return error_.empty();
+  }
+
+  bool StartFolder(const std::string& folder, uint64_t packets, uint64_t bytes) {
+    {
+      // The period's counters start here, under the lock the statistics
+      // writer reads them with.
+      const std::lock_guard<std::mutex> lock(statistics_mutex_);
+      folder_ = folder;
+      statistics_.StartPeriod();
+      drops_base_ = kernel_drops_ ? kernel_drops_() : 0;
+    }
+    std::string problem;
+    if (copy_store_ && !copy_store_->MoveTo(folder, &problem)) Fail(problem);
+    for (auto [file, name] : Files())
+      if (!file->Open(folder + name)) Fail(file->error());
+    log_->StartNewFolder(ModuleStorageRoot(folder));
+    if (RunDatabase* database = open_database()) {
+      OpenDatabase(folder + "emails.sqlite");
+      for (const auto& [sequence, bound] : open_flows_) {
+        StartConnectionRow(*database, *bound);
+        bound->tally = CarriedTally(bound->tally);
+      }
+    }
+    const HostRunCounts now = counts();
+    period_base_ = {packets, bytes, now.records, now.entries, now.diagnosis_reports, now.copies, now.flows_bound};
+    if (options_.lines_at_once) log_->Finish();
+    return error_.empty();
+  }
+
   std::string StatisticsJson() const {
     if (!kernel_drops_) return statistics_.ToJson();
-    const auto drops = static_cast<uint64_t>(std::max<int64_t>(kernel_drops_(), 0));
+    const auto drops = static_cast<uint64_t>(std::max<int64_t>(kernel_drops_() - drops_base_, 0));
     return statistics_.ToJson({{"Kernel", "Dropped", drops}});
   }
 
   bool WriteStatistics() {
-    if (root().empty()) return false;
     const std::lock_guard<std::mutex> lock(statistics_mutex_);
+    if (folder_.empty()) return false;
     std::string problem;
-    return ReplaceFile(root(), "statistics.json", StatisticsJson() + "\n", &problem) || Fail(problem);
+    return ReplaceFile(folder_, "statistics.json", StatisticsJson() + "\n", &problem) || Fail(problem);
   }
 
   // --- FlowSink ---------------------------------------------------------------------
@@ -189,9 +266,9 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     auto bound = std::make_unique<BoundFlow>(tracked, statistics_, *this, options_.max_flow_length);
     if (client_->BindFlow(&bound->flow, &bound->stats, &bound->context) != 0) return Declined();
     flows_bound_.fetch_add(1, std::memory_order_relaxed);
-    if (RunDatabase* database = open_database())
-      database->OnConnectionStart(&bound->flow, ConnectionProtocolText(tracked.application_protocol()),
-                                   EndpointText(tracked.client()), EndpointText(tracked.server()));
+    if (RunDatabase* database = open_database()) StartConnectionRow(*database, *bound);
+    // Only a rotating run (one thread) carries its connections into the next folder.
+    if (options_.rotate) open_flows_.emplace(bound->sequence = next_sequence_++, bound.get());
     tracked.user_data = bound.release();
     return true;
   }
@@ -271,6 +348,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
   void OnFlowEnd(TrackedFlow& tracked, FlowEndReason reason) override {
     std::unique_ptr<BoundFlow> bound(static_cast<BoundFlow*>(tracked.user_data));
     tracked.user_data = nullptr;
+    if (bound && options_.rotate) open_flows_.erase(bound->sequence);
     if (bound) {
       bound->observer.OnEnd(bound->packet, bound->flow.records());
       client_->UnbindFlow(&bound->flow, &bound->stats, &bound->node, bound->context);
@@ -331,12 +409,21 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
   std::array<SynSeen, 32> recent_syns_{};
   size_t next_syn_ = 0;
   std::function<int64_t()> kernel_drops_;
-  std::mutex statistics_mutex_;  // one writer of statistics.json at a time
+  mutable std::mutex statistics_mutex_;  // one writer of statistics.json at a time
   HostDiagnosisService diagnosis_;
   std::unique_ptr<RunDatabase> database_;
   RunTotals run_totals_;
   std::unique_ptr<HostLogService> log_;
   HostObject host_;
+  // The current output folder, absolute, ending with '/'; guarded by
+  // statistics_mutex_, whose writer may run on another thread.
+  std::string folder_;
+  // A rotating run: the flows bound now, in the order they came, and where
+  // the current folder's period began.
+  std::map<uint64_t, BoundFlow*> open_flows_;
+  uint64_t next_sequence_ = 0;
+  RunTotals period_base_;
+  int64_t drops_base_ = 0;
   IPelkaFlowClient* client_ = nullptr;
   // Flows start, are handled and end on the workers' threads: what they count
   // is atomic, and the first failure is taken under a lock.
@@ -361,7 +448,10 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
              {&self.csv_file_, "email_log.csv"},
              {&self.text_file_, "email_log.txt"}}};
   }
-  std::string root() const { return log_ ? AbsoluteDirectory(options_.out_dir) : std::string(); }
+  std::string root() const {
+    const std::lock_guard<std::mutex> lock(statistics_mutex_);
+    return folder_;
+  }
 
   bool Fail(const std::string& problem) {
     const std::lock_guard<std::mutex> lock(error_mutex_);
@@ -380,13 +470,17 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
   void CloseDatabase() {
     database_->AddStatistics(statistics_);
     const HostRunCounts run = counts();
-    run_totals_.messages = run.records;
-    run_totals_.entries = run.entries;
-    run_totals_.diagnosis_reports = run.diagnosis_reports;
-    run_totals_.copies = run.copies;
-    run_totals_.connections = run.flows_bound;
-    run_totals_.kernel_drops = kernel_drops_ ? kernel_drops_() : -1;
-    database_->Close(run_totals_);
+    // The period's share: all of it, unless the run rotates.
+    RunTotals totals = run_totals_;
+    totals.packets -= period_base_.packets;
+    totals.bytes -= period_base_.bytes;
+    totals.messages = run.records - period_base_.messages;
+    totals.entries = run.entries - period_base_.entries;
+    totals.diagnosis_reports = run.diagnosis_reports - period_base_.diagnosis_reports;
+    totals.copies = run.copies - period_base_.copies;
+    totals.connections = run.flows_bound - period_base_.connections;
+    totals.kernel_drops = kernel_drops_ ? kernel_drops_() - drops_base_ : -1;
+    database_->Close(totals);
   }
 
   // Every kind, in one order, once there is any notice: runs merged in any
@@ -425,6 +519,11 @@ IPelkaFlowClient* HostServices::StartModule(CPAEBaseModule* module) { return imp
 void HostServices::SetFlowClient(IPelkaFlowClient* client) { impl_->client_ = client; }
 FlowSink* HostServices::flow_sink() { return impl_.get(); }
 bool HostServices::FinishRun(CPAEBaseModule* module) { return impl_->FinishRun(module); }
+bool HostServices::FinishFolder(uint64_t packets, uint64_t bytes) { return impl_->FinishFolder(packets, bytes); }
+bool HostServices::StartFolder(const std::string& folder, uint64_t packets, uint64_t bytes) {
+  return impl_->StartFolder(folder, packets, bytes);
+}
+std::string HostServices::folder() const { return impl_->folder(); }
 bool HostServices::WriteStatistics() { return impl_->WriteStatistics(); }
 std::string HostServices::StatisticsJson() const { return impl_->StatisticsJson(); }
 void HostServices::SetKernelDrops(std::function<int64_t()> read) { impl_->kernel_drops_ = std::move(read); }

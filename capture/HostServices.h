@@ -2,8 +2,9 @@
 //
 // The program makes a HostServices with its options, opens it (output
 // directory and files), hands the module over with StartModule, feeds the flow
-// tracker into flow_sink(), and ends with FinishRun. Every file of the output
-// directory is written as the module produces it, in whole lines at least
+// tracker into flow_sink(), and ends with FinishRun (a rotating run's files
+// are in folders below the output directory, one after another: FinishFolder,
+// StartFolder). Every file of the output directory is written as the module produces it, in whole lines at least
 // every second, so an interrupted run keeps what was found until then:
 //
 //   emails.jsonl      one object per posted email record
@@ -76,6 +77,9 @@ struct HostOptions {
   // Splits an SMTP client segment at a DATA or BDAT command line that does
   // not start it, so that the module sees the command (--pipelined).
   bool pipelined = false;
+  // out_dir is the parent of output folders that StartFolder opens one
+  // after another: Open only takes its lock.
+  bool rotate = false;
 };
 
 // What the run produced, for the program's summary.
@@ -142,6 +146,23 @@ class HostServices {
   // Only the first call acts. False, with error(), when any write of the run
   // failed.
   bool FinishRun(CPAEBaseModule* module);
+
+  // HostOptions::rotate: the outputs switch to another folder between two
+  // packets, on the thread that delivers them; the module and its flows go
+  // on as they are. FinishFolder exports what is pending, writes the
+  // folder's statistics.json (the counters of its period only), closes its
+  // database (its run row has the period's totals, given the capture's
+  // totals so far) and its files. StartFolder makes `folder` (absolute,
+  // ending with '/') the current one: new files, the copies placed into its
+  // email_copy/, a new database into which the connections still open are
+  // carried (a new row each; the old folder's rows say "continued"), and
+  // counters from zero. FinishRun closes the last folder. False with
+  // error() set.
+  bool FinishFolder(uint64_t packets, uint64_t bytes);
+  bool StartFolder(const std::string& folder, uint64_t packets, uint64_t bytes);
+  // The current output folder (absolute, ending with '/'); empty before the
+  // first StartFolder of a rotating run.
+  std::string folder() const;
 
   // Writes out the lines the output files gather (they write on their own
   // every 64 KiB or second of output); for a live capture with no traffic.

@@ -74,6 +74,12 @@ void HostStatService::DetachClients() {
   for (IPelkaStatClient* client : clients) client->DetachStatistics(this);
 }
 
+void HostStatService::StartPeriod() {
+  for (const HostStatCategory* category : categories())
+    for (const auto& item : category->items())
+      for (const auto& counter : item->counters()) counter->StartPeriod();
+}
+
 HostStatCounter* HostStatService::CounterAt(int32_t index) {
   if (index < 0 || static_cast<size_t>(index) >= by_index_.size()) return nullptr;
   return by_index_[static_cast<size_t>(index)];

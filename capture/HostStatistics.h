@@ -33,14 +33,19 @@ class HostStatCounter final : public IPelkaStatCounter {
   uint16_t GetIndex() override { return index_; }
 
   const std::string& name() const { return name_; }
-  uint64_t value() const { return value_.load(std::memory_order_relaxed); }
+  // What was counted since the period began (the run's start, or StartPeriod).
+  uint64_t value() const { return value_.load(std::memory_order_relaxed) - period_base_; }
   void Add(uint64_t amount) { value_.fetch_add(amount, std::memory_order_relaxed); }
+  // Counts from zero again: the output folders of a rotating run each hold
+  // their own period, so that their sums give the run's.
+  void StartPeriod() { period_base_ = value_.load(std::memory_order_relaxed); }
   void set_index(uint16_t index) { index_ = index; }
 
  private:
   std::string name_;
   uint16_t index_ = 0xFFFF;
   std::atomic<uint64_t> value_{0};
+  uint64_t period_base_ = 0;
 };
 
 class HostStatItem final : public IPelkaStatItem {
@@ -82,6 +87,9 @@ class HostStatService final : public IPelkaStatService, private IPelkaStatRegist
   // Tells each registered client that the statistics are dropped.
   void DetachClients();
 
+  // Every counter, the host's figures too, counts from zero again
+  // (HostStatCounter::StartPeriod); only between packets.
+  void StartPeriod();
   // The counter with the index, or null.
   HostStatCounter* CounterAt(int32_t index);
   static constexpr const char* kHostCategory = "Capture";

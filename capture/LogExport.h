@@ -60,6 +60,11 @@ class LogExporter {
   // one. An empty set writes the header alone while none was written yet,
   // and nothing after.
   void Export(LogRecordSet& set, const std::vector<std::unique_ptr<LogStorage>>& storages);
+  // New files: the next export starts with the header line again.
+  void RestartHeader() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    header_written_ = false;
+  }
 
  private:
   OutputFile* csv_;

@@ -69,6 +69,12 @@ RunDatabase::~RunDatabase() {
 
 bool RunDatabase::Open(const std::string& path, const RunDescription& run) {
   const std::lock_guard<std::mutex> lock(mutex_);
+  // Opened again after Close (a rotating run's next folder): a database
+  // that failed stays off, the others start afresh.
+  if (!error_.empty()) return false;
+  connections_.clear();
+  pending_ = 0;
+  in_transaction_ = false;
   path_ = path;
   struct stat status {};
   if (::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode))
@@ -128,6 +134,8 @@ bool RunDatabase::Open(const std::string& path, const RunDescription& run) {
   if (!usable()) return false;
   const std::lock_guard<std::mutex> queue_lock(queue_mutex_);
   accepting_ = true;
+  stop_ = false;
+  flush_ = false;
   writer_ = std::thread(&RunDatabase::WriterLoop, this);
   return true;
 }

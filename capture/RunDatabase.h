@@ -146,7 +146,8 @@ class RunDatabase final : public RunSink {
 
   // Creates the database at `path` afresh (an older one and its journal are
   // removed) and writes the run's start. A symbolic link at `path` is refused,
-  // never followed. False with error() when it cannot be made.
+  // never followed. False with error() when it cannot be made. After Close
+  // it may be opened again, at another path, unless it failed.
   bool Open(const std::string& path, const RunDescription& run);
 
   // Commits every row as it comes (an interface, a pipe): with traffic that

@@ -25,6 +25,7 @@ RunDescription DescribeRun(const ProgramOptions& options) {
                 " hold_limit_mib=" + std::to_string(options.hold_limit_mib) +
                 " count=" + std::to_string(options.max_packets) + " duration_s=" + std::to_string(options.max_seconds) +
                 " conditions=" + YesNo(options.conditions.has_value());
+  if (options.rotate_seconds) run.options += " rotate_s=" + std::to_string(options.rotate_seconds);
   return run;
 }
 

@@ -106,7 +106,7 @@ void PrintMessages(std::ostream& out, const RunFacts& facts, const MessageDigest
   for (const MessageRow& row : messages.first) print_row([&row](const Column& column) { return row.*column.field; });
   if (messages.total > messages.first.size()) {
     out << "  ... and " << messages.total - messages.first.size() << " more in " << facts.out_dir
-        << "/emails.jsonl\n";
+        << (facts.folders ? "/*/emails.jsonl\n" : "/emails.jsonl\n");
   }
 }
 
@@ -205,7 +205,9 @@ void PrintSummary(std::ostream& out, const RunFacts& facts, const MessageDigest&
   }
   if (facts.kernel_drops >= 0) out << "; dropped by the kernel: " << facts.kernel_drops;
   out << "\n";
-  out << "Output: " << facts.out_dir << "/ (emails.jsonl, email_log.csv, email_log.txt, entries.jsonl, "
+  out << "Output: " << facts.out_dir << "/ (";
+  if (facts.folders) out << facts.folders << (facts.folders == 1 ? " folder" : " folders") << " of ";
+  out << "emails.jsonl, email_log.csv, email_log.txt, entries.jsonl, "
       << "diagnosis.jsonl, notices.jsonl, statistics.json, report.html" << (facts.database ? ", emails.sqlite" : "")
       << (facts.copies ? ", email_copy/" : "") << ")\n";
   if (facts.copy_failures)

@@ -40,6 +40,7 @@ MessageDigest ReadMessageDigest(const std::string& emails_path, size_t first_row
 
 struct RunFacts {
   std::string out_dir;  // absolute
+  size_t folders = 0;   // --rotate: the folders written below out_dir; 0: out_dir holds the files
   bool copies = false;
   uint64_t copy_failures = 0;  // copies that could not be written
   bool database = false;  // emails.sqlite was written

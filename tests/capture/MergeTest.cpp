@@ -2,6 +2,7 @@
 // capture, merge into what one run over all the captures writes.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <filesystem>
 #include <map>
@@ -111,6 +112,56 @@ TEST(MergeTest, CopiesNeverReplaceEachOtherAndRefusalsTouchNothing) {
     EXPECT_EQ(result.status, c.status) << c.name << ": " << result.err;
   }
   EXPECT_EQ(test::ReadJsonLines(dir / "m" / "emails.jsonl").size(), 6u);
+}
+
+// Every message row of a folder's database names a connection row of the
+// same database, and the run row counts the folder's own messages.
+void ExpectFolderDatabaseComplete(const fs::path& folder) {
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open_v2((folder / "emails.sqlite").c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
+  sqlite3_stmt* query = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(db,
+                               "SELECT (SELECT count(*) FROM messages m JOIN connections c ON c.id = m.connection_id"
+                               " AND c.client = m.email_client), (SELECT messages FROM run)",
+                               -1, &query, nullptr),
+            SQLITE_OK);
+  ASSERT_EQ(sqlite3_step(query), SQLITE_ROW);
+  const auto records = static_cast<int64_t>(test::ReadJsonLines(folder / "emails.jsonl").size());
+  EXPECT_EQ(sqlite3_column_int64(query, 0), records) << folder;
+  EXPECT_EQ(sqlite3_column_int64(query, 1), records) << folder;
+  sqlite3_finalize(query);
+  sqlite3_close(db);
+}
+
+// A run cut into a folder per capture-second, connections crossing the cuts,
+// merges into what the same run writes into one folder.
+TEST(MergeTest, RotatedFoldersMergeIntoOneRun) {
+  REQUIRE_PROGRAM();
+  TempDir dir;
+  std::vector<std::string> captures;
+  // In time order; the POP3 session that brings three messages runs across
+  // two cuts.
+  for (const char* name : {"imap-login-fetch-26.pcap", "pop3-7conns-retr.pcap", "mixed-ntlm-auth.pcap",
+                           "pop3-gb2312-retr.pcap", "smtp-3msgs-one-session.pcap"})
+    captures.push_back((fs::path(PELKA_TEST_DATA_DIR) / name).string());
+  std::vector<std::string> args = {"-q", "--copies", "--rotate", "1", "-o", (dir / "rotated").string()};
+  args.insert(args.end(), captures.begin(), captures.end());
+  ASSERT_EQ(test::RunProgram(args).status, 0);
+  std::vector<std::string> merge = {"merge"};
+  for (const auto& entry : fs::directory_iterator(dir / "rotated")) {
+    if (!entry.is_directory()) continue;
+    merge.push_back(entry.path().string());
+    EXPECT_TRUE(fs::exists(entry.path() / "report.html")) << entry.path();
+    ExpectFolderDatabaseComplete(entry.path());
+  }
+  EXPECT_EQ(test::ReadJsonLines(dir / "rotated" / "2013-08-22 20.03.04" / "emails.jsonl").size(), 3u);
+  merge.insert(merge.end(), {"-q", "-o", (dir / "merged").string()});
+  ASSERT_EQ(test::RunProgram(merge).status, 0);
+
+  args = {"-q", "--copies", "-o", (dir / "single").string()};
+  args.insert(args.end(), captures.begin(), captures.end());
+  ASSERT_EQ(test::RunProgram(args).status, 0);
+  EXPECT_EQ(Contents(dir / "merged"), Contents(dir / "single"));
 }
 
 }  // namespace
