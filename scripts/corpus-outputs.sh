@@ -35,7 +35,7 @@ for db in */emails.sqlite; do
   sqlite3 "$db" .dump | grep -v '^INSERT INTO run ' >"$db.sql"; rm -f "$db"
 done
 for r in */report.html; do
-  [ -f "$r" ] && sed -i -E 's#<tr><th>Read</th><td>[^<]*</td></tr>##' "$r"
+  [ -f "$r" ] && sed -i -E 's#<tr><th>(Read|读取)</th><td>[^<]*</td></tr>##' "$r"
 done
 # outputs name the absolute output folder: make them comparable
 here=$(pwd)
