@@ -20,7 +20,7 @@
 
 namespace pelka {
 
-inline constexpr size_t kReportMessageRows = 5000;
+inline constexpr size_t kReportMessageRows = 1000;
 // The first notices shown; their counts by kind cover them all.
 inline constexpr size_t kReportNoticeRows = 1000;
 
