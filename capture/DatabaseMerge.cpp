@@ -38,7 +38,7 @@ class MergedDatabase {
     const std::string version = "PRAGMA user_version = " + std::to_string(kRunDatabaseVersion);
     // A database is attached and detached outside a transaction: each
     // folder's rows are one transaction of their own.
-    return Exec("PRAGMA temp_store = MEMORY; BEGIN") && Exec(kRunDatabaseSchema) && Exec(version) &&
+    return Exec("PRAGMA temp_store = MEMORY; BEGIN") && Exec(kRunDatabaseTables) && Exec(version) &&
            Exec("CREATE TEMP TABLE record_map (folder INTEGER, old_number INTEGER, new_number INTEGER, "
                 "copy_path TEXT, PRIMARY KEY (folder, old_number))") &&
            Exec("CREATE TEMP TABLE staged_run AS SELECT * FROM main.run WHERE 0") &&
@@ -97,7 +97,7 @@ class MergedDatabase {
                 "FROM staged_run") &&
            Exec("INSERT INTO main.statistics SELECT category, item, counter, sum(value) FROM staged_statistics "
                 "GROUP BY category, item, counter ORDER BY min(position)") &&
-           WriteTimedTables() && Exec("COMMIT");
+           WriteTimedTables() && Exec(kRunDatabaseIndexes) && Exec("COMMIT");
   }
 
   const std::string& error() const { return error_; }

@@ -94,7 +94,8 @@ bool RunDatabase::Open(const std::string& path, const RunDescription& run) {
             "PRAGMA cache_size = -16384;"))
     return false;
   const std::string version = "PRAGMA user_version = " + std::to_string(kRunDatabaseVersion);
-  if (!Exec("BEGIN") || !Exec(kRunDatabaseSchema) || !Exec(version.c_str())) return false;
+  if (!Exec("BEGIN") || !Exec(kRunDatabaseTables) || !Exec(version.c_str())) return false;
+  if (each_row_ && !Exec(kRunDatabaseIndexes)) return false;
   in_transaction_ = true;
 
   Statement start;
@@ -390,6 +391,7 @@ bool RunDatabase::Close(const RunTotals& totals) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (!usable()) return false;
   WriteEnd(totals);
+  if (usable()) Exec(kRunDatabaseIndexes);
   CommitLocked();
   statements_.clear();
   messages_.reset();

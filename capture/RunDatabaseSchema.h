@@ -14,7 +14,7 @@ namespace pelka {
 
 inline constexpr uint32_t kRunDatabaseVersion = 2;
 
-inline constexpr const char* kRunDatabaseSchema = R"sql(
+inline constexpr const char* kRunDatabaseTables = R"sql(
 CREATE TABLE run (
   started TEXT, ended TEXT, started_unix INTEGER, ended_unix INTEGER,
   command_line TEXT, captures TEXT, options TEXT,
@@ -28,7 +28,6 @@ CREATE TABLE connections (
   records INTEGER, ended TEXT,
   replies_under_10ms INTEGER, replies_under_100ms INTEGER, replies_under_1s INTEGER,
   replies_under_10s INTEGER, replies_10s_or_more INTEGER);
-CREATE INDEX connections_server ON connections (server);
 CREATE TABLE messages (
   id INTEGER PRIMARY KEY,
   time_unix INTEGER, sender_domain TEXT, receiver_domain TEXT, connection_id INTEGER,
@@ -39,25 +38,32 @@ CREATE TABLE messages (
   email_sent_time TEXT, email_emailclient TEXT, email_account TEXT, email_attachment TEXT,
   email_filesize INTEGER, email_duration REAL, email_averagespeed REAL,
   email_file_path TEXT, protocol_path TEXT, "group" TEXT);
-CREATE INDEX messages_time ON messages (time_unix);
-CREATE INDEX messages_sender_domain ON messages (sender_domain);
-CREATE INDEX messages_receiver_domain ON messages (receiver_domain);
-CREATE INDEX messages_subject ON messages (email_subject);
-CREATE INDEX messages_server ON messages (email_server);
-CREATE INDEX messages_connection ON messages (connection_id);
 CREATE TABLE entries (
   id INTEGER PRIMARY KEY, time_unix INTEGER, time TEXT, kind TEXT, summary TEXT, "group" TEXT);
-CREATE INDEX entries_time ON entries (time_unix);
 CREATE TABLE diagnosis (
   id INTEGER PRIMARY KEY, event TEXT, title TEXT, text TEXT, code1 INTEGER, code2 INTEGER,
   packet INTEGER, time INTEGER, related_packet INTEGER, client TEXT, server TEXT);
-CREATE INDEX diagnosis_time ON diagnosis (time);
-CREATE INDEX diagnosis_server ON diagnosis (server, event);
 CREATE TABLE notices (
   id INTEGER PRIMARY KEY, time INTEGER, client TEXT, server TEXT, protocol TEXT, packet INTEGER,
   kind TEXT, text TEXT);
-CREATE INDEX notices_kind ON notices (kind);
 CREATE TABLE statistics (category TEXT, item TEXT, counter TEXT, value INTEGER);
+)sql";
+
+// Made once the rows are in when a run reads files (one sort instead of
+// keeping each index in order row by row), at the start for a live run, whose
+// database is queried while it grows.
+inline constexpr const char* kRunDatabaseIndexes = R"sql(
+CREATE INDEX IF NOT EXISTS connections_server ON connections (server);
+CREATE INDEX IF NOT EXISTS messages_time ON messages (time_unix);
+CREATE INDEX IF NOT EXISTS messages_sender_domain ON messages (sender_domain);
+CREATE INDEX IF NOT EXISTS messages_receiver_domain ON messages (receiver_domain);
+CREATE INDEX IF NOT EXISTS messages_subject ON messages (email_subject);
+CREATE INDEX IF NOT EXISTS messages_server ON messages (email_server);
+CREATE INDEX IF NOT EXISTS messages_connection ON messages (connection_id);
+CREATE INDEX IF NOT EXISTS entries_time ON entries (time_unix);
+CREATE INDEX IF NOT EXISTS diagnosis_time ON diagnosis (time);
+CREATE INDEX IF NOT EXISTS diagnosis_server ON diagnosis (server, event);
+CREATE INDEX IF NOT EXISTS notices_kind ON notices (kind);
 )sql";
 
 }  // namespace pelka
