@@ -29,8 +29,8 @@ namespace fs = std::filesystem;
 // A private folder for the input and the outputs, removed at exit.
 const pelka::test::TempDir* g_scratch = nullptr;
 
-constexpr const char* kOutputFiles[] = {"emails.jsonl",  "entries.jsonl", "diagnosis.jsonl", "email_log.csv",
-                                        "email_log.txt", "statistics.json", "report.html"};
+constexpr const char* kOutputFiles[] = {"emails.jsonl",    "entries.jsonl",   "diagnosis.jsonl", "notices.jsonl",
+                                        "email_log.csv",   "email_log.txt",   "statistics.json", "report.html"};
 // Present too, but not made of lines.
 constexpr const char* kDatabase = "emails.sqlite";
 
