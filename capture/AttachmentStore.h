@@ -1,0 +1,51 @@
+// Where the attachments' files end up: <out>/attachments/<sha256>, named by
+// their content, so a file sent to five hundred people is stored once, and
+// never by a name that came from the packets.
+//
+// Safety as for the copies: attachments/ must be a directory of its own (a
+// link in its place is refused), made 0750 when missing; every file is
+// written through the folder's descriptor, made 0600, never through a link
+// or into a FIFO (O_NOFOLLOW, O_EXCL into a temporary name, then renamed).
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string>
+
+namespace pelka {
+
+class AttachmentStore {
+ public:
+  static constexpr char kFolder[] = "attachments";
+
+  // Opens (makes when missing) <out_dir>attachments/. `out_dir`: absolute,
+  // ending with '/'. Null with `error` set when that cannot be done.
+  static std::unique_ptr<AttachmentStore> Open(const std::string& out_dir, std::string* error);
+  ~AttachmentStore();
+  AttachmentStore(const AttachmentStore&) = delete;
+  AttachmentStore& operator=(const AttachmentStore&) = delete;
+
+  // Stores `content` under its hash `sha256` (lower-case hex) unless a file
+  // of that name is there already, and returns its path relative to the
+  // output folder ("attachments/<sha256>"); empty when it could not be
+  // written (counted). Safe from several threads.
+  std::string Store(const std::string& sha256, std::span<const char> content);
+
+  uint64_t stored() const { return stored_.load(std::memory_order_relaxed); }      // files written
+  uint64_t duplicates() const { return duplicates_.load(std::memory_order_relaxed); }  // already there
+  uint64_t failures() const { return failures_.load(std::memory_order_relaxed); }
+  std::string first_failure() const;
+
+ private:
+  AttachmentStore(int folder_fd, bool made);
+  int folder_fd_;
+  bool made_;
+  std::atomic<uint64_t> stored_{0}, duplicates_{0}, failures_{0};
+  mutable std::mutex failure_mutex_;
+  std::string first_failure_;
+};
+
+}  // namespace pelka
