@@ -248,7 +248,6 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
   services.SetReadTotals(pipeline.frames_read(), pipeline.bytes_read(), StopRequested());
   const bool outputs_ok = services.FinishRun(module->main_table());
   if (!outputs_ok) err << kProgramName << ": " << services.error() << "\n";
-  const bool database_ok = ReportDatabase(services, database_problem, err);
   const HostRunCounts counts = services.counts();
   for (const auto& [file, lines] : counts.lines_lost)
     err << kProgramName << ": " << lines << " lines of " << file << " were lost: they could not be written\n";
@@ -261,6 +260,8 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
       WriteReport(options, pipeline, rotation ? services.folder() : options.out_dir,
                   pipeline.frames_read() - period_packets, pipeline.bytes_read() - period_bytes, started, err) &&
       (!rotation || rotation->reports_ok());
+  services.FinishDatabase();
+  const bool database_ok = ReportDatabase(services, database_problem, err);
 
   if (!options.quiet) {
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - started;

@@ -480,7 +480,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     totals.copies = run.copies - period_base_.copies;
     totals.connections = run.flows_bound - period_base_.connections;
     totals.kernel_drops = kernel_drops_ ? kernel_drops_() - drops_base_ : -1;
-    database_->Close(totals);
+    database_->BeginClose(totals);
   }
 
   // Every kind, in one order, once there is any notice: runs merged in any
@@ -519,6 +519,9 @@ IPelkaFlowClient* HostServices::StartModule(CPAEBaseModule* module) { return imp
 void HostServices::SetFlowClient(IPelkaFlowClient* client) { impl_->client_ = client; }
 FlowSink* HostServices::flow_sink() { return impl_.get(); }
 bool HostServices::FinishRun(CPAEBaseModule* module) { return impl_->FinishRun(module); }
+void HostServices::FinishDatabase() {
+  if (impl_->database_) impl_->database_->Finish();
+}
 bool HostServices::FinishFolder(uint64_t packets, uint64_t bytes) { return impl_->FinishFolder(packets, bytes); }
 bool HostServices::StartFolder(const std::string& folder, uint64_t packets, uint64_t bytes) {
   return impl_->StartFolder(folder, packets, bytes);

@@ -145,7 +145,12 @@ class HostServices {
   // closed. `module` may be null (then only the host's side is finished).
   // Only the first call acts. False, with error(), when any write of the run
   // failed.
+  // The database's indices are still being built when it returns (the
+  // report can be written meanwhile): FinishDatabase waits for them.
   bool FinishRun(CPAEBaseModule* module);
+  // Waits until the database is complete and closed; its problems are then
+  // in database_error(). Safe without a database, and more than once.
+  void FinishDatabase();
 
   // HostOptions::rotate: the outputs switch to another folder between two
   // packets, on the thread that delivers them; the module and its flows go

@@ -14,6 +14,11 @@ namespace pelka {
 std::string ReadOnlyDatabaseUri(const std::string& path);
 
 // Opens `path` read-only; nullptr when it cannot be. Close with sqlite3_close_v2.
+// A write-ahead log beside the file means a connection still writes it (the
+// run's own, building its indices) or a run ended without closing it: the
+// file is then read through the log, which holds its last rows, so that
+// reading sees everything committed. Where that cannot be (a folder the
+// reader may not write), it is read as immutable.
 sqlite3* OpenReadOnlyDatabase(const std::string& path);
 
 }  // namespace pelka

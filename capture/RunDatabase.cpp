@@ -61,6 +61,7 @@ RunDatabase::RunDatabase() = default;
 
 RunDatabase::~RunDatabase() {
   StopWriter();
+  if (indexer_.joinable()) indexer_.join();
   const std::lock_guard<std::mutex> lock(mutex_);
   statements_.clear();
   messages_.reset();
@@ -68,6 +69,7 @@ RunDatabase::~RunDatabase() {
 }
 
 bool RunDatabase::Open(const std::string& path, const RunDescription& run) {
+  Finish();
   const std::lock_guard<std::mutex> lock(mutex_);
   // Opened again after Close (a rotating run's next folder): a database
   // that failed stays off, the others start afresh.
@@ -386,15 +388,31 @@ void RunDatabase::Commit() {
   queue_ready_.notify_one();
 }
 
-bool RunDatabase::Close(const RunTotals& totals) {
+bool RunDatabase::BeginClose(const RunTotals& totals) {
   StopWriter();
   const std::lock_guard<std::mutex> lock(mutex_);
   if (!usable()) return false;
   WriteEnd(totals);
-  if (usable()) Exec(kRunDatabaseIndexes);
   CommitLocked();
+  if (!usable()) return false;
+  // A live run has them already. Built in one go at the end, a file run's
+  // indices cost far less than kept up row by row.
+  indexer_ = std::thread([this] {
+    const std::lock_guard<std::mutex> index_lock(mutex_);
+    if (usable() && Exec("BEGIN")) {
+      in_transaction_ = true;
+      if (Exec(kRunDatabaseIndexes)) CommitLocked();
+    }
+  });
+  return true;
+}
+
+bool RunDatabase::Finish() {
+  if (indexer_.joinable()) indexer_.join();
+  const std::lock_guard<std::mutex> lock(mutex_);
   statements_.clear();
   messages_.reset();
+  // The last connection checkpoints the log into the file and removes it.
   if (usable() && sqlite3_close(db_) != SQLITE_OK) return Fail("cannot close");
   db_ = nullptr;
   return error_.empty();

@@ -174,9 +174,16 @@ class RunDatabase final : public RunSink {
   void AddStatistics(const HostStatService& statistics);
   // Has the rows that wait committed soon (a live capture without traffic).
   void Commit();
-  // Writes the run's end and totals, commits and closes the file. False when
-  // any write of the run failed.
-  bool Close(const RunTotals& totals);
+  // Writes the run's end and totals and commits them, so that a reader of
+  // the file sees every row from now on, then builds the indices on a thread
+  // of their own: the caller goes on (writes the report) meanwhile. False
+  // when any write of the run failed.
+  bool BeginClose(const RunTotals& totals);
+  // Waits for the indices and closes the file (Open and the destructor do
+  // too). False when any write of the run failed.
+  bool Finish();
+  // Both at once.
+  bool Close(const RunTotals& totals) { return BeginClose(totals) && Finish(); }
 
   // Empty while all is well; read it once the writers are done.
   std::string error() const;
@@ -225,6 +232,7 @@ class RunDatabase final : public RunSink {
   bool flush_ = false;
   bool each_row_ = false;
   std::thread writer_;
+  std::thread indexer_;  // builds the indices after Close
 
   mutable std::mutex mutex_;  // the database itself: one writer at a time
   sqlite3* db_ = nullptr;

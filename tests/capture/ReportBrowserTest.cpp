@@ -75,11 +75,15 @@ TEST_P(ReportBrowserTest, ShowsEveryRecordChartAndCopyAndFilters) {
   const std::string table = MessageTable(page.dom);
   ASSERT_FALSE(table.empty()) << page.dom.substr(0, 2000);
   EXPECT_EQ(Count(table, row), records.size());
+  // Every run here has messages, so its servers replied: only the diagnosis
+  // chart may be empty.
   for (const char* section : {"id=\"timeline\"", "id=\"diagnosis\"", "id=\"replies\""}) {
     const size_t at = page.dom.find(section);
     ASSERT_NE(at, std::string::npos) << section;
     const std::string chart = page.dom.substr(at, page.dom.find("</section>", at) - at);
-    EXPECT_TRUE(chart.find("None.") != std::string::npos || chart.find("class=\"mark\"") != std::string::npos)
+    const bool may_be_empty = std::string_view(section) == "id=\"diagnosis\"";
+    EXPECT_TRUE((may_be_empty && chart.find("None.") != std::string::npos) ||
+                chart.find("class=\"mark\"") != std::string::npos)
         << section;
   }
   EXPECT_GT(Count(page.dom.substr(0, page.dom.find("id=\"top\"")), std::regex("class=\"mark\"")), 0u);
