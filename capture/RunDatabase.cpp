@@ -8,6 +8,7 @@
 #include <ctime>
 #include <filesystem>
 #include <set>
+#include <utility>
 
 #include "capture/HostStatistics.h"
 #include "capture/LogColumns.h"
@@ -19,6 +20,7 @@
 namespace pelka {
 namespace {
 
+using run_database::BindKeptText;
 using run_database::BindNumber;
 using run_database::BindText;
 using run_database::BindTextOrNull;
@@ -56,6 +58,22 @@ const char* ConnectionProtocolText(uint16_t application_protocol) {
     default: return "";
   }
 }
+
+// One row for the writer thread. Which members hold it depends on its kind;
+// the texts are copies, since the caller's views end with its call.
+struct RunDatabase::PendingRow {
+  enum class Kind : uint8_t { kRecord, kEntry, kDiagnosis, kNotice, kConnectionStart, kConnectionEnd };
+  Kind kind = Kind::kRecord;
+  std::shared_ptr<const MessageColumns> columns;  // a record's
+  LogRecord record;
+  uint64_t seconds = 0;                           // an entry's
+  DiagnosisRow diagnosis;                         // its numbers; texts in wide[0] and text[0..3]
+  NoticeRow notice;                               // its numbers; texts in text[0..4]
+  const IPelkaFlow* flow = nullptr;               // a connection's
+  ConnectionTally tally;
+  std::wstring wide[3];  // an entry's kind, summary, group
+  std::string text[5];
+};
 
 RunDatabase::RunDatabase() = default;
 
@@ -143,62 +161,82 @@ bool RunDatabase::Open(const std::string& path, const RunDescription& run) {
   return true;
 }
 
+template <typename Fill>
+void RunDatabase::Enqueue(Fill fill) {
+  const std::lock_guard<std::mutex> lock(queue_mutex_);
+  if (!accepting_ || failed_.load(std::memory_order_acquire)) {
+    rows_lost_.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  if (queued_ == queue_.size()) queue_.emplace_back();
+  fill(queue_[queued_++]);
+  if (each_row_ || queued_ == kWakeRows) queue_ready_.notify_one();
+}
+
 void RunDatabase::OnRecord(const LogColumns& columns, const LogRecord& record) {
-  std::shared_ptr<const MessageColumns> snapshot = Snapshot(columns);
-  auto copy = std::make_shared<LogRecord>(record);
-  Enqueue([this, snapshot, copy] { WriteRecord(snapshot, *copy); });
+  Enqueue([&](PendingRow& row) {
+    row.kind = PendingRow::Kind::kRecord;
+    row.columns = SnapshotLocked(columns);
+    row.record = record;
+  });
 }
 
 void RunDatabase::OnEntry(uint64_t seconds, std::wstring_view kind, std::wstring_view summary,
                           std::wstring_view group) {
-  Enqueue([this, seconds, kind = std::wstring(kind), summary = std::wstring(summary), group = std::wstring(group)] {
-    WriteEntry(seconds, kind, summary, group);
+  Enqueue([&](PendingRow& row) {
+    row.kind = PendingRow::Kind::kEntry;
+    row.seconds = seconds;
+    row.wide[0] = kind;
+    row.wide[1] = summary;
+    row.wide[2] = group;
   });
 }
 
 void RunDatabase::OnDiagnosis(const DiagnosisRow& report) {
-  Enqueue([this, report, event = std::string(report.event), title = std::string(report.title),
-           text = std::wstring(report.text), client = std::string(report.client),
-           server = std::string(report.server)] {
-    // The copy's texts are the lambda's own; the report's views are gone.
-    DiagnosisRow row = report;
-    row.event = event;
-    row.title = title;
-    row.text = text;
-    row.client = client;
-    row.server = server;
-    WriteDiagnosis(row);
+  Enqueue([&](PendingRow& row) {
+    row.kind = PendingRow::Kind::kDiagnosis;
+    row.diagnosis = report;
+    row.wide[0] = report.text;
+    row.text[0] = report.event;
+    row.text[1] = report.title;
+    row.text[2] = report.client;
+    row.text[3] = report.server;
   });
 }
 
 void RunDatabase::OnNotice(const NoticeRow& notice) {
-  Enqueue([this, time = notice.time_us, client = std::string(notice.client), server = std::string(notice.server),
-           protocol = std::string(notice.protocol), packet = notice.packet, kind = std::string(notice.kind),
-           text = std::string(notice.text)] {
-    NoticeRow row;
-    row.time_us = time;
-    row.client = client;
-    row.server = server;
-    row.protocol = protocol;
-    row.packet = packet;
-    row.kind = kind;
-    row.text = text;
-    WriteNotice(row);
+  Enqueue([&](PendingRow& row) {
+    row.kind = PendingRow::Kind::kNotice;
+    row.notice = notice;
+    row.text[0] = notice.client;
+    row.text[1] = notice.server;
+    row.text[2] = notice.protocol;
+    row.text[3] = notice.kind;
+    row.text[4] = notice.text;
   });
 }
 
 void RunDatabase::OnConnectionStart(const IPelkaFlow* flow, std::string_view protocol, std::string_view client,
                                     std::string_view server) {
-  Enqueue([this, flow, protocol = std::string(protocol), client = std::string(client),
-           server = std::string(server)] { WriteConnectionStart(flow, protocol, client, server); });
+  Enqueue([&](PendingRow& row) {
+    row.kind = PendingRow::Kind::kConnectionStart;
+    row.flow = flow;
+    row.text[0] = protocol;
+    row.text[1] = client;
+    row.text[2] = server;
+  });
 }
 
 void RunDatabase::OnConnectionEnd(const IPelkaFlow* flow, const ConnectionTally& tally, std::string_view ended) {
-  Enqueue([this, flow, tally, ended = std::string(ended)] { WriteConnectionEnd(flow, tally, ended); });
+  Enqueue([&](PendingRow& row) {
+    row.kind = PendingRow::Kind::kConnectionEnd;
+    row.flow = flow;
+    row.tally = tally;
+    row.text[0] = ended;
+  });
 }
 
-std::shared_ptr<const RunDatabase::MessageColumns> RunDatabase::Snapshot(const LogColumns& columns) {
-  const std::lock_guard<std::mutex> lock(queue_mutex_);
+std::shared_ptr<const RunDatabase::MessageColumns> RunDatabase::SnapshotLocked(const LogColumns& columns) {
   if (columns_ && columns_->keys.size() == columns.size()) return columns_;
   auto snapshot = std::make_shared<MessageColumns>();
   for (const auto& column : columns.list()) {
@@ -209,14 +247,33 @@ std::shared_ptr<const RunDatabase::MessageColumns> RunDatabase::Snapshot(const L
   return columns_;
 }
 
-void RunDatabase::Enqueue(std::function<void()> write) {
-  const std::lock_guard<std::mutex> lock(queue_mutex_);
-  if (!accepting_ || failed_.load(std::memory_order_acquire)) {
-    rows_lost_.fetch_add(1, std::memory_order_relaxed);
-    return;
+void RunDatabase::Write(PendingRow& row) {
+  switch (row.kind) {
+    case PendingRow::Kind::kRecord: WriteRecord(row.columns, row.record); return;
+    case PendingRow::Kind::kEntry: WriteEntry(row.seconds, row.wide[0], row.wide[1], row.wide[2]); return;
+    case PendingRow::Kind::kDiagnosis: {
+      DiagnosisRow report = row.diagnosis;
+      report.text = row.wide[0];
+      report.event = row.text[0];
+      report.title = row.text[1];
+      report.client = row.text[2];
+      report.server = row.text[3];
+      WriteDiagnosis(report);
+      return;
+    }
+    case PendingRow::Kind::kNotice: {
+      NoticeRow notice = row.notice;
+      notice.client = row.text[0];
+      notice.server = row.text[1];
+      notice.protocol = row.text[2];
+      notice.kind = row.text[3];
+      notice.text = row.text[4];
+      WriteNotice(notice);
+      return;
+    }
+    case PendingRow::Kind::kConnectionStart: WriteConnectionStart(row.flow, row.text[0], row.text[1], row.text[2]); return;
+    case PendingRow::Kind::kConnectionEnd: WriteConnectionEnd(row.flow, row.tally, row.text[0]); return;
   }
-  queue_.push_back(std::move(write));
-  if (each_row_ || queue_.size() == kWakeRows) queue_ready_.notify_one();
 }
 
 void RunDatabase::WriterLoop() {
@@ -225,25 +282,25 @@ void RunDatabase::WriterLoop() {
   // the last second.
   auto commit_by = std::chrono::steady_clock::now() + kBatchTime;
   for (;;) {
-    queue_ready_.wait_until(lock, commit_by, [this] { return stop_ || flush_ || queue_.size() >= kWakeRows; });
-    std::vector<std::function<void()>> batch;
-    batch.swap(queue_);
+    queue_ready_.wait_until(lock, commit_by, [this] { return stop_ || flush_ || queued_ >= kWakeRows; });
+    // The posting threads go on filling the slots this batch kept free.
+    writing_.swap(queue_);
+    const size_t count = std::exchange(queued_, 0);
     const bool commit = flush_ || stop_ || each_row_;
     flush_ = false;
     const bool stop = stop_;
     lock.unlock();
     {
       const std::lock_guard<std::mutex> db_lock(mutex_);
-      for (const auto& write : batch) write();
+      for (size_t slot = 0; slot < count; ++slot) Write(writing_[slot]);
       const auto now = std::chrono::steady_clock::now();
       if (commit || pending_ >= kBatchRows || now >= commit_by) {
         CommitLocked();
         commit_by = now + kBatchTime;
       }
     }
-    batch.clear();
     lock.lock();
-    if (stop && queue_.empty()) return;
+    if (stop && queued_ == 0) return;
   }
 }
 
@@ -283,9 +340,9 @@ void RunDatabase::WriteEntry(uint64_t seconds, std::wstring_view kind, std::wstr
   sqlite3_stmt* statement = entry_insert_->handle;
   BindNumber(statement, 1, seconds);
   BindText(statement, 2, times_.Text(seconds));
-  BindText(statement, 3, WideToUtf8(kind));
-  BindText(statement, 4, WideToUtf8(summary));
-  BindText(statement, 5, WideToUtf8(group));
+  BindKeptText(statement, 3, run_database::Utf8Into(kind, utf8_[0]));
+  BindKeptText(statement, 4, run_database::Utf8Into(summary, utf8_[1]));
+  BindKeptText(statement, 5, run_database::Utf8Into(group, utf8_[2]));
   Step(statement);
 }
 

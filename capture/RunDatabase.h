@@ -8,8 +8,10 @@
 // (run). The schema is in capture/RunDatabaseSchema.h; PRAGMA user_version
 // carries its version.
 //
-// The threads that post hand each row over (a copy of its values) to a
-// writer thread of the database's own, which writes them as they come (in
+// The threads that post hand each row over (a copy of its values, into a
+// slot of a queue whose slots are filled again and again, so that handing a
+// row over allocates nothing once the queue has grown) to a writer thread of
+// the database's own, which writes them as they come (in
 // slices of kWakeRows rows) and commits every kBatchRows rows or one second
 // (or each row, for input that arrives slowly): the analysis never waits for
 // SQLite, and at the end of a run only the last slice is left. Commit and Close
@@ -26,7 +28,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <functional>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -198,10 +199,15 @@ class RunDatabase final : public RunSink {
     std::vector<uint32_t> fields;  // kLogField..., 0 for a keyed column
   };
 
-  // Posting side: hands a row's write to the writer thread.
-  std::shared_ptr<const MessageColumns> Snapshot(const LogColumns& columns);
-  void Enqueue(std::function<void()> write);
+  struct PendingRow;
+
+  // Posting side: fills the next free slot of the queue for the writer
+  // thread (`fill` takes a PendingRow&), with queue_mutex_ held.
+  std::shared_ptr<const MessageColumns> SnapshotLocked(const LogColumns& columns);
+  template <typename Fill>
+  void Enqueue(Fill fill);
   void WriterLoop();
+  void Write(PendingRow& row);
   void StopWriter();
 
   // Writer side, with mutex_ held.
@@ -225,7 +231,9 @@ class RunDatabase final : public RunSink {
   // The rows handed over and not yet written, and the writer's orders.
   std::mutex queue_mutex_;
   std::condition_variable queue_ready_;
-  std::vector<std::function<void()>> queue_;
+  std::vector<PendingRow> queue_;  // slots [0, queued_) wait; the rest are kept for reuse
+  size_t queued_ = 0;
+  std::vector<PendingRow> writing_;  // the writer's batch; swapped with queue_
   std::shared_ptr<const MessageColumns> columns_;
   bool accepting_ = false;  // open, and not closing
   bool stop_ = false;
@@ -243,6 +251,7 @@ class RunDatabase final : public RunSink {
   uint64_t pending_ = 0;  // rows of the open transaction
   bool in_transaction_ = false;
   LocalTimeCache times_;
+  std::string utf8_[3];  // the writer's room for a row's texts in UTF-8
   std::vector<std::unique_ptr<Statement>> statements_;
   Statement* entry_insert_ = nullptr;
   Statement* diagnosis_insert_ = nullptr;

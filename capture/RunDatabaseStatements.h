@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "capture/LocalTime.h"
 #include "capture/LogRecord.h"
@@ -25,6 +26,18 @@ inline void BindText(sqlite3_stmt* statement, int index, std::string_view text) 
   sqlite3_bind_text(statement, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
 }
 
+// For a text that stays as it is until the statement has run: SQLite takes
+// no copy of it.
+inline void BindKeptText(sqlite3_stmt* statement, int index, std::string_view text) {
+  sqlite3_bind_text(statement, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+}
+
+// `text` in UTF-8, into `out`, whose room serves the next row too.
+inline std::string_view Utf8Into(std::wstring_view text, std::string& out) {
+  WideToMultiByte(kCodePageUtf8, text, out);
+  return out;
+}
+
 // An empty text is a field the JSON object leaves out.
 inline void BindTextOrNull(sqlite3_stmt* statement, int index, std::string_view text) {
   if (text.empty()) {
@@ -39,18 +52,17 @@ inline void BindNumber(sqlite3_stmt* statement, int index, uint64_t value) {
 }
 
 // The domain of the first address in a list ("a@Example.com, b@c.org"),
-// lower-case; empty when it has none.
-inline std::string FirstDomain(std::wstring_view addresses) {
-  const std::string text = WideToUtf8(addresses);
-  const size_t at = text.find('@');
-  if (at == std::string::npos) return {};
-  const size_t end = text.find_first_of(",; >", at + 1);
-  std::string domain = text.substr(at + 1, end == std::string::npos ? std::string::npos : end - at - 1);
-  for (char& c : domain)
+// lower-case, in `out`; empty when it has none.
+inline std::string_view FirstDomain(std::wstring_view addresses, std::string& out) {
+  out.clear();
+  const size_t at = addresses.find(L'@');
+  if (at == std::wstring_view::npos) return out;
+  const size_t end = addresses.find_first_of(L",; >", at + 1);
+  Utf8Into(addresses.substr(at + 1, end == std::wstring_view::npos ? std::wstring_view::npos : end - at - 1), out);
+  for (char& c : out)
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  return domain;
+  return out;
 }
-
 
 }  // namespace run_database
 
@@ -96,9 +108,10 @@ class RunDatabase::MessageInsert {
   // `connection` is the row of the record's connection, 0 for none.
   sqlite3_stmt* Bind(const LogRecord& record, LocalTimeCache& times, int64_t connection) {
     sqlite3_stmt* statement = statement_.handle;
+    texts_.resize(columns_->fields.size() + 2);
     run_database::BindNumber(statement, 1, record.seconds());
-    run_database::BindTextOrNull(statement, 2, run_database::FirstDomain(record.TextAt(sender_)));
-    run_database::BindTextOrNull(statement, 3, run_database::FirstDomain(record.TextAt(receiver_)));
+    BindKeptOrNull(statement, 2, run_database::FirstDomain(record.TextAt(sender_), texts_[0]));
+    BindKeptOrNull(statement, 3, run_database::FirstDomain(record.TextAt(receiver_), texts_[1]));
     if (connection != 0) run_database::BindNumber(statement, 4, static_cast<uint64_t>(connection));
     for (size_t id = 0; id < columns_->fields.size(); ++id) {
       const int index = kFirstColumn + static_cast<int>(id);
@@ -111,16 +124,29 @@ class RunDatabase::MessageInsert {
         char digits[8];
         run_database::BindTextOrNull(statement, index, record.StandardText(field, {}, digits));
       } else {
-        BindField(statement, index, record, record.field(id));
+        BindField(statement, index, record, record.field(id), texts_[id + 2]);
       }
     }
     return statement;
   }
 
  private:
-  static void BindField(sqlite3_stmt* statement, int index, const LogRecord& record, const LogRecord::Field& value) {
+  // Texts are bound without a copy: the statement runs before the next row
+  // reuses their room.
+  static void BindKeptOrNull(sqlite3_stmt* statement, int index, std::string_view text) {
+    if (text.empty()) {
+      sqlite3_bind_null(statement, index);
+    } else {
+      run_database::BindKeptText(statement, index, text);
+    }
+  }
+
+  static void BindField(sqlite3_stmt* statement, int index, const LogRecord& record, const LogRecord::Field& value,
+                        std::string& utf8) {
     switch (value.kind) {
-      case LogRecord::Kind::kText: run_database::BindText(statement, index, WideToUtf8(record.Text(value))); return;
+      case LogRecord::Kind::kText:
+        run_database::BindKeptText(statement, index, run_database::Utf8Into(record.Text(value), utf8));
+        return;
       case LogRecord::Kind::kNumber: run_database::BindNumber(statement, index, value.number); return;
       case LogRecord::Kind::kDouble: sqlite3_bind_double(statement, index, value.real); return;
       case LogRecord::Kind::kUnset: sqlite3_bind_null(statement, index); return;
@@ -143,6 +169,7 @@ class RunDatabase::MessageInsert {
 
   Statement statement_;
   std::shared_ptr<const MessageColumns> columns_;
+  std::vector<std::string> texts_;  // the row's UTF-8 texts: the domains, then one per column
   int32_t sender_ = -1;
   int32_t receiver_ = -1;
 };
