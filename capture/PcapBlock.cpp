@@ -1,47 +1,8 @@
 #include "capture/PcapBlock.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <algorithm>
 
 namespace pelka {
-
-uint8_t* PcapBlock::Buffer() {
-  Unmap();
-  if (!bytes_) bytes_ = MakePageAlignedBytes(capacity_);
-  data_ = bytes_.get();
-  return bytes_.get();
-}
-
-bool PcapBlock::Map(int fd, uint64_t offset, size_t length) {
-  static const uint64_t page = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
-  const uint64_t start = offset / page * page;
-  const size_t bytes = static_cast<size_t>(offset - start) + length;
-  void* mapped = ::mmap(nullptr, bytes, PROT_READ, MAP_PRIVATE, fd, static_cast<off_t>(start));
-  if (mapped == MAP_FAILED) return false;
-  // The walk goes through the window once, front to back: the kernel may read
-  // ahead and drop pages behind, and faulting the pages in now costs one call
-  // instead of one fault per few pages. Both are hints; a kernel without them
-  // faults the pages in as they are read.
-  ::madvise(mapped, bytes, MADV_SEQUENTIAL);
-#ifdef MADV_POPULATE_READ
-  ::madvise(mapped, bytes, MADV_POPULATE_READ);
-#endif
-  Unmap();
-  mapped_ = mapped;
-  mapped_bytes_ = bytes;
-  data_ = static_cast<const uint8_t*>(mapped) + (offset - start);
-  return true;
-}
-
-void PcapBlock::Unmap() {
-  if (!mapped_) return;
-  ::munmap(mapped_, mapped_bytes_);
-  mapped_ = nullptr;
-  mapped_bytes_ = 0;
-  data_ = bytes_.get();
-}
 
 void PcapBlock::Unref() {
   if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) pool_->Release(this);
@@ -80,8 +41,6 @@ PcapBlock* PcapBlockPool::TakeFree() {
 }
 
 void PcapBlockPool::Release(PcapBlock* block) {
-  // Unmapped outside the lock: the reader may be waiting for a block.
-  block->Unmap();
   {
     std::lock_guard<std::mutex> lock(mutex_);
     free_.push_back(block);

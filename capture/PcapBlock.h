@@ -6,11 +6,6 @@
 // bounded: a reader that finds every block in use waits for one to come back.
 // Blocks are made when first needed and the last one back is handed out
 // first, so a run whose workers keep up touches only a few megabytes.
-//
-// A block's bytes are either a window of the file mapped into memory (Map),
-// read where the page cache holds them without a copy, or a buffer of its own
-// that the reader fills; the buffer is made the first time it is needed. The
-// window is unmapped when the block goes back to its pool.
 #pragma once
 
 #include <atomic>
@@ -29,22 +24,14 @@ class PcapBlockPool;
 
 class PcapBlock {
  public:
-  PcapBlock(PcapBlockPool* pool, size_t capacity) : pool_(pool), capacity_(capacity) {}
-  ~PcapBlock() { Unmap(); }
+  // The bytes are left uninitialised: the reader writes them before use.
+  PcapBlock(PcapBlockPool* pool, size_t capacity)
+      : pool_(pool), bytes_(MakePageAlignedBytes(capacity)), capacity_(capacity) {}
   PcapBlock(const PcapBlock&) = delete;
   PcapBlock& operator=(const PcapBlock&) = delete;
 
-  // The block's bytes: the mapped window, or else the buffer.
-  const uint8_t* data() const { return data_; }
+  uint8_t* data() { return bytes_.get(); }
   size_t capacity() const { return capacity_; }
-  // The block's own buffer of `capacity()` bytes, left uninitialised for the
-  // reader to fill; the block's bytes are the buffer's from now on.
-  uint8_t* Buffer();
-  // Maps `length` (at most `capacity()`) bytes of the file `fd` from `offset`
-  // read-only as the block's bytes, until the block goes back to its pool.
-  // False when the system refuses; the block is unchanged then. The file must
-  // not shrink below them meanwhile.
-  bool Map(int fd, uint64_t offset, size_t length);
 
   void Ref() { refs_.fetch_add(1, std::memory_order_relaxed); }
   // The last reference puts the block back into its pool; any thread may call it.
@@ -52,14 +39,9 @@ class PcapBlock {
 
  private:
   friend class PcapBlockPool;
-  void Unmap();
-
   PcapBlockPool* pool_;
   PageAlignedBytes bytes_;
   size_t capacity_;
-  const uint8_t* data_ = nullptr;
-  void* mapped_ = nullptr;  // the pages mapped, from a page boundary at or before data_
-  size_t mapped_bytes_ = 0;
   std::atomic<int> refs_{0};
 };
 

@@ -130,17 +130,11 @@ bool PcapBlockReader::OpenBlocks(const std::string& path) {
   return true;
 }
 
-size_t PcapBlockReader::ReadBlock(int fd, PcapBlock* block, uint64_t offset, uint64_t mappable_end) {
-  // A block the file held whole when it was opened is mapped, not copied. The
-  // one at the end is read: a file still being written is read as far as it
-  // has come, and a read error is seen where it happens.
-  if (offset + block->capacity() <= mappable_end && block->Map(fd, offset, block->capacity())) {
-    return block->capacity();
-  }
-  uint8_t* buffer = block->Buffer();
+size_t PcapBlockReader::ReadBlock(int fd, PcapBlock* block, uint64_t offset) const {
   size_t filled = 0;
   while (filled < block->capacity()) {
-    const ssize_t got = ::pread(fd, buffer + filled, block->capacity() - filled, static_cast<off_t>(offset + filled));
+    const ssize_t got =
+        ::pread(fd, block->data() + filled, block->capacity() - filled, static_cast<off_t>(offset + filled));
     if (got < 0 && errno == EINTR) continue;
     // A read error ends the blocks: CaptureSource reads the record again and
     // reports it.
@@ -154,7 +148,6 @@ bool PcapBlockReader::Prefetch() {
   uint64_t offset = 0;
   PcapBlock* block = nullptr;
   int fd = -1;
-  uint64_t mappable_end = 0;
   {
     const std::lock_guard<std::mutex> lock(ahead_mutex_);
     if (fd_ < 0 || ahead_.size() >= kMaxAhead || next_unclaimed_ >= prefetch_end_) return false;
@@ -165,9 +158,8 @@ bool PcapBlockReader::Prefetch() {
     ahead_.push_back({offset, block, 0, false});
     ++reads_in_flight_;
     fd = fd_;
-    mappable_end = prefetch_end_;
   }
-  const size_t filled = ReadBlock(fd, block, offset, mappable_end);
+  const size_t filled = ReadBlock(fd, block, offset);
   {
     const std::lock_guard<std::mutex> lock(ahead_mutex_);
     for (Ahead& ahead : ahead_) {
@@ -201,8 +193,7 @@ void PcapBlockReader::NextBlock() {
   }
   if (!next.block) {
     next.block = pool_->Acquire();
-    // Only this thread opens files: prefetch_end_ is its own to read.
-    next.filled = ReadBlock(fd_, next.block, offset, prefetch_end_);
+    next.filled = ReadBlock(fd_, next.block, offset);
   }
   block_ = next.block;
   block_offset_ = offset;

@@ -15,10 +15,6 @@
 // is no reason to hand over: the time is carried into the seconds and the
 // record counted (odd_time_frames).
 //
-// Blocks the file held whole when it was opened are mapped into memory rather
-// than copied; the file must not be cut shorter while it is read (as with any
-// reader of a mapped file, the process would be stopped by SIGBUS).
-//
 // Frames are numbered across the run and times given as CaptureSource does.
 #pragma once
 
@@ -90,10 +86,9 @@ class PcapBlockReader {
   bool Usual(const uint8_t* header) const;
   void SetFrame(const uint8_t* header, CapturedFrame* frame);
   void NoteLongRecord(const LongRecordFile& file);
-  // Maps or reads the block at `offset` of `fd`; the bytes it holds (fewer at
-  // the file's end or on a read error). Blocks that end at or before
-  // `mappable_end` are mapped.
-  static size_t ReadBlock(int fd, PcapBlock* block, uint64_t offset, uint64_t mappable_end);
+  // Reads the block at `offset` of `fd`; the bytes read (fewer at the file's
+  // end or on a read error).
+  size_t ReadBlock(int fd, PcapBlock* block, uint64_t offset) const;
 
   PcapBlockPool* pool_;
   std::vector<std::string> paths_;
