@@ -1,5 +1,7 @@
 #include "capture/PacketRecordBuilder.h"
 
+#include <bit>
+#include <cstddef>
 #include <cstring>
 
 #include "host/Types.h"
@@ -8,18 +10,22 @@ namespace pelka {
 
 namespace {
 
-void PutU16(uint8_t* p, uint16_t value) {
-  p[0] = static_cast<uint8_t>(value);
-  p[1] = static_cast<uint8_t>(value >> 8);
+// The record is little-endian on any machine: on a little-endian one a
+// field is copied in one store. (Byte loops stayed loops at -O2, and even
+// explicit byte stores were assembled by shifts: about 115 instructions of
+// every packet.)
+template <typename T>
+void PutLittleEndian(uint8_t* p, T value) {
+  if constexpr (std::endian::native == std::endian::little) {
+    std::memcpy(p, &value, sizeof value);
+  } else {
+    for (size_t i = 0; i < sizeof value; ++i) p[i] = static_cast<uint8_t>(value >> (8 * i));
+  }
 }
 
-void PutU32(uint8_t* p, uint32_t value) {
-  for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(value >> (8 * i));
-}
-
-void PutU64(uint8_t* p, uint64_t value) {
-  for (int i = 0; i < 8; ++i) p[i] = static_cast<uint8_t>(value >> (8 * i));
-}
+void PutU16(uint8_t* p, uint16_t value) { PutLittleEndian(p, value); }
+void PutU32(uint8_t* p, uint32_t value) { PutLittleEndian(p, value); }
+void PutU64(uint8_t* p, uint64_t value) { PutLittleEndian(p, value); }
 
 }  // namespace
 
