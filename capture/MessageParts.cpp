@@ -3,9 +3,11 @@
 #include <gmime/gmime.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <memory>
 #include <mutex>
+#include <string_view>
 #include <utility>
 
 namespace pelka {
@@ -73,14 +75,26 @@ bool IsTaken(GMimeObject* object) {
                    !g_mime_content_type_is_type(type, "multipart", "*"));
 }
 
-bool IsBase64Letter(unsigned char c) { return std::isalnum(c) || c == '+' || c == '/'; }
+// What each byte is in base64 text; a table, as this runs over every byte
+// of every encoded attachment.
+enum class Base64Byte : uint8_t { kForeign, kLetter, kPad, kSpace };
+
+constexpr std::array<Base64Byte, 256> Base64Bytes() {
+  std::array<Base64Byte, 256> table{};
+  for (const char c : std::string_view("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/"))
+    table[static_cast<unsigned char>(c)] = Base64Byte::kLetter;
+  for (const char c : std::string_view(" \t\r\n\v\f")) table[static_cast<unsigned char>(c)] = Base64Byte::kSpace;
+  table['='] = Base64Byte::kPad;
+  return table;
+}
+constexpr std::array<Base64Byte, 256> kBase64Bytes = Base64Bytes();
 
 // Whether base64 text stops in the middle of a group of four letters or
 // carries bytes that are neither letters nor white space: the decoder skips
 // such bytes and drops the cut group, so the file it gives is not whole.
 bool Base64Broken(GMimeStream* encoded) {
   if (g_mime_stream_reset(encoded) != 0) return true;
-  char buffer[4096];
+  char buffer[16384];
   uint64_t letters = 0;
   bool padded = false;
   for (;;) {
@@ -88,15 +102,19 @@ bool Base64Broken(GMimeStream* encoded) {
     if (read < 0) return true;
     if (read == 0) break;
     for (ssize_t i = 0; i < read; ++i) {
-      const auto c = static_cast<unsigned char>(buffer[i]);
-      if (std::isspace(c)) continue;
-      if (c == '=') {
-        padded = true;
-        ++letters;
-      } else if (IsBase64Letter(c) && !padded) {
-        ++letters;
-      } else {
-        return true;
+      switch (kBase64Bytes[static_cast<unsigned char>(buffer[i])]) {
+        case Base64Byte::kSpace:
+          break;
+        case Base64Byte::kPad:
+          padded = true;
+          ++letters;
+          break;
+        case Base64Byte::kLetter:
+          if (padded) return true;  // letters after the end
+          ++letters;
+          break;
+        case Base64Byte::kForeign:
+          return true;
       }
     }
   }
