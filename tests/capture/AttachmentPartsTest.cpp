@@ -97,6 +97,15 @@ TEST(AttachmentPartsTest, TakesTheFilesOutOfMessages) {
        {{"", "image/png", kPng}, {"notes.txt", "text/plain", "caf\xc3\xa9 costs 3=3 euros"},
         {"invoice.pdf", "application/pdf", kProgram}},
        {}},
+      {"forwarded messages in base64, and in text that only claims to be base64",
+       "Content-Type: multipart/mixed; boundary=\"f\"\n\n" +
+           Attachment("f", "Content-Type: message/rfc822\nContent-Transfer-Encoding: base64",
+                      "Q29udGVudC1EaXNwb3NpdGlvbjogYXR0YWNobWVudDsgZmlsZW5hbWU9YS5iaW4KCmlubmVy") +
+           Attachment("f", "Content-Type: message/rfc822\nContent-Transfer-Encoding: base64",
+                      "Content-Type: application/octet-stream; name=\"malware.exe\"\n\nMZ payload") +
+           "--f--\n",
+       {{"a.bin", "application/octet-stream", "inner"}, {"malware.exe", "application/octet-stream", "MZ payload"}},
+       {}},
       {"names in RFC 2231 and RFC 2047, a part without a type",
        "Content-Type: multipart/mixed; boundary=\"n\"\n\n" +
            Attachment("n", "Content-Disposition: attachment; filename*0*=iso-8859-1''%E4rger; filename*1=\".txt\"",
