@@ -52,8 +52,8 @@ std::string DeclaredType(GMimeObject* object) {
 }
 
 // The file name as text the outputs can carry: the parser decodes encoded
-// words and RFC 2231 parameters into UTF-8, but a name sent as raw bytes of
-// another character set is left as it came.
+// words and RFC 2231 parameters into UTF-8, but bytes it could not convert
+// may be left in a name; those become U+FFFD.
 std::string FileName(GMimePart* part) {
   const char* name = g_mime_part_get_filename(part);
   if (!name || !*name) return {};
