@@ -138,6 +138,23 @@ bool IsEnclosedMessage(GMimeObject* object) {
                   g_mime_content_type_is_type(type, "message", "news"));
 }
 
+// How much of the message is parsed. The parser builds an object for every
+// part (a few KiB each) before the walk can count them, so the message is
+// cut where the line that opens part number 2 * max_parts + 2 begins (a
+// boundary line starts with "--"; text lines that do too bring the cut
+// earlier only when there are thousands of them).
+size_t ParsedLength(std::string_view message, uint32_t max_parts) {
+  const uint64_t allowed = 2 * uint64_t{max_parts} + 2;
+  uint64_t seen = 0;
+  for (size_t at = 0; at < message.size();) {
+    if (message.compare(at, 2, "--") == 0 && ++seen > allowed) return at;
+    const size_t end = message.find('\n', at);
+    if (end == std::string_view::npos) break;
+    at = end + 1;
+  }
+  return message.size();
+}
+
 using Pending = std::vector<std::pair<GMimeObject*, uint32_t>>;  // parts borrowed from their message, depth
 
 // The walk over one message's tree, with its bounds.
@@ -275,10 +292,13 @@ class PartWalk {
 
 MessageParts TakeMessageParts(std::span<const char> message, const PartLimits& limits) {
   StartGMime();
-  const GRef<GMimeMessage> parsed = ParseMessage(message);
+  const size_t parsed_length = ParsedLength(std::string_view(message.data(), message.size()), limits.max_parts);
+  const GRef<GMimeMessage> parsed = ParseMessage(message.first(parsed_length));
   GMimeObject* root = parsed ? g_mime_message_get_mime_part(parsed.get()) : nullptr;
   if (!root) return {};
-  return PartWalk(limits, message.size()).Walk(root);
+  MessageParts result = PartWalk(limits, message.size()).Walk(root);
+  if (parsed_length < message.size()) ++result.cuts.too_many;  // the parts of the rest, at least one
+  return result;
 }
 
 }  // namespace pelka

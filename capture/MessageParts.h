@@ -41,7 +41,8 @@ struct MessagePart {
 // What was left out of one message, by cause.
 struct PartCuts {
   uint32_t too_deep = 0;      // parts below the depth bound
-  uint32_t too_many = 0;      // parts beyond the part bound
+  uint32_t too_many = 0;      // parts beyond the part bound; what follows the line that would
+                              // open part 2 * max_parts + 2 is not read, and counts as one
   uint32_t too_big = 0;       // parts dropped at the byte bound; messages inside encoded
                               // parts beyond twice the message's size, left unread
   uint32_t malformed = 0;     // parts left out or taken incomplete: content not decodable

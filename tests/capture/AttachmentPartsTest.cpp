@@ -136,6 +136,8 @@ TEST(AttachmentPartsTest, TakesTheFilesOutOfMessages) {
       {"parts beyond the part bound", Several(5),
        {{"", "application/x-part", "0"}, {"", "application/x-part", "1"}, {"", "application/x-part", "2"}},
        {.too_many = 2}, {.max_parts = 4}},
+      // Four parts are read (up to the fifth boundary line), the rest counts as one.
+      {"a message with many more parts read in part", Several(8), {}, {.too_many = 4 + 1}, {.max_parts = 1}},
       {"parts beyond the byte bound",
        "Content-Type: multipart/mixed; boundary=\"y\"\n\n" +
            Attachment("y", "Content-Type: image/png\nContent-Transfer-Encoding: base64", kPngBase64) +
