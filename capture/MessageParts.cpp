@@ -226,6 +226,13 @@ class PartWalk {
       return;
     }
     reparse_budget_ -= bytes.size();
+    // Its parts come off the stack next, so what is left of the part bound
+    // is what this message may use.
+    const size_t parsed_length = ParsedLength(bytes, limits_.max_parts - std::min(looked_at_, limits_.max_parts));
+    if (parsed_length < bytes.size()) {
+      ++result_.cuts.too_many;
+      bytes.resize(parsed_length);
+    }
     GRef<GMimeMessage> inner = ParseMessage(bytes);
     GMimeObject* body = inner ? g_mime_message_get_mime_part(inner.get()) : nullptr;
     if (!body) return;

@@ -138,6 +138,15 @@ TEST(AttachmentPartsTest, TakesTheFilesOutOfMessages) {
        {.too_many = 2}, {.max_parts = 4}},
       // Four parts are read (up to the fifth boundary line), the rest counts as one.
       {"a message with many more parts read in part", Several(8), {}, {.too_many = 4 + 1}, {.max_parts = 1}},
+      // The same inside a message in base64, which hides its boundary lines: of nine parts the first six are
+      // read, one of them within the bound.
+      {"a message inside with many more parts read in part",
+       "Content-Type: multipart/mixed; boundary=\"f\"\n\n" +
+           Attachment("f", "Content-Type: message/rfc822\nContent-Transfer-Encoding: base64",
+                      "Q29udGVudC1UeXBlOiBtdWx0aXBhcnQvbWl4ZWQ7IGJvdW5kYXJ5PXMKCi0tcwoKMAotLXMKCjEKLS1zCgoyCi0tcwoKMwotLXMK"
+                      "CjQKLS1zCgo1Ci0tcwoKNgotLXMKCjcKLS1zCgo4Ci0tcy0tCg==") +
+           "--f--\n",
+       {}, {.too_many = 5 + 1}, {.max_parts = 4}},
       {"parts beyond the byte bound",
        "Content-Type: multipart/mixed; boundary=\"y\"\n\n" +
            Attachment("y", "Content-Type: image/png\nContent-Transfer-Encoding: base64", kPngBase64) +
