@@ -39,16 +39,14 @@ std::string Attachment(const std::string& boundary, const std::string& headers, 
   return "--" + boundary + "\n" + headers + "\n\n" + body + "\n";
 }
 
-// A message whose attachment sits `levels` multiparts deep.
+// A message whose attachment sits `levels` multiparts deep (none of them ended).
 std::string Nested(int levels) {
-  std::string open = "Content-Type: multipart/mixed; boundary=\"b0\"\n\n", close = "--b0--\n";
-  for (int level = 1; level < levels; ++level) {
-    const std::string b = "b" + std::to_string(level);
-    open += "--b" + std::to_string(level - 1) + "\nContent-Type: multipart/mixed; boundary=\"" + b + "\"\n\n";
-    close = "--" + b + "--\n" + close;
+  std::string message;
+  for (int level = 0; level < levels; ++level) {
+    const std::string boundary = "b" + std::to_string(level);
+    message += "Content-Type: multipart/mixed; boundary=\"" + boundary + "\"\n\n--" + boundary + "\n";
   }
-  const std::string last = "b" + std::to_string(levels - 1);
-  return open + Attachment(last, "Content-Disposition: attachment; filename=\"deep.txt\"", "deep") + close;
+  return message + "Content-Disposition: attachment; filename=\"deep.txt\"\n\ndeep";
 }
 
 // `count` attachments of one byte each.
@@ -201,8 +199,6 @@ TEST(AttachmentPartsTest, HashesAndTypesOfTheBytes) {
       {"an office file is a zip", {}, "application/vnd.openxmlformats-officedocument.wordprocessingml.document",
        "application/zip", false, {}},
       {"an old office file is a compound file", {}, "application/msword", "application/CDFV2", false, {}},
-      {"a picture of another kind", {}, "image/png", "image/gif", false, {}},
-      {"an archive under another name", {}, "application/x-zip-compressed", "application/zip", false, {}},
       {"an archive declared as a picture", {}, "image/png", "application/zip", true, {}},
   };
   std::string error;
