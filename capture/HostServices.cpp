@@ -125,7 +125,8 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
       // The folders below come with the packets (StartFolder).
       if (options_.copies) copy_store_ = CopyStore::Unplaced();
     } else {
-      if (options_.copies && !(copy_store_ = CopyStore::Open(root, &problem))) return Fail(problem);
+      const bool stage_copies = options_.copies || options_.attachments;
+      if (stage_copies && !(copy_store_ = CopyStore::Open(root, &problem))) return Fail(problem);
       if (copy_store_ && !copy_store_->Writable(&problem)) return Fail(problem);
       for (auto [file, name] : Files())
         if (!file->Open(root + name)) return Fail(file->error());
@@ -134,8 +135,10 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     for (auto [file, name] : Files()) file->WriteEachLine(options_.lines_at_once);
     database_ = std::make_unique<RunDatabase>();
     RunSink* sink = options_.database ? database_.get() : nullptr;
+    if (options_.attachments && !OpenAttachments(root)) return false;
     log_ = std::make_unique<HostLogService>(
-        LogOutputs{&records_file_, &entries_file_, &csv_file_, &text_file_, options_.lines_at_once, sink},
+        LogOutputs{&records_file_, &entries_file_, &csv_file_, &text_file_, options_.lines_at_once, sink,
+                   attachments_.get()},
         ModuleStorageRoot(root), options_.copies, options_.conditions ? &*options_.conditions : nullptr,
         copy_store_.get());
     host_ = HostObject({log_.get(), &diagnosis_, &statistics_, &icons_});
@@ -184,6 +187,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     finished_ = true;
     if (log_) log_->Finish();
     AddNoticeFigures();
+    AddAttachmentFigures();
     WriteStatistics();
     if (open_database()) CloseDatabase();
     statistics_.DetachClients();
@@ -192,6 +196,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
       file->Close();
       if (!file->error().empty()) Fail(file->error());
     }
+    if (attachments_ && !attachments_->file().Close()) Fail(attachments_->file().error());
     return error_.empty();
   }
 
@@ -360,6 +365,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
 
   void FlushOutputs() {
     for (auto [file, name] : Files()) file->Flush();
+    if (attachments_) attachments_->file().Flush();
     if (RunDatabase* database = open_database()) database->Commit();
     CheckWrites();
   }
@@ -384,6 +390,11 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     counts.reports_by_event = diagnosis_.reports_by_event();
     for (auto [file, name] : Files()) {
       if (const uint64_t lost = file->lines_lost()) counts.lines_lost.emplace_back(name, lost);
+    }
+    if (attachments_) {
+      counts.attachments = attachments_->tally();
+      if (const uint64_t lost = attachments_->file().lines_lost())
+        counts.lines_lost.emplace_back(AttachmentTaker::kFileName, lost);
     }
     return counts;
   }
@@ -413,6 +424,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
   HostDiagnosisService diagnosis_;
   std::unique_ptr<RunDatabase> database_;
   RunTotals run_totals_;
+  std::unique_ptr<AttachmentTaker> attachments_;  // before the log, which hands it the messages
   std::unique_ptr<HostLogService> log_;
   HostObject host_;
   // The current output folder, absolute, ending with '/'; guarded by
@@ -490,6 +502,27 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     if (std::all_of(run.notices.begin(), run.notices.end(), [](uint64_t count) { return count == 0; })) return;
     for (size_t kind = 0; kind < kNoticeKindCount; ++kind)
       statistics_.AddHostFigure("Notices", std::string(NoticeKey(static_cast<NoticeKind>(kind))), run.notices[kind]);
+  }
+
+  bool OpenAttachments(const std::string& root) {
+    std::string problem;
+    attachments_ = AttachmentTaker::Open(root, options_.ioc_hashes.get(), open_database(), &problem);
+    if (!attachments_) return Fail(problem);
+    attachments_->file().WriteEachLine(options_.lines_at_once);
+    return true;
+  }
+
+  // Under "Capture", beside the notices; the cuts are PartCuts summed over
+  // the messages.
+  void AddAttachmentFigures() {
+    if (!attachments_) return;
+    const AttachmentTally tally = attachments_->tally();
+    for (const auto& [counter, value] :
+         {std::pair<const char*, uint64_t>{"Found", tally.found}, {"Stored", tally.stored},
+          {"Duplicates", tally.duplicates}, {"TypeMismatches", tally.mismatches}, {"IocMatches", tally.ioc_matches},
+          {"TooDeep", tally.too_deep}, {"TooManyParts", tally.too_many}, {"TooBig", tally.too_big},
+          {"Malformed", tally.malformed}})
+      statistics_.AddHostFigure("Attachments", counter, value);
   }
 
   bool Declined() {
