@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "capture/JsonText.h"
 
@@ -39,7 +40,8 @@ std::unique_ptr<AttachmentTaker> AttachmentTaker::Open(const std::string& out_di
   if (!detector) return nullptr;
   std::unique_ptr<AttachmentStore> store = AttachmentStore::Open(out_dir, error);
   if (!store) return nullptr;
-  std::unique_ptr<AttachmentTaker> taker(new AttachmentTaker(std::move(store), iocs, sink));
+  std::unique_ptr<AttachmentTaker> taker(
+      new AttachmentTaker(std::move(store), out_dir + AttachmentStore::kFolder, iocs, sink));
   if (!taker->file_.Open(out_dir + kFileName)) {
     *error = taker->file_.error();
     return nullptr;
@@ -48,8 +50,9 @@ std::unique_ptr<AttachmentTaker> AttachmentTaker::Open(const std::string& out_di
   return taker;
 }
 
-AttachmentTaker::AttachmentTaker(std::unique_ptr<AttachmentStore> store, const IocHashes* iocs, AttachmentSink* sink)
-    : store_(std::move(store)), iocs_(iocs), sink_(sink) {}
+AttachmentTaker::AttachmentTaker(std::unique_ptr<AttachmentStore> store, std::string folder, const IocHashes* iocs,
+                                 AttachmentSink* sink)
+    : store_(std::move(store)), folder_(std::move(folder)), iocs_(iocs), sink_(sink) {}
 
 AttachmentTaker::~AttachmentTaker() = default;
 
@@ -148,6 +151,24 @@ AttachmentTally AttachmentTaker::tally() const {
   tally.store_failures = store_->failures();
   tally.first_store_failure = store_->first_failure();
   return tally;
+}
+
+std::vector<std::pair<const char*, uint64_t>> AttachmentTaker::Figures() const {
+  const AttachmentTally t = tally();
+  return {{"Found", t.found},         {"Stored", t.stored},         {"Duplicates", t.duplicates},
+          {"TypeMismatches", t.mismatches}, {"IocMatches", t.ioc_matches}, {"TooDeep", t.too_deep},
+          {"TooManyParts", t.too_many},  {"TooBig", t.too_big},        {"Malformed", t.malformed}};
+}
+
+bool AttachmentTaker::GiveTo(uid_t uid, gid_t gid, std::string* error) {
+  if (!file_.GiveTo(uid, gid)) {
+    *error = file_.error();
+    return false;
+  }
+  // The files are written once the run is the account: the folder must be its.
+  if (::lchown(folder_.c_str(), uid, gid) == 0) return true;
+  *error = "cannot give " + folder_ + " to the user: " + std::strerror(errno);
+  return false;
 }
 
 }  // namespace pelka

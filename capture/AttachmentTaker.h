@@ -15,12 +15,15 @@
 // "sha256", "type_mismatch", "ioc_match", "stored_path"}.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "capture/AttachmentRow.h"
@@ -59,10 +62,15 @@ class AttachmentTaker {
   void TakeFromMessage(uint64_t email_number, std::span<const char> message);
 
   AttachmentTally tally() const;
+  // The tally as the counters of statistics.json's "Capture": {"Attachments": {...}}.
+  std::vector<std::pair<const char*, uint64_t>> Figures() const;
+  // --user: gives attachments.jsonl and the folder to the account.
+  bool GiveTo(uid_t uid, gid_t gid, std::string* error);
   OutputFile& file() { return file_; }
 
  private:
-  AttachmentTaker(std::unique_ptr<AttachmentStore> store, const IocHashes* iocs, AttachmentSink* sink);
+  AttachmentTaker(std::unique_ptr<AttachmentStore> store, std::string folder, const IocHashes* iocs,
+                  AttachmentSink* sink);
   AttachmentRow Describe(uint64_t email_number, const MessagePart& part);
   void WriteRow(const AttachmentRow& row);
   void Count(const PartCuts& cuts);
@@ -70,6 +78,7 @@ class AttachmentTaker {
   void ReturnDetector(std::unique_ptr<ContentTypeDetector> detector);
 
   std::unique_ptr<AttachmentStore> store_;
+  std::string folder_;  // attachments/, absolute
   const IocHashes* iocs_;
   AttachmentSink* sink_;
   OutputFile file_;

@@ -135,7 +135,10 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     for (auto [file, name] : Files()) file->WriteEachLine(options_.lines_at_once);
     database_ = std::make_unique<RunDatabase>();
     RunSink* sink = options_.database ? database_.get() : nullptr;
-    if (options_.attachments && !OpenAttachments(root)) return false;
+    if (options_.attachments &&
+        !(attachments_ = AttachmentTaker::Open(root, options_.ioc_hashes.get(), open_database(), &problem)))
+      return Fail(problem);
+    if (attachments_) attachments_->file().WriteEachLine(options_.lines_at_once);
     log_ = std::make_unique<HostLogService>(
         LogOutputs{&records_file_, &entries_file_, &csv_file_, &text_file_, options_.lines_at_once, sink,
                    attachments_.get()},
@@ -152,6 +155,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     if (copy_store_ && !copy_store_->GiveTo(uid, gid, &problem)) return Fail(problem);
     for (auto [file, name] : Files())
       if (!file->GiveTo(uid, gid)) return Fail(file->error());
+    if (attachments_ && !attachments_->GiveTo(uid, gid, &problem)) return Fail(problem);
     // The database and its write-ahead files, made by SQLite as root.
     for (const char* suffix : {"", "-wal", "-shm"}) {
       const std::string path = root() + "emails.sqlite" + suffix;
@@ -512,17 +516,10 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     return true;
   }
 
-  // Under "Capture", beside the notices; the cuts are PartCuts summed over
-  // the messages.
+  // Under "Capture", beside the notices.
   void AddAttachmentFigures() {
     if (!attachments_) return;
-    const AttachmentTally tally = attachments_->tally();
-    for (const auto& [counter, value] :
-         {std::pair<const char*, uint64_t>{"Found", tally.found}, {"Stored", tally.stored},
-          {"Duplicates", tally.duplicates}, {"TypeMismatches", tally.mismatches}, {"IocMatches", tally.ioc_matches},
-          {"TooDeep", tally.too_deep}, {"TooManyParts", tally.too_many}, {"TooBig", tally.too_big},
-          {"Malformed", tally.malformed}})
-      statistics_.AddHostFigure("Attachments", counter, value);
+    for (const auto& [counter, value] : attachments_->Figures()) statistics_.AddHostFigure("Attachments", counter, value);
   }
 
   bool Declined() {
