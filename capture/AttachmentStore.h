@@ -6,7 +6,11 @@
 // link in its place is refused), made 0750 when missing; every file is
 // written through the folder's descriptor, made 0600, never through a link
 // or into a FIFO (O_NOFOLLOW, O_EXCL into a temporary name, then renamed).
+// Something other than a regular file under an attachment's name is never
+// taken for that attachment: the attachment then counts as a failure.
 #pragma once
+
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
@@ -24,6 +28,7 @@ class AttachmentStore {
   // Opens (makes when missing) <out_dir>attachments/. `out_dir`: absolute,
   // ending with '/'. Null with `error` set when that cannot be done.
   static std::unique_ptr<AttachmentStore> Open(const std::string& out_dir, std::string* error);
+  // Closes the folder; removes it when this run made it and stored nothing.
   ~AttachmentStore();
   AttachmentStore(const AttachmentStore&) = delete;
   AttachmentStore& operator=(const AttachmentStore&) = delete;
@@ -39,10 +44,24 @@ class AttachmentStore {
   uint64_t failures() const { return failures_.load(std::memory_order_relaxed); }
   std::string first_failure() const;
 
+  // Gives the folder, when this run made it, to the account (--user).
+  bool GiveTo(uid_t uid, gid_t gid, std::string* error);
+  // Whether files can be written into the folder (by the user the run is
+  // now); false with `error` set.
+  bool Writable(std::string* error) const;
+
  private:
-  AttachmentStore(int folder_fd, bool made);
+  AttachmentStore(std::string folder, int folder_fd, bool made);
+  std::string Fail(const std::string& what, int code);
+  // Writes `content` to a new temporary file of the folder and moves it to
+  // `name`; true when the name was free. False with errno EEXIST when it
+  // was taken meanwhile, with another errno when writing failed.
+  bool WriteNew(const std::string& name, std::span<const char> content);
+
+  std::string folder_;  // absolute, ending with '/'
   int folder_fd_;
-  bool made_;
+  bool made_;  // the folder was made by this run
+  std::atomic<uint64_t> temporaries_{0};  // numbers the temporary files
   std::atomic<uint64_t> stored_{0}, duplicates_{0}, failures_{0};
   mutable std::mutex failure_mutex_;
   std::string first_failure_;

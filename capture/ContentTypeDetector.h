@@ -28,8 +28,13 @@ class ContentTypeDetector {
 };
 
 // Whether a part declared as `declared` but detected as `detected` is worth
-// an analyst's look (an ".pdf" that is an executable); generic declarations
-// (application/octet-stream) and text/* against text/* never disagree.
+// an analyst's look (an ".pdf" that is an executable). They disagree when
+// the message promises something to look at (image/*, audio/*, video/*,
+// text/*, PDF, RTF, office documents) and the bytes are a program, a script
+// or an archive. Everything else agrees: a generic or missing declaration
+// (application/octet-stream) or detection, text/* against text/*, an office
+// document that is the zip or compound file it is made of, and one harmless
+// type for another (a GIF sent as image/png).
 bool TypesDisagree(std::string_view declared, std::string_view detected);
 
 }  // namespace pelka

@@ -12,22 +12,13 @@
 #include <filesystem>
 #include <system_error>
 
+#include "capture/FolderFiles.h"
+
 namespace pelka {
 namespace {
 
 constexpr char kStaging[] = ".staging";
 constexpr std::string_view kCopyExtension = ".eml";
-
-int OpenFolder(int parent_fd, const char* name) {
-  return ::openat(parent_fd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-}
-
-// Makes the folder when missing and opens it; a link or a file in its place
-// is refused (-1 with errno ELOOP or ENOTDIR).
-int MakeFolder(int parent_fd, const char* name, mode_t mode) {
-  if (::mkdirat(parent_fd, name, mode) != 0 && errno != EEXIST) return -1;
-  return OpenFolder(parent_fd, name);
-}
 
 // Removes the entries of a folder, one level of folders deep, and the folder.
 void RemoveFolder(int parent_fd, const char* name) {
@@ -65,16 +56,6 @@ std::string SuffixedName(std::string_view name, uint32_t suffix) {
     name.remove_suffix(extension.size());
   }
   return std::string(name) + "-" + std::to_string(suffix) + std::string(extension);
-}
-
-// Moves without replacing: false with errno EEXIST when the name is taken.
-bool MoveNoReplace(int from_fd, const char* from, int to_fd, const char* to) {
-  if (::renameat2(from_fd, from, to_fd, to, RENAME_NOREPLACE) == 0) return true;
-  if (errno != EINVAL && errno != ENOSYS) return false;
-  // A file system without that kind of rename: a link never replaces either.
-  if (::linkat(from_fd, from, to_fd, to, 0) != 0) return false;
-  ::unlinkat(from_fd, from, 0);
-  return true;
 }
 
 }  // namespace

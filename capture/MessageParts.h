@@ -8,8 +8,11 @@
 // decoded too.
 //
 // Bad input never crashes or stalls: nesting deeper than `max_depth`, parts
-// beyond `max_parts` and decoded bytes beyond `max_bytes` are left out and
-// counted in the result, as are parts whose content cannot be decoded.
+// beyond `max_parts` and parts that would take the decoded bytes beyond
+// `max_bytes` are left out and counted in the result, as are parts whose
+// content cannot be decoded. Base64 that is cut short or carries bytes that
+// are not base64 is kept as far as it decodes, and counted as malformed: the
+// file is then not the one that was sent.
 #pragma once
 
 #include <cstdint>
@@ -36,8 +39,8 @@ struct MessagePart {
 struct PartCuts {
   uint32_t too_deep = 0;      // parts below the depth bound
   uint32_t too_many = 0;      // parts beyond the part bound
-  uint32_t too_big = 0;       // parts dropped or cut at the byte bound
-  uint32_t malformed = 0;     // parts whose content could not be decoded
+  uint32_t too_big = 0;       // parts dropped at the byte bound
+  uint32_t malformed = 0;     // parts left out or taken incomplete: content not decodable
   bool any() const { return too_deep || too_many || too_big || malformed; }
 };
 

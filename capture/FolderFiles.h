@@ -1,0 +1,21 @@
+// Folders and files reached through the descriptor of the folder they are
+// in, never through a symbolic link: what the stores of the output folder
+// (the ".eml" copies, the attachments) write with, so that a link planted in
+// the output folder never sends a file elsewhere.
+#pragma once
+
+#include <sys/types.h>
+
+namespace pelka {
+
+// Opens the folder `name` below `parent_fd`; -1 with errno ELOOP or ENOTDIR
+// when a link or a file is in its place.
+int OpenFolder(int parent_fd, const char* name);
+
+// Makes the folder when missing and opens it, as OpenFolder.
+int MakeFolder(int parent_fd, const char* name, mode_t mode);
+
+// Moves without replacing: false with errno EEXIST when the name is taken.
+bool MoveNoReplace(int from_fd, const char* from, int to_fd, const char* to);
+
+}  // namespace pelka

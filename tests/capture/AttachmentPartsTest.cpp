@@ -1,0 +1,280 @@
+// Attachments taken out of hand-made messages: which parts, their names and
+// decoded bytes, the bounds on hostile structure, the hashes and types told
+// of the bytes, and the store that keeps each file once.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "capture/AttachmentStore.h"
+#include "capture/ContentTypeDetector.h"
+#include "capture/FileHashes.h"
+#include "capture/MessageParts.h"
+#include "support/TempFile.h"
+
+namespace pelka {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Copies are stored with CRLF line ends, as they were sent.
+std::string Crlf(std::string_view text) {
+  std::string out;
+  for (char c : text) out += c == '\n' ? std::string("\r\n") : std::string(1, c);
+  return out;
+}
+
+const std::string kPng("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR\0\0\0\x01\0\0\0\x01\x08\x02\0\0\0", 29);
+const std::string kPngBase64 = "iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAIAAAA=";
+// The start of a DOS program: what hides behind an ".pdf" that runs.
+const std::string kProgram = std::string("MZ\x90\0\x03\0\0\0\x04\0\0\0\xff\xff\0\0", 16) + std::string(64, '\0');
+const std::string kProgramBase64 =
+    "TVqQAAMAAAAEAAAA//8AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA=";
+
+std::string Attachment(const std::string& boundary, const std::string& headers, const std::string& body) {
+  return "--" + boundary + "\n" + headers + "\n\n" + body + "\n";
+}
+
+// A message whose attachment sits `levels` multiparts deep.
+std::string Nested(int levels) {
+  std::string open = "Content-Type: multipart/mixed; boundary=\"b0\"\n\n", close = "--b0--\n";
+  for (int level = 1; level < levels; ++level) {
+    const std::string b = "b" + std::to_string(level);
+    open += "--b" + std::to_string(level - 1) + "\nContent-Type: multipart/mixed; boundary=\"" + b + "\"\n\n";
+    close = "--" + b + "--\n" + close;
+  }
+  const std::string last = "b" + std::to_string(levels - 1);
+  return open + Attachment(last, "Content-Disposition: attachment; filename=\"deep.txt\"", "deep") + close;
+}
+
+// `count` attachments of one byte each.
+std::string Several(int count) {
+  std::string message = "Content-Type: multipart/mixed; boundary=\"s\"\n\n";
+  for (int i = 0; i < count; ++i) message += Attachment("s", "Content-Type: application/x-part", std::to_string(i));
+  return message + "--s--\n";
+}
+
+struct Expected {
+  std::string name;
+  std::string type;
+  std::string content;
+};
+
+struct MessageCase {
+  const char* name;
+  std::string message;
+  std::vector<Expected> parts;
+  PartCuts cuts;
+  PartLimits limits = {};
+};
+
+TEST(AttachmentPartsTest, TakesTheFilesOutOfMessages) {
+  const MessageCase cases[] = {
+      {"nested multiparts, a forwarded message inside",
+       "Subject: nested\nMIME-Version: 1.0\nContent-Type: multipart/mixed; boundary=\"outer\"\n\npreamble\n" +
+           Attachment("outer", "Content-Type: multipart/alternative; boundary=\"alt\"",
+                      Attachment("alt", "Content-Type: text/plain", "body") +
+                          Attachment("alt", "Content-Type: text/html", "<p>body</p>") + "--alt--") +
+           Attachment("outer", "Content-Type: multipart/related; boundary=\"rel\"",
+                      Attachment("rel", "Content-Type: IMAGE/PNG\nContent-Transfer-Encoding: base64", kPngBase64) +
+                          "--rel--") +
+           Attachment("outer", "Content-Type: message/rfc822",
+                      "Subject: inner\nContent-Type: multipart/mixed; boundary=\"in\"\n\n" +
+                          Attachment("in", "Content-Type: text/plain", "inner body") +
+                          Attachment("in",
+                                     "Content-Type: text/plain; name=\"notes.txt\"\nContent-Disposition: attachment\n"
+                                     "Content-Transfer-Encoding: quoted-printable",
+                                     "caf=C3=A9 costs 3=3D3=\n euros") +
+                          "--in--") +
+           Attachment("outer",
+                      "Content-Type: application/pdf\nContent-Disposition: attachment; filename=\"invoice.pdf\"\n"
+                      "Content-Transfer-Encoding: base64",
+                      kProgramBase64) +
+           "--outer--\n",
+       {{"", "image/png", kPng}, {"notes.txt", "text/plain", "caf\xc3\xa9 costs 3=3 euros"},
+        {"invoice.pdf", "application/pdf", kProgram}},
+       {}},
+      {"names in RFC 2231 and RFC 2047, a part without a type",
+       "Content-Type: multipart/mixed; boundary=\"n\"\n\n" +
+           Attachment("n", "Content-Disposition: attachment; filename*0*=iso-8859-1''%E4rger; filename*1=\".txt\"",
+                      "1") +
+           Attachment("n", "Content-Type: text/csv; name*=UTF-8''%E2%82%AC%20rates.csv", "2") +
+           Attachment("n", "Content-Type: application/msword; name=\"=?windows-1251?B?0e/o8e7q?=.doc\"", "3") +
+           Attachment("n", "Content-Disposition: attachment; filename*0=\"long\"; filename*1=\"name.bin\"", "4") +
+           "--n--\n",
+       {{"\xc3\xa4rger.txt", "application/octet-stream", "1"},
+        {"\xe2\x82\xac rates.csv", "text/csv", "2"},
+        {"\xd0\xa1\xd0\xbf\xd0\xb8\xd1\x81\xd0\xbe\xd0\xba.doc", "application/msword", "3"},
+        {"longname.bin", "application/octet-stream", "4"}},
+       {}},
+      {"base64 cut short, base64 with foreign bytes, no end boundary",
+       "Content-Type: multipart/mixed; boundary=\"m\"\n\n" +
+           Attachment("m", "Content-Type: application/x-a\nContent-Transfer-Encoding: base64", "aGVsbG8sIHdvcmxkC") +
+           Attachment("m", "Content-Type: application/x-b\nContent-Transfer-Encoding: base64",
+                      "aGVs*bG8sIHdv\ncmxkCg==") +
+           Attachment("m", "Content-Type: application/x-c\nContent-Transfer-Encoding: base64", "aGVsbG8sIHdvcmxkCg=="),
+       {{"", "application/x-a", "hello, world"},
+        {"", "application/x-b", "hello, world\n"},
+        {"", "application/x-c", "hello, world\n"}},
+       {.malformed = 2}},
+      {"garbage", std::string("\0\xff\x01--\n\n--\n\n\x80", 12), {}, {}},
+      {"leaf at the depth bound", Nested(5), {{"deep.txt", "application/octet-stream", "deep"}}, {}, {.max_depth = 5}},
+      {"leaf below the depth bound", Nested(6), {}, {.too_deep = 1}, {.max_depth = 5}},
+      {"parts beyond the part bound", Several(5),
+       {{"", "application/x-part", "0"}, {"", "application/x-part", "1"}, {"", "application/x-part", "2"}},
+       {.too_many = 2}, {.max_parts = 4}},
+      {"parts beyond the byte bound",
+       "Content-Type: multipart/mixed; boundary=\"y\"\n\n" +
+           Attachment("y", "Content-Type: image/png\nContent-Transfer-Encoding: base64", kPngBase64) +
+           Attachment("y", "Content-Type: application/x-d", "hello, world") +
+           Attachment("y", "Content-Type: application/x-e", "!") + "--y--\n",
+       {{"", "image/png", kPng}, {"", "application/x-d", "hello, world"}},
+       {.too_big = 1}, {.max_bytes = 29 + 12}},
+  };
+  for (const MessageCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    const MessageParts taken = TakeMessageParts(Crlf(c.message), c.limits);
+    ASSERT_EQ(taken.parts.size(), c.parts.size());
+    for (size_t i = 0; i < c.parts.size(); ++i) {
+      SCOPED_TRACE("part " + std::to_string(i + 1));
+      EXPECT_EQ(taken.parts[i].index, i + 1);
+      EXPECT_EQ(taken.parts[i].file_name, c.parts[i].name);
+      EXPECT_EQ(taken.parts[i].declared_type, c.parts[i].type);
+      EXPECT_EQ(taken.parts[i].content, c.parts[i].content);
+    }
+    EXPECT_EQ(taken.cuts.too_deep, c.cuts.too_deep);
+    EXPECT_EQ(taken.cuts.too_many, c.cuts.too_many);
+    EXPECT_EQ(taken.cuts.too_big, c.cuts.too_big);
+    EXPECT_EQ(taken.cuts.malformed, c.cuts.malformed);
+  }
+}
+
+// Hashes as sha256sum, sha1sum and md5sum print them, and the type told of
+// the bytes against the declared one.
+TEST(AttachmentPartsTest, HashesAndTypesOfTheBytes) {
+  struct Case {
+    const char* name;
+    std::string bytes;
+    const char* declared;
+    const char* detected;
+    bool disagree;
+    FileHashes hashes;
+  };
+  const Case cases[] = {
+      {"a program declared as a PDF", kProgram, "application/pdf", "application/x-dosexec", true,
+       {"4fc083a67a4b6f8f5a628625728521a5", "30ac8c9f4774290538fd34fbf3ff0eee12d9b3bc",
+        "860eacd2997a0be759fe760bcd6e139c2ead3fd7e5928eb1ee1c3a61cb3bd66f"}},
+      {"a program sent as bytes", kProgram, "application/octet-stream", "application/x-dosexec", false,
+       {"4fc083a67a4b6f8f5a628625728521a5", "30ac8c9f4774290538fd34fbf3ff0eee12d9b3bc",
+        "860eacd2997a0be759fe760bcd6e139c2ead3fd7e5928eb1ee1c3a61cb3bd66f"}},
+      {"a picture", kPng, "image/png", "image/png", false,
+       {"f7a93f4b3e6d74a5439940e1d616cd0b", "38f71554f1c24ac542113b10c0a0e6895b1541d9",
+        "4d2d6e1e125088bb80b839944f31934e3a7707049a84c68fd54122bc20437c7f"}},
+      {"a script declared as a picture", "#!/bin/sh\nrm -rf ~\n", "image/jpeg", "text/x-shellscript", true, {}},
+      {"a script declared as text", "#!/bin/sh\nrm -rf ~\n", "text/plain", "text/x-shellscript", false, {}},
+      {"nothing", "", "text/plain", "application/x-empty", false,
+       {"d41d8cd98f00b204e9800998ecf8427e", "da39a3ee5e6b4b0d3255bfef95601890afd80709",
+        "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"}},
+  };
+  std::string error;
+  const auto detector = ContentTypeDetector::Open(&error);
+  ASSERT_TRUE(detector) << error;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string detected = detector->Detect(c.bytes);
+    EXPECT_EQ(detected, c.detected);
+    EXPECT_EQ(TypesDisagree(c.declared, detected), c.disagree);
+    if (c.hashes.sha256.empty()) continue;
+    const FileHashes hashes = HashBytes(c.bytes);
+    EXPECT_EQ(hashes.md5, c.hashes.md5);
+    EXPECT_EQ(hashes.sha1, c.hashes.sha1);
+    EXPECT_EQ(hashes.sha256, c.hashes.sha256);
+  }
+}
+
+// The declarations and detections that look different but are no news.
+TEST(AttachmentPartsTest, TypesThatAgreeDespiteTheirNames) {
+  struct Case {
+    const char* declared;
+    const char* detected;
+    bool disagree;
+  };
+  const Case cases[] = {
+      {"application/vnd.openxmlformats-officedocument.wordprocessingml.document", "application/zip", false},
+      {"application/msword", "application/CDFV2", false},
+      {"image/png", "image/gif", false},
+      {"application/x-zip-compressed", "application/zip", false},
+      {"image/png", "application/zip", true},
+      {"application/pdf", "application/octet-stream", false},
+  };
+  for (const Case& c : cases) EXPECT_EQ(TypesDisagree(c.declared, c.detected), c.disagree) << c.declared << " " << c.detected;
+}
+
+class AttachmentStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    out_ = fs::temp_directory_path() / ("pelka-attachments-" + std::to_string(::getpid()));
+    fs::remove_all(out_);
+    fs::create_directories(out_);
+  }
+  void TearDown() override { fs::remove_all(out_); }
+  std::string OutDir() const { return out_.string() + "/"; }
+  static mode_t Mode(const fs::path& path) {
+    struct stat info {};
+    ::lstat(path.c_str(), &info);
+    return info.st_mode & 07777;
+  }
+  fs::path out_;
+};
+
+// The same file attached twice (under two names) is written once, 0600,
+// under its hash, into a 0750 folder.
+TEST_F(AttachmentStoreTest, KeepsEachFileOnceUnderItsHash) {
+  const std::string message = Crlf(
+      "Content-Type: multipart/mixed; boundary=\"d\"\n\n" +
+      Attachment("d", "Content-Type: image/png; name=\"a.png\"\nContent-Transfer-Encoding: base64", kPngBase64) +
+      Attachment("d", "Content-Type: image/png; name=\"b.png\"\nContent-Transfer-Encoding: base64", kPngBase64) +
+      "--d--\n");
+  std::string error;
+  const auto store = AttachmentStore::Open(OutDir(), &error);
+  ASSERT_TRUE(store) << error;
+  const MessageParts taken = TakeMessageParts(message);
+  ASSERT_EQ(taken.parts.size(), 2u);
+  const std::string sha256 = "4d2d6e1e125088bb80b839944f31934e3a7707049a84c68fd54122bc20437c7f";
+  for (const MessagePart& part : taken.parts)
+    EXPECT_EQ(store->Store(HashBytes(part.content).sha256, part.content), "attachments/" + sha256);
+  EXPECT_EQ(store->stored(), 1u);
+  EXPECT_EQ(store->duplicates(), 1u);
+  EXPECT_EQ(test::ReadWholeFile(out_ / "attachments" / sha256), kPng);
+  EXPECT_EQ(Mode(out_ / "attachments" / sha256), 0600u);
+  EXPECT_EQ(Mode(out_ / "attachments"), 0750u);
+  EXPECT_EQ(std::distance(fs::directory_iterator(out_ / "attachments"), fs::directory_iterator()), 1);
+}
+
+// A link in place of the folder is refused; a name that is not a hash, and
+// a link under an attachment's name, are failures that write nothing.
+TEST_F(AttachmentStoreTest, NeverWritesThroughLinksOrByOtherNames) {
+  fs::create_directory(out_ / "elsewhere");
+  fs::create_directory_symlink(out_ / "elsewhere", out_ / "attachments");
+  std::string error;
+  EXPECT_FALSE(AttachmentStore::Open(OutDir(), &error));
+  EXPECT_NE(error.find("symbolic link"), std::string::npos) << error;
+  fs::remove(out_ / "attachments");
+
+  const auto store = AttachmentStore::Open(OutDir(), &error);
+  ASSERT_TRUE(store) << error;
+  const std::string sha256(64, 'a');
+  fs::create_symlink(out_ / "elsewhere" / "target", out_ / "attachments" / sha256);
+  EXPECT_EQ(store->Store(sha256, kPng), "");
+  EXPECT_EQ(store->Store("../escape", kPng), "");
+  EXPECT_EQ(store->failures(), 2u);
+  EXPECT_EQ(store->stored(), 0u);
+  EXPECT_FALSE(fs::exists(out_ / "elsewhere" / "target"));
+  EXPECT_FALSE(fs::exists(out_ / "escape"));
+}
+
+}  // namespace
+}  // namespace pelka
