@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 
 #include "capture/JsonText.h"
 
@@ -40,8 +39,7 @@ std::unique_ptr<AttachmentTaker> AttachmentTaker::Open(const std::string& out_di
   if (!detector) return nullptr;
   std::unique_ptr<AttachmentStore> store = AttachmentStore::Open(out_dir, error);
   if (!store) return nullptr;
-  std::unique_ptr<AttachmentTaker> taker(
-      new AttachmentTaker(std::move(store), out_dir + AttachmentStore::kFolder, iocs, sink));
+  std::unique_ptr<AttachmentTaker> taker(new AttachmentTaker(std::move(store), iocs, sink));
   if (!taker->file_.Open(out_dir + kFileName)) {
     *error = taker->file_.error();
     return nullptr;
@@ -50,9 +48,8 @@ std::unique_ptr<AttachmentTaker> AttachmentTaker::Open(const std::string& out_di
   return taker;
 }
 
-AttachmentTaker::AttachmentTaker(std::unique_ptr<AttachmentStore> store, std::string folder, const IocHashes* iocs,
-                                 AttachmentSink* sink)
-    : store_(std::move(store)), folder_(std::move(folder)), iocs_(iocs), sink_(sink) {}
+AttachmentTaker::AttachmentTaker(std::unique_ptr<AttachmentStore> store, const IocHashes* iocs, AttachmentSink* sink)
+    : store_(std::move(store)), iocs_(iocs), sink_(sink) {}
 
 AttachmentTaker::~AttachmentTaker() = default;
 
@@ -166,9 +163,9 @@ bool AttachmentTaker::GiveTo(uid_t uid, gid_t gid, std::string* error) {
     return false;
   }
   // The files are written once the run is the account: the folder must be its.
-  if (::lchown(folder_.c_str(), uid, gid) == 0) return true;
-  *error = "cannot give " + folder_ + " to the user: " + std::strerror(errno);
-  return false;
+  return store_->GiveTo(uid, gid, error);
 }
+
+bool AttachmentTaker::Writable(std::string* error) const { return store_->Writable(error); }
 
 }  // namespace pelka

@@ -66,11 +66,12 @@ class AttachmentTaker {
   std::vector<std::pair<const char*, uint64_t>> Figures() const;
   // --user: gives attachments.jsonl and the folder to the account.
   bool GiveTo(uid_t uid, gid_t gid, std::string* error);
+  // Whether the files can be stored by the user the run is now.
+  bool Writable(std::string* error) const;
   OutputFile& file() { return file_; }
 
  private:
-  AttachmentTaker(std::unique_ptr<AttachmentStore> store, std::string folder, const IocHashes* iocs,
-                  AttachmentSink* sink);
+  AttachmentTaker(std::unique_ptr<AttachmentStore> store, const IocHashes* iocs, AttachmentSink* sink);
   AttachmentRow Describe(uint64_t email_number, const MessagePart& part);
   void WriteRow(const AttachmentRow& row);
   void Count(const PartCuts& cuts);
@@ -78,7 +79,6 @@ class AttachmentTaker {
   void ReturnDetector(std::unique_ptr<ContentTypeDetector> detector);
 
   std::unique_ptr<AttachmentStore> store_;
-  std::string folder_;  // attachments/, absolute
   const IocHashes* iocs_;
   AttachmentSink* sink_;
   OutputFile file_;

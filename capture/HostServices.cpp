@@ -167,6 +167,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
 
   bool CheckWritable() {
     std::string problem;
+    if (attachments_ && !attachments_->Writable(&problem)) return Fail(problem);
     return !copy_store_ || !copy_store_->placed() || copy_store_->Writable(&problem) || Fail(problem);
   }
 

@@ -24,11 +24,14 @@ const char* const kCaptures[] = {"imap-login-fetch-26.pcap", "mixed-ntlm-auth.pc
                                  "smtp-auth-login-vlan100.pcap"};
 
 // A folder's lines by file, in an order-free form: records without their
-// number and with their copy's name and size in place of its path; diagnosis
+// number and with their copy's name and size in place of its path,
+// attachments with their record's subject in place of its number; diagnosis
 // reports without packet numbers, which count from the start of each run.
 std::map<std::string, std::multiset<std::string>> Contents(const fs::path& folder) {
   std::map<std::string, std::multiset<std::string>> contents;
+  std::map<uint64_t, std::string> subjects;  // attachments name their record by number
   for (nlohmann::json record : test::ReadJsonLines(folder / "emails.jsonl")) {
+    subjects[record["email_number"]] = record.value("email_subject", "");
     const fs::path copy = record.value("email_file_path", std::string());
     EXPECT_TRUE(copy.empty() || fs::equivalent(copy.parent_path(), folder / "email_copy")) << copy;
     record["email_file_path"] = copy.empty() ? "" : copy.filename().string() + " " + test::ReadWholeFile(copy);
@@ -38,6 +41,11 @@ std::map<std::string, std::multiset<std::string>> Contents(const fs::path& folde
   for (nlohmann::json report : test::ReadJsonLines(folder / "diagnosis.jsonl")) {
     for (const char* key : {"text", "packet", "related_packet"}) report.erase(key);
     contents["diagnosis.jsonl"].insert(report.dump());
+  }
+  for (nlohmann::json row : test::ReadJsonLines(folder / "attachments.jsonl")) {
+    EXPECT_TRUE(fs::is_regular_file(folder / row["stored_path"].get<std::string>())) << row;
+    row["email_number"] = subjects[row["email_number"]];
+    contents["attachments.jsonl"].insert(row.dump());
   }
   for (const char* name : {"entries.jsonl", "email_log.csv", "email_log.txt", "statistics.json"}) {
     std::istringstream lines(test::ReadWholeFile(folder / name));
@@ -53,7 +61,7 @@ TEST(MergeTest, ParallelRunsMergeIntoOneRun) {
   std::vector<std::string> captures;
   for (const char* name : kCaptures) captures.push_back((fs::path(PELKA_TEST_DATA_DIR) / name).string());
 
-  std::vector<std::string> args = {"-j2", test::ProgramPath().string(), "-q", "--copies", "-o",
+  std::vector<std::string> args = {"-j2", test::ProgramPath().string(), "-q", "--copies", "--attachments", "-o",
                                    (dir / "runs" / "{/.}").string(), "{}", ":::"};
   args.insert(args.end(), captures.begin(), captures.end());
   ASSERT_EQ(test::RunProgram(args, "/usr/bin/parallel").status, 0);
@@ -66,7 +74,7 @@ TEST(MergeTest, ParallelRunsMergeIntoOneRun) {
   EXPECT_THAT(merged.out, ::testing::HasSubstr("Merged 6 folders: 9 records"));
   EXPECT_NE(test::ReadWholeFile(dir / "merged" / "report.html").find("9 (20"), std::string::npos);
 
-  args = {"-q", "--copies", "-o", (dir / "single").string()};
+  args = {"-q", "--copies", "--attachments", "-o", (dir / "single").string()};
   args.insert(args.end(), captures.begin(), captures.end());
   ASSERT_EQ(test::RunProgram(args).status, 0);
   EXPECT_EQ(Contents(dir / "merged"), Contents(dir / "single"));
