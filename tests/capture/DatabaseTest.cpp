@@ -249,11 +249,10 @@ TEST(DatabaseTest, MergedFoldersGiveTheMergedDatabase) {
   ExpectDatabaseHoldsTheJsonFiles(dir / "merged", true);
   const Database db(dir / "merged" / "emails.sqlite");
   EXPECT_EQ(Rows(db.get(), "SELECT count(*) AS n FROM connections"), (std::vector<json>{{{"n", 7}}}));
-  // Each attachment follows its message to the message's new number.
-  EXPECT_EQ(Rows(db.get(), "SELECT m.email_subject, a.file_name FROM attachments a JOIN messages m "
-                           "ON m.email_number = a.email_number ORDER BY a.id"),
-            (std::vector<json>{{{"email_subject", "Quarterly report"}, {"file_name", "report.txt"}},
-                               {{"email_subject", "Quarterly report"}, {"file_name", "report.txt"}}}));
+  // Each attachment (the sample's report.txt, twice) follows its message to
+  // the message's new number.
+  EXPECT_EQ(Rows(db.get(), "SELECT email_number FROM attachments ORDER BY id"),
+            Rows(db.get(), "SELECT email_number FROM messages WHERE email_subject = 'Quarterly report' ORDER BY id"));
 }
 
 TEST(DatabaseTest, NoDbWritesNone) {

@@ -93,17 +93,23 @@ TEST(MergeTest, CopiesNeverReplaceEachOtherAndRefusalsTouchNothing) {
   REQUIRE_PROGRAM();
   TempDir dir;
   const fs::path run = dir / "run";
-  ASSERT_EQ(test::RunProgram({"-q", "--copies", "-o", run.string(), test::kSample.string()}).status, 0);
+  ASSERT_EQ(test::RunProgram({"-q", "--copies", "--attachments", "-o", run.string(), test::kSample.string()}).status, 0);
   const test::ProgramResult twice = test::RunProgram({"merge", run.string(), run.string(), "-o", (dir / "m").string()});
   ASSERT_EQ(twice.status, 0) << twice.err;
   std::set<std::string> paths;
+  std::set<uint64_t> with_attachment;  // the sample's report.txt, on its record in each run
   for (const auto& record : test::ReadJsonLines(dir / "m" / "emails.jsonl")) {
+    if (record["email_subject"] == "Quarterly report") with_attachment.insert(record["email_number"].get<uint64_t>());
     const std::string path = record["email_file_path"];
     EXPECT_EQ(test::ReadWholeFile(path).find("Subject: " + std::string(record["email_subject"])) == std::string::npos,
               record["protocol"] == "POP3") << path;  // the POP3 subject is an encoded word
     paths.insert(path);
   }
   EXPECT_EQ(paths.size(), 6u);
+  std::set<uint64_t> attachments_of;
+  for (const auto& row : test::ReadJsonLines(dir / "m" / "attachments.jsonl"))
+    attachments_of.insert(row["email_number"].get<uint64_t>());
+  EXPECT_EQ(attachments_of, with_attachment);
   EXPECT_TRUE(paths.count((dir / "m" / "email_copy" / "2023-11-14 22.13.20.65000-2.eml").string()));
 
   const struct {
