@@ -1,11 +1,11 @@
 #include "capture/HostLog.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 #include <string>
 #include <typeinfo>
-
-#include <unistd.h>
 
 #include "capture/HostFlow.h"
 #include "host/CodePage.h"

@@ -509,14 +509,6 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
       statistics_.AddHostFigure("Notices", std::string(NoticeKey(static_cast<NoticeKind>(kind))), run.notices[kind]);
   }
 
-  bool OpenAttachments(const std::string& root) {
-    std::string problem;
-    attachments_ = AttachmentTaker::Open(root, options_.ioc_hashes.get(), open_database(), &problem);
-    if (!attachments_) return Fail(problem);
-    attachments_->file().WriteEachLine(options_.lines_at_once);
-    return true;
-  }
-
   // Under "Capture", beside the notices.
   void AddAttachmentFigures() {
     if (!attachments_) return;
