@@ -52,8 +52,8 @@ std::string DeclaredType(GMimeObject* object) {
 }
 
 // The file name as text the outputs can carry: the parser decodes encoded
-// words and RFC 2231 parameters into UTF-8, but a name sent as raw bytes of
-// another character set is left as it came.
+// words and RFC 2231 parameters into UTF-8, but bytes it could not convert
+// may be left in a name; those become U+FFFD.
 std::string FileName(GMimePart* part) {
   const char* name = g_mime_part_get_filename(part);
   if (!name || !*name) return {};
@@ -121,13 +121,52 @@ bool Base64Broken(GMimeStream* encoded) {
   return letters % 4 != 0;
 }
 
+// A message parsed from bytes (the parser keeps a copy of them); null when
+// nothing of a message is found.
+GRef<GMimeMessage> ParseMessage(std::span<const char> bytes) {
+  const GRef<GMimeStream> stream(g_mime_stream_mem_new_with_buffer(bytes.data(), bytes.size()));
+  const GRef<GMimeParser> parser(g_mime_parser_new_with_stream(stream.get()));
+  return GRef<GMimeMessage>(g_mime_parser_construct_message(parser.get(), nullptr));
+}
+
+// A message sent inside a part that the parser left as a plain part: one
+// with a transfer encoding, which such a part should not have.
+bool IsEnclosedMessage(GMimeObject* object) {
+  GMimeContentType* type = g_mime_object_get_content_type(object);
+  return type && (g_mime_content_type_is_type(type, "message", "rfc822") ||
+                  g_mime_content_type_is_type(type, "message", "global") ||
+                  g_mime_content_type_is_type(type, "message", "news"));
+}
+
+// How much of the message is parsed. The parser builds an object for every
+// part (a few KiB each) before the walk can count them, so the message is
+// cut where the line that opens part number 2 * max_parts + 2 begins (a
+// boundary line starts with "--"; text lines that do too bring the cut
+// earlier only when there are thousands of them).
+size_t ParsedLength(std::string_view message, uint32_t max_parts) {
+  const uint64_t allowed = 2 * uint64_t{max_parts} + 2;
+  uint64_t seen = 0;
+  for (size_t at = 0; at < message.size();) {
+    if (message.compare(at, 2, "--") == 0 && ++seen > allowed) return at;
+    const size_t end = message.find('\n', at);
+    if (end == std::string_view::npos) break;
+    at = end + 1;
+  }
+  return message.size();
+}
+
+using Pending = std::vector<std::pair<GMimeObject*, uint32_t>>;  // parts borrowed from their message, depth
+
 // The walk over one message's tree, with its bounds.
 class PartWalk {
  public:
-  explicit PartWalk(const PartLimits& limits) : limits_(limits) {}
+  // `message_size`: what the messages found inside encoded parts may add up
+  // to, twice over, as each of them is parsed again from its own copy.
+  PartWalk(const PartLimits& limits, size_t message_size)
+      : limits_(limits), reparse_budget_(2 * uint64_t{message_size}) {}
 
   MessageParts Walk(GMimeObject* root) {
-    std::vector<std::pair<GMimeObject*, uint32_t>> pending{{root, 0}};  // borrowed from the message
+    Pending pending{{root, 0}};
     while (!pending.empty()) {
       const auto [object, depth] = pending.back();
       pending.pop_back();
@@ -147,7 +186,7 @@ class PartWalk {
  private:
   // Takes a leaf, or lines up the parts below a container (in reverse, so
   // that they come off the stack in document order).
-  void Visit(GMimeObject* object, uint32_t depth, std::vector<std::pair<GMimeObject*, uint32_t>>& pending) {
+  void Visit(GMimeObject* object, uint32_t depth, Pending& pending) {
     if (GMIME_IS_MULTIPART(object)) {
       GMimeMultipart* multipart = GMIME_MULTIPART(object);
       for (int i = g_mime_multipart_get_count(multipart) - 1; i >= 0; --i)
@@ -160,7 +199,45 @@ class PartWalk {
       if (body) pending.emplace_back(body, depth + 1);
       return;
     }
-    if (GMIME_IS_PART(object) && IsTaken(object)) Take(GMIME_PART(object));
+    if (!GMIME_IS_PART(object)) return;
+    if (IsEnclosedMessage(object)) {
+      OpenEnclosed(GMIME_PART(object), depth, pending);
+      return;
+    }
+    if (IsTaken(object)) Take(GMIME_PART(object));
+  }
+
+  // A message inside an encoded part is parsed from its decoded bytes and
+  // walked like one the parser found. When its base64 is not base64 (a mail
+  // reader then shows the text as it is, which hides the message from
+  // scanners that decode it) the bytes are taken as they are.
+  void OpenEnclosed(GMimePart* part, uint32_t depth, Pending& pending) {
+    GMimeDataWrapper* content = g_mime_part_get_content(part);
+    std::string bytes;
+    GMimeStream* encoded = content ? g_mime_data_wrapper_get_stream(content) : nullptr;
+    const bool as_sent = encoded && g_mime_data_wrapper_get_encoding(content) == GMIME_CONTENT_ENCODING_BASE64 &&
+                         Base64Broken(encoded);
+    if (!content || !(as_sent ? Copy(encoded, &bytes) : Decode(content, &bytes))) {
+      ++result_.cuts.malformed;
+      return;
+    }
+    if (bytes.size() > reparse_budget_) {
+      ++result_.cuts.too_big;
+      return;
+    }
+    reparse_budget_ -= bytes.size();
+    // Its parts come off the stack next, so what is left of the part bound
+    // is what this message may use.
+    const size_t parsed_length = ParsedLength(bytes, limits_.max_parts - std::min(looked_at_, limits_.max_parts));
+    if (parsed_length < bytes.size()) {
+      ++result_.cuts.too_many;
+      bytes.resize(parsed_length);
+    }
+    GRef<GMimeMessage> inner = ParseMessage(bytes);
+    GMimeObject* body = inner ? g_mime_message_get_mime_part(inner.get()) : nullptr;
+    if (!body) return;
+    pending.emplace_back(body, depth + 1);
+    enclosed_.push_back(std::move(inner));
   }
 
   void Take(GMimePart* part) {
@@ -190,30 +267,45 @@ class PartWalk {
   }
 
   // The part's bytes with the transfer encoding taken off.
-  bool Decode(GMimeDataWrapper* content, std::string* decoded) {
+  static bool Decode(GMimeDataWrapper* content, std::string* decoded) {
     const GRef<GMimeStream> sink(g_mime_stream_mem_new());
     if (g_mime_data_wrapper_write_to_stream(content, sink.get()) < 0) return false;
-    const GByteArray* bytes = g_mime_stream_mem_get_byte_array(GMIME_STREAM_MEM(sink.get()));
-    decoded->assign(reinterpret_cast<const char*>(bytes->data), bytes->len);
+    Collect(sink.get(), decoded);
     return true;
+  }
+
+  // The part's bytes as they were sent.
+  static bool Copy(GMimeStream* encoded, std::string* copied) {
+    const GRef<GMimeStream> sink(g_mime_stream_mem_new());
+    if (g_mime_stream_reset(encoded) != 0 || g_mime_stream_write_to_stream(encoded, sink.get()) < 0) return false;
+    Collect(sink.get(), copied);
+    return true;
+  }
+
+  static void Collect(GMimeStream* sink, std::string* out) {
+    const GByteArray* bytes = g_mime_stream_mem_get_byte_array(GMIME_STREAM_MEM(sink));
+    out->assign(reinterpret_cast<const char*>(bytes->data), bytes->len);
   }
 
   const PartLimits& limits_;
   MessageParts result_;
   uint32_t looked_at_ = 0;
   uint64_t kept_bytes_ = 0;
+  uint64_t reparse_budget_;
+  std::vector<GRef<GMimeMessage>> enclosed_;  // the messages found in encoded parts, which `pending` points into
 };
 
 }  // namespace
 
 MessageParts TakeMessageParts(std::span<const char> message, const PartLimits& limits) {
   StartGMime();
-  const GRef<GMimeStream> stream(g_mime_stream_mem_new_with_buffer(message.data(), message.size()));
-  const GRef<GMimeParser> parser(g_mime_parser_new_with_stream(stream.get()));
-  const GRef<GMimeMessage> parsed(g_mime_parser_construct_message(parser.get(), nullptr));
+  const size_t parsed_length = ParsedLength(std::string_view(message.data(), message.size()), limits.max_parts);
+  const GRef<GMimeMessage> parsed = ParseMessage(message.first(parsed_length));
   GMimeObject* root = parsed ? g_mime_message_get_mime_part(parsed.get()) : nullptr;
   if (!root) return {};
-  return PartWalk(limits).Walk(root);
+  MessageParts result = PartWalk(limits, message.size()).Walk(root);
+  if (parsed_length < message.size()) ++result.cuts.too_many;  // the parts of the rest, at least one
+  return result;
 }
 
 }  // namespace pelka

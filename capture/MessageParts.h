@@ -2,6 +2,9 @@
 // each attachment and inline part that is not text taken out, decoded from
 // its transfer encoding (base64, quoted-printable, uuencode).
 //
+// Parts of messages sent inside the message (message/rfc822, also when
+// given a transfer encoding) are taken too, in document order.
+//
 // This reads the message independently of the module's own header scan,
 // which stays what the records hold; here names given with RFC 2231
 // (`filename*=`, continuations, charsets) and RFC 2047 encoded words are
@@ -38,8 +41,10 @@ struct MessagePart {
 // What was left out of one message, by cause.
 struct PartCuts {
   uint32_t too_deep = 0;      // parts below the depth bound
-  uint32_t too_many = 0;      // parts beyond the part bound
-  uint32_t too_big = 0;       // parts dropped at the byte bound
+  uint32_t too_many = 0;      // parts beyond the part bound; what follows the line that would
+                              // open part 2 * max_parts + 2 is not read, and counts as one
+  uint32_t too_big = 0;       // parts dropped at the byte bound; messages inside encoded
+                              // parts beyond twice the message's size, left unread
   uint32_t malformed = 0;     // parts left out or taken incomplete: content not decodable
   bool any() const { return too_deep || too_many || too_big || malformed; }
 };
