@@ -6,7 +6,9 @@
 # tshark. It also checks that pelka-email posts one record for every message
 # the generator expects the module to record, and
 # that the time per MB of a capture of large messages stays within 1.25x of
-# the mixed capture's. Two single-thread runs at once show how far two cores
+# the mixed capture's, and that --attachments (every message's attachments
+# taken out, hashed, typed and stored) costs at most 25% of the single-thread
+# time on the mixed capture. Two single-thread runs at once show how far two cores
 # scale here for work that shares nothing, the yardstick for --threads 2.
 # A "busy machine" round runs one and two threads again while a CPU-bound
 # process (not pinned: the scheduler moves it and the workers around) takes a
@@ -169,6 +171,7 @@ run_all() {
     if [ -x "$pelka" ]; then
       pelka_once "$capture" pelka-email "$round"
       pelka_once "$capture" pelka-email-no-db "$round" --no-db
+      pelka_once "$capture" pelka-email-attach "$round" --attachments
       pelka_once "$capture" pelka-email-2t "$round" --threads 2
       pair_once "$capture"
     fi
@@ -230,8 +233,8 @@ report() {
     "/tshark" "/1thread"
   fold_limit
   local limit=${result_seconds[read-limit]:-} tshark=${result_seconds[tshark]:-} single=${result_seconds[pelka-email]:-}
-  for name in read-aligned read-heap read-default read-blocks read-program pelka-email pelka-email-no-db pelka-email-2t \
-    tshark; do
+  for name in read-aligned read-heap read-default read-blocks read-program pelka-email pelka-email-no-db \
+    pelka-email-attach pelka-email-2t tshark; do
     local s=${result_seconds[$name]:-}
     [ -n "$s" ] || continue
     local vs_limit=- vs_tshark=- vs_single=-
@@ -280,6 +283,11 @@ if [ -n "${result_seconds[pelka-email]:-}" ]; then
   if [ -n "${result_seconds[pelka-email-2t]:-}" ]; then
     check "--threads 2 at least 1.6x single thread" "$single / ${result_seconds[pelka-email-2t]} >= 1.6" \
       "$(echo "$single / ${result_seconds[pelka-email-2t]}" | bc -l | xargs printf '%.2f')x"
+  fi
+  if [ -n "${result_seconds[pelka-email-attach]:-}" ]; then
+    check "--attachments costs at most 25% of single-thread throughput" \
+      "$single / ${result_seconds[pelka-email-attach]} >= 0.8" \
+      "$(echo "100 * (${result_seconds[pelka-email-attach]} / $single - 1)" | bc -l | xargs printf '%.0f')% more time"
   fi
   if [ -n "${result_seconds[pelka-email-no-db]:-}" ]; then
     check "the database costs at most 10% of single-thread throughput" \

@@ -100,6 +100,8 @@ HostOptions MakeHostOptions(const ProgramOptions& options, const std::string& li
   host.conditions = options.conditions;
   host.database = options.database;
   host.rotate = options.rotate_seconds > 0;
+  host.attachments = options.attachments;
+  host.ioc_hashes = options.ioc_hashes;
   if (host.database) host.run = DescribeRun(options);
   return host;
 }
@@ -128,6 +130,8 @@ RunFacts CollectFacts(const ProgramOptions& options, const Pipeline& pipeline, c
   facts.pipelined = options.pipelined;
   facts.hold_limit_gaps = flows.hold_limit_gaps;
   facts.hold_limit_mib = options.hold_limit_mib;
+  facts.attachments = options.attachments;
+  facts.attachment_tally = counts.attachments;
   return facts;
 }
 
@@ -254,6 +258,14 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
   if (counts.copy_failures)
     err << kProgramName << ": " << counts.copy_failures << " message cop" << (counts.copy_failures == 1 ? "y" : "ies")
         << " could not be written, their records name no file (first: " << counts.first_copy_failure << ")\n";
+  const AttachmentTally& attachments = counts.attachments;
+  if (attachments.store_failures)
+    err << kProgramName << ": " << attachments.store_failures << " attachment file"
+        << (attachments.store_failures == 1 ? "" : "s") << " could not be stored (first: "
+        << attachments.first_store_failure << ")\n";
+  if (attachments.unreadable)
+    err << kProgramName << ": " << attachments.unreadable << " message cop"
+        << (attachments.unreadable == 1 ? "y" : "ies") << " could not be read back for their attachments\n";
   const uint64_t period_packets = rotation ? rotation->period_packets() : 0;
   const uint64_t period_bytes = rotation ? rotation->period_bytes() : 0;
   const bool report_ok =
@@ -274,7 +286,10 @@ int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& e
       PrintSummary(out, facts, ReadFoldersDigest(rotation->folders()));
     }
   }
-  return inputs_ok && outputs_ok && database_ok && report_ok && !counts.copy_failures ? kExitDone : kExitInputProblem;
+  const bool attachments_ok = !attachments.store_failures && !attachments.unreadable;
+  return inputs_ok && outputs_ok && database_ok && report_ok && attachments_ok && !counts.copy_failures
+             ? kExitDone
+             : kExitInputProblem;
 }
 
 }  // namespace pelka

@@ -105,6 +105,15 @@ void AddInputOutputOptions(CLI::App& app, ProgramOptions& options) {
   app.add_flag("--no-db", [&options](int64_t) { options.database = false; },
                "do not write DIR/emails.sqlite, the database of the run's records")
       ->group(output);
+  app.add_flag("--attachments", options.attachments,
+               "take every recorded message's attachments out of it: DIR/attachments.jsonl (names, types, sizes, "
+               "MD5, SHA-1, SHA-256) and the files under DIR/attachments/, named by their SHA-256; not with --rotate")
+      ->group(output);
+  app.add_option("--ioc-hashes", options.ioc_hashes_path,
+                 "with --attachments: a file of MD5, SHA-1 or SHA-256 hashes, one a line ('#' starts a comment); "
+                 "attachments with one of them are marked and counted")
+      ->type_name("FILE")
+      ->group(output);
   app.add_flag("-q,--quiet", options.quiet, "no progress and no summary; only errors are printed")->group(output);
 }
 
@@ -214,6 +223,8 @@ std::string CheckInputs(const CLI::App& app, const ProgramOptions& options) {
   // The folders switch between two packets, which workers reading ahead of
   // each other have no common point for.
   if (options.rotate_seconds && options.threads > 1) return "--rotate works with one thread only: leave out --threads";
+  if (options.attachments && options.rotate_seconds) return "--attachments works without --rotate only";
+  if (!options.ioc_hashes_path.empty() && !options.attachments) return "--ioc-hashes needs --attachments";
   return CheckFilterExpression(options.filter);
 }
 
@@ -262,6 +273,11 @@ CommandLineOutcome ParseCommandLine(int argc, const char* const* argv) {
 
   if (std::string problem = ReadConditions(raw.conditions, options.conditions); !problem.empty())
     return Failure(problem);
+  if (!options.ioc_hashes_path.empty()) {
+    auto hashes = std::make_shared<IocHashes>();
+    if (std::string problem; !hashes->ReadFile(options.ioc_hashes_path, &problem)) return Failure(problem);
+    options.ioc_hashes = std::move(hashes);
+  }
   return {std::move(options), kExitDone, {}};
 }
 

@@ -6,11 +6,13 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "capture/EmailConditions.h"
+#include "capture/IocHashes.h"
 
 namespace pelka {
 
@@ -79,6 +81,11 @@ struct ProgramOptions {
   std::optional<EmailConditions> conditions;
   // Write emails.sqlite (--no-db: not).
   bool database = true;
+  // --attachments: every recorded message's attachments taken out, hashed,
+  // typed and stored; marked when a hash is on --ioc-hashes (read at parse).
+  bool attachments = false;
+  std::string ioc_hashes_path;
+  std::shared_ptr<const IocHashes> ioc_hashes;
   // The command line as given, argv[0] first, for the database's run table.
   std::vector<std::string> arguments;
 };

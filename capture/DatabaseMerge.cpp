@@ -43,6 +43,7 @@ class MergedDatabase {
                 "copy_path TEXT, PRIMARY KEY (folder, old_number))") &&
            Exec("CREATE TEMP TABLE staged_run AS SELECT * FROM main.run WHERE 0") &&
            Exec("CREATE TEMP TABLE staged_statistics AS SELECT 0 AS position, * FROM main.statistics WHERE 0") &&
+           Exec("CREATE TEMP TABLE staged_attachments AS SELECT * FROM main.attachments WHERE 0") &&
            StageTimedTables() && Exec("COMMIT");
   }
 
@@ -81,7 +82,7 @@ class MergedDatabase {
     const std::string f = std::to_string(folder);
     const int64_t offset = Number("SELECT ifnull(max(id), 0) FROM main.connections");
     const bool ok = Exec("BEGIN") && Exec("INSERT INTO staged_run SELECT * FROM src.run") && AddConnections(offset) &&
-                    AddMessages(f, offset, report) &&
+                    AddMessages(f, offset, report) && StageAttachments(f) &&
                     Exec("INSERT INTO staged_statistics SELECT " + f + " * 4294967296 + rowid, * FROM src.statistics") &&
                     StageTimedRows(f) && Exec("COMMIT");
     ++report->databases;
@@ -97,7 +98,7 @@ class MergedDatabase {
                 "FROM staged_run") &&
            Exec("INSERT INTO main.statistics SELECT category, item, counter, sum(value) FROM staged_statistics "
                 "GROUP BY category, item, counter ORDER BY min(position)") &&
-           WriteTimedTables() && Exec(kRunDatabaseIndexes) && Exec("COMMIT");
+           WriteTimedTables() && WriteAttachments() && Exec(kRunDatabaseIndexes) && Exec("COMMIT");
   }
 
   const std::string& error() const { return error_; }
@@ -179,6 +180,23 @@ class MergedDatabase {
     const int64_t added = sqlite3_changes64(db_);
     report->messages_missing += static_cast<uint64_t>(Number("SELECT count(*) FROM src.messages") - added);
     return ok;
+  }
+
+  // Attachments follow their message to its new number, and are written in
+  // the order of the merged messages.
+  bool StageAttachments(const std::string& f) {
+    std::vector<std::string> columns = Columns("main", "attachments");
+    columns.erase(columns.begin(), columns.begin() + 2);  // id, email_number
+    return Exec("INSERT INTO staged_attachments (email_number, " + Joined(columns) + ") SELECT r.new_number, " +
+                Joined(columns, "a.") + " FROM src.attachments a JOIN record_map r ON r.folder = " + f +
+                " AND r.old_number = a.email_number");
+  }
+
+  bool WriteAttachments() {
+    std::vector<std::string> columns = Columns("main", "attachments");
+    columns.erase(columns.begin());  // id: numbered again in the merged order
+    return Exec("INSERT INTO main.attachments (" + Joined(columns) + ") SELECT " + Joined(columns) +
+                " FROM staged_attachments ORDER BY email_number, part");
   }
 
   bool StageTimedTables() {

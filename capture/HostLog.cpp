@@ -1,5 +1,7 @@
 #include "capture/HostLog.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -15,13 +17,14 @@ constexpr uint32_t kStatusRefused = 1;
 constexpr char kCopyStorageKey[] = "email_copy";
 constexpr char kCopyPathKey[] = "email_file_path";
 constexpr char kProtocolKey[] = "protocol";
+constexpr char kNumberKey[] = "email_number";
 
 }  // namespace
 
 HostLog::HostLog(const LogOutputs& outputs, bool copies, const EmailConditions* conditions, CopyStore* store)
     : outputs_(outputs),
       copies_(copies),
-      store_(copies ? store : nullptr),
+      store_(copies || outputs.attachments ? store : nullptr),
       conditions_(conditions ? std::make_unique<RecordConditions>(*conditions) : nullptr),
       exporter_(outputs.csv, outputs.text),
       batch_(exporter_.NewSet(columns_)) {}
@@ -37,6 +40,7 @@ uint16_t HostLog::AddColumn(const char* key, const wchar_t* caption, uint32_t va
   columns_.Add(std::make_unique<LogColumn>(id, key, caption ? caption : L"", value_kind, 0));
   if (copy_path_column_ < 0 && std::strcmp(key, kCopyPathKey) == 0) copy_path_column_ = id;
   if (protocol_column_ < 0 && std::strcmp(key, kProtocolKey) == 0) protocol_column_ = id;
+  if (number_column_ < 0 && std::strcmp(key, kNumberKey) == 0) number_column_ = id;
   if (conditions_) conditions_->NoteColumn(key, id);
   return id;
 }
@@ -54,7 +58,7 @@ uint32_t HostLog::AddStorage(const char* name, const char* key, const char*, con
   const std::string storage_key = key ? key : (name ? name : "");
   const bool is_copy = storage_key == kCopyStorageKey;
   storages_.push_back(
-      std::make_unique<LogStorage>(storage_key, !is_copy || copies_, export_fn, is_copy ? store_ : nullptr));
+      std::make_unique<LogStorage>(storage_key, !is_copy || copies_ || store_, export_fn, is_copy ? store_ : nullptr));
   return 0;
 }
 
@@ -174,6 +178,19 @@ void HostLog::PlaceCopy(LogRecord& record) {
   record.SetText(static_cast<uint16_t>(copy_path_column_), placed);
 }
 
+void HostLog::TakeAttachments(LogRecord& record) {
+  const std::wstring_view placed = record.TextAt(copy_path_column_);
+  if (placed.empty()) return;
+  const std::string path = WideToUtf8(placed);
+  uint64_t number = 0;
+  if (number_column_ >= 0 && record.field(static_cast<uint16_t>(number_column_)).kind == LogRecord::Kind::kNumber)
+    number = record.field(static_cast<uint16_t>(number_column_)).number;
+  outputs_.attachments->TakeFromCopy(number, path);
+  if (copies_) return;
+  ::unlink(path.c_str());
+  record.SetText(static_cast<uint16_t>(copy_path_column_), std::wstring_view());
+}
+
 std::unique_ptr<LogRecord> HostLog::TakeOpen(IPelkaLogRecord* handle) {
   const std::lock_guard<std::mutex> lock(open_mutex_);
   const auto found = std::find_if(open_.begin(), open_.end(), [handle](const auto& r) { return r.get() == handle; });
@@ -207,6 +224,7 @@ uint32_t HostLog::PostRecord(IPelkaLogRecord* handle) {
     }
   }
   if (store_) PlaceCopy(*record);
+  if (outputs_.attachments) TakeAttachments(*record);
   if (!record->TextAt(copy_path_column_).empty()) copies_written_.fetch_add(1, std::memory_order_relaxed);
   // The record is the caller's alone now: its line is built without a lock.
   if (outputs_.records) WriteRecordLine(*record);

@@ -19,6 +19,10 @@
 //   the store's staging folders instead, and each kept record's copy is moved
 //   to its final name when the record is posted, the record then naming that
 //   file (or nothing, when the copy could not be placed; capture/CopyStore.h).
+// - Attachments: with a taker, the placed copy is read back on the posting
+//   thread before the record's line is written. Without `copies` the copy
+//   was made only for that: it is removed and the record names no file, as
+//   it would without the taker.
 // - Conditions: with the user's e-mail conditions, a record that does not meet
 //   them leaves no line, no export line, no entry and no copy
 //   (capture/RecordConditions.h).
@@ -41,6 +45,7 @@
 #include <string>
 #include <vector>
 
+#include "capture/AttachmentTaker.h"
 #include "capture/CopyStore.h"
 #include "capture/EmailConditions.h"
 #include "capture/JsonText.h"
@@ -65,6 +70,9 @@ struct LogOutputs {
   // input that arrives slowly, whose readers watch the files grow.
   bool export_each_record = false;
   RunSink* sink = nullptr;        // the records and entries once more (emails.sqlite)
+  // --attachments: each kept record's message is handed over from its copy
+  // (the copies are then made even without `copies`, and removed again).
+  AttachmentTaker* attachments = nullptr;
 };
 
 class HostLog final : public IPelkaLog {
@@ -124,6 +132,9 @@ class HostLog final : public IPelkaLog {
   void WriteRecordLine(const LogRecord& record);
   // Moves the record's staged copy to its final name, which the record then holds.
   void PlaceCopy(LogRecord& record);
+  // Hands the placed copy to the attachment taker; removes it when only the
+  // taker wanted it.
+  void TakeAttachments(LogRecord& record);
   void BuildRecordLine(const LogRecord& record, LineWriter& writer);
   // With mutex_ held: the batch being filled, replaced by an empty one.
   std::unique_ptr<LogRecordSet> TakeBatch();
@@ -132,10 +143,11 @@ class HostLog final : public IPelkaLog {
 
   LogOutputs outputs_;
   bool copies_;
-  CopyStore* store_;
+  CopyStore* store_;  // set when copies are staged, for the user or for the attachment taker
   LogColumns columns_;
   int32_t copy_path_column_ = -1;
   int32_t protocol_column_ = -1;
+  int32_t number_column_ = -1;
   std::vector<std::unique_ptr<LogStorage>> storages_;
   std::unique_ptr<RecordConditions> conditions_;  // null: every record is kept
   LogExporter exporter_;

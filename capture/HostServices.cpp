@@ -125,7 +125,8 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
       // The folders below come with the packets (StartFolder).
       if (options_.copies) copy_store_ = CopyStore::Unplaced();
     } else {
-      if (options_.copies && !(copy_store_ = CopyStore::Open(root, &problem))) return Fail(problem);
+      const bool stage_copies = options_.copies || options_.attachments;
+      if (stage_copies && !(copy_store_ = CopyStore::Open(root, &problem))) return Fail(problem);
       if (copy_store_ && !copy_store_->Writable(&problem)) return Fail(problem);
       for (auto [file, name] : Files())
         if (!file->Open(root + name)) return Fail(file->error());
@@ -134,8 +135,13 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     for (auto [file, name] : Files()) file->WriteEachLine(options_.lines_at_once);
     database_ = std::make_unique<RunDatabase>();
     RunSink* sink = options_.database ? database_.get() : nullptr;
+    if (options_.attachments &&
+        !(attachments_ = AttachmentTaker::Open(root, options_.ioc_hashes.get(), open_database(), &problem)))
+      return Fail(problem);
+    if (attachments_) attachments_->file().WriteEachLine(options_.lines_at_once);
     log_ = std::make_unique<HostLogService>(
-        LogOutputs{&records_file_, &entries_file_, &csv_file_, &text_file_, options_.lines_at_once, sink},
+        LogOutputs{&records_file_, &entries_file_, &csv_file_, &text_file_, options_.lines_at_once, sink,
+                   attachments_.get()},
         ModuleStorageRoot(root), options_.copies, options_.conditions ? &*options_.conditions : nullptr,
         copy_store_.get());
     host_ = HostObject({log_.get(), &diagnosis_, &statistics_, &icons_});
@@ -149,6 +155,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     if (copy_store_ && !copy_store_->GiveTo(uid, gid, &problem)) return Fail(problem);
     for (auto [file, name] : Files())
       if (!file->GiveTo(uid, gid)) return Fail(file->error());
+    if (attachments_ && !attachments_->GiveTo(uid, gid, &problem)) return Fail(problem);
     // The database and its write-ahead files, made by SQLite as root.
     for (const char* suffix : {"", "-wal", "-shm"}) {
       const std::string path = root() + "emails.sqlite" + suffix;
@@ -160,6 +167,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
 
   bool CheckWritable() {
     std::string problem;
+    if (attachments_ && !attachments_->Writable(&problem)) return Fail(problem);
     return !copy_store_ || !copy_store_->placed() || copy_store_->Writable(&problem) || Fail(problem);
   }
 
@@ -184,6 +192,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     finished_ = true;
     if (log_) log_->Finish();
     AddNoticeFigures();
+    AddAttachmentFigures();
     WriteStatistics();
     if (open_database()) CloseDatabase();
     statistics_.DetachClients();
@@ -192,6 +201,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
       file->Close();
       if (!file->error().empty()) Fail(file->error());
     }
+    if (attachments_ && !attachments_->file().Close()) Fail(attachments_->file().error());
     return error_.empty();
   }
 
@@ -360,6 +370,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
 
   void FlushOutputs() {
     for (auto [file, name] : Files()) file->Flush();
+    if (attachments_) attachments_->file().Flush();
     if (RunDatabase* database = open_database()) database->Commit();
     CheckWrites();
   }
@@ -384,6 +395,11 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     counts.reports_by_event = diagnosis_.reports_by_event();
     for (auto [file, name] : Files()) {
       if (const uint64_t lost = file->lines_lost()) counts.lines_lost.emplace_back(name, lost);
+    }
+    if (attachments_) {
+      counts.attachments = attachments_->tally();
+      if (const uint64_t lost = attachments_->file().lines_lost())
+        counts.lines_lost.emplace_back(AttachmentTaker::kFileName, lost);
     }
     return counts;
   }
@@ -413,6 +429,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
   HostDiagnosisService diagnosis_;
   std::unique_ptr<RunDatabase> database_;
   RunTotals run_totals_;
+  std::unique_ptr<AttachmentTaker> attachments_;  // before the log, which hands it the messages
   std::unique_ptr<HostLogService> log_;
   HostObject host_;
   // The current output folder, absolute, ending with '/'; guarded by
@@ -490,6 +507,12 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     if (std::all_of(run.notices.begin(), run.notices.end(), [](uint64_t count) { return count == 0; })) return;
     for (size_t kind = 0; kind < kNoticeKindCount; ++kind)
       statistics_.AddHostFigure("Notices", std::string(NoticeKey(static_cast<NoticeKind>(kind))), run.notices[kind]);
+  }
+
+  // Under "Capture", beside the notices.
+  void AddAttachmentFigures() {
+    if (!attachments_) return;
+    for (const auto& [counter, value] : attachments_->Figures()) statistics_.AddHostFigure("Attachments", counter, value);
   }
 
   bool Declined() {

@@ -19,6 +19,8 @@
 //                     (and by WriteStatistics while the run goes on)
 //   emails.sqlite     all of the above as one database (capture/RunDatabase.h)
 //   email_copy/       the ".eml" copies, when copies are switched on
+//   attachments.jsonl, attachments/   with `attachments`: every recorded
+//                     message's attachments (capture/AttachmentTaker.h)
 //
 // The first write failure is remembered (error()); the lines written before
 // it stay whole. The program reports it and exits with status 1. The
@@ -36,6 +38,7 @@
 #include <utility>
 #include <vector>
 
+#include "capture/AttachmentTaker.h"
 #include "capture/EmailConditions.h"
 #include "capture/FlowSink.h"
 #include "capture/Notices.h"
@@ -80,6 +83,11 @@ struct HostOptions {
   // out_dir is the parent of output folders that StartFolder opens one
   // after another: Open only takes its lock.
   bool rotate = false;
+  // Take every recorded message's attachments out of its copy (made for
+  // that even without `copies`); not with `rotate`. Matched against
+  // `ioc_hashes` when set.
+  bool attachments = false;
+  std::shared_ptr<const IocHashes> ioc_hashes;
 };
 
 // What the run produced, for the program's summary.
@@ -95,6 +103,7 @@ struct HostRunCounts {
   uint64_t flows_bound = 0;        // flows the module took
   uint64_t flows_declined = 0;     // flows the module refused
   NoticeCounts notices{};          // lines of notices.jsonl by kind
+  AttachmentTally attachments;     // with HostOptions::attachments
   // Output files that lost lines (a full disk): file name -> lines lost.
   std::vector<std::pair<std::string, uint64_t>> lines_lost;
 };

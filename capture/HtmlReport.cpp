@@ -7,6 +7,7 @@
 #include <set>
 #include <sstream>
 
+#include "capture/HtmlReportAttachments.h"
 #include "capture/HtmlReportParts.h"
 #include "capture/OutputFiles.h"
 
@@ -193,6 +194,7 @@ std::string RenderHtmlReport(const ReportData& data, const ReportRun& run, const
   DiagnosisSection(html, data, w);
   ReplyTimes(html, data, w);
   NoticesSection(html, data, w);
+  html << AttachmentsSection(data, out_dir, w);
   MessageTable(html, data, out_dir, w);
   html << "<footer>" << Escape(w("Made by pelka-email. Times are local (%1) unless marked otherwise.", run.time_zone))
        << "</footer>\n"

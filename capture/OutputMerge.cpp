@@ -12,6 +12,7 @@
 #include <sstream>
 #include <string_view>
 
+#include "capture/AttachmentMerge.h"
 #include "capture/DatabaseMerge.h"
 #include "capture/JsonText.h"
 #include "capture/OutputFiles.h"
@@ -59,6 +60,7 @@ class Merger {
     SortByTime(records_);
     if (std::string problem = CarryCopies(); !problem.empty()) return problem;
     if (std::string problem = WriteAll(); !problem.empty()) return problem;
+    if (std::string problem = CarryAttachments(); !problem.empty()) return problem;
     return MergeDatabase();
   }
 
@@ -196,6 +198,17 @@ class Merger {
     write("diagnosis.jsonl", Texts(diagnosis_));
     if (!notices_.empty()) write("notices.jsonl", Texts(notices_));
     write("statistics.json", {statistics});
+    return problem;
+  }
+
+  std::string CarryAttachments() {
+    AttachmentMergeReport merged;
+    const std::string problem = MergeAttachments(folders_, placed_, out_, &merged);
+    if (merged.rows_missing)
+      report_.warnings.push_back(std::to_string(merged.rows_missing) +
+                                 " lines of attachments.jsonl match no record of their folder and were left out");
+    if (merged.files_missing)
+      report_.warnings.push_back(std::to_string(merged.files_missing) + " attachment files could not be carried over");
     return problem;
   }
 

@@ -11,7 +11,8 @@
 // databases become one emails.sqlite (DatabaseMerge.h). Copies are
 // hard-linked into the merged email_copy/ (moved where a link cannot be made,
 // as across file systems), renamed with a "-2", "-3"... suffix where names
-// meet, and each record points at its copy's new place. Nothing is lost
+// meet, and each record points at its copy's new place; attachments follow
+// their records (AttachmentMerge.h). Nothing is lost
 // silently: whatever cannot be carried over is counted and said.
 #pragma once
 

@@ -57,6 +57,24 @@ void ReadReplies(const std::string& path, std::map<std::string, std::vector<uint
   sqlite3_close_v2(db);
 }
 
+// The fields read as by ReadObjects; the flags, which JsonFields does not
+// pick out, are found in the line as the writer spells them.
+void ReadAttachments(const std::string& path, ReportData& data) {
+  std::ifstream in(path, std::ios::binary);
+  data.attachments_taken = in.is_open();
+  for (std::string line; std::getline(in, line);) {
+    if (line.size() < 2 || line.front() != '{' || line.back() != '}') {
+      ++data.unreadable_lines;
+      continue;
+    }
+    const JsonFields a(line);
+    data.attachments.push_back({Number(a, "email_number"), Text(a, "file_name"), Text(a, "declared_type"),
+                                Text(a, "detected_type"), Text(a, "sha256"), Text(a, "stored_path"), Number(a, "size"),
+                                line.find("\"type_mismatch\": true") != std::string::npos,
+                                line.find("\"ioc_match\": true") != std::string::npos});
+  }
+}
+
 }  // namespace
 
 ReportData ReadReportData(const std::string& out_dir) {
@@ -77,6 +95,7 @@ ReportData ReadReportData(const std::string& out_dir) {
                             Text(notice, "protocol"), Text(notice, "kind"), Text(notice, "text"),
                             Number(notice, "packet")});
   });
+  ReadAttachments(out_dir + "/attachments.jsonl", data);
   ReadReplies(out_dir + "/emails.sqlite", &data.replies);
   return data;
 }

@@ -28,6 +28,14 @@ struct ReportNotice {
   uint64_t packet = 0;
 };
 
+// A line of attachments.jsonl (--attachments).
+struct ReportAttachment {
+  uint64_t number = 0;  // the message's email_number
+  std::string file_name, declared_type, detected_type, sha256, stored_path;
+  uint64_t size = 0;
+  bool type_mismatch = false, ioc_match = false;
+};
+
 struct ReportData {
   std::vector<ReportMessage> messages;  // in the file's order
   std::vector<ReportDiagnosis> diagnosis;
@@ -35,11 +43,15 @@ struct ReportData {
   // connections table), by server; empty without emails.sqlite.
   std::map<std::string, std::vector<uint64_t>> replies;
   std::vector<ReportNotice> notices;
+  // Set when the run took attachments out (attachments.jsonl is there).
+  bool attachments_taken = false;
+  std::vector<ReportAttachment> attachments;
   uint64_t unreadable_lines = 0;  // lines that are not JSON objects
 };
 
-// Reads <out_dir>/emails.jsonl, diagnosis.jsonl, notices.jsonl and the
-// connections of emails.sqlite (missing files read as empty).
+// Reads <out_dir>/emails.jsonl, diagnosis.jsonl, notices.jsonl,
+// attachments.jsonl and the connections of emails.sqlite (missing files read
+// as empty).
 ReportData ReadReportData(const std::string& out_dir);
 
 // The domain of an address ("" when it has no '@'), in lower case.

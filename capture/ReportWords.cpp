@@ -88,6 +88,15 @@ const std::pair<const char*, const char*> kChinese[] = {
     {"Client", "客户端"},
     {"Packet", "数据包"},
     {"What", "说明"},
+    {"%1 attachments; attachments.jsonl holds them all, and attachments/ each file once, named by its SHA-256.",
+     "%1 个附件；attachments.jsonl 包含全部附件，attachments/ 中每个文件只存一份，以其 SHA-256 命名。"},
+    {"Attachments by detected type", "按检测类型统计的附件"},
+    {"Largest", "最大的附件"},
+    {"Type mismatches", "类型不符"},
+    {"On the hash list", "在哈希列表中"},
+    {"File name", "文件名"},
+    {"Declared type", "声明类型"},
+    {"Detected type", "检测类型"},
 };
 
 }  // namespace

@@ -131,8 +131,8 @@ bool RunDatabase::Open(const std::string& path, const RunDescription& run) {
   if (sqlite3_step(start.handle) != SQLITE_DONE) return Fail("cannot write");
 
   for (Statement** statement :
-       {&entry_insert_, &diagnosis_insert_, &notice_insert_, &statistic_insert_, &connection_insert_,
-        &connection_update_}) {
+       {&entry_insert_, &diagnosis_insert_, &notice_insert_, &attachment_insert_, &statistic_insert_,
+        &connection_insert_, &connection_update_}) {
     statements_.push_back(std::make_unique<Statement>());
     *statement = statements_.back().get();
   }
@@ -143,6 +143,9 @@ bool RunDatabase::Open(const std::string& path, const RunDescription& run) {
                *diagnosis_insert_) ||
       !Prepare("INSERT INTO notices (time, client, server, protocol, packet, kind, text) VALUES (?, ?, ?, ?, ?, ?, ?)",
                *notice_insert_) ||
+      !Prepare("INSERT INTO attachments (email_number, part, file_name, declared_type, detected_type, size, md5, "
+               "sha1, sha256, type_mismatch, ioc_match, stored_path) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
+               *attachment_insert_) ||
       !Prepare("INSERT INTO statistics (category, item, counter, value) VALUES (?, ?, ?, ?)", *statistic_insert_) ||
       !Prepare("INSERT INTO connections (protocol, client, server) VALUES (?, ?, ?)", *connection_insert_) ||
       !Prepare("UPDATE connections SET first_time = ?, last_time = ?, client_packets = ?, client_bytes = ?, "
@@ -214,6 +217,10 @@ void RunDatabase::OnNotice(const NoticeRow& notice) {
     row.text[3] = notice.kind;
     row.text[4] = notice.text;
   });
+}
+
+void RunDatabase::OnAttachment(const AttachmentRow& row) {
+  Enqueue([this, row] { WriteAttachment(row); });
 }
 
 void RunDatabase::OnConnectionStart(const IPelkaFlow* flow, std::string_view protocol, std::string_view client,
@@ -378,6 +385,27 @@ void RunDatabase::WriteNotice(const NoticeRow& notice) {
   BindNumber(statement, 5, notice.packet);
   BindText(statement, 6, notice.kind);
   BindText(statement, 7, notice.text);
+  Step(statement);
+}
+
+void RunDatabase::WriteAttachment(const AttachmentRow& row) {
+  if (!usable()) {
+    rows_lost_.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  sqlite3_stmt* statement = attachment_insert_->handle;
+  BindNumber(statement, 1, row.email_number);
+  BindNumber(statement, 2, row.part_index);
+  BindText(statement, 3, row.file_name);
+  BindText(statement, 4, row.declared_type);
+  BindText(statement, 5, row.detected_type);
+  BindNumber(statement, 6, row.size);
+  BindText(statement, 7, row.hashes.md5);
+  BindText(statement, 8, row.hashes.sha1);
+  BindText(statement, 9, row.hashes.sha256);
+  BindNumber(statement, 10, row.type_mismatch ? 1 : 0);
+  BindNumber(statement, 11, row.ioc_match ? 1 : 0);
+  BindTextOrNull(statement, 12, row.stored_path);
   Step(statement);
 }
 

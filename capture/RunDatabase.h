@@ -38,6 +38,7 @@
 
 #include "capture/FlowSink.h"
 #include "capture/LocalTime.h"
+#include "capture/AttachmentTaker.h"
 #include "capture/RunSink.h"
 
 struct sqlite3;
@@ -131,7 +132,7 @@ const char* ConnectionEndText(FlowEndReason reason);
 // item names "SMTP", "POP3", "IMAP4".
 const char* ConnectionProtocolText(uint16_t application_protocol);
 
-class RunDatabase final : public RunSink {
+class RunDatabase final : public RunSink, public AttachmentSink {
  public:
   static constexpr uint32_t kBatchRows = 4096;
   static constexpr std::chrono::seconds kBatchTime{1};
@@ -163,6 +164,7 @@ class RunDatabase final : public RunSink {
                std::wstring_view group) override;
   void OnDiagnosis(const DiagnosisRow& report) override;
   void OnNotice(const NoticeRow& notice);
+  void OnAttachment(const AttachmentRow& row) override;
 
   // A connection the module took, after it chose the sides: its row is made
   // now, so that the records posted on it name it (messages.connection_id).
@@ -215,6 +217,7 @@ class RunDatabase final : public RunSink {
   void WriteEntry(uint64_t seconds, std::wstring_view kind, std::wstring_view summary, std::wstring_view group);
   void WriteDiagnosis(const DiagnosisRow& report);
   void WriteNotice(const NoticeRow& notice);
+  void WriteAttachment(const AttachmentRow& row);
   void WriteConnectionStart(const IPelkaFlow* flow, std::string_view protocol, std::string_view client,
                             std::string_view server);
   void WriteConnectionEnd(const IPelkaFlow* flow, const ConnectionTally& tally, std::string_view ended);
@@ -256,6 +259,7 @@ class RunDatabase final : public RunSink {
   Statement* entry_insert_ = nullptr;
   Statement* diagnosis_insert_ = nullptr;
   Statement* notice_insert_ = nullptr;
+  Statement* attachment_insert_ = nullptr;
   Statement* statistic_insert_ = nullptr;
   Statement* connection_insert_ = nullptr;
   Statement* connection_update_ = nullptr;

@@ -12,7 +12,7 @@
 
 namespace pelka {
 
-inline constexpr uint32_t kRunDatabaseVersion = 2;
+inline constexpr uint32_t kRunDatabaseVersion = 3;
 
 inline constexpr const char* kRunDatabaseTables = R"sql(
 CREATE TABLE run (
@@ -46,6 +46,10 @@ CREATE TABLE diagnosis (
 CREATE TABLE notices (
   id INTEGER PRIMARY KEY, time INTEGER, client TEXT, server TEXT, protocol TEXT, packet INTEGER,
   kind TEXT, text TEXT);
+CREATE TABLE attachments (
+  id INTEGER PRIMARY KEY, email_number INTEGER, part INTEGER, file_name TEXT, declared_type TEXT,
+  detected_type TEXT, size INTEGER, md5 TEXT, sha1 TEXT, sha256 TEXT, type_mismatch INTEGER,
+  ioc_match INTEGER, stored_path TEXT);
 CREATE TABLE statistics (category TEXT, item TEXT, counter TEXT, value INTEGER);
 )sql";
 
@@ -64,6 +68,8 @@ CREATE INDEX IF NOT EXISTS entries_time ON entries (time_unix);
 CREATE INDEX IF NOT EXISTS diagnosis_time ON diagnosis (time);
 CREATE INDEX IF NOT EXISTS diagnosis_server ON diagnosis (server, event);
 CREATE INDEX IF NOT EXISTS notices_kind ON notices (kind);
+CREATE INDEX IF NOT EXISTS attachments_message ON attachments (email_number);
+CREATE INDEX IF NOT EXISTS attachments_sha256 ON attachments (sha256);
 )sql";
 
 }  // namespace pelka

@@ -26,6 +26,7 @@ RunDescription DescribeRun(const ProgramOptions& options) {
                 " count=" + std::to_string(options.max_packets) + " duration_s=" + std::to_string(options.max_seconds) +
                 " conditions=" + YesNo(options.conditions.has_value());
   if (options.rotate_seconds) run.options += " rotate_s=" + std::to_string(options.rotate_seconds);
+  if (options.attachments) run.options += std::string(" attachments=yes ioc_hashes=") + YesNo(options.ioc_hashes != nullptr);
   return run;
 }
 

@@ -130,6 +130,18 @@ void PrintNotices(std::ostream& out, const RunFacts& facts) {
   }
 }
 
+// --attachments: what was taken out, and what was left out by cause.
+void PrintAttachments(std::ostream& out, const RunFacts& facts) {
+  if (!facts.attachments) return;
+  const AttachmentTally& tally = facts.attachment_tally;
+  out << "\nAttachments: " << tally.found << " found, " << tally.stored << " stored, "
+      << Count(tally.duplicates, "duplicate", "duplicates") << ", "
+      << Count(tally.mismatches, "type mismatch", "type mismatches") << ", "
+      << Count(tally.ioc_matches, "ioc match", "ioc matches") << " (attachments.jsonl)\n";
+  out << "  Parts left out: " << tally.too_deep << " too deep, " << tally.too_many << " beyond the part limit, "
+      << tally.too_big << " too big, " << tally.malformed << " malformed\n";
+}
+
 }  // namespace
 
 MessageDigest ReadMessageDigest(const std::string& emails_path, size_t first_rows) {
@@ -188,6 +200,7 @@ void PrintSummary(std::ostream& out, const RunFacts& facts, const MessageDigest&
   PrintMessages(out, facts, messages);
   PrintDiagnosis(out, facts);
   PrintNotices(out, facts);
+  PrintAttachments(out, facts);
   out << "\nConnections: SMTP " << facts.connections_smtp << ", POP3 " << facts.connections_pop3 << ", IMAP4 "
       << facts.connections_imap << "\n";
   if (facts.hold_limit_gaps) {
@@ -209,7 +222,8 @@ void PrintSummary(std::ostream& out, const RunFacts& facts, const MessageDigest&
   if (facts.folders) out << facts.folders << (facts.folders == 1 ? " folder" : " folders") << " of ";
   out << "emails.jsonl, email_log.csv, email_log.txt, entries.jsonl, "
       << "diagnosis.jsonl, notices.jsonl, statistics.json, report.html" << (facts.database ? ", emails.sqlite" : "")
-      << (facts.copies ? ", email_copy/" : "") << ")\n";
+      << (facts.copies ? ", email_copy/" : "") << (facts.attachments ? ", attachments.jsonl, attachments/" : "")
+      << ")\n";
   if (facts.copy_failures)
     out << "Copies not written: " << facts.copy_failures << " (their records name no file; see the message above)\n";
 }

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "capture/AttachmentRow.h"
 #include "capture/Notices.h"
 
 namespace pelka {
@@ -60,6 +61,8 @@ struct RunFacts {
   uint32_t hold_limit_mib = 0;
   NoticeCounts notices{};  // coverage notices by kind
   bool pipelined = false;  // --pipelined was given
+  bool attachments = false;  // --attachments was given
+  AttachmentTally attachment_tally;
 };
 
 inline constexpr size_t kSummaryRows = 10;

@@ -7,6 +7,8 @@
 #include <fstream>
 #include <map>
 #include <regex>
+#include <set>
+#include <sstream>
 
 #include "ProgramHarness.h"
 #include "TrackerHarness.h"
@@ -236,6 +238,100 @@ TEST(CaptureCorpusTest, CapturesGiveTheirNotices) {
     const CorpusOutputs outputs(kSharedCorpus / "pcap" / c.file, out.path() / c.file, c.options);
     EXPECT_EQ(outputs.notices, c.notices);
     EXPECT_EQ(outputs.records, c.records);
+  }
+}
+
+// --- Attachments ----------------------------------------------------------------------
+
+// Each leaf part of the .eml copies as a second decoder (Python's email
+// package) reads it: "file name<TAB>sha256 of the decoded bytes".
+std::set<std::string> PartsDecodedByPython(const fs::path& copies) {
+  std::vector<std::string> args = {"-c",
+                                   "import email, email.policy, hashlib, sys\n"
+                                   "for path in sys.argv[1:]:\n"
+                                   "  message = email.message_from_binary_file(open(path, 'rb'), policy=email.policy.default)\n"
+                                   "  for part in message.walk():\n"
+                                   "    data = None if part.is_multipart() else part.get_payload(decode=True)\n"
+                                   "    if data is not None:\n"
+                                   "      print((part.get_filename() or '') + '\\t' + hashlib.sha256(data).hexdigest())\n"};
+  for (const auto& entry : fs::directory_iterator(copies)) args.push_back(entry.path().string());
+  const test::ProgramResult decoded = test::RunProgram(args, "/usr/bin/python3");
+  EXPECT_EQ(decoded.status, 0) << decoded.err;
+  std::set<std::string> parts;
+  std::istringstream lines(decoded.out);
+  for (std::string line; std::getline(lines, line);) parts.insert(line);
+  return parts;
+}
+
+// What a coreutils hash program says of a file.
+std::string HashBy(const char* program, const fs::path& file) {
+  const test::ProgramResult result = test::RunProgram({file.string()}, std::string("/usr/bin/") + program);
+  return result.out.substr(0, result.out.find(' '));
+}
+
+struct AttachmentCase {
+  const char* file;
+  std::multiset<std::string> names;  // file names of the attachments taken out
+  std::set<std::string> listed = {};  // those whose hash is on the --ioc-hashes list
+};
+
+// --attachments over the corpus captures that carry attachments: each stored
+// file is the part as a second decoder decodes it from the message, its
+// hashes are what md5sum, sha1sum and sha256sum say, the hash list marks the
+// listed one, and without --copies the other outputs are a plain run's and no
+// email_copy/ is left.
+TEST(CaptureCorpusTest, AttachmentsAreTheDecodedPartsStoredByHash) {
+  REQUIRE_PROGRAM();
+  if (!fs::exists(kSharedCorpus / "pcap")) GTEST_SKIP() << "no shared corpus at " << kSharedCorpus;
+  if (!fs::exists("/usr/bin/python3")) GTEST_SKIP() << "python3 is not installed";
+  const std::vector<AttachmentCase> cases = {
+      {"smtp-eicar-attachment.pcap", {"EICAR-Test-File"}, {"EICAR-Test-File"}},
+      // Three messages with the same document: one file.
+      {"smtp-spambot-port25.pcap", {"DOC_18092019-004927.doc", "DOC_18092019-004927.doc", "DOC_18092019-004927.doc"}},
+      {"smtp-attachment-txt.pcap", {"J.txt"}},
+      {"smtp-jpg-attachment.pcapng", {"newguy.jpg"}},
+  };
+  test::TempDir out;
+  // The EICAR test file's MD5, in upper case, among comments and blanks.
+  test::WriteWholeFile(out / "iocs.txt", "# known bad\n\n  44D88612FEA8A8F36DE82E1278ABB02F \n");
+  for (const AttachmentCase& c : cases) {
+    SCOPED_TRACE(c.file);
+    const fs::path capture = kSharedCorpus / "pcap" / c.file, run = out / c.file;
+    CorpusOutputs taken(capture, run / "taken", {"--attachments", "--ioc-hashes", (out / "iocs.txt").string()});
+    CorpusOutputs plain(capture, run / "plain", {});
+    const auto counted = nlohmann::json::parse(taken.files["statistics.json"])["Capture"]["Attachments"];
+    taken.files.erase("statistics.json");
+    plain.files.erase("statistics.json");
+    EXPECT_EQ(taken.files, plain.files);
+    EXPECT_FALSE(fs::exists(run / "taken" / "email_copy"));
+    const CorpusOutputs copied(capture, run / "copied",
+                               {"--attachments", "--copies", "--ioc-hashes", (out / "iocs.txt").string()});
+    const std::set<std::string> decoded = PartsDecodedByPython(run / "copied" / "email_copy");
+
+    std::multiset<std::string> names;
+    std::set<std::string> listed, files;
+    for (const nlohmann::json& row : test::ReadJsonLines(run / "taken" / "attachments.jsonl")) {
+      const std::string name = row["file_name"], sha256 = row["sha256"];
+      names.insert(name);
+      files.insert(sha256);
+      if (row["ioc_match"] == true) listed.insert(name);
+      EXPECT_TRUE(decoded.count(name + "\t" + sha256)) << name;
+      const fs::path stored = run / "taken" / row["stored_path"].get<std::string>();
+      EXPECT_EQ(stored.filename(), sha256);
+      EXPECT_EQ(fs::status(stored).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
+      EXPECT_EQ(HashBy("sha256sum", stored), sha256);
+      EXPECT_EQ(HashBy("sha1sum", stored), row["sha1"]);
+      EXPECT_EQ(HashBy("md5sum", stored), row["md5"]);
+      EXPECT_EQ(fs::file_size(stored), row["size"]);
+    }
+    EXPECT_EQ(names, c.names);
+    EXPECT_EQ(listed, c.listed);
+    EXPECT_EQ(counted["Found"], names.size());
+    EXPECT_EQ(counted["Stored"], files.size());
+    EXPECT_EQ(counted["Duplicates"], names.size() - files.size());
+    EXPECT_EQ(counted["IocMatches"], listed.size());
+    EXPECT_EQ(test::ReadWholeFile(run / "copied" / "attachments.jsonl"),
+              test::ReadWholeFile(run / "taken" / "attachments.jsonl"));
   }
 }
 

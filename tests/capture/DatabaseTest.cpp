@@ -123,6 +123,14 @@ void ExpectDatabaseHoldsTheJsonFiles(const path& out, bool in_order) {
     EXPECT_EQ(Unordered(entries), Unordered(entry_lines));
     EXPECT_EQ(Unordered(diagnosis), Unordered(report_lines));
   }
+  if (test::fs::exists(out / "attachments.jsonl")) {
+    auto attachment_lines = test::ReadJsonLines(out / "attachments.jsonl");
+    for (json& line : attachment_lines)
+      for (const char* flag : {"type_mismatch", "ioc_match"}) line[flag] = line[flag].get<bool>() ? 1 : 0;
+    const auto attachments = Rows(db.get(), "SELECT * FROM attachments ORDER BY id", {"id"});
+    EXPECT_EQ(in_order ? attachments : std::vector<json>(), in_order ? attachment_lines : std::vector<json>());
+    EXPECT_EQ(Unordered(attachments), Unordered(attachment_lines));
+  }
   EXPECT_EQ(StatisticsObject(db.get()), json::parse(test::ReadWholeFile(out / "statistics.json")));
   ExpectConnectionsAgree(db.get(), records.size());
   const auto run = Rows(db.get(), "SELECT messages, entries, diagnosis_reports FROM run WHERE ended IS NOT NULL");
@@ -149,7 +157,7 @@ TEST(DatabaseTest, HoldsWhatTheJsonFilesHold) {
   };
   const Case cases[] = {
       {"one thread", {}, true},
-      {"two threads", {"--threads", "2"}, false},
+      {"two threads, attachments", {"--threads", "2", "--attachments"}, false},
   };
   std::vector<std::string> captures = PublicCaptures();
   captures.push_back(test::kSample.string());
@@ -233,7 +241,7 @@ TEST(DatabaseTest, MergedFoldersGiveTheMergedDatabase) {
   std::vector<std::string> merge = {"merge"};
   for (size_t i = 0; i < std::size(captures); ++i) {
     merge.push_back((dir / std::to_string(i)).string());
-    test::ExpectNoCrash(test::RunProgram({"-q", "--copies", "-o", merge.back(), captures[i]}));
+    test::ExpectNoCrash(test::RunProgram({"-q", "--copies", "--attachments", "-o", merge.back(), captures[i]}));
   }
   merge.insert(merge.end(), {"-o", (dir / "merged").string()});
   const test::ProgramResult merged = test::RunProgram(merge);
@@ -241,6 +249,10 @@ TEST(DatabaseTest, MergedFoldersGiveTheMergedDatabase) {
   ExpectDatabaseHoldsTheJsonFiles(dir / "merged", true);
   const Database db(dir / "merged" / "emails.sqlite");
   EXPECT_EQ(Rows(db.get(), "SELECT count(*) AS n FROM connections"), (std::vector<json>{{{"n", 7}}}));
+  // Each attachment (the sample's report.txt, twice) follows its message to
+  // the message's new number.
+  EXPECT_EQ(Rows(db.get(), "SELECT email_number FROM attachments ORDER BY id"),
+            Rows(db.get(), "SELECT email_number FROM messages WHERE email_subject = 'Quarterly report' ORDER BY id"));
 }
 
 TEST(DatabaseTest, NoDbWritesNone) {

@@ -24,11 +24,14 @@ const char* const kCaptures[] = {"imap-login-fetch-26.pcap", "mixed-ntlm-auth.pc
                                  "smtp-auth-login-vlan100.pcap"};
 
 // A folder's lines by file, in an order-free form: records without their
-// number and with their copy's name and size in place of its path; diagnosis
+// number and with their copy's name and size in place of its path,
+// attachments with their record's subject in place of its number; diagnosis
 // reports without packet numbers, which count from the start of each run.
 std::map<std::string, std::multiset<std::string>> Contents(const fs::path& folder) {
   std::map<std::string, std::multiset<std::string>> contents;
+  std::map<uint64_t, std::string> subjects;  // attachments name their record by number
   for (nlohmann::json record : test::ReadJsonLines(folder / "emails.jsonl")) {
+    subjects[record["email_number"]] = record.value("email_subject", "");
     const fs::path copy = record.value("email_file_path", std::string());
     EXPECT_TRUE(copy.empty() || fs::equivalent(copy.parent_path(), folder / "email_copy")) << copy;
     record["email_file_path"] = copy.empty() ? "" : copy.filename().string() + " " + test::ReadWholeFile(copy);
@@ -38,6 +41,11 @@ std::map<std::string, std::multiset<std::string>> Contents(const fs::path& folde
   for (nlohmann::json report : test::ReadJsonLines(folder / "diagnosis.jsonl")) {
     for (const char* key : {"text", "packet", "related_packet"}) report.erase(key);
     contents["diagnosis.jsonl"].insert(report.dump());
+  }
+  for (nlohmann::json row : test::ReadJsonLines(folder / "attachments.jsonl")) {
+    EXPECT_TRUE(fs::is_regular_file(folder / row["stored_path"].get<std::string>())) << row;
+    row["email_number"] = subjects[row["email_number"]];
+    contents["attachments.jsonl"].insert(row.dump());
   }
   for (const char* name : {"entries.jsonl", "email_log.csv", "email_log.txt", "statistics.json"}) {
     std::istringstream lines(test::ReadWholeFile(folder / name));
@@ -53,7 +61,7 @@ TEST(MergeTest, ParallelRunsMergeIntoOneRun) {
   std::vector<std::string> captures;
   for (const char* name : kCaptures) captures.push_back((fs::path(PELKA_TEST_DATA_DIR) / name).string());
 
-  std::vector<std::string> args = {"-j2", test::ProgramPath().string(), "-q", "--copies", "-o",
+  std::vector<std::string> args = {"-j2", test::ProgramPath().string(), "-q", "--copies", "--attachments", "-o",
                                    (dir / "runs" / "{/.}").string(), "{}", ":::"};
   args.insert(args.end(), captures.begin(), captures.end());
   ASSERT_EQ(test::RunProgram(args, "/usr/bin/parallel").status, 0);
@@ -66,7 +74,7 @@ TEST(MergeTest, ParallelRunsMergeIntoOneRun) {
   EXPECT_THAT(merged.out, ::testing::HasSubstr("Merged 6 folders: 9 records"));
   EXPECT_NE(test::ReadWholeFile(dir / "merged" / "report.html").find("9 (20"), std::string::npos);
 
-  args = {"-q", "--copies", "-o", (dir / "single").string()};
+  args = {"-q", "--copies", "--attachments", "-o", (dir / "single").string()};
   args.insert(args.end(), captures.begin(), captures.end());
   ASSERT_EQ(test::RunProgram(args).status, 0);
   EXPECT_EQ(Contents(dir / "merged"), Contents(dir / "single"));
@@ -85,17 +93,23 @@ TEST(MergeTest, CopiesNeverReplaceEachOtherAndRefusalsTouchNothing) {
   REQUIRE_PROGRAM();
   TempDir dir;
   const fs::path run = dir / "run";
-  ASSERT_EQ(test::RunProgram({"-q", "--copies", "-o", run.string(), test::kSample.string()}).status, 0);
+  ASSERT_EQ(test::RunProgram({"-q", "--copies", "--attachments", "-o", run.string(), test::kSample.string()}).status, 0);
   const test::ProgramResult twice = test::RunProgram({"merge", run.string(), run.string(), "-o", (dir / "m").string()});
   ASSERT_EQ(twice.status, 0) << twice.err;
   std::set<std::string> paths;
+  std::set<uint64_t> with_attachment;  // the sample's report.txt, on its record in each run
   for (const auto& record : test::ReadJsonLines(dir / "m" / "emails.jsonl")) {
+    if (record["email_subject"] == "Quarterly report") with_attachment.insert(record["email_number"].get<uint64_t>());
     const std::string path = record["email_file_path"];
     EXPECT_EQ(test::ReadWholeFile(path).find("Subject: " + std::string(record["email_subject"])) == std::string::npos,
               record["protocol"] == "POP3") << path;  // the POP3 subject is an encoded word
     paths.insert(path);
   }
   EXPECT_EQ(paths.size(), 6u);
+  std::set<uint64_t> attachments_of;
+  for (const auto& row : test::ReadJsonLines(dir / "m" / "attachments.jsonl"))
+    attachments_of.insert(row["email_number"].get<uint64_t>());
+  EXPECT_EQ(attachments_of, with_attachment);
   EXPECT_TRUE(paths.count((dir / "m" / "email_copy" / "2023-11-14 22.13.20.65000-2.eml").string()));
 
   const struct {

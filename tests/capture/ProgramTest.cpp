@@ -72,7 +72,13 @@ struct UsageCase {
 
 TEST_F(ProgramTest, UsageErrorsGiveStatusTwoAndSayWhy) {
   const std::string sample = kSample.string();
+  const std::string iocs = (dir_ / "iocs.txt").string();
+  test::WriteWholeFile(iocs, "# list\n\nd41d8cd98f00b204e9800998ecf8427e\nd41d8cd98f00b204e9800998ecf8427\n");
   const std::vector<UsageCase> cases = {
+      {"hash list line", {"--attachments", "--ioc-hashes", iocs, sample}, "iocs.txt, line 4: \"d41d8"},
+      {"hash list missing", {"--attachments", "--ioc-hashes", iocs + ".none", sample}, "cannot read"},
+      {"hash list alone", {"--ioc-hashes", iocs, sample}, "needs --attachments"},
+      {"attachments with rotate", {"--attachments", "--rotate", "60", sample}, "without --rotate"},
       {"no input", {}, "no capture given"},
       {"unknown option", {"--colour", sample}, "--colour"},
       {"files and interface", {"-i", "lo", sample}, "not both"},

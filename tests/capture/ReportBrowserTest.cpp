@@ -63,7 +63,7 @@ class ReportBrowserTest : public ::testing::TestWithParam<std::vector<std::strin
 TEST_P(ReportBrowserTest, ShowsEveryRecordChartAndCopyAndFilters) {
   TempDir dir;
   const fs::path out = dir / "out";
-  std::vector<std::string> args = {"-q", "--copies", "-o", out.string()};
+  std::vector<std::string> args = {"-q", "--copies", "--attachments", "-o", out.string()};
   for (const std::string& capture : GetParam()) args.push_back(capture);
   ASSERT_EQ(test::RunProgram(args).status, 0);
   const std::vector<nlohmann::json> records = test::ReadJsonLines(out / "emails.jsonl");
@@ -96,6 +96,15 @@ TEST_P(ReportBrowserTest, ShowsEveryRecordChartAndCopyAndFilters) {
   }
   EXPECT_EQ(links, records.size());
 
+  // The attachments section: each of its links names a stored file.
+  const size_t attachments_at = page.dom.find("id=\"attachments\"");
+  ASSERT_NE(attachments_at, std::string::npos);
+  const std::string attachments = page.dom.substr(attachments_at, page.dom.find("</section>", attachments_at) - attachments_at);
+  size_t stored = 0;
+  for (std::sregex_iterator it(attachments.begin(), attachments.end(), link), end; it != end; ++it, ++stored)
+    EXPECT_TRUE(fs::is_regular_file(out / (*it)[1].str())) << (*it)[1];
+  EXPECT_EQ(stored > 0, test::LineCount(out / "attachments.jsonl") > 0);
+
   // The filter, given in the address, runs in the browser and narrows the table.
   // The subject that fewest records share, percent-encoded.
   std::map<std::string, size_t> subjects;
@@ -126,13 +135,17 @@ TEST_P(ReportBrowserTest, ShowsEveryRecordChartAndCopyAndFilters) {
 TEST(ReportTextTest, ChineseRunLeavesNoEnglishText) {
   REQUIRE_PROGRAM();
   TempDir dir;
-  ASSERT_EQ(test::RunProgram({"-q", "--lang", "zh", "-o", dir.path().string(), test::kSample.string()}).status, 0);
+  ASSERT_EQ(test::RunProgram({"-q", "--lang", "zh", "--attachments", "-o", dir.path().string(), test::kSample.string()})
+                .status,
+            0);
   std::string page = test::ReadWholeFile(dir / "report.html");
   page = std::regex_replace(page, std::regex("<(script|style)[\\s\\S]*?</\\1>|<[^>]+>|&[a-z]+;"), " ");
   const std::regex word("[A-Za-z]{3,}");
   std::set<std::string> known = {"pelka", "email", "emails", "jsonl", "log", "csv", "sqlite", "UTC",
-                                 "bytes", "KiB", "MiB", "GiB", "SMTP", "POP", "IMAPv"};
-  const std::string sources = test::ReadWholeFile(dir / "emails.jsonl") + test::kSample.string();
+                                 "bytes", "KiB", "MiB", "GiB", "SMTP", "POP", "IMAPv",
+                                 "SHA", "attachments"};
+  const std::string sources =
+      test::ReadWholeFile(dir / "emails.jsonl") + test::ReadWholeFile(dir / "attachments.jsonl") + test::kSample.string();
   for (std::sregex_iterator it(sources.begin(), sources.end(), word), end; it != end; ++it) known.insert(it->str());
   for (std::sregex_iterator it(page.begin(), page.end(), word), end; it != end; ++it)
     EXPECT_TRUE(known.count(it->str())) << it->str();

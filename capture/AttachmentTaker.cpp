@@ -1,0 +1,171 @@
+#include "capture/AttachmentTaker.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "capture/JsonText.h"
+
+namespace pelka {
+namespace {
+
+// The whole file, read through a descriptor that follows no link; false
+// when it cannot be read.
+bool ReadWholeFile(const std::string& path, std::string& bytes) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return false;
+  struct stat info {};
+  bool ok = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+  if (ok) bytes.resize(static_cast<size_t>(info.st_size));
+  size_t have = 0;
+  while (ok && have < bytes.size()) {
+    const ssize_t got = ::read(fd, bytes.data() + have, bytes.size() - have);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    have += static_cast<size_t>(got);
+  }
+  ::close(fd);
+  bytes.resize(have);
+  return ok;
+}
+
+}  // namespace
+
+std::unique_ptr<AttachmentTaker> AttachmentTaker::Open(const std::string& out_dir, const IocHashes* iocs,
+                                                       AttachmentSink* sink, std::string* error) {
+  std::unique_ptr<ContentTypeDetector> detector = ContentTypeDetector::Open(error);
+  if (!detector) return nullptr;
+  std::unique_ptr<AttachmentStore> store = AttachmentStore::Open(out_dir, error);
+  if (!store) return nullptr;
+  std::unique_ptr<AttachmentTaker> taker(new AttachmentTaker(std::move(store), iocs, sink));
+  if (!taker->file_.Open(out_dir + kFileName)) {
+    *error = taker->file_.error();
+    return nullptr;
+  }
+  taker->detectors_.push_back(std::move(detector));
+  return taker;
+}
+
+AttachmentTaker::AttachmentTaker(std::unique_ptr<AttachmentStore> store, const IocHashes* iocs, AttachmentSink* sink)
+    : store_(std::move(store)), iocs_(iocs), sink_(sink) {}
+
+AttachmentTaker::~AttachmentTaker() = default;
+
+void AttachmentTaker::TakeFromCopy(uint64_t email_number, const std::string& copy_path) {
+  std::string message;
+  if (!ReadWholeFile(copy_path, message)) {
+    unreadable_.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  TakeFromMessage(email_number, message);
+}
+
+void AttachmentTaker::TakeFromMessage(uint64_t email_number, std::span<const char> message) {
+  const MessageParts taken = TakeMessageParts(message);
+  Count(taken.cuts);
+  for (const MessagePart& part : taken.parts) WriteRow(Describe(email_number, part));
+}
+
+AttachmentRow AttachmentTaker::Describe(uint64_t email_number, const MessagePart& part) {
+  AttachmentRow row;
+  row.email_number = email_number;
+  row.part_index = part.index;
+  row.file_name = part.file_name;
+  row.declared_type = part.declared_type;
+  row.size = part.content.size();
+  row.hashes = HashBytes(part.content);
+  // The detector is held only while it looks at the bytes; a thread that
+  // finds none idle makes one, so there are as many as threads at once.
+  std::unique_ptr<ContentTypeDetector> detector = TakeDetector();
+  row.detected_type = detector ? detector->Detect(part.content) : "application/octet-stream";
+  if (detector) ReturnDetector(std::move(detector));
+  row.type_mismatch = TypesDisagree(row.declared_type, row.detected_type);
+  row.ioc_match = iocs_ && iocs_->Matches(row.hashes);
+  row.stored_path = store_->Store(row.hashes.sha256, part.content);
+  return row;
+}
+
+void AttachmentTaker::WriteRow(const AttachmentRow& row) {
+  found_.fetch_add(1, std::memory_order_relaxed);
+  if (row.type_mismatch) mismatches_.fetch_add(1, std::memory_order_relaxed);
+  if (row.ioc_match) ioc_matches_.fetch_add(1, std::memory_order_relaxed);
+  JsonObjectLine line;
+  line.Number("email_number", row.email_number);
+  line.Number("part", row.part_index);
+  line.Text("file_name", row.file_name);
+  line.Text("declared_type", row.declared_type);
+  line.Text("detected_type", row.detected_type);
+  line.Number("size", row.size);
+  line.Text("md5", row.hashes.md5);
+  line.Text("sha1", row.hashes.sha1);
+  line.Text("sha256", row.hashes.sha256);
+  line.Raw("type_mismatch", row.type_mismatch ? "true" : "false");
+  line.Raw("ioc_match", row.ioc_match ? "true" : "false");
+  line.Text("stored_path", row.stored_path);
+  file_.WriteLine(line.Finish());
+  if (sink_) sink_->OnAttachment(row);
+}
+
+void AttachmentTaker::Count(const PartCuts& cuts) {
+  too_deep_.fetch_add(cuts.too_deep, std::memory_order_relaxed);
+  too_many_.fetch_add(cuts.too_many, std::memory_order_relaxed);
+  too_big_.fetch_add(cuts.too_big, std::memory_order_relaxed);
+  malformed_.fetch_add(cuts.malformed, std::memory_order_relaxed);
+}
+
+std::unique_ptr<ContentTypeDetector> AttachmentTaker::TakeDetector() {
+  {
+    const std::lock_guard<std::mutex> lock(detectors_mutex_);
+    if (!detectors_.empty()) {
+      std::unique_ptr<ContentTypeDetector> detector = std::move(detectors_.back());
+      detectors_.pop_back();
+      return detector;
+    }
+  }
+  std::string error;
+  return ContentTypeDetector::Open(&error);
+}
+
+void AttachmentTaker::ReturnDetector(std::unique_ptr<ContentTypeDetector> detector) {
+  const std::lock_guard<std::mutex> lock(detectors_mutex_);
+  detectors_.push_back(std::move(detector));
+}
+
+AttachmentTally AttachmentTaker::tally() const {
+  AttachmentTally tally;
+  tally.found = found_.load(std::memory_order_relaxed);
+  tally.stored = store_->stored();
+  tally.duplicates = store_->duplicates();
+  tally.mismatches = mismatches_.load(std::memory_order_relaxed);
+  tally.ioc_matches = ioc_matches_.load(std::memory_order_relaxed);
+  tally.too_deep = too_deep_.load(std::memory_order_relaxed);
+  tally.too_many = too_many_.load(std::memory_order_relaxed);
+  tally.too_big = too_big_.load(std::memory_order_relaxed);
+  tally.malformed = malformed_.load(std::memory_order_relaxed);
+  tally.unreadable = unreadable_.load(std::memory_order_relaxed);
+  tally.store_failures = store_->failures();
+  tally.first_store_failure = store_->first_failure();
+  return tally;
+}
+
+std::vector<std::pair<const char*, uint64_t>> AttachmentTaker::Figures() const {
+  const AttachmentTally t = tally();
+  return {{"Found", t.found},         {"Stored", t.stored},         {"Duplicates", t.duplicates},
+          {"TypeMismatches", t.mismatches}, {"IocMatches", t.ioc_matches}, {"TooDeep", t.too_deep},
+          {"TooManyParts", t.too_many},  {"TooBig", t.too_big},        {"Malformed", t.malformed}};
+}
+
+bool AttachmentTaker::GiveTo(uid_t uid, gid_t gid, std::string* error) {
+  if (!file_.GiveTo(uid, gid)) {
+    *error = file_.error();
+    return false;
+  }
+  // The files are written once the run is the account: the folder must be its.
+  return store_->GiveTo(uid, gid, error);
+}
+
+bool AttachmentTaker::Writable(std::string* error) const { return store_->Writable(error); }
+
+}  // namespace pelka
