@@ -62,13 +62,14 @@ const char* ConnectionProtocolText(uint16_t application_protocol) {
 // One row for the writer thread. Which members hold it depends on its kind;
 // the texts are copies, since the caller's views end with its call.
 struct RunDatabase::PendingRow {
-  enum class Kind : uint8_t { kRecord, kEntry, kDiagnosis, kNotice, kConnectionStart, kConnectionEnd };
+  enum class Kind : uint8_t { kRecord, kEntry, kDiagnosis, kNotice, kAttachment, kConnectionStart, kConnectionEnd };
   Kind kind = Kind::kRecord;
   std::shared_ptr<const MessageColumns> columns;  // a record's
   LogRecord record;
   uint64_t seconds = 0;                           // an entry's
   DiagnosisRow diagnosis;                         // its numbers; texts in wide[0] and text[0..3]
   NoticeRow notice;                               // its numbers; texts in text[0..4]
+  AttachmentRow attachment;
   const IPelkaFlow* flow = nullptr;               // a connection's
   ConnectionTally tally;
   std::wstring wide[3];  // an entry's kind, summary, group
@@ -219,8 +220,11 @@ void RunDatabase::OnNotice(const NoticeRow& notice) {
   });
 }
 
-void RunDatabase::OnAttachment(const AttachmentRow& row) {
-  Enqueue([this, row] { WriteAttachment(row); });
+void RunDatabase::OnAttachment(const AttachmentRow& attachment) {
+  Enqueue([&](PendingRow& row) {
+    row.kind = PendingRow::Kind::kAttachment;
+    row.attachment = attachment;
+  });
 }
 
 void RunDatabase::OnConnectionStart(const IPelkaFlow* flow, std::string_view protocol, std::string_view client,
@@ -278,6 +282,7 @@ void RunDatabase::Write(PendingRow& row) {
       WriteNotice(notice);
       return;
     }
+    case PendingRow::Kind::kAttachment: WriteAttachment(row.attachment); return;
     case PendingRow::Kind::kConnectionStart: WriteConnectionStart(row.flow, row.text[0], row.text[1], row.text[2]); return;
     case PendingRow::Kind::kConnectionEnd: WriteConnectionEnd(row.flow, row.tally, row.text[0]); return;
   }

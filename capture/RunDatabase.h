@@ -36,9 +36,9 @@
 #include <thread>
 #include <vector>
 
+#include "capture/AttachmentTaker.h"
 #include "capture/FlowSink.h"
 #include "capture/LocalTime.h"
-#include "capture/AttachmentTaker.h"
 #include "capture/RunSink.h"
 
 struct sqlite3;
