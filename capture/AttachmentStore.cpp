@@ -89,6 +89,30 @@ std::string AttachmentStore::Store(const std::string& sha256, std::span<const ch
 }
 
 bool AttachmentStore::WriteNew(const std::string& name, std::span<const char> content) {
+  const int fd = ::openat(folder_fd_, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    // A file system that makes no unnamed files.
+    if (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL) return WriteThroughTemporary(name, content);
+    if (errno == EEXIST) errno = EBUSY;  // EEXIST would say the attachment is there
+    return false;
+  }
+  bool done = WriteAll(fd, content);
+  int code = errno;
+  if (done) {
+    // Giving the whole file its name is the last step, and never replaces:
+    // EEXIST when the name was taken meanwhile.
+    const std::string self = "/proc/self/fd/" + std::to_string(fd);
+    done = ::linkat(AT_FDCWD, self.c_str(), folder_fd_, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+    code = errno;
+  }
+  ::close(fd);
+  // Without /proc the file cannot be named this way.
+  if (!done && code == ENOENT) return WriteThroughTemporary(name, content);
+  errno = code;
+  return done;
+}
+
+bool AttachmentStore::WriteThroughTemporary(const std::string& name, std::span<const char> content) {
   const std::string temporary =
       kTemporaryPrefix + std::to_string(::getpid()) + "-" +
       std::to_string(temporaries_.fetch_add(1, std::memory_order_relaxed));

@@ -5,7 +5,9 @@
 // Safety as for the copies: attachments/ must be a directory of its own (a
 // link in its place is refused), made 0750 when missing; every file is
 // written through the folder's descriptor, made 0600, never through a link
-// or into a FIFO (O_NOFOLLOW, O_EXCL into a temporary name, then renamed).
+// or into a FIFO: written unnamed (O_TMPFILE) and linked to its name once
+// whole, or where the file system cannot, O_NOFOLLOW and O_EXCL into a
+// temporary name, then renamed. Neither way replaces a name that is taken.
 // Something other than a regular file under an attachment's name is never
 // taken for that attachment: the attachment then counts as a failure.
 #pragma once
@@ -53,10 +55,13 @@ class AttachmentStore {
  private:
   AttachmentStore(std::string folder, int folder_fd, bool made);
   std::string Fail(const std::string& what, int code);
-  // Writes `content` to a new temporary file of the folder and moves it to
-  // `name`; true when the name was free. False with errno EEXIST when it
-  // was taken meanwhile, with another errno when writing failed.
+  // Writes `content` to a new file of the folder named `name`, which
+  // appears only once whole; true when the name was free. False with errno
+  // EEXIST when it was taken meanwhile, with another errno when writing
+  // failed.
   bool WriteNew(const std::string& name, std::span<const char> content);
+  // The same through a temporary name, renamed.
+  bool WriteThroughTemporary(const std::string& name, std::span<const char> content);
 
   std::string folder_;  // absolute, ending with '/'
   int folder_fd_;

@@ -49,9 +49,20 @@ std::unique_ptr<AttachmentTaker> AttachmentTaker::Open(const std::string& out_di
 }
 
 AttachmentTaker::AttachmentTaker(std::unique_ptr<AttachmentStore> store, const IocHashes* iocs, AttachmentSink* sink)
-    : store_(std::move(store)), iocs_(iocs), sink_(sink) {}
+    : store_(std::move(store)), iocs_(iocs), sink_(sink), queue_([this](const QueuedMessage& message) {
+        TakeFromCopy(message.email_number, message.copy_path);
+        if (message.delete_after) ::unlink(message.copy_path.c_str());
+      }) {}
 
 AttachmentTaker::~AttachmentTaker() = default;
+
+void AttachmentTaker::Queue(uint64_t email_number, const std::string& copy_path, bool delete_after) {
+  struct stat info {};
+  const uint64_t bytes = ::stat(copy_path.c_str(), &info) == 0 ? static_cast<uint64_t>(info.st_size) : 0;
+  queue_.Push({email_number, copy_path, delete_after, bytes});
+}
+
+void AttachmentTaker::Finish() { queue_.Finish(); }
 
 void AttachmentTaker::TakeFromCopy(uint64_t email_number, const std::string& copy_path) {
   std::string message;

@@ -3,12 +3,13 @@
 // attachments/ and listed in attachments.jsonl (and, through the sink, the
 // database).
 //
-// Called by the thread that posts the record, right after its copy is
-// placed (capture/HostLog.h): the parsing, hashing, typing and storing run
-// on that thread without a lock; only the line of attachments.jsonl, the
-// sink's queue and the pool of type detectors are taken in turn, briefly.
-// Memory is bounded by the largest message: one message's bytes and parts
-// are held at a time per posting thread.
+// The thread that posts a record queues its copy right after placing it
+// (capture/HostLog.h); the taker's own thread then parses, hashes, types
+// and stores, beside the analysis, one message at a time in the order they
+// were queued. Memory is bounded by the largest message: one message's
+// bytes and parts are held at a time, and the queue holds paths, bounded
+// (capture/AttachmentQueue.h). Finish waits for the queue before the run's
+// figures are read.
 //
 // attachments.jsonl, one line per attachment: {"email_number", "part",
 // "file_name", "declared_type", "detected_type", "size", "md5", "sha1",
@@ -26,6 +27,7 @@
 #include <utility>
 #include <vector>
 
+#include "capture/AttachmentQueue.h"
 #include "capture/AttachmentRow.h"
 #include "capture/AttachmentStore.h"
 #include "capture/ContentTypeDetector.h"
@@ -55,8 +57,15 @@ class AttachmentTaker {
   AttachmentTaker(const AttachmentTaker&) = delete;
   AttachmentTaker& operator=(const AttachmentTaker&) = delete;
 
+  // Queues the copy `copy_path` (absolute) of the message `email_number`
+  // for the taker's thread, which removes it once read when `delete_after`.
+  // Waits while the queue is full. Safe from several threads.
+  void Queue(uint64_t email_number, const std::string& copy_path, bool delete_after);
+  // Waits until every queued message is taken.
+  void Finish();
   // Takes the attachments of the message `email_number` whose copy is the
-  // file `copy_path` (absolute). Safe from several threads.
+  // file `copy_path` (absolute), on the caller's thread. Safe from several
+  // threads.
   void TakeFromCopy(uint64_t email_number, const std::string& copy_path);
   // The same over the message's bytes.
   void TakeFromMessage(uint64_t email_number, std::span<const char> message);
@@ -88,6 +97,8 @@ class AttachmentTaker {
 
   std::atomic<uint64_t> found_{0}, mismatches_{0}, ioc_matches_{0}, unreadable_{0};
   std::atomic<uint64_t> too_deep_{0}, too_many_{0}, too_big_{0}, malformed_{0};
+  // Last, so that its thread ends before anything it uses.
+  AttachmentQueue queue_;
 };
 
 }  // namespace pelka

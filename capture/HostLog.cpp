@@ -1,7 +1,5 @@
 #include "capture/HostLog.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -185,9 +183,10 @@ void HostLog::TakeAttachments(LogRecord& record) {
   uint64_t number = 0;
   if (number_column_ >= 0 && record.field(static_cast<uint16_t>(number_column_)).kind == LogRecord::Kind::kNumber)
     number = record.field(static_cast<uint16_t>(number_column_)).number;
-  outputs_.attachments->TakeFromCopy(number, path);
+  // Without --copies the copy was made for the attachments alone: the
+  // taker removes it once read, and the record names none.
+  outputs_.attachments->Queue(number, path, !copies_);
   if (copies_) return;
-  ::unlink(path.c_str());
   record.SetText(static_cast<uint16_t>(copy_path_column_), std::wstring_view());
 }
 

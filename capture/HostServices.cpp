@@ -191,6 +191,9 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
     if (finished_) return error_.empty();
     finished_ = true;
     if (log_) log_->Finish();
+    // Every attachment is listed and counted before the figures are read
+    // and the database is closed.
+    if (attachments_) attachments_->Finish();
     AddNoticeFigures();
     AddAttachmentFigures();
     WriteStatistics();

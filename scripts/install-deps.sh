@@ -7,7 +7,7 @@ packages=(
   build-essential cmake ninja-build pkg-config
   clang libclang-rt-14-dev
   libpcap-dev libpugixml-dev libsqlite3-dev libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev
-  libgmime-3.0-dev libmagic-dev
+  libgmime-3.0-dev libmagic-dev libssl-dev
   libbenchmark-dev
   help2man file dpkg-dev parallel sqlite3
   chromium

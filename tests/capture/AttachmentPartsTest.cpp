@@ -1,15 +1,22 @@
 // Attachments taken out of hand-made messages: which parts, their names and
 // decoded bytes, the bounds on hostile structure, the hashes and types told
-// of the bytes, and the store that keeps each file once.
+// of the bytes, the store that keeps each file once, and the queue that
+// hands the messages to the taker's thread.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <filesystem>
+#include <mutex>
+#include <thread>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "capture/AttachmentQueue.h"
 #include "capture/AttachmentStore.h"
 #include "capture/ContentTypeDetector.h"
 #include "capture/FileHashes.h"
@@ -274,6 +281,43 @@ TEST_F(AttachmentStoreTest, NeverWritesThroughLinksOrByOtherNames) {
   EXPECT_EQ(store->stored(), 0u);
   EXPECT_FALSE(fs::exists(out_ / "elsewhere" / "target"));
   EXPECT_FALSE(fs::exists(out_ / "escape"));
+}
+
+
+// The messages are taken in the order they came, the poster is held while
+// the queue is full, and Finish returns once the last is taken.
+TEST(AttachmentQueueTest, TakesInOrderAndHoldsThePosterAtTheBound) {
+  std::mutex mutex;
+  std::condition_variable opened;
+  bool open = false;
+  std::vector<uint64_t> taken;
+  AttachmentQueue queue([&](const QueuedMessage& message) {
+    std::unique_lock<std::mutex> lock(mutex);
+    opened.wait(lock, [&] { return open; });
+    taken.push_back(message.email_number);
+  });
+  constexpr uint64_t kCount = AttachmentQueue::kMaxItems + 2;
+  std::atomic<uint64_t> pushed{0};
+  std::thread poster([&] {
+    for (uint64_t number = 0; number < kCount; ++number) {
+      queue.Push({number, "", false, 1});
+      ++pushed;
+    }
+  });
+  for (int waited = 0; pushed < AttachmentQueue::kMaxItems && waited < 1000; ++waited)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(pushed.load(), AttachmentQueue::kMaxItems);
+  {
+    const std::lock_guard<std::mutex> lock(mutex);
+    open = true;
+  }
+  opened.notify_all();
+  poster.join();
+  queue.Finish();
+  std::vector<uint64_t> expected;
+  for (uint64_t number = 0; number < kCount; ++number) expected.push_back(number);
+  EXPECT_EQ(taken, expected);
 }
 
 }  // namespace
