@@ -21,13 +21,6 @@ bool IsSha256Hex(std::string_view name) {
   return name.size() == 64 && name.find_first_not_of("0123456789abcdef") == std::string_view::npos;
 }
 
-std::string FolderProblem(const std::string& path, int code) {
-  if (code == ELOOP || code == ENOTDIR)
-    return "the attachment folder " + path +
-           " is a symbolic link or not a directory; remove it or choose another output folder";
-  return "cannot make or open the attachment folder " + path + ": " + std::strerror(code);
-}
-
 // Writes all of `content`, going on after short writes and signals.
 bool WriteAll(int fd, std::span<const char> content) {
   while (!content.empty()) {
@@ -42,21 +35,10 @@ bool WriteAll(int fd, std::span<const char> content) {
 }  // namespace
 
 std::unique_ptr<AttachmentStore> AttachmentStore::Open(const std::string& out_dir, std::string* error) {
-  const std::string folder = out_dir + kFolder + "/";
-  const int out_fd = ::open(out_dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (out_fd < 0) {
-    *error = FolderProblem(folder, errno);
-    return nullptr;
-  }
-  const bool made = ::mkdirat(out_fd, kFolder, 0750) == 0;
-  const int folder_fd = made || errno == EEXIST ? OpenFolder(out_fd, kFolder) : -1;
-  const int code = errno;
-  ::close(out_fd);
-  if (folder_fd < 0) {
-    *error = FolderProblem(folder, code);
-    return nullptr;
-  }
-  return std::unique_ptr<AttachmentStore>(new AttachmentStore(folder, folder_fd, made));
+  bool made = false;
+  const int folder_fd = OpenOutputSubfolder(out_dir, kFolder, "the attachment folder", &made, error);
+  if (folder_fd < 0) return nullptr;
+  return std::unique_ptr<AttachmentStore>(new AttachmentStore(out_dir + kFolder + "/", folder_fd, made));
 }
 
 AttachmentStore::AttachmentStore(std::string folder, int folder_fd, bool made)

@@ -73,19 +73,9 @@ std::string ModuleStorageRoot(const std::string& out_dir) {
 
 std::unique_ptr<CopyStore> CopyStore::Open(const std::string& out_dir, std::string* error) {
   const std::string copy_dir = out_dir + kFolder + "/";
-  const int out_fd = ::open(out_dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (out_fd < 0) {
-    *error = FolderProblem(copy_dir, errno);
-    return nullptr;
-  }
-  const bool made = ::mkdirat(out_fd, kFolder, 0750) == 0;
-  const int copy_fd = made || errno == EEXIST ? OpenFolder(out_fd, kFolder) : -1;
-  const int code = errno;
-  ::close(out_fd);
-  if (copy_fd < 0) {
-    *error = FolderProblem(copy_dir, code);
-    return nullptr;
-  }
+  bool made = false;
+  const int copy_fd = OpenOutputSubfolder(out_dir, kFolder, "the copy folder", &made, error);
+  if (copy_fd < 0) return nullptr;
   // What an interrupted run left in staging was never posted.
   RemoveFolder(copy_fd, kStaging);
   const int staging_fd = MakeFolder(copy_fd, kStaging, 0700);

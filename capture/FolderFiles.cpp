@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 namespace pelka {
 
@@ -16,6 +17,33 @@ int OpenFolder(int parent_fd, const char* name) {
 int MakeFolder(int parent_fd, const char* name, mode_t mode) {
   if (::mkdirat(parent_fd, name, mode) != 0 && errno != EEXIST) return -1;
   return OpenFolder(parent_fd, name);
+}
+
+namespace {
+
+std::string FolderProblem(const char* what, const std::string& path, int code) {
+  if (code == ELOOP || code == ENOTDIR)
+    return std::string(what) + " " + path +
+           " is a symbolic link or not a directory; remove it or choose another output folder";
+  return std::string("cannot make or open ") + what + " " + path + ": " + std::strerror(code);
+}
+
+}  // namespace
+
+int OpenOutputSubfolder(const std::string& out_dir, const char* name, const char* what, bool* made,
+                        std::string* error) {
+  const std::string folder = out_dir + name + "/";
+  const int out_fd = ::open(out_dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (out_fd < 0) {
+    *error = FolderProblem(what, folder, errno);
+    return -1;
+  }
+  *made = ::mkdirat(out_fd, name, 0750) == 0;
+  const int folder_fd = *made || errno == EEXIST ? OpenFolder(out_fd, name) : -1;
+  const int code = errno;
+  ::close(out_fd);
+  if (folder_fd < 0) *error = FolderProblem(what, folder, code);
+  return folder_fd;
 }
 
 bool MoveNoReplace(int from_fd, const char* from, int to_fd, const char* to) {

@@ -6,6 +6,8 @@
 
 #include <sys/types.h>
 
+#include <string>
+
 namespace pelka {
 
 // Opens the folder `name` below `parent_fd`; -1 with errno ELOOP or ENOTDIR
@@ -14,6 +16,13 @@ int OpenFolder(int parent_fd, const char* name);
 
 // Makes the folder when missing and opens it, as OpenFolder.
 int MakeFolder(int parent_fd, const char* name, mode_t mode);
+
+// Opens the folder `name` of the output folder `out_dir` (absolute, ending
+// with '/'), made 0750 when missing (`made` then true). -1 with `error` set
+// when it cannot be, naming it as `what` ("the copy folder"): a link or a
+// file in its place is refused.
+int OpenOutputSubfolder(const std::string& out_dir, const char* name, const char* what, bool* made,
+                        std::string* error);
 
 // Moves without replacing: false with errno EEXIST when the name is taken.
 bool MoveNoReplace(int from_fd, const char* from, int to_fd, const char* to);
