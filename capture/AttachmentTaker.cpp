@@ -10,7 +10,7 @@ namespace {
 
 // Threads to take attachments with: typing and hashing each file is most
 // of a run's work with --attachments, and spreads well; a few are enough.
-constexpr unsigned kMaxThreads = 1;
+constexpr unsigned kMaxThreads = 4;
 
 unsigned TakingThreads() { return std::clamp(std::thread::hardware_concurrency(), 1u, kMaxThreads); }
 
