@@ -237,6 +237,18 @@ class AttachmentStoreTest : public ::testing::Test {
   const std::string out_dir_ = out_.string() + "/";
 };
 
+// A run stopped while writing a file through a temporary name leaves it
+// behind; the next run into the folder removes it and keeps the rest.
+TEST_F(AttachmentStoreTest, RemovesTheFilesAStoppedRunLeftHalfWritten) {
+  fs::create_directory(out_ / "attachments");
+  test::WriteWholeFile(out_ / "attachments" / ".partial-7-0", "half");
+  test::WriteWholeFile(out_ / "attachments" / "kept", "whole");
+  std::string error;
+  ASSERT_TRUE(AttachmentStore::Open(out_dir_, &error)) << error;
+  EXPECT_FALSE(fs::exists(out_ / "attachments" / ".partial-7-0"));
+  EXPECT_TRUE(fs::exists(out_ / "attachments" / "kept"));
+}
+
 // The same file attached twice (under two names) is written once, 0600,
 // under its hash, into a 0750 folder.
 TEST_F(AttachmentStoreTest, KeepsEachFileOnceUnderItsHash) {
