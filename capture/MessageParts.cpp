@@ -92,33 +92,60 @@ constexpr std::array<Base64Byte, 256> kBase64Bytes = Base64Bytes();
 // Whether base64 text stops in the middle of a group of four letters or
 // carries bytes that are neither letters nor white space: the decoder skips
 // such bytes and drops the cut group, so the file it gives is not whole.
-bool Base64Broken(GMimeStream* encoded) {
-  if (g_mime_stream_reset(encoded) != 0) return true;
-  char buffer[16384];
-  uint64_t letters = 0;
-  bool padded = false;
-  for (;;) {
-    const ssize_t read = g_mime_stream_read(encoded, buffer, sizeof buffer);
-    if (read < 0) return true;
-    if (read == 0) break;
-    for (ssize_t i = 0; i < read; ++i) {
-      switch (kBase64Bytes[static_cast<unsigned char>(buffer[i])]) {
+class Base64Check {
+ public:
+  // Looks at the next bytes of the text; false once it is found broken.
+  bool Add(const unsigned char* bytes, size_t length) {
+    for (const unsigned char* end = bytes + length; bytes < end; ++bytes) {
+      switch (kBase64Bytes[*bytes]) {
         case Base64Byte::kSpace:
           break;
         case Base64Byte::kPad:
-          padded = true;
-          ++letters;
+          padded_ = true;
+          ++letters_;
           break;
         case Base64Byte::kLetter:
-          if (padded) return true;  // letters after the end
-          ++letters;
+          if (padded_) return false;  // letters after the end
+          ++letters_;
           break;
         case Base64Byte::kForeign:
-          return true;
+          return false;
       }
     }
+    return true;
   }
-  return letters % 4 != 0;
+  bool CutShort() const { return letters_ % 4 != 0; }
+
+ private:
+  uint64_t letters_ = 0;
+  bool padded_ = false;
+};
+
+// The bytes of a part's stream where they lie in memory already (the
+// parser's streams over the message's bytes); empty otherwise.
+std::span<const unsigned char> BytesInMemory(GMimeStream* stream) {
+  if (!GMIME_IS_STREAM_MEM(stream) || g_mime_stream_reset(stream) != 0) return {};
+  const GByteArray* buffer = g_mime_stream_mem_get_byte_array(GMIME_STREAM_MEM(stream));
+  const gint64 start = g_mime_stream_tell(stream), length = g_mime_stream_length(stream);
+  if (!buffer || start < 0 || length <= 0 || static_cast<guint64>(start) + static_cast<guint64>(length) > buffer->len)
+    return {};
+  return {buffer->data + start, static_cast<size_t>(length)};
+}
+
+bool Base64Broken(GMimeStream* encoded) {
+  Base64Check check;
+  // Looked at where it lies, rather than copied out once more.
+  if (const std::span<const unsigned char> bytes = BytesInMemory(encoded); !bytes.empty())
+    return !check.Add(bytes.data(), bytes.size()) || check.CutShort();
+  if (g_mime_stream_reset(encoded) != 0) return true;
+  unsigned char buffer[16384];
+  for (;;) {
+    const ssize_t read = g_mime_stream_read(encoded, reinterpret_cast<char*>(buffer), sizeof buffer);
+    if (read < 0) return true;
+    if (read == 0) break;
+    if (!check.Add(buffer, static_cast<size_t>(read))) return true;
+  }
+  return check.CutShort();
 }
 
 // A message parsed from bytes (the parser keeps a copy of them); null when
