@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <string_view>
@@ -75,19 +76,23 @@ bool IsTaken(GMimeObject* object) {
                    !g_mime_content_type_is_type(type, "multipart", "*"));
 }
 
-// What each byte is in base64 text; a table, as this runs over every byte
-// of every encoded attachment.
-enum class Base64Byte : uint8_t { kForeign, kLetter, kPad, kSpace };
+// What each byte counts for in base64 text, before the first '=' and from
+// it on: 1 for a letter (the pad '=' counts as one), 0 for white space,
+// kBad for what breaks the text. Tables, and no branch per byte, as this
+// runs over every byte of every encoded attachment.
+constexpr uint8_t kBad = 0x80;
 
-constexpr std::array<Base64Byte, 256> Base64Bytes() {
-  std::array<Base64Byte, 256> table{};
+constexpr std::array<uint8_t, 256> Base64Weights(bool after_pad) {
+  std::array<uint8_t, 256> table{};
+  table.fill(kBad);
   for (const char c : std::string_view("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/"))
-    table[static_cast<unsigned char>(c)] = Base64Byte::kLetter;
-  for (const char c : std::string_view(" \t\r\n\v\f")) table[static_cast<unsigned char>(c)] = Base64Byte::kSpace;
-  table['='] = Base64Byte::kPad;
+    table[static_cast<unsigned char>(c)] = after_pad ? kBad : 1;  // letters after the end break it
+  for (const char c : std::string_view(" \t\r\n\v\f")) table[static_cast<unsigned char>(c)] = 0;
+  table['='] = 1;
   return table;
 }
-constexpr std::array<Base64Byte, 256> kBase64Bytes = Base64Bytes();
+constexpr std::array<uint8_t, 256> kBeforePad = Base64Weights(false);
+constexpr std::array<uint8_t, 256> kFromPad = Base64Weights(true);
 
 // Whether base64 text stops in the middle of a group of four letters or
 // carries bytes that are neither letters nor white space: the decoder skips
@@ -96,27 +101,31 @@ class Base64Check {
  public:
   // Looks at the next bytes of the text; false once it is found broken.
   bool Add(const unsigned char* bytes, size_t length) {
-    for (const unsigned char* end = bytes + length; bytes < end; ++bytes) {
-      switch (kBase64Bytes[*bytes]) {
-        case Base64Byte::kSpace:
-          break;
-        case Base64Byte::kPad:
-          padded_ = true;
-          ++letters_;
-          break;
-        case Base64Byte::kLetter:
-          if (padded_) return false;  // letters after the end
-          ++letters_;
-          break;
-        case Base64Byte::kForeign:
-          return false;
-      }
+    size_t at = 0;
+    if (!padded_) {
+      const void* pad = std::memchr(bytes, '=', length);
+      const size_t before = pad ? static_cast<size_t>(static_cast<const unsigned char*>(pad) - bytes) : length;
+      if (!Weigh(bytes, before, kBeforePad)) return false;
+      padded_ = pad != nullptr;
+      at = before;
     }
-    return true;
+    return Weigh(bytes + at, length - at, kFromPad);
   }
   bool CutShort() const { return letters_ % 4 != 0; }
 
  private:
+  bool Weigh(const unsigned char* bytes, size_t length, const std::array<uint8_t, 256>& weights) {
+    uint64_t letters = 0;
+    uint8_t seen = 0;
+    for (size_t i = 0; i < length; ++i) {
+      const uint8_t weight = weights[bytes[i]];
+      letters += weight & 1;
+      seen |= weight;
+    }
+    letters_ += letters;
+    return (seen & kBad) == 0;
+  }
+
   uint64_t letters_ = 0;
   bool padded_ = false;
 };

@@ -125,16 +125,18 @@ TEST(AttachmentPartsTest, TakesTheFilesOutOfMessages) {
         {"\xd0\xa1\xd0\xbf\xd0\xb8\xd1\x81\xd0\xbe\xd0\xba.doc", "application/msword", "3"},
         {"longname.bin", "application/octet-stream", "4"}},
        {}},
-      {"base64 cut short, base64 with foreign bytes, no end boundary",
+      {"base64 cut short, with foreign bytes, going on after its end, no end boundary",
        "Content-Type: multipart/mixed; boundary=\"m\"\n\n" +
            Attachment("m", "Content-Type: application/x-a\nContent-Transfer-Encoding: base64", "aGVsbG8sIHdvcmxkC") +
            Attachment("m", "Content-Type: application/x-b\nContent-Transfer-Encoding: base64",
                       "aGVs*bG8sIHdv\ncmxkCg==") +
+           Attachment("m", "Content-Type: application/x-e\nContent-Transfer-Encoding: base64", "aGk=\naGk=") +
            Attachment("m", "Content-Type: application/x-c\nContent-Transfer-Encoding: base64", "aGVsbG8sIHdvcmxkCg=="),
        {{"", "application/x-a", "hello, world"},
         {"", "application/x-b", "hello, world\n"},
+        {"", "application/x-e", "hi"},
         {"", "application/x-c", "hello, world\n"}},
-       {.malformed = 2}},
+       {.malformed = 3}},
       {"garbage", std::string("\0\xff\x01--\n\n--\n\n\x80", 12), {}, {}},
       {"leaf at the depth bound", Nested(5), {{"deep.txt", "application/octet-stream", "deep"}}, {}, {.max_depth = 5}},
       {"leaf below the depth bound", Nested(6), {}, {.too_deep = 1}, {.max_depth = 5}},
