@@ -55,12 +55,23 @@ std::string DeclaredType(GMimeObject* object) {
 // The file name as text the outputs can carry: the parser decodes encoded
 // words and RFC 2231 parameters into UTF-8, but bytes it could not convert
 // may be left in a name; those become U+FFFD.
-std::string FileName(GMimePart* part) {
-  const char* name = g_mime_part_get_filename(part);
+std::string ValidName(const char* name) {
   if (!name || !*name) return {};
   if (g_utf8_validate(name, -1, nullptr)) return name;
   const GText valid(g_utf8_make_valid(name, -1));
   return valid.get();
+}
+
+std::string FileName(GMimePart* part) { return ValidName(g_mime_part_get_filename(part)); }
+
+// The same for a part of any kind (a message sent inside the message).
+std::string FileName(GMimeObject* object) {
+  const char* name = nullptr;
+  if (GMimeContentDisposition* disposition = g_mime_object_get_content_disposition(object))
+    name = g_mime_content_disposition_get_parameter(disposition, "filename");
+  GMimeContentType* type = g_mime_object_get_content_type(object);
+  if ((!name || !*name) && type) name = g_mime_content_type_get_parameter(type, "name");
+  return ValidName(name);
 }
 
 // Whether a leaf part is a file the analyst wants: anything sent as an
@@ -198,8 +209,9 @@ class PartWalk {
  public:
   // `message_size`: what the messages found inside encoded parts may add up
   // to, twice over, as each of them is parsed again from its own copy.
-  PartWalk(const PartLimits& limits, size_t message_size)
-      : limits_(limits), reparse_budget_(2 * uint64_t{message_size}) {}
+  // `crlf`: the message's lines end with CR LF.
+  PartWalk(const PartLimits& limits, size_t message_size, bool crlf)
+      : limits_(limits), reparse_budget_(2 * uint64_t{message_size}), crlf_(crlf) {}
 
   MessageParts Walk(GMimeObject* root) {
     Pending pending{{root, 0}};
@@ -231,6 +243,7 @@ class PartWalk {
     }
     if (GMIME_IS_MESSAGE_PART(object)) {
       GMimeMessage* inner = g_mime_message_part_get_message(GMIME_MESSAGE_PART(object));
+      if (inner) TakeNamedMessage(object, inner);
       GMimeObject* body = inner ? g_mime_message_get_mime_part(inner) : nullptr;
       if (body) pending.emplace_back(body, depth + 1);
       return;
@@ -257,6 +270,8 @@ class PartWalk {
       ++result_.cuts.malformed;
       return;
     }
+    // A message that names a file is a file too, besides what is in it.
+    if (std::string name = FileName(GMIME_OBJECT(part)); !name.empty()) Keep(GMIME_OBJECT(part), std::move(name), bytes);
     if (bytes.size() > reparse_budget_) {
       ++result_.cuts.too_big;
       return;
@@ -289,17 +304,42 @@ class PartWalk {
       ++result_.cuts.malformed;
       return;
     }
-    if (decoded.size() > limits_.max_bytes - kept_bytes_) {
+    if (broken && decoded.size() <= limits_.max_bytes - kept_bytes_) ++result_.cuts.malformed;
+    Keep(GMIME_OBJECT(part), FileName(part), std::move(decoded));
+  }
+
+  // A message inside the message that names a file, as it was sent: the
+  // parser keeps its headers and content as they came.
+  void TakeNamedMessage(GMimeObject* object, GMimeMessage* inner) {
+    std::string name = FileName(object);
+    if (name.empty()) return;
+    const GRef<GMimeStream> sink(g_mime_stream_mem_new());
+    // It writes its line ends as told, whatever they were: as the message's.
+    const std::unique_ptr<GMimeFormatOptions, void (*)(GMimeFormatOptions*)> options(g_mime_format_options_new(),
+                                                                                     g_mime_format_options_free);
+    g_mime_format_options_set_newline_format(options.get(),
+                                             crlf_ ? GMIME_NEWLINE_FORMAT_DOS : GMIME_NEWLINE_FORMAT_UNIX);
+    if (g_mime_object_write_to_stream(GMIME_OBJECT(inner), options.get(), sink.get()) < 0) {
+      ++result_.cuts.malformed;
+      return;
+    }
+    std::string bytes;
+    Collect(sink.get(), &bytes);
+    Keep(object, std::move(name), std::move(bytes));
+  }
+
+  // Lists a file, within the bound on the bytes kept.
+  void Keep(GMimeObject* object, std::string name, std::string content) {
+    if (content.size() > limits_.max_bytes - kept_bytes_) {
       ++result_.cuts.too_big;
       return;
     }
-    if (broken) ++result_.cuts.malformed;
-    kept_bytes_ += decoded.size();
+    kept_bytes_ += content.size();
     MessagePart& taken = result_.parts.emplace_back();
     taken.index = static_cast<uint32_t>(result_.parts.size());
-    taken.file_name = FileName(part);
-    taken.declared_type = DeclaredType(GMIME_OBJECT(part));
-    taken.content = std::move(decoded);
+    taken.file_name = std::move(name);
+    taken.declared_type = DeclaredType(object);
+    taken.content = std::move(content);
   }
 
   // The part's bytes with the transfer encoding taken off.
@@ -328,6 +368,7 @@ class PartWalk {
   uint32_t looked_at_ = 0;
   uint64_t kept_bytes_ = 0;
   uint64_t reparse_budget_;
+  bool crlf_;
   std::vector<GRef<GMimeMessage>> enclosed_;  // the messages found in encoded parts, which `pending` points into
 };
 
@@ -339,7 +380,10 @@ MessageParts TakeMessageParts(std::span<const char> message, const PartLimits& l
   const GRef<GMimeMessage> parsed = ParseMessage(message.first(parsed_length));
   GMimeObject* root = parsed ? g_mime_message_get_mime_part(parsed.get()) : nullptr;
   if (!root) return {};
-  MessageParts result = PartWalk(limits, message.size()).Walk(root);
+  const std::string_view text(message.data(), message.size());
+  const size_t line_end = text.find('\n');
+  const bool crlf = line_end != std::string_view::npos && line_end > 0 && text[line_end - 1] == '\r';
+  MessageParts result = PartWalk(limits, message.size(), crlf).Walk(root);
   if (parsed_length < message.size()) ++result.cuts.too_many;  // the parts of the rest, at least one
   return result;
 }

@@ -63,6 +63,16 @@ std::string Several(int count) {
   return message + "--s--\n";
 }
 
+// A message sent inside another, with an attachment of its own.
+const std::string kForwarded =
+    "Subject: inner\nContent-Type: multipart/mixed; boundary=\"in\"\n\n" +
+    Attachment("in", "Content-Type: text/plain", "inner body") +
+    Attachment("in",
+               "Content-Type: text/plain; name=\"notes.txt\"\nContent-Disposition: attachment\n"
+               "Content-Transfer-Encoding: quoted-printable",
+               "caf=C3=A9 costs 3=3D3=\n euros") +
+    "--in--";
+
 struct Expected {
   std::string name;
   std::string type;
@@ -87,30 +97,29 @@ TEST(AttachmentPartsTest, TakesTheFilesOutOfMessages) {
            Attachment("outer", "Content-Type: multipart/related; boundary=\"rel\"",
                       Attachment("rel", "Content-Type: IMAGE/PNG\nContent-Transfer-Encoding: base64", kPngBase64) +
                           "--rel--") +
-           Attachment("outer", "Content-Type: message/rfc822",
-                      "Subject: inner\nContent-Type: multipart/mixed; boundary=\"in\"\n\n" +
-                          Attachment("in", "Content-Type: text/plain", "inner body") +
-                          Attachment("in",
-                                     "Content-Type: text/plain; name=\"notes.txt\"\nContent-Disposition: attachment\n"
-                                     "Content-Transfer-Encoding: quoted-printable",
-                                     "caf=C3=A9 costs 3=3D3=\n euros") +
-                          "--in--") +
+           Attachment("outer", "Content-Type: message/rfc822\nContent-Disposition: attachment; filename=\"fwd.txt\"",
+                      kForwarded) +
            Attachment("outer",
                       "Content-Type: application/pdf\nContent-Disposition: attachment; filename=\"invoice.pdf\"\n"
                       "Content-Transfer-Encoding: base64",
                       kProgramBase64) +
            "--outer--\n",
-       {{"", "image/png", kPng}, {"notes.txt", "text/plain", "caf\xc3\xa9 costs 3=3 euros"},
+       {{"", "image/png", kPng},
+        {"fwd.txt", "message/rfc822", Crlf(kForwarded) + "\r\n"},
+        {"notes.txt", "text/plain", "caf\xc3\xa9 costs 3=3 euros"},
         {"invoice.pdf", "application/pdf", kProgram}},
        {}},
       {"forwarded messages in base64, and in text that only claims to be base64",
        "Content-Type: multipart/mixed; boundary=\"f\"\n\n" +
            Attachment("f", "Content-Type: message/rfc822\nContent-Transfer-Encoding: base64",
                       "Q29udGVudC1EaXNwb3NpdGlvbjogYXR0YWNobWVudDsgZmlsZW5hbWU9YS5iaW4KCmlubmVy") +
-           Attachment("f", "Content-Type: message/rfc822\nContent-Transfer-Encoding: base64",
+           Attachment("f", "Content-Type: message/rfc822; name=\"innocent.txt\"\nContent-Transfer-Encoding: base64",
                       "Content-Type: application/octet-stream; name=\"malware.exe\"\n\nMZ payload") +
            "--f--\n",
-       {{"a.bin", "application/octet-stream", "inner"}, {"malware.exe", "application/octet-stream", "MZ payload"}},
+       {{"a.bin", "application/octet-stream", "inner"},
+        {"innocent.txt", "message/rfc822",
+         Crlf("Content-Type: application/octet-stream; name=\"malware.exe\"\n\nMZ payload")},
+        {"malware.exe", "application/octet-stream", "MZ payload"}},
        {}},
       {"names in RFC 2231 and RFC 2047, a part without a type",
        "Content-Type: multipart/mixed; boundary=\"n\"\n\n" +
