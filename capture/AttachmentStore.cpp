@@ -1,5 +1,6 @@
 #include "capture/AttachmentStore.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string_view>
+#include <vector>
 
 #include "capture/FolderFiles.h"
 
@@ -32,12 +34,31 @@ bool WriteAll(int fd, std::span<const char> content) {
   return true;
 }
 
+// Removes the temporary files a run stopped while writing left behind.
+void RemovePartials(int folder_fd) {
+  const int fd = ::openat(folder_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  DIR* dir = ::fdopendir(fd);
+  if (!dir) {
+    ::close(fd);
+    return;
+  }
+  std::vector<std::string> partials;
+  while (const dirent* entry = ::readdir(dir))
+    if (std::string_view(entry->d_name).starts_with(kTemporaryPrefix)) partials.emplace_back(entry->d_name);
+  ::closedir(dir);
+  for (const std::string& name : partials) ::unlinkat(folder_fd, name.c_str(), 0);
+}
+
 }  // namespace
 
 std::unique_ptr<AttachmentStore> AttachmentStore::Open(const std::string& out_dir, std::string* error) {
   bool made = false;
   const int folder_fd = OpenOutputSubfolder(out_dir, kFolder, "the attachment folder", &made, error);
   if (folder_fd < 0) return nullptr;
+  // The output folder is this run's alone (capture/OutputLock.h): a partial
+  // file is never another run's work in progress.
+  if (!made) RemovePartials(folder_fd);
   return std::unique_ptr<AttachmentStore>(new AttachmentStore(out_dir + kFolder + "/", folder_fd, made));
 }
 

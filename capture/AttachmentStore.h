@@ -27,8 +27,10 @@ class AttachmentStore {
  public:
   static constexpr char kFolder[] = "attachments";
 
-  // Opens (makes when missing) <out_dir>attachments/. `out_dir`: absolute,
-  // ending with '/'. Null with `error` set when that cannot be done.
+  // Opens (makes when missing) <out_dir>attachments/, removing the
+  // temporary files an earlier run stopped while writing left in it.
+  // `out_dir`: absolute, ending with '/'. Null with `error` set when that
+  // cannot be done.
   static std::unique_ptr<AttachmentStore> Open(const std::string& out_dir, std::string* error);
   // Closes the folder; removes it when this run made it and stored nothing.
   ~AttachmentStore();

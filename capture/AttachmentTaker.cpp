@@ -1,35 +1,18 @@
 #include "capture/AttachmentTaker.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
+#include <algorithm>
+#include <thread>
 
 #include "capture/JsonText.h"
 
 namespace pelka {
 namespace {
 
-// The whole file, read through a descriptor that follows no link; false
-// when it cannot be read.
-bool ReadWholeFile(const std::string& path, std::string& bytes) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) return false;
-  struct stat info {};
-  bool ok = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
-  if (ok) bytes.resize(static_cast<size_t>(info.st_size));
-  size_t have = 0;
-  while (ok && have < bytes.size()) {
-    const ssize_t got = ::read(fd, bytes.data() + have, bytes.size() - have);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    have += static_cast<size_t>(got);
-  }
-  ::close(fd);
-  bytes.resize(have);
-  return ok;
-}
+// Threads to take attachments with: typing and hashing each file is most
+// of a run's work with --attachments, and spreads well; a few are enough.
+constexpr unsigned kMaxThreads = 4;
+
+unsigned TakingThreads() { return std::clamp(std::thread::hardware_concurrency(), 1u, kMaxThreads); }
 
 }  // namespace
 
@@ -49,34 +32,33 @@ std::unique_ptr<AttachmentTaker> AttachmentTaker::Open(const std::string& out_di
 }
 
 AttachmentTaker::AttachmentTaker(std::unique_ptr<AttachmentStore> store, const IocHashes* iocs, AttachmentSink* sink)
-    : store_(std::move(store)), iocs_(iocs), sink_(sink), queue_([this](const QueuedMessage& message) {
-        TakeFromCopy(message.email_number, message.copy_path);
-        if (message.delete_after) ::unlink(message.copy_path.c_str());
-      }) {}
+    : store_(std::move(store)),
+      iocs_(iocs),
+      sink_(sink),
+      queue_(
+          TakingThreads(), [this](const QueuedMessage& message) { return Take(message); },
+          [this](const TakenMessage& taken) { Emit(taken); }) {}
 
 AttachmentTaker::~AttachmentTaker() = default;
 
-void AttachmentTaker::Queue(uint64_t email_number, const std::string& copy_path, bool delete_after) {
-  struct stat info {};
-  const uint64_t bytes = ::stat(copy_path.c_str(), &info) == 0 ? static_cast<uint64_t>(info.st_size) : 0;
-  queue_.Push({email_number, copy_path, delete_after, bytes});
+void AttachmentTaker::Queue(uint64_t email_number, std::string message) {
+  queue_.Push(email_number, std::move(message));
 }
 
 void AttachmentTaker::Finish() { queue_.Finish(); }
 
-void AttachmentTaker::TakeFromCopy(uint64_t email_number, const std::string& copy_path) {
-  std::string message;
-  if (!ReadWholeFile(copy_path, message)) {
-    unreadable_.fetch_add(1, std::memory_order_relaxed);
-    return;
-  }
-  TakeFromMessage(email_number, message);
+TakenMessage AttachmentTaker::Take(const QueuedMessage& message) {
+  const MessageParts parts = TakeMessageParts(message.bytes);
+  TakenMessage taken;
+  taken.cuts = parts.cuts;
+  taken.rows.reserve(parts.parts.size());
+  for (const MessagePart& part : parts.parts) taken.rows.push_back(Describe(message.email_number, part));
+  return taken;
 }
 
-void AttachmentTaker::TakeFromMessage(uint64_t email_number, std::span<const char> message) {
-  const MessageParts taken = TakeMessageParts(message);
+void AttachmentTaker::Emit(const TakenMessage& taken) {
   Count(taken.cuts);
-  for (const MessagePart& part : taken.parts) WriteRow(Describe(email_number, part));
+  for (const AttachmentRow& row : taken.rows) WriteRow(row);
 }
 
 AttachmentRow AttachmentTaker::Describe(uint64_t email_number, const MessagePart& part) {

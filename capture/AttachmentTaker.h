@@ -1,15 +1,15 @@
-// --attachments: the attachments of every recorded message taken out of its
-// ".eml" copy, hashed, typed from their bytes, stored once by content under
-// attachments/ and listed in attachments.jsonl (and, through the sink, the
-// database).
+// --attachments: the attachments of every recorded message taken out of
+// the message the module saved, hashed, typed from their bytes, stored once
+// by content under attachments/ and listed in attachments.jsonl (and,
+// through the sink, the database).
 //
-// The thread that posts a record queues its copy right after placing it
-// (capture/HostLog.h); the taker's own thread then parses, hashes, types
-// and stores, beside the analysis, one message at a time in the order they
-// were queued. Memory is bounded by the largest message: one message's
-// bytes and parts are held at a time, and the queue holds paths, bounded
-// (capture/AttachmentQueue.h). Finish waits for the queue before the run's
-// figures are read.
+// The thread that posts a record reads the module's copy of the message
+// and queues its bytes (capture/HostLog.h); the queue's threads then parse,
+// hash, type and store, beside the analysis, several messages at once, and
+// the rows come out one message at a time in the order they were queued.
+// Memory is bounded by the largest message: the queue holds at most 64 MiB
+// of messages, or one larger than that (capture/AttachmentQueue.h). Finish
+// waits for the queue before the run's figures are read.
 //
 // attachments.jsonl, one line per attachment: {"email_number", "part",
 // "file_name", "declared_type", "detected_type", "size", "md5", "sha1",
@@ -22,7 +22,6 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -57,18 +56,14 @@ class AttachmentTaker {
   AttachmentTaker(const AttachmentTaker&) = delete;
   AttachmentTaker& operator=(const AttachmentTaker&) = delete;
 
-  // Queues the copy `copy_path` (absolute) of the message `email_number`
-  // for the taker's thread, which removes it once read when `delete_after`.
-  // Waits while the queue is full. Safe from several threads.
-  void Queue(uint64_t email_number, const std::string& copy_path, bool delete_after);
+  // Queues the bytes of the message `email_number` for the taker's
+  // threads. Waits while the queue is full. Safe from several threads.
+  void Queue(uint64_t email_number, std::string message);
+  // Counts a message whose copy could not be read, whose attachments are
+  // then not taken.
+  void CountUnreadable() { unreadable_.fetch_add(1, std::memory_order_relaxed); }
   // Waits until every queued message is taken.
   void Finish();
-  // Takes the attachments of the message `email_number` whose copy is the
-  // file `copy_path` (absolute), on the caller's thread. Safe from several
-  // threads.
-  void TakeFromCopy(uint64_t email_number, const std::string& copy_path);
-  // The same over the message's bytes.
-  void TakeFromMessage(uint64_t email_number, std::span<const char> message);
 
   AttachmentTally tally() const;
   // The tally as the counters of statistics.json's "Capture": {"Attachments": {...}}.
@@ -81,7 +76,11 @@ class AttachmentTaker {
 
  private:
   AttachmentTaker(std::unique_ptr<AttachmentStore> store, const IocHashes* iocs, AttachmentSink* sink);
+  // On the queue's threads: the message's attachments described and stored.
+  TakenMessage Take(const QueuedMessage& message);
   AttachmentRow Describe(uint64_t email_number, const MessagePart& part);
+  // One message at a time, in the queue's order: its rows written and counted.
+  void Emit(const TakenMessage& taken);
   void WriteRow(const AttachmentRow& row);
   void Count(const PartCuts& cuts);
   std::unique_ptr<ContentTypeDetector> TakeDetector();

@@ -2,7 +2,9 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,9 +21,11 @@ namespace {
 
 constexpr char kStaging[] = ".staging";
 constexpr std::string_view kCopyExtension = ".eml";
+constexpr char kMemoryFileSystem[] = "/dev/shm";
 
-// Removes the entries of a folder, one level of folders deep, and the folder.
-void RemoveFolder(int parent_fd, const char* name) {
+// Removes the entries of a folder, and of the folders in it when `nested`,
+// and the folder.
+void RemoveFolder(int parent_fd, const char* name, bool nested) {
   const int fd = OpenFolder(parent_fd, name);
   if (fd < 0) return;
   DIR* dir = ::fdopendir(fd);
@@ -35,7 +39,7 @@ void RemoveFolder(int parent_fd, const char* name) {
       names.emplace_back(entry->d_name);
   for (const std::string& entry : names) {
     if (::unlinkat(fd, entry.c_str(), 0) == 0) continue;
-    if (errno == EISDIR && std::strcmp(name, kStaging) == 0) RemoveFolder(fd, entry.c_str());
+    if (errno == EISDIR && nested) RemoveFolder(fd, entry.c_str(), false);
   }
   ::closedir(dir);
   ::unlinkat(parent_fd, name, AT_REMOVEDIR);
@@ -58,6 +62,36 @@ std::string SuffixedName(std::string_view name, uint32_t suffix) {
   return std::string(name) + "-" + std::to_string(suffix) + std::string(extension);
 }
 
+// A private folder (0700) of the memory file system, absolute; empty when
+// there is none.
+std::string MakeMemoryFolder() {
+  struct statfs info {};
+  if (::statfs(kMemoryFileSystem, &info) != 0) return {};
+  if (info.f_type != TMPFS_MAGIC && info.f_type != RAMFS_MAGIC) return {};
+  std::string path = std::string(kMemoryFileSystem) + "/pelka-email-XXXXXX";
+  return ::mkdtemp(path.data()) ? path : std::string();
+}
+
+// The whole of a regular file, read through a descriptor that follows no
+// link (nor waits on a FIFO); false when it cannot be read.
+bool ReadWholeFile(int folder_fd, const char* name, std::string* bytes) {
+  const int fd = ::openat(folder_fd, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return false;
+  struct stat info {};
+  bool ok = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+  if (ok) bytes->resize(static_cast<size_t>(info.st_size));
+  size_t have = 0;
+  while (ok && have < bytes->size()) {
+    const ssize_t got = ::read(fd, bytes->data() + have, bytes->size() - have);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    have += static_cast<size_t>(got);
+  }
+  ::close(fd);
+  bytes->resize(have);
+  return ok;
+}
+
 }  // namespace
 
 std::string ModuleStorageRoot(const std::string& out_dir) {
@@ -77,7 +111,7 @@ std::unique_ptr<CopyStore> CopyStore::Open(const std::string& out_dir, std::stri
   const int copy_fd = OpenOutputSubfolder(out_dir, kFolder, "the copy folder", &made, error);
   if (copy_fd < 0) return nullptr;
   // What an interrupted run left in staging was never posted.
-  RemoveFolder(copy_fd, kStaging);
+  RemoveFolder(copy_fd, kStaging, true);
   const int staging_fd = MakeFolder(copy_fd, kStaging, 0700);
   if (staging_fd < 0) {
     *error = FolderProblem(copy_dir + kStaging, errno);
@@ -85,6 +119,24 @@ std::unique_ptr<CopyStore> CopyStore::Open(const std::string& out_dir, std::stri
     return nullptr;
   }
   return std::unique_ptr<CopyStore>(new CopyStore(copy_dir, copy_fd, staging_fd, made));
+}
+
+std::unique_ptr<CopyStore> CopyStore::OpenTransient(const std::string& out_dir, std::string* error) {
+  const std::string memory = MakeMemoryFolder();
+  if (memory.empty()) return Open(out_dir, error);
+  // The module makes its path by appending the folder's name to the output
+  // folder: the memory folder is named from there.
+  std::error_code failed;
+  const std::string from_out_dir = std::filesystem::relative(memory, out_dir, failed).string();
+  const int staging_fd = failed || from_out_dir.empty() ? -1 : OpenFolder(AT_FDCWD, memory.c_str());
+  if (staging_fd < 0) {
+    ::rmdir(memory.c_str());
+    return Open(out_dir, error);
+  }
+  std::unique_ptr<CopyStore> store(new CopyStore({}, -1, staging_fd, false));
+  store->staging_prefix_ = from_out_dir;
+  store->memory_folder_ = memory;
+  return store;
 }
 
 std::unique_ptr<CopyStore> CopyStore::Unplaced() {
@@ -114,9 +166,14 @@ CopyStore::CopyStore(std::string copy_dir, int copy_fd, int staging_fd, bool mad
     : copy_dir_(std::move(copy_dir)), copy_fd_(copy_fd), staging_fd_(staging_fd), made_(made) {}
 
 CopyStore::~CopyStore() {
+  if (!memory_folder_.empty()) {
+    ::close(staging_fd_);
+    RemoveFolder(AT_FDCWD, memory_folder_.c_str(), true);
+    return;
+  }
   if (copy_fd_ < 0) return;
   ::close(staging_fd_);
-  RemoveFolder(copy_fd_, kStaging);
+  RemoveFolder(copy_fd_, kStaging, true);
   ::close(copy_fd_);
   // A run without a copy leaves no empty folder it made; one with copies in
   // it is not removed.
@@ -131,21 +188,36 @@ const char* CopyStore::StagingFolder() {
   const std::string number = std::to_string(staging_.size());
   // A failure shows up as the module's copy missing at Place.
   ::mkdirat(staging_fd_, number.c_str(), 0700);
-  staging_.emplace_back(self, std::make_unique<std::string>(std::string(kFolder) + "/" + kStaging + "/" + number));
+  staging_.emplace_back(self, std::make_unique<std::string>(staging_prefix_ + "/" + number));
   return staging_.back().second->c_str();
 }
 
-std::string CopyStore::Place(std::string_view staged_path) {
+std::string CopyStore::StagedName(std::string_view staged_path) {
   const size_t slash = staged_path.rfind('/');
   const size_t before = slash == std::string_view::npos || slash == 0 ? std::string_view::npos
                                                                       : staged_path.rfind('/', slash - 1);
-  if (before == std::string_view::npos) return Fail("the copy " + std::string(staged_path) + " is not staged", 0);
-  const std::string name(staged_path.substr(slash + 1));
-  const std::string folder(staged_path.substr(before + 1, slash - before - 1));
+  if (before == std::string_view::npos) return {};
+  const std::string_view name = staged_path.substr(slash + 1);
+  const std::string_view folder = staged_path.substr(before + 1, slash - before - 1);
   // Only a staging folder's number and a plain name are taken from the path.
-  if (name.empty() || folder.empty() || folder.find_first_not_of("0123456789") != std::string::npos)
-    return Fail("the copy " + std::string(staged_path) + " is not staged", 0);
-  const std::string staged = folder + "/" + name;
+  if (name.empty() || folder.empty() || folder.find_first_not_of("0123456789") != std::string::npos) return {};
+  return std::string(folder) + "/" + std::string(name);
+}
+
+bool CopyStore::ReadStaged(std::string_view staged_path, std::string* bytes) const {
+  const std::string staged = StagedName(staged_path);
+  return !staged.empty() && ReadWholeFile(staging_fd_, staged.c_str(), bytes);
+}
+
+void CopyStore::Drop(std::string_view staged_path) const {
+  const std::string staged = StagedName(staged_path);
+  if (!staged.empty()) ::unlinkat(staging_fd_, staged.c_str(), 0);
+}
+
+std::string CopyStore::Place(std::string_view staged_path) {
+  const std::string staged = StagedName(staged_path);
+  if (staged.empty()) return Fail("the copy " + std::string(staged_path) + " is not staged", 0);
+  const std::string name = staged.substr(staged.find('/') + 1);
   struct stat info {};
   if (::fstatat(staging_fd_, staged.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(info.st_mode)) {
     const int code = errno == ENOENT ? 0 : errno;

@@ -20,6 +20,11 @@
 //
 // A copy that cannot be placed (the module could not write it, or the move
 // failed) is counted; its record's path is then empty.
+//
+// A store for copies that are only read and dropped (OpenTransient: the
+// attachments want the message, the user wants no copy) stages them in a
+// private folder of a memory file system (/dev/shm) when there is one, so
+// that no copy is ever written to the disk, and makes no email_copy/.
 #pragma once
 
 #include <sys/types.h>
@@ -53,6 +58,10 @@ class CopyStore {
   // `out_dir`: absolute, ending with '/'. Null with `error` set when the copy
   // folder is not a directory, or cannot be made or opened.
   static std::unique_ptr<CopyStore> Open(const std::string& out_dir, std::string* error);
+  // A store whose copies are read (ReadStaged) and dropped (Drop), never
+  // placed: staged in memory when a memory file system is at hand, else as
+  // Open stages them.
+  static std::unique_ptr<CopyStore> OpenTransient(const std::string& out_dir, std::string* error);
   // A store with no folder yet, for a run whose first output folder is named
   // by its first packet: MoveTo gives it one. Until then every copy fails.
   static std::unique_ptr<CopyStore> Unplaced();
@@ -72,6 +81,11 @@ class CopyStore {
   // final place, and returns that path; empty when the copy could not be
   // placed (counted, and the staged file removed).
   std::string Place(std::string_view staged_path);
+  // The bytes of the staged copy at `staged_path` (as Place takes it); false
+  // when it is not there or cannot be read.
+  bool ReadStaged(std::string_view staged_path, std::string* bytes) const;
+  // Removes the staged copy at `staged_path` without placing it.
+  void Drop(std::string_view staged_path) const;
 
   // Switches to <out_dir>email_copy/ (as Open makes it) for the copies
   // placed from now on, between two packets. What waits in staging moves
@@ -94,6 +108,9 @@ class CopyStore {
 
  private:
   CopyStore(std::string copy_dir, int copy_fd, int staging_fd, bool made);
+  // The staged copy's name below the staging folder ("N/name"); empty when
+  // the path names no staged copy.
+  static std::string StagedName(std::string_view staged_path);
 
   std::string Fail(const std::string& what, int code);
   // Tries the name and then its suffixed forms until one is free.
@@ -103,6 +120,10 @@ class CopyStore {
   int copy_fd_;
   int staging_fd_;
   bool made_;  // the copy folder was made by this run
+  // The staging folders' parent as the module is given it: below the
+  // output folder, or the memory folder reached from there.
+  std::string staging_prefix_ = std::string(kFolder) + "/.staging";
+  std::string memory_folder_;  // absolute; empty when staging is below the output folder
 
   std::mutex threads_mutex_;  // guards the staging folders of the threads
   std::vector<std::pair<std::thread::id, std::unique_ptr<std::string>>> staging_;

@@ -169,25 +169,32 @@ void HostLog::WriteRecordLine(const LogRecord& record) {
   writers_.push_back(std::move(writer));
 }
 
-void HostLog::PlaceCopy(LogRecord& record) {
-  const std::wstring_view staged = record.TextAt(copy_path_column_);
-  if (staged.empty()) return;
-  const std::wstring placed = Utf8ToWideText(store_->Place(WideToUtf8(staged)));
-  record.SetText(static_cast<uint16_t>(copy_path_column_), placed);
+void HostLog::HandleCopy(LogRecord& record) {
+  const std::wstring_view named = record.TextAt(copy_path_column_);
+  if (named.empty()) return;
+  const std::string staged = WideToUtf8(named);
+  // The taker gets the message before the copy moves, and in memory: the
+  // copy it was made from is placed or dropped right away.
+  if (outputs_.attachments) QueueMessage(record, staged);
+  std::string placed;
+  if (copies_) {
+    placed = store_->Place(staged);
+  } else {
+    store_->Drop(staged);
+  }
+  record.SetText(static_cast<uint16_t>(copy_path_column_), Utf8ToWideText(placed));
 }
 
-void HostLog::TakeAttachments(LogRecord& record) {
-  const std::wstring_view placed = record.TextAt(copy_path_column_);
-  if (placed.empty()) return;
-  const std::string path = WideToUtf8(placed);
+void HostLog::QueueMessage(const LogRecord& record, const std::string& staged) {
+  std::string message;
+  if (!store_->ReadStaged(staged, &message)) {
+    outputs_.attachments->CountUnreadable();
+    return;
+  }
   uint64_t number = 0;
   if (number_column_ >= 0 && record.field(static_cast<uint16_t>(number_column_)).kind == LogRecord::Kind::kNumber)
     number = record.field(static_cast<uint16_t>(number_column_)).number;
-  // Without --copies the copy was made for the attachments alone: the
-  // taker removes it once read, and the record names none.
-  outputs_.attachments->Queue(number, path, !copies_);
-  if (copies_) return;
-  record.SetText(static_cast<uint16_t>(copy_path_column_), std::wstring_view());
+  outputs_.attachments->Queue(number, std::move(message));
 }
 
 std::unique_ptr<LogRecord> HostLog::TakeOpen(IPelkaLogRecord* handle) {
@@ -222,8 +229,7 @@ uint32_t HostLog::PostRecord(IPelkaLogRecord* handle) {
       found_by_protocol_.emplace(protocol, 1);
     }
   }
-  if (store_) PlaceCopy(*record);
-  if (outputs_.attachments) TakeAttachments(*record);
+  if (store_) HandleCopy(*record);
   if (!record->TextAt(copy_path_column_).empty()) copies_written_.fetch_add(1, std::memory_order_relaxed);
   // The record is the caller's alone now: its line is built without a lock.
   if (outputs_.records) WriteRecordLine(*record);

@@ -19,10 +19,11 @@
 //   the store's staging folders instead, and each kept record's copy is moved
 //   to its final name when the record is posted, the record then naming that
 //   file (or nothing, when the copy could not be placed; capture/CopyStore.h).
-// - Attachments: with a taker, the placed copy is read back on the posting
-//   thread before the record's line is written. Without `copies` the copy
-//   was made only for that: it is removed and the record names no file, as
-//   it would without the taker.
+// - Attachments: with a taker, the staged copy is read on the posting
+//   thread and its bytes queued before the copy is placed. Without `copies`
+//   the copy was made only for that (in memory when the store can:
+//   CopyStore::OpenTransient): it is dropped and the record names no file,
+//   as it would without the taker.
 // - Conditions: with the user's e-mail conditions, a record that does not meet
 //   them leaves no line, no export line, no entry and no copy
 //   (capture/RecordConditions.h).
@@ -71,7 +72,7 @@ struct LogOutputs {
   bool export_each_record = false;
   RunSink* sink = nullptr;        // the records and entries once more (emails.sqlite)
   // --attachments: each kept record's message is handed over from its copy
-  // (the copies are then made even without `copies`, and removed again).
+  // (the copies are then made even without `copies`, and dropped again).
   AttachmentTaker* attachments = nullptr;
 };
 
@@ -130,11 +131,12 @@ class HostLog final : public IPelkaLog {
   std::unique_ptr<LogRecord> TakeOpen(IPelkaLogRecord* record);
   void Recycle(std::unique_ptr<LogRecord> record);
   void WriteRecordLine(const LogRecord& record);
-  // Moves the record's staged copy to its final name, which the record then holds.
-  void PlaceCopy(LogRecord& record);
-  // Hands the placed copy to the attachment taker; removes it when only the
+  // Hands the record's staged copy to the attachment taker, and moves it to
+  // its final name, which the record then holds, or drops it when only the
   // taker wanted it.
-  void TakeAttachments(LogRecord& record);
+  void HandleCopy(LogRecord& record);
+  // Reads the staged copy `staged` and queues it for the attachment taker.
+  void QueueMessage(const LogRecord& record, const std::string& staged);
   void BuildRecordLine(const LogRecord& record, LineWriter& writer);
   // With mutex_ held: the batch being filled, replaced by an empty one.
   std::unique_ptr<LogRecordSet> TakeBatch();

@@ -125,9 +125,13 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
       // The folders below come with the packets (StartFolder).
       if (options_.copies) copy_store_ = CopyStore::Unplaced();
     } else {
-      const bool stage_copies = options_.copies || options_.attachments;
-      if (stage_copies && !(copy_store_ = CopyStore::Open(root, &problem))) return Fail(problem);
-      if (copy_store_ && !copy_store_->Writable(&problem)) return Fail(problem);
+      if (options_.copies) {
+        if (!(copy_store_ = CopyStore::Open(root, &problem))) return Fail(problem);
+      } else if (options_.attachments) {
+        // The copies are made for the attachments alone, and never kept.
+        if (!(copy_store_ = CopyStore::OpenTransient(root, &problem))) return Fail(problem);
+      }
+      if (copy_store_ && copy_store_->placed() && !copy_store_->Writable(&problem)) return Fail(problem);
       for (auto [file, name] : Files())
         if (!file->Open(root + name)) return Fail(file->error());
       folder_ = root;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <string_view>
@@ -54,12 +55,23 @@ std::string DeclaredType(GMimeObject* object) {
 // The file name as text the outputs can carry: the parser decodes encoded
 // words and RFC 2231 parameters into UTF-8, but bytes it could not convert
 // may be left in a name; those become U+FFFD.
-std::string FileName(GMimePart* part) {
-  const char* name = g_mime_part_get_filename(part);
+std::string ValidName(const char* name) {
   if (!name || !*name) return {};
   if (g_utf8_validate(name, -1, nullptr)) return name;
   const GText valid(g_utf8_make_valid(name, -1));
   return valid.get();
+}
+
+std::string FileName(GMimePart* part) { return ValidName(g_mime_part_get_filename(part)); }
+
+// The same for a part of any kind (a message sent inside the message).
+std::string FileName(GMimeObject* object) {
+  const char* name = nullptr;
+  if (GMimeContentDisposition* disposition = g_mime_object_get_content_disposition(object))
+    name = g_mime_content_disposition_get_parameter(disposition, "filename");
+  GMimeContentType* type = g_mime_object_get_content_type(object);
+  if ((!name || !*name) && type) name = g_mime_content_type_get_parameter(type, "name");
+  return ValidName(name);
 }
 
 // Whether a leaf part is a file the analyst wants: anything sent as an
@@ -75,50 +87,105 @@ bool IsTaken(GMimeObject* object) {
                    !g_mime_content_type_is_type(type, "multipart", "*"));
 }
 
-// What each byte is in base64 text; a table, as this runs over every byte
-// of every encoded attachment.
-enum class Base64Byte : uint8_t { kForeign, kLetter, kPad, kSpace };
-
-constexpr std::array<Base64Byte, 256> Base64Bytes() {
-  std::array<Base64Byte, 256> table{};
-  for (const char c : std::string_view("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/"))
-    table[static_cast<unsigned char>(c)] = Base64Byte::kLetter;
-  for (const char c : std::string_view(" \t\r\n\v\f")) table[static_cast<unsigned char>(c)] = Base64Byte::kSpace;
-  table['='] = Base64Byte::kPad;
-  return table;
+bool IsBase64Letter(unsigned char c) {
+  return static_cast<unsigned char>(c - 'A') < 26 || static_cast<unsigned char>(c - 'a') < 26 ||
+         static_cast<unsigned char>(c - '0') < 10 || c == '+' || c == '/';
 }
-constexpr std::array<Base64Byte, 256> kBase64Bytes = Base64Bytes();
+
+// ' ', and '\t' '\n' '\v' '\f' '\r', which follow each other.
+bool IsBase64Space(unsigned char c) { return c == ' ' || static_cast<unsigned char>(c - '\t') < 5; }
+
+// Sixteen bytes at once: this runs over every byte of every encoded
+// attachment, and a byte at a time took as long as one of the hashes.
+typedef unsigned char Bytes16 __attribute__((vector_size(16)));
+
+// Adds the letters of base64 text that holds no '=' to `letters`; false
+// when a byte is neither a letter nor white space.
+bool CountBase64Letters(const unsigned char* bytes, size_t length, uint64_t* letters) {
+  Bytes16 foreign = {};
+  size_t at = 0;
+  while (length - at >= sizeof(Bytes16)) {
+    // A lane counts to 255 at most before it is added up.
+    Bytes16 counted = {};
+    const size_t stop = at + std::min<size_t>(length - at, 255 * sizeof(Bytes16));
+    for (; stop - at >= sizeof(Bytes16); at += sizeof(Bytes16)) {
+      Bytes16 v;
+      std::memcpy(&v, bytes + at, sizeof v);
+      const Bytes16 letter = (Bytes16)((Bytes16)(v - 'A') < 26) | (Bytes16)((Bytes16)(v - 'a') < 26) |
+                             (Bytes16)((Bytes16)(v - '0') < 10) | (Bytes16)(v == '+') | (Bytes16)(v == '/');
+      const Bytes16 space = (Bytes16)(v == ' ') | (Bytes16)((Bytes16)(v - '\t') < 5);
+      foreign |= ~(letter | space);
+      counted -= letter;  // a lane that is a letter is all ones
+    }
+    for (size_t lane = 0; lane < sizeof(Bytes16); ++lane) *letters += counted[lane];
+  }
+  bool whole = true;
+  for (size_t lane = 0; lane < sizeof(Bytes16); ++lane) whole = whole && foreign[lane] == 0;
+  for (; at < length; ++at) {
+    const bool letter = IsBase64Letter(bytes[at]);
+    *letters += letter;
+    whole = whole && (letter || IsBase64Space(bytes[at]));
+  }
+  return whole;
+}
 
 // Whether base64 text stops in the middle of a group of four letters or
 // carries bytes that are neither letters nor white space: the decoder skips
 // such bytes and drops the cut group, so the file it gives is not whole.
-bool Base64Broken(GMimeStream* encoded) {
-  if (g_mime_stream_reset(encoded) != 0) return true;
-  char buffer[16384];
-  uint64_t letters = 0;
-  bool padded = false;
-  for (;;) {
-    const ssize_t read = g_mime_stream_read(encoded, buffer, sizeof buffer);
-    if (read < 0) return true;
-    if (read == 0) break;
-    for (ssize_t i = 0; i < read; ++i) {
-      switch (kBase64Bytes[static_cast<unsigned char>(buffer[i])]) {
-        case Base64Byte::kSpace:
-          break;
-        case Base64Byte::kPad:
-          padded = true;
-          ++letters;
-          break;
-        case Base64Byte::kLetter:
-          if (padded) return true;  // letters after the end
-          ++letters;
-          break;
-        case Base64Byte::kForeign:
-          return true;
+class Base64Check {
+ public:
+  // Looks at the next bytes of the text; false once it is found broken.
+  bool Add(const unsigned char* bytes, size_t length) {
+    size_t at = 0;
+    if (!padded_) {
+      const void* pad = std::memchr(bytes, '=', length);
+      at = pad ? static_cast<size_t>(static_cast<const unsigned char*>(pad) - bytes) : length;
+      if (!CountBase64Letters(bytes, at, &letters_)) return false;
+      padded_ = pad != nullptr;
+    }
+    // From the first '=' on, only '=' (which counts as a letter) and white
+    // space: letters after the end break it.
+    for (; at < length; ++at) {
+      if (bytes[at] == '=') {
+        ++letters_;
+      } else if (!IsBase64Space(bytes[at])) {
+        return false;
       }
     }
+    return true;
   }
-  return letters % 4 != 0;
+  bool CutShort() const { return letters_ % 4 != 0; }
+
+ private:
+  uint64_t letters_ = 0;
+  bool padded_ = false;
+};
+
+// The bytes of a part's stream where they lie in memory already (the
+// parser's streams over the message's bytes); empty otherwise.
+std::span<const unsigned char> BytesInMemory(GMimeStream* stream) {
+  if (!GMIME_IS_STREAM_MEM(stream) || g_mime_stream_reset(stream) != 0) return {};
+  const GByteArray* buffer = g_mime_stream_mem_get_byte_array(GMIME_STREAM_MEM(stream));
+  const gint64 start = g_mime_stream_tell(stream), length = g_mime_stream_length(stream);
+  if (!buffer || start < 0 || length <= 0 || static_cast<guint64>(start) + static_cast<guint64>(length) > buffer->len)
+    return {};
+  return {buffer->data + start, static_cast<size_t>(length)};
+}
+
+bool Base64Broken(GMimeStream* encoded) {
+  Base64Check check;
+  // Looked at where it lies, rather than copied out once more.
+  if (const std::span<const unsigned char> bytes = BytesInMemory(encoded); !bytes.empty())
+    return !check.Add(bytes.data(), bytes.size()) || check.CutShort();
+  if (g_mime_stream_reset(encoded) != 0) return true;
+  unsigned char buffer[16384];
+  for (;;) {
+    const ssize_t read = g_mime_stream_read(encoded, reinterpret_cast<char*>(buffer), sizeof buffer);
+    if (read < 0) return true;
+    if (read == 0) break;
+    if (!check.Add(buffer, static_cast<size_t>(read))) return true;
+  }
+  return check.CutShort();
 }
 
 // A message parsed from bytes (the parser keeps a copy of them); null when
@@ -162,8 +229,9 @@ class PartWalk {
  public:
   // `message_size`: what the messages found inside encoded parts may add up
   // to, twice over, as each of them is parsed again from its own copy.
-  PartWalk(const PartLimits& limits, size_t message_size)
-      : limits_(limits), reparse_budget_(2 * uint64_t{message_size}) {}
+  // `crlf`: the message's lines end with CR LF.
+  PartWalk(const PartLimits& limits, size_t message_size, bool crlf)
+      : limits_(limits), reparse_budget_(2 * uint64_t{message_size}), crlf_(crlf) {}
 
   MessageParts Walk(GMimeObject* root) {
     Pending pending{{root, 0}};
@@ -195,6 +263,7 @@ class PartWalk {
     }
     if (GMIME_IS_MESSAGE_PART(object)) {
       GMimeMessage* inner = g_mime_message_part_get_message(GMIME_MESSAGE_PART(object));
+      if (inner) TakeNamedMessage(object, inner);
       GMimeObject* body = inner ? g_mime_message_get_mime_part(inner) : nullptr;
       if (body) pending.emplace_back(body, depth + 1);
       return;
@@ -221,6 +290,8 @@ class PartWalk {
       ++result_.cuts.malformed;
       return;
     }
+    // A message that names a file is a file too, besides what is in it.
+    if (std::string name = FileName(GMIME_OBJECT(part)); !name.empty()) Keep(GMIME_OBJECT(part), std::move(name), bytes);
     if (bytes.size() > reparse_budget_) {
       ++result_.cuts.too_big;
       return;
@@ -253,17 +324,42 @@ class PartWalk {
       ++result_.cuts.malformed;
       return;
     }
-    if (decoded.size() > limits_.max_bytes - kept_bytes_) {
+    if (broken && decoded.size() <= limits_.max_bytes - kept_bytes_) ++result_.cuts.malformed;
+    Keep(GMIME_OBJECT(part), FileName(part), std::move(decoded));
+  }
+
+  // A message inside the message that names a file, as it was sent: the
+  // parser keeps its headers and content as they came.
+  void TakeNamedMessage(GMimeObject* object, GMimeMessage* inner) {
+    std::string name = FileName(object);
+    if (name.empty()) return;
+    const GRef<GMimeStream> sink(g_mime_stream_mem_new());
+    // It writes its line ends as told, whatever they were: as the message's.
+    const std::unique_ptr<GMimeFormatOptions, void (*)(GMimeFormatOptions*)> options(g_mime_format_options_new(),
+                                                                                     g_mime_format_options_free);
+    g_mime_format_options_set_newline_format(options.get(),
+                                             crlf_ ? GMIME_NEWLINE_FORMAT_DOS : GMIME_NEWLINE_FORMAT_UNIX);
+    if (g_mime_object_write_to_stream(GMIME_OBJECT(inner), options.get(), sink.get()) < 0) {
+      ++result_.cuts.malformed;
+      return;
+    }
+    std::string bytes;
+    Collect(sink.get(), &bytes);
+    Keep(object, std::move(name), std::move(bytes));
+  }
+
+  // Lists a file, within the bound on the bytes kept.
+  void Keep(GMimeObject* object, std::string name, std::string content) {
+    if (content.size() > limits_.max_bytes - kept_bytes_) {
       ++result_.cuts.too_big;
       return;
     }
-    if (broken) ++result_.cuts.malformed;
-    kept_bytes_ += decoded.size();
+    kept_bytes_ += content.size();
     MessagePart& taken = result_.parts.emplace_back();
     taken.index = static_cast<uint32_t>(result_.parts.size());
-    taken.file_name = FileName(part);
-    taken.declared_type = DeclaredType(GMIME_OBJECT(part));
-    taken.content = std::move(decoded);
+    taken.file_name = std::move(name);
+    taken.declared_type = DeclaredType(object);
+    taken.content = std::move(content);
   }
 
   // The part's bytes with the transfer encoding taken off.
@@ -292,6 +388,7 @@ class PartWalk {
   uint32_t looked_at_ = 0;
   uint64_t kept_bytes_ = 0;
   uint64_t reparse_budget_;
+  bool crlf_;
   std::vector<GRef<GMimeMessage>> enclosed_;  // the messages found in encoded parts, which `pending` points into
 };
 
@@ -303,7 +400,10 @@ MessageParts TakeMessageParts(std::span<const char> message, const PartLimits& l
   const GRef<GMimeMessage> parsed = ParseMessage(message.first(parsed_length));
   GMimeObject* root = parsed ? g_mime_message_get_mime_part(parsed.get()) : nullptr;
   if (!root) return {};
-  MessageParts result = PartWalk(limits, message.size()).Walk(root);
+  const std::string_view text(message.data(), message.size());
+  const size_t line_end = text.find('\n');
+  const bool crlf = line_end != std::string_view::npos && line_end > 0 && text[line_end - 1] == '\r';
+  MessageParts result = PartWalk(limits, message.size(), crlf).Walk(root);
   if (parsed_length < message.size()) ++result.cuts.too_many;  // the parts of the rest, at least one
   return result;
 }

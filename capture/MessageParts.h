@@ -3,7 +3,10 @@
 // its transfer encoding (base64, quoted-printable, uuencode).
 //
 // Parts of messages sent inside the message (message/rfc822, also when
-// given a transfer encoding) are taken too, in document order.
+// given a transfer encoding) are taken too, in document order; such a
+// message that names a file (an attached "note.txt" that is a message) is
+// taken itself as well, before its parts, as sent (decoded from its
+// transfer encoding).
 //
 // This reads the message independently of the module's own header scan,
 // which stays what the records hold; here names given with RFC 2231

@@ -63,6 +63,16 @@ std::string Several(int count) {
   return message + "--s--\n";
 }
 
+// A message sent inside another, with an attachment of its own.
+const std::string kForwarded =
+    "Subject: inner\nContent-Type: multipart/mixed; boundary=\"in\"\n\n" +
+    Attachment("in", "Content-Type: text/plain", "inner body") +
+    Attachment("in",
+               "Content-Type: text/plain; name=\"notes.txt\"\nContent-Disposition: attachment\n"
+               "Content-Transfer-Encoding: quoted-printable",
+               "caf=C3=A9 costs 3=3D3=\n euros") +
+    "--in--";
+
 struct Expected {
   std::string name;
   std::string type;
@@ -87,30 +97,29 @@ TEST(AttachmentPartsTest, TakesTheFilesOutOfMessages) {
            Attachment("outer", "Content-Type: multipart/related; boundary=\"rel\"",
                       Attachment("rel", "Content-Type: IMAGE/PNG\nContent-Transfer-Encoding: base64", kPngBase64) +
                           "--rel--") +
-           Attachment("outer", "Content-Type: message/rfc822",
-                      "Subject: inner\nContent-Type: multipart/mixed; boundary=\"in\"\n\n" +
-                          Attachment("in", "Content-Type: text/plain", "inner body") +
-                          Attachment("in",
-                                     "Content-Type: text/plain; name=\"notes.txt\"\nContent-Disposition: attachment\n"
-                                     "Content-Transfer-Encoding: quoted-printable",
-                                     "caf=C3=A9 costs 3=3D3=\n euros") +
-                          "--in--") +
+           Attachment("outer", "Content-Type: message/rfc822\nContent-Disposition: attachment; filename=\"fwd.txt\"",
+                      kForwarded) +
            Attachment("outer",
                       "Content-Type: application/pdf\nContent-Disposition: attachment; filename=\"invoice.pdf\"\n"
                       "Content-Transfer-Encoding: base64",
                       kProgramBase64) +
            "--outer--\n",
-       {{"", "image/png", kPng}, {"notes.txt", "text/plain", "caf\xc3\xa9 costs 3=3 euros"},
+       {{"", "image/png", kPng},
+        {"fwd.txt", "message/rfc822", Crlf(kForwarded) + "\r\n"},
+        {"notes.txt", "text/plain", "caf\xc3\xa9 costs 3=3 euros"},
         {"invoice.pdf", "application/pdf", kProgram}},
        {}},
       {"forwarded messages in base64, and in text that only claims to be base64",
        "Content-Type: multipart/mixed; boundary=\"f\"\n\n" +
            Attachment("f", "Content-Type: message/rfc822\nContent-Transfer-Encoding: base64",
                       "Q29udGVudC1EaXNwb3NpdGlvbjogYXR0YWNobWVudDsgZmlsZW5hbWU9YS5iaW4KCmlubmVy") +
-           Attachment("f", "Content-Type: message/rfc822\nContent-Transfer-Encoding: base64",
+           Attachment("f", "Content-Type: message/rfc822; name=\"innocent.txt\"\nContent-Transfer-Encoding: base64",
                       "Content-Type: application/octet-stream; name=\"malware.exe\"\n\nMZ payload") +
            "--f--\n",
-       {{"a.bin", "application/octet-stream", "inner"}, {"malware.exe", "application/octet-stream", "MZ payload"}},
+       {{"a.bin", "application/octet-stream", "inner"},
+        {"innocent.txt", "message/rfc822",
+         Crlf("Content-Type: application/octet-stream; name=\"malware.exe\"\n\nMZ payload")},
+        {"malware.exe", "application/octet-stream", "MZ payload"}},
        {}},
       {"names in RFC 2231 and RFC 2047, a part without a type",
        "Content-Type: multipart/mixed; boundary=\"n\"\n\n" +
@@ -125,16 +134,18 @@ TEST(AttachmentPartsTest, TakesTheFilesOutOfMessages) {
         {"\xd0\xa1\xd0\xbf\xd0\xb8\xd1\x81\xd0\xbe\xd0\xba.doc", "application/msword", "3"},
         {"longname.bin", "application/octet-stream", "4"}},
        {}},
-      {"base64 cut short, base64 with foreign bytes, no end boundary",
+      {"base64 cut short, with foreign bytes, going on after its end, no end boundary",
        "Content-Type: multipart/mixed; boundary=\"m\"\n\n" +
            Attachment("m", "Content-Type: application/x-a\nContent-Transfer-Encoding: base64", "aGVsbG8sIHdvcmxkC") +
            Attachment("m", "Content-Type: application/x-b\nContent-Transfer-Encoding: base64",
                       "aGVs*bG8sIHdv\ncmxkCg==") +
+           Attachment("m", "Content-Type: application/x-e\nContent-Transfer-Encoding: base64", "aGk=\naGk=") +
            Attachment("m", "Content-Type: application/x-c\nContent-Transfer-Encoding: base64", "aGVsbG8sIHdvcmxkCg=="),
        {{"", "application/x-a", "hello, world"},
         {"", "application/x-b", "hello, world\n"},
+        {"", "application/x-e", "hi"},
         {"", "application/x-c", "hello, world\n"}},
-       {.malformed = 2}},
+       {.malformed = 3}},
       {"garbage", std::string("\0\xff\x01--\n\n--\n\n\x80", 12), {}, {}},
       {"leaf at the depth bound", Nested(5), {{"deep.txt", "application/octet-stream", "deep"}}, {}, {.max_depth = 5}},
       {"leaf below the depth bound", Nested(6), {}, {.too_deep = 1}, {.max_depth = 5}},
@@ -237,6 +248,18 @@ class AttachmentStoreTest : public ::testing::Test {
   const std::string out_dir_ = out_.string() + "/";
 };
 
+// A run stopped while writing a file through a temporary name leaves it
+// behind; the next run into the folder removes it and keeps the rest.
+TEST_F(AttachmentStoreTest, RemovesTheFilesAStoppedRunLeftHalfWritten) {
+  fs::create_directory(out_ / "attachments");
+  test::WriteWholeFile(out_ / "attachments" / ".partial-7-0", "half");
+  test::WriteWholeFile(out_ / "attachments" / "kept", "whole");
+  std::string error;
+  ASSERT_TRUE(AttachmentStore::Open(out_dir_, &error)) << error;
+  EXPECT_FALSE(fs::exists(out_ / "attachments" / ".partial-7-0"));
+  EXPECT_TRUE(fs::exists(out_ / "attachments" / "kept"));
+}
+
 // The same file attached twice (under two names) is written once, 0600,
 // under its hash, into a 0750 folder.
 TEST_F(AttachmentStoreTest, KeepsEachFileOnceUnderItsHash) {
@@ -284,23 +307,31 @@ TEST_F(AttachmentStoreTest, NeverWritesThroughLinksOrByOtherNames) {
 }
 
 
-// The messages are taken in the order they came, the poster is held while
-// the queue is full, and Finish returns once the last is taken.
-TEST(AttachmentQueueTest, TakesInOrderAndHoldsThePosterAtTheBound) {
+// Several threads take the messages, the first the slowest, yet they come
+// out in the order they came; the poster is held while the queue is full,
+// and Finish returns once the last is out.
+TEST(AttachmentQueueTest, EmitsInOrderAndHoldsThePosterAtTheBound) {
   std::mutex mutex;
   std::condition_variable opened;
   bool open = false;
-  std::vector<uint64_t> taken;
-  AttachmentQueue queue([&](const QueuedMessage& message) {
-    std::unique_lock<std::mutex> lock(mutex);
-    opened.wait(lock, [&] { return open; });
-    taken.push_back(message.email_number);
-  });
+  std::vector<uint64_t> emitted;
+  AttachmentQueue queue(
+      3,
+      [&](const QueuedMessage& message) {
+        if (message.email_number == 0) {
+          std::unique_lock<std::mutex> lock(mutex);
+          opened.wait(lock, [&] { return open; });
+        }
+        TakenMessage taken;
+        taken.rows.emplace_back().email_number = message.email_number;
+        return taken;
+      },
+      [&](const TakenMessage& taken) { emitted.push_back(taken.rows.at(0).email_number); });
   constexpr uint64_t kCount = AttachmentQueue::kMaxItems + 2;
   std::atomic<uint64_t> pushed{0};
   std::thread poster([&] {
     for (uint64_t number = 0; number < kCount; ++number) {
-      queue.Push({number, "", false, 1});
+      queue.Push(number, "x");
       ++pushed;
     }
   });
@@ -310,6 +341,7 @@ TEST(AttachmentQueueTest, TakesInOrderAndHoldsThePosterAtTheBound) {
   EXPECT_EQ(pushed.load(), AttachmentQueue::kMaxItems);
   {
     const std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_TRUE(emitted.empty());
     open = true;
   }
   opened.notify_all();
@@ -317,7 +349,7 @@ TEST(AttachmentQueueTest, TakesInOrderAndHoldsThePosterAtTheBound) {
   queue.Finish();
   std::vector<uint64_t> expected;
   for (uint64_t number = 0; number < kCount; ++number) expected.push_back(number);
-  EXPECT_EQ(taken, expected);
+  EXPECT_EQ(emitted, expected);
 }
 
 }  // namespace
