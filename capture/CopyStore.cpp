@@ -2,9 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/magic.h>
 #include <sys/stat.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,7 +19,6 @@ namespace {
 
 constexpr char kStaging[] = ".staging";
 constexpr std::string_view kCopyExtension = ".eml";
-constexpr char kMemoryFileSystem[] = "/dev/shm";
 
 // Removes the entries of a folder, and of the folders in it when `nested`,
 // and the folder.
@@ -60,16 +57,6 @@ std::string SuffixedName(std::string_view name, uint32_t suffix) {
     name.remove_suffix(extension.size());
   }
   return std::string(name) + "-" + std::to_string(suffix) + std::string(extension);
-}
-
-// A private folder (0700) of the memory file system, absolute; empty when
-// there is none.
-std::string MakeMemoryFolder() {
-  struct statfs info {};
-  if (::statfs(kMemoryFileSystem, &info) != 0) return {};
-  if (info.f_type != TMPFS_MAGIC && info.f_type != RAMFS_MAGIC) return {};
-  std::string path = std::string(kMemoryFileSystem) + "/pelka-email-XXXXXX";
-  return ::mkdtemp(path.data()) ? path : std::string();
 }
 
 // The whole of a regular file, read through a descriptor that follows no
@@ -121,24 +108,6 @@ std::unique_ptr<CopyStore> CopyStore::Open(const std::string& out_dir, std::stri
   return std::unique_ptr<CopyStore>(new CopyStore(copy_dir, copy_fd, staging_fd, made));
 }
 
-std::unique_ptr<CopyStore> CopyStore::OpenTransient(const std::string& out_dir, std::string* error) {
-  const std::string memory = MakeMemoryFolder();
-  if (memory.empty()) return Open(out_dir, error);
-  // The module makes its path by appending the folder's name to the output
-  // folder: the memory folder is named from there.
-  std::error_code failed;
-  const std::string from_out_dir = std::filesystem::relative(memory, out_dir, failed).string();
-  const int staging_fd = failed || from_out_dir.empty() ? -1 : OpenFolder(AT_FDCWD, memory.c_str());
-  if (staging_fd < 0) {
-    ::rmdir(memory.c_str());
-    return Open(out_dir, error);
-  }
-  std::unique_ptr<CopyStore> store(new CopyStore({}, -1, staging_fd, false));
-  store->staging_prefix_ = from_out_dir;
-  store->memory_folder_ = memory;
-  return store;
-}
-
 std::unique_ptr<CopyStore> CopyStore::Unplaced() {
   return std::unique_ptr<CopyStore>(new CopyStore({}, -1, -1, false));
 }
@@ -166,11 +135,6 @@ CopyStore::CopyStore(std::string copy_dir, int copy_fd, int staging_fd, bool mad
     : copy_dir_(std::move(copy_dir)), copy_fd_(copy_fd), staging_fd_(staging_fd), made_(made) {}
 
 CopyStore::~CopyStore() {
-  if (!memory_folder_.empty()) {
-    ::close(staging_fd_);
-    RemoveFolder(AT_FDCWD, memory_folder_.c_str(), true);
-    return;
-  }
   if (copy_fd_ < 0) return;
   ::close(staging_fd_);
   RemoveFolder(copy_fd_, kStaging, true);
@@ -188,7 +152,7 @@ const char* CopyStore::StagingFolder() {
   const std::string number = std::to_string(staging_.size());
   // A failure shows up as the module's copy missing at Place.
   ::mkdirat(staging_fd_, number.c_str(), 0700);
-  staging_.emplace_back(self, std::make_unique<std::string>(staging_prefix_ + "/" + number));
+  staging_.emplace_back(self, std::make_unique<std::string>(std::string(kFolder) + "/" + kStaging + "/" + number));
   return staging_.back().second->c_str();
 }
 

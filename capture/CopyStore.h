@@ -21,10 +21,9 @@
 // A copy that cannot be placed (the module could not write it, or the move
 // failed) is counted; its record's path is then empty.
 //
-// A store for copies that are only read and dropped (OpenTransient: the
-// attachments want the message, the user wants no copy) stages them in a
-// private folder of a memory file system (/dev/shm) when there is one, so
-// that no copy is ever written to the disk, and makes no email_copy/.
+// Copies made only for the attachments (the user wants none) are staged the
+// same way, read (ReadStaged) and dropped (Drop), never placed; the copy
+// folder the run made for them goes at the end.
 #pragma once
 
 #include <sys/types.h>
@@ -58,10 +57,6 @@ class CopyStore {
   // `out_dir`: absolute, ending with '/'. Null with `error` set when the copy
   // folder is not a directory, or cannot be made or opened.
   static std::unique_ptr<CopyStore> Open(const std::string& out_dir, std::string* error);
-  // A store whose copies are read (ReadStaged) and dropped (Drop), never
-  // placed: staged in memory when a memory file system is at hand, else as
-  // Open stages them.
-  static std::unique_ptr<CopyStore> OpenTransient(const std::string& out_dir, std::string* error);
   // A store with no folder yet, for a run whose first output folder is named
   // by its first packet: MoveTo gives it one. Until then every copy fails.
   static std::unique_ptr<CopyStore> Unplaced();
@@ -122,9 +117,6 @@ class CopyStore {
   bool made_;  // the copy folder was made by this run
   // The staging folders' parent as the module is given it: below the
   // output folder, or the memory folder reached from there.
-  std::string staging_prefix_ = std::string(kFolder) + "/.staging";
-  std::string memory_folder_;  // absolute; empty when staging is below the output folder
-
   std::mutex threads_mutex_;  // guards the staging folders of the threads
   std::vector<std::pair<std::thread::id, std::unique_ptr<std::string>>> staging_;
 

@@ -21,8 +21,7 @@
 //   file (or nothing, when the copy could not be placed; capture/CopyStore.h).
 // - Attachments: with a taker, the staged copy is read on the posting
 //   thread and its bytes queued before the copy is placed. Without `copies`
-//   the copy was made only for that (in memory when the store can:
-//   CopyStore::OpenTransient): it is dropped and the record names no file,
+//   the copy was made only for that: it is dropped and the record names no file,
 //   as it would without the taker.
 // - Conditions: with the user's e-mail conditions, a record that does not meet
 //   them leaves no line, no export line, no entry and no copy

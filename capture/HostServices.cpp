@@ -125,12 +125,9 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
       // The folders below come with the packets (StartFolder).
       if (options_.copies) copy_store_ = CopyStore::Unplaced();
     } else {
-      if (options_.copies) {
-        if (!(copy_store_ = CopyStore::Open(root, &problem))) return Fail(problem);
-      } else if (options_.attachments) {
-        // The copies are made for the attachments alone, and never kept.
-        if (!(copy_store_ = CopyStore::OpenTransient(root, &problem))) return Fail(problem);
-      }
+      // Without --copies, copies made for the attachments alone are read and dropped.
+      if ((options_.copies || options_.attachments) && !(copy_store_ = CopyStore::Open(root, &problem)))
+        return Fail(problem);
       if (copy_store_ && copy_store_->placed() && !copy_store_->Writable(&problem)) return Fail(problem);
       for (auto [file, name] : Files())
         if (!file->Open(root + name)) return Fail(file->error());
