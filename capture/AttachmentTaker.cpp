@@ -69,11 +69,7 @@ AttachmentRow AttachmentTaker::Describe(uint64_t email_number, const MessagePart
   row.declared_type = part.declared_type;
   row.size = part.content.size();
   row.hashes = HashBytes(part.content);
-  // The detector is held only while it looks at the bytes; a thread that
-  // finds none idle makes one, so there are as many as threads at once.
-  std::unique_ptr<ContentTypeDetector> detector = TakeDetector();
-  row.detected_type = detector ? detector->Detect(part.content) : "application/octet-stream";
-  if (detector) ReturnDetector(std::move(detector));
+  row.detected_type = DetectType(row.hashes.sha256, part.content);
   row.type_mismatch = TypesDisagree(row.declared_type, row.detected_type);
   row.ioc_match = iocs_ && iocs_->Matches(row.hashes);
   row.stored_path = store_->Store(row.hashes.sha256, part.content);
@@ -106,6 +102,22 @@ void AttachmentTaker::Count(const PartCuts& cuts) {
   too_many_.fetch_add(cuts.too_many, std::memory_order_relaxed);
   too_big_.fetch_add(cuts.too_big, std::memory_order_relaxed);
   malformed_.fetch_add(cuts.malformed, std::memory_order_relaxed);
+}
+
+std::string AttachmentTaker::DetectType(const std::string& sha256, std::span<const char> content) {
+  {
+    const std::lock_guard<std::mutex> lock(detectors_mutex_);
+    if (const auto known = known_types_.find(sha256); known != known_types_.end()) return known->second;
+  }
+  // The detector is held only while it looks at the bytes; a thread that
+  // finds none idle makes one, so there are as many as threads at once.
+  std::unique_ptr<ContentTypeDetector> detector = TakeDetector();
+  std::string type = detector ? detector->Detect(content) : "application/octet-stream";
+  if (!detector) return type;
+  ReturnDetector(std::move(detector));
+  const std::lock_guard<std::mutex> lock(detectors_mutex_);
+  if (known_types_.size() < kKnownTypes) known_types_.emplace(sha256, type);
+  return type;
 }
 
 std::unique_ptr<ContentTypeDetector> AttachmentTaker::TakeDetector() {

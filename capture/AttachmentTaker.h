@@ -22,7 +22,9 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -83,6 +85,9 @@ class AttachmentTaker {
   void Emit(const TakenMessage& taken);
   void WriteRow(const AttachmentRow& row);
   void Count(const PartCuts& cuts);
+  // The type detected from `content`, whose SHA-256 is `sha256`: a file seen
+  // before is not looked at again.
+  std::string DetectType(const std::string& sha256, std::span<const char> content);
   std::unique_ptr<ContentTypeDetector> TakeDetector();
   void ReturnDetector(std::unique_ptr<ContentTypeDetector> detector);
 
@@ -93,6 +98,11 @@ class AttachmentTaker {
 
   std::mutex detectors_mutex_;  // guards the detectors no thread holds now
   std::vector<std::unique_ptr<ContentTypeDetector>> detectors_;
+  // The detected type of each file taken so far, by SHA-256, up to a bound:
+  // detection is a fixed cost per file, and a file sent to many receivers
+  // (or seen once sent and again fetched) has one type.
+  static constexpr size_t kKnownTypes = 16384;
+  std::unordered_map<std::string, std::string> known_types_;  // guarded by detectors_mutex_
 
   std::atomic<uint64_t> found_{0}, mismatches_{0}, ioc_matches_{0}, unreadable_{0};
   std::atomic<uint64_t> too_deep_{0}, too_many_{0}, too_big_{0}, malformed_{0};
