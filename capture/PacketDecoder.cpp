@@ -230,7 +230,7 @@ bool IsSupportedLinkType(int link_type) {
 }
 
 DecodeStatus PacketDecoder::Decode(int link_type, const uint8_t* frame, size_t length, DecodedPacket* out) {
-  *out = DecodedPacket{};
+  *out = empty_;
   const DecodeStatus status = frame == nullptr ? DecodeStatus::kTruncated : DecodeFrame(link_type, frame, length, out);
   Count(status, *out);
   return status;
