@@ -234,6 +234,7 @@ size_t OtherValueEnd(std::string_view line, size_t at) {
 }  // namespace
 
 JsonFields::JsonFields(std::string_view line) {
+  fields_.reserve(kUsualFields);
   size_t at = line.find('{');
   if (at == std::string_view::npos) return;
   ++at;
@@ -271,7 +272,10 @@ std::string UnescapeJson(std::string_view text) {
   out.reserve(text.size());
   for (size_t i = 0; i < text.size(); ++i) {
     if (text[i] != '\\' || i + 1 >= text.size()) {
-      out += text[i];
+      // Up to the next backslash the text is taken as it is, in one piece.
+      const size_t next = std::min(text.find('\\', i + 1), text.size());
+      out.append(text.substr(i, next - i));
+      i = next - 1;
       continue;
     }
     const char c = text[++i];

@@ -61,6 +61,8 @@ class JsonFields {
     std::string_view key;
     std::string_view text;
   };
+  // Room made at once: a record line has 27 keys.
+  static constexpr size_t kUsualFields = 32;
   std::vector<Field> fields_;
 };
 // A string's escaped contents read back (the escapes AppendJsonString writes).

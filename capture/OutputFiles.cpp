@@ -131,6 +131,7 @@ void OutputFile::Fail(const char* what) {
   const int code = errno;
   error_ = std::string(what) + " " + path_ + (code ? std::string(": ") + std::strerror(code) : std::string());
   failed_.store(true, std::memory_order_release);
+  if (shared_failure_) shared_failure_->store(true, std::memory_order_release);
 }
 
 bool OutputFile::Write(std::string_view text) {

@@ -71,6 +71,10 @@ class OutputFile {
   // final, so any thread may read it after seeing failed().
   const std::string& error() const { return error_; }
   bool failed() const { return failed_.load(std::memory_order_acquire); }
+  // Also raises `flag` when the file fails, so that one flag can stand for
+  // several files where they are asked after every packet. Set before the
+  // file is used; the flag must outlive it.
+  void ShareFailure(std::atomic<bool>* flag) { shared_failure_ = flag; }
   // Lines written out to the file.
   uint64_t lines() const { return lines_.load(std::memory_order_relaxed); }
   // Lines taken but never written because the file failed.
@@ -92,6 +96,7 @@ class OutputFile {
   std::string path_;
   std::string error_;
   std::atomic<bool> failed_{false};
+  std::atomic<bool>* shared_failure_ = nullptr;
   std::atomic<uint64_t> lines_{0};
   std::atomic<uint64_t> lines_lost_{0};
   uint64_t complete_bytes_ = 0;  // bytes of the whole lines written so far

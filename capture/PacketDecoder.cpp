@@ -1,5 +1,6 @@
 #include "capture/PacketDecoder.h"
 
+#include <array>
 #include <cstring>
 
 namespace pelka {
@@ -55,10 +56,15 @@ DecodeStatus DecodeTcp(Span f, size_t pos, size_t end, size_t captured_end, Deco
   return DecodeStatus::kTcp;
 }
 
-void SetAddress(IpAddress* address, uint8_t version, const uint8_t* bytes, size_t count) {
+// The address's length is fixed per version, so that the copy and the zeros
+// behind it are a few stores rather than two library calls per address.
+template <size_t kCount>
+void SetAddress(IpAddress* address, uint8_t version, const uint8_t* bytes) {
+  static_assert(kCount <= sizeof address->bytes);
+  std::array<uint8_t, sizeof address->bytes> value{};
+  std::memcpy(value.data(), bytes, kCount);
   address->version = version;
-  address->bytes.fill(0);
-  std::memcpy(address->bytes.data(), bytes, count);
+  address->bytes = value;
 }
 
 DecodeStatus DecodeIpv4(Span f, size_t pos, DecodedPacket* out) {
@@ -79,8 +85,8 @@ DecodeStatus DecodeIpv4(Span f, size_t pos, DecodedPacket* out) {
   if (ip[9] != kIpProtoTcp) return DecodeStatus::kNotTcp;
 
   out->network_offset = static_cast<uint32_t>(pos);
-  SetAddress(&out->source, 4, ip + 12, 4);
-  SetAddress(&out->destination, 4, ip + 16, 4);
+  SetAddress<4>(&out->source, 4, ip + 12);
+  SetAddress<4>(&out->destination, 4, ip + 16);
   const size_t captured_end = end < f.length ? end : f.length;  // drops link-layer padding
   return DecodeTcp(f, pos + header_length, end, captured_end, out);
 }
@@ -95,8 +101,8 @@ DecodeStatus DecodeIpv6(Span f, size_t pos, DecodedPacket* out) {
   const size_t captured_end = end < f.length ? end : f.length;
 
   out->network_offset = static_cast<uint32_t>(pos);
-  SetAddress(&out->source, 6, ip + 8, 16);
-  SetAddress(&out->destination, 6, ip + 24, 16);
+  SetAddress<16>(&out->source, 6, ip + 8);
+  SetAddress<16>(&out->destination, 6, ip + 24);
 
   uint8_t next = ip[6];
   size_t cursor = pos + 40;
@@ -230,7 +236,7 @@ bool IsSupportedLinkType(int link_type) {
 }
 
 DecodeStatus PacketDecoder::Decode(int link_type, const uint8_t* frame, size_t length, DecodedPacket* out) {
-  *out = DecodedPacket{};
+  *out = empty_;
   const DecodeStatus status = frame == nullptr ? DecodeStatus::kTruncated : DecodeFrame(link_type, frame, length, out);
   Count(status, *out);
   return status;

@@ -48,6 +48,10 @@ struct EndSearchProgress {
   uint64_t fetch_scan_position = 0;
   uint64_t zero_free_length = 0;
   bool fetch_text_ended = false;
+  // IMAP4: the fetch tag followed by " OK", made at the first question after
+  // the tag or the collection changed rather than for every packet; empty
+  // until then.
+  std::string fetch_marker;
 };
 
 // The message fields (sender_name ... attachments, the body times, size,

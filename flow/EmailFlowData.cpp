@@ -36,43 +36,24 @@ uint32_t CEmailFlowDataImpl::Reserve(uint32_t capacity) {
 }
 
 CEmailFlowDataImpl::~CEmailFlowDataImpl() {
-  if (pool_ && owned_) pool_->Give({std::move(owned_), allocated_});
+  if (pool_ && owned_) pool_->Give(std::move(owned_));
 }
 
 bool CEmailFlowDataImpl::MakeRoom(uint64_t capacity) {
-  if (allocated_ == 0 && pool_) {
-    MessageBuffer kept = pool_->Take();
-    owned_ = std::move(kept.bytes);
-    allocated_ = kept.size;
+  if (!owned_ && pool_) owned_ = pool_->Take();
+  if (capacity > owned_.size()) {
+    // The allocation at least doubles, so a message collected packet by
+    // packet is copied a bounded number of times in all (large buffers grow
+    // without copying); pages never written stay untouched.
+    uint64_t doubled = uint64_t{owned_.size()} * 2;
+    if (growth_limit_) doubled = std::min<uint64_t>(doubled, growth_limit_);
+    const uint64_t size = std::min<uint64_t>(std::max(capacity, doubled), UINT32_MAX);
+    if (size < capacity) return false;
+    if (!owned_.Grow(static_cast<uint32_t>(size), start_offset_ + retained_length_)) return false;
   }
-  if (capacity <= allocated_) {
-    // Growing within the allocation: compacting is all that is left to do.
-    if (start_offset_ && retained_length_) {
-      std::memmove(owned_.get(), owned_.get() + start_offset_, retained_length_);
-    }
-    start_offset_ = 0;
-    return true;
+  if (start_offset_ && retained_length_) {
+    std::memmove(owned_.get(), owned_.get() + start_offset_, retained_length_);
   }
-  // The allocation at least doubles, so a message collected packet by packet
-  // is copied a bounded number of times in all; pages never written stay
-  // untouched.
-  uint64_t doubled = uint64_t{allocated_} * 2;
-  if (growth_limit_) doubled = std::min<uint64_t>(doubled, growth_limit_);
-  const uint64_t size = std::min<uint64_t>(std::max(capacity, doubled), UINT32_MAX);
-  if (size < capacity) return false;
-  if (start_offset_ == 0) {
-    // Nothing to move to the front: realloc keeps the bytes, often in place.
-    auto* grown = static_cast<uint8_t*>(std::realloc(owned_.get(), size));
-    if (!grown) return false;
-    (void)owned_.release();
-    owned_.reset(grown);
-  } else {
-    MessageBytes grown(static_cast<uint8_t*>(std::malloc(size)));
-    if (!grown) return false;
-    if (retained_length_) std::memcpy(grown.get(), owned_.get() + start_offset_, retained_length_);
-    owned_ = std::move(grown);
-  }
-  allocated_ = static_cast<uint32_t>(size);
   start_offset_ = 0;
   return true;
 }

@@ -99,7 +99,6 @@ class CEmailFlowDataImpl final : public CTQObjectImplT<CPAEFlowData, CTQMultiThr
   // compacted buffer as far as callers can tell; the allocation behind it
   // grows geometrically so that collecting a message stays linear.
   uint32_t capacity_ = 0;
-  uint32_t allocated_ = 0;
   uint32_t growth_limit_ = 0;
   MessageBufferPool* pool_ = nullptr;
   MessageBytes owned_;

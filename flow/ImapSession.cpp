@@ -73,6 +73,7 @@ void ParseImapCommand(CEmailFlowContext& context, const uint8_t* payload, uint32
   context.fetch_tag = WideToAnsi(line.substr(0, fetch > 0 ? fetch - 1 : 0));
   // The completion marker changed: the collected bytes are searched anew.
   context.end_search.fetch_scan_position = 0;
+  context.end_search.fetch_marker.clear();
 }
 
 // Whether a match may start at `position`: in a double-byte code page the
@@ -102,7 +103,8 @@ bool IsFetchComplete(CEmailFlowContext& context) {
     progress.fetch_text_ended = visible < total - from;
   }
   const uint64_t text_length = progress.zero_free_length;
-  const std::string marker = context.fetch_tag + " OK";
+  if (progress.fetch_marker.empty()) progress.fetch_marker = context.fetch_tag + " OK";
+  const std::string& marker = progress.fetch_marker;
   const uint8_t* text = text_length ? data.GetBuffer(0, static_cast<uint32_t>(text_length)) : nullptr;
   if (!text || text_length < marker.size()) return false;
 

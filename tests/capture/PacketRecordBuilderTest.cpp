@@ -39,7 +39,10 @@ TEST(PacketRecordBuilderTest, RecordsReadBackThroughTheModuleReaders) {
     EXPECT_EQ(GetPacketTime(&record), 1700000000123456ull);
     uint16_t source = 0, destination = 0;
     ASSERT_EQ(FindTcpPorts(&record, &source, &destination), c.has_ports);
-    if (!c.has_ports) continue;
+    if (!c.has_ports) {
+      EXPECT_EQ(record.record[7] & 0x0F, 0) << "a record without layers, whatever the one before held";
+      continue;
+    }
     EXPECT_EQ(source, 40000);
     EXPECT_EQ(destination, 25);
     EXPECT_EQ(record.record[7] & 0x0F, 1);

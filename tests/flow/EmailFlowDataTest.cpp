@@ -55,7 +55,31 @@ TEST(FlowDataStorage, StagedBytesReadInOrderAndConsumeDropsFromTheFront) {
   }
 }
 
-MessageBuffer BufferOfSize(uint32_t size) { return {MessageBytes(static_cast<uint8_t*>(std::malloc(size))), size}; }
+// Growing past the mapped size, from a buffer whose front was consumed and
+// from a mapped one, keeps every byte in order.
+TEST(FlowDataStorage, GrowingALargeMessageKeepsItsBytes) {
+  CEmailFlowDataImpl store;
+  std::string expected;
+  for (uint32_t i = 0; expected.size() < 5 * MessageBytes::kMappedSize; ++i) {
+    const std::string packet(1000 + i % 7, static_cast<char>('a' + i % 26));
+    store.Append(Bytes(packet), static_cast<uint32_t>(packet.size()));
+    store.Commit();
+    expected += packet;
+    if (i == 3) {
+      store.Consume(1500);
+      expected.erase(0, 1500);
+    }
+  }
+  const auto length = static_cast<uint32_t>(expected.size());
+  ASSERT_EQ(store.GetLength(), length);
+  EXPECT_TRUE(Text(store.GetBuffer(0, length), length) == expected);
+}
+
+MessageBytes BufferOfSize(uint32_t size) {
+  MessageBytes buffer;
+  EXPECT_TRUE(buffer.Grow(size, 0));
+  return buffer;
+}
 
 TEST(MessageBufferPoolTest, KeepsTheLargestBuffersAndHandsOutTheLargestFirst) {
   MessageBufferPool pool;
@@ -63,7 +87,7 @@ TEST(MessageBufferPoolTest, KeepsTheLargestBuffersAndHandsOutTheLargestFirst) {
   pool.Give({});  // an empty buffer is not kept, nor one above the largest size kept
   pool.Give(BufferOfSize(MessageBufferPool::kLargestKept + 1));
   std::vector<uint32_t> taken;
-  for (MessageBuffer buffer = pool.Take(); buffer.bytes; buffer = pool.Take()) taken.push_back(buffer.size);
+  for (MessageBytes buffer = pool.Take(); buffer; buffer = pool.Take()) taken.push_back(buffer.size());
   ASSERT_EQ(taken.size(), MessageBufferPool::kKept);
   EXPECT_EQ(taken.front(), (MessageBufferPool::kKept + 2) * 100);
   EXPECT_EQ(taken.back(), 300u) << "the two smallest were dropped";
@@ -90,7 +114,7 @@ TEST(MessageBufferPoolTest, AStoreStartsInTheBufferAnEndedStoreLeft) {
   second.Commit();
   EXPECT_EQ(second.GetOwnedBuffer(), first_buffer);
   EXPECT_EQ(Text(second.GetBuffer(0, 5), 5), "hello");
-  EXPECT_FALSE(pool.Take().bytes) << "the pool's only buffer is in use";
+  EXPECT_FALSE(pool.Take()) << "the pool's only buffer is in use";
 }
 
 TEST(FlowDataSearch, FindBytesNeverTestsANeedleEndingAtTheRangeEnd) {

@@ -127,6 +127,16 @@ TEST(EndOfBodyTest, ImapAnswerDoesNotDependOnHowBytesArrive) {
   }
 }
 
+// A new body fetch while a response is being collected: its tag is awaited.
+TEST(EndOfBodyTest, ImapAwaitsTheLatestFetchTag) {
+  Session imap(143);
+  imap.Client(kFetch, 1);
+  imap.Server("* 1 FETCH (UID 1 BODY[] {5}\r\n", 2);
+  imap.Client("A4 UID FETCH 2 (BODY.PEEK[])\r\n", 1);
+  imap.Server("A4 OK done\r\n", 2);
+  EXPECT_EQ(imap.context().in_body, 0u);
+}
+
 TEST(SmtpAuthTest, PromptsAndLoginLines) {
   const std::tuple<const char*, const char*, const wchar_t*> cases[] = {  // prompt, client line, account
       {"334 VXNlcm5hbWU6\r\n", "Ym9i\r\n", L"bob"},
