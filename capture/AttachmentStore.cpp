@@ -1,6 +1,5 @@
 #include "capture/AttachmentStore.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -36,18 +35,8 @@ bool WriteAll(int fd, std::span<const char> content) {
 
 // Removes the temporary files a run stopped while writing left behind.
 void RemovePartials(int folder_fd) {
-  const int fd = ::openat(folder_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return;
-  DIR* dir = ::fdopendir(fd);
-  if (!dir) {
-    ::close(fd);
-    return;
-  }
-  std::vector<std::string> partials;
-  while (const dirent* entry = ::readdir(dir))
-    if (std::string_view(entry->d_name).starts_with(kTemporaryPrefix)) partials.emplace_back(entry->d_name);
-  ::closedir(dir);
-  for (const std::string& name : partials) ::unlinkat(folder_fd, name.c_str(), 0);
+  for (const std::string& name : FolderEntryNames(folder_fd))
+    if (name.starts_with(kTemporaryPrefix)) ::unlinkat(folder_fd, name.c_str(), 0);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "capture/CopyStore.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,28 +24,12 @@ constexpr std::string_view kCopyExtension = ".eml";
 void RemoveFolder(int parent_fd, const char* name, bool nested) {
   const int fd = OpenFolder(parent_fd, name);
   if (fd < 0) return;
-  DIR* dir = ::fdopendir(fd);
-  if (!dir) {
-    ::close(fd);
-    return;
-  }
-  std::vector<std::string> names;
-  while (const dirent* entry = ::readdir(dir))
-    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
-      names.emplace_back(entry->d_name);
-  for (const std::string& entry : names) {
+  for (const std::string& entry : FolderEntryNames(fd)) {
     if (::unlinkat(fd, entry.c_str(), 0) == 0) continue;
     if (errno == EISDIR && nested) RemoveFolder(fd, entry.c_str(), false);
   }
-  ::closedir(dir);
+  ::close(fd);
   ::unlinkat(parent_fd, name, AT_REMOVEDIR);
-}
-
-std::string FolderProblem(const std::string& path, int code) {
-  if (code == ELOOP || code == ENOTDIR)
-    return "the copy folder " + path +
-           " is a symbolic link or not a directory; remove it or choose another output folder";
-  return "cannot make or open the copy folder " + path + ": " + std::strerror(code);
 }
 
 // "name.eml" with the suffix: "name-2.eml".
@@ -101,7 +84,7 @@ std::unique_ptr<CopyStore> CopyStore::Open(const std::string& out_dir, std::stri
   RemoveFolder(copy_fd, kStaging, true);
   const int staging_fd = MakeFolder(copy_fd, kStaging, 0700);
   if (staging_fd < 0) {
-    *error = FolderProblem(copy_dir + kStaging, errno);
+    *error = FolderProblem("the copy folder", copy_dir + kStaging, errno);
     ::close(copy_fd);
     return nullptr;
   }

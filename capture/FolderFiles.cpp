@@ -1,5 +1,6 @@
 #include "capture/FolderFiles.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,7 +20,21 @@ int MakeFolder(int parent_fd, const char* name, mode_t mode) {
   return OpenFolder(parent_fd, name);
 }
 
-namespace {
+std::vector<std::string> FolderEntryNames(int folder_fd) {
+  std::vector<std::string> names;
+  const int fd = OpenFolder(folder_fd, ".");
+  if (fd < 0) return names;
+  DIR* dir = ::fdopendir(fd);
+  if (!dir) {
+    ::close(fd);
+    return names;
+  }
+  while (const dirent* entry = ::readdir(dir))
+    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
+      names.emplace_back(entry->d_name);
+  ::closedir(dir);
+  return names;
+}
 
 std::string FolderProblem(const char* what, const std::string& path, int code) {
   if (code == ELOOP || code == ENOTDIR)
@@ -27,8 +42,6 @@ std::string FolderProblem(const char* what, const std::string& path, int code) {
            " is a symbolic link or not a directory; remove it or choose another output folder";
   return std::string("cannot make or open ") + what + " " + path + ": " + std::strerror(code);
 }
-
-}  // namespace
 
 int OpenOutputSubfolder(const std::string& out_dir, const char* name, const char* what, bool* made,
                         std::string* error) {

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 namespace pelka {
 
@@ -16,6 +17,15 @@ int OpenFolder(int parent_fd, const char* name);
 
 // Makes the folder when missing and opens it, as OpenFolder.
 int MakeFolder(int parent_fd, const char* name, mode_t mode);
+
+// The names of the entries of the folder open at `folder_fd` ("." and ".."
+// left out); the descriptor stays open and its own. Empty when it cannot be
+// read.
+std::vector<std::string> FolderEntryNames(int folder_fd);
+
+// What the user is told when the folder at `path`, named as `what` ("the
+// copy folder"), cannot be made or opened, `code` being errno.
+std::string FolderProblem(const char* what, const std::string& path, int code);
 
 // Opens the folder `name` of the output folder `out_dir` (absolute, ending
 // with '/'), made 0750 when missing (`made` then true). -1 with `error` set
