@@ -32,8 +32,9 @@ Pipeline::Pipeline(const ProgramOptions& options, FlowSink* sink) : hold_limit_m
     if (read_blocks) pool = std::make_unique<PcapBlockPool>(kParallelBlocks, kParallelBlockBytes);
   } else {
     tracker = std::make_unique<FlowTracker>(sink, TrackerOptions(options));
-    // The reader takes the next block before it lets go of the current one.
-    if (read_blocks) pool = std::make_unique<PcapBlockPool>(2);
+    // The blocks read ahead and the one walked, and one more, so that the
+    // read ahead never waits for the walk to let go of its block.
+    if (read_blocks) pool = std::make_unique<PcapBlockPool>(PcapBlockReader::kMaxAhead + 2);
   }
   if (pool) blocks = std::make_unique<PcapBlockReader>(pool.get());
 }

@@ -11,7 +11,9 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <optional>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -83,10 +85,30 @@ ReadStatus NextForFlows(Source& source, CapturedFrame* frame, PcapBlock** block,
   }
 }
 
+// While it lives, a thread of its own copies the file's next blocks out of the
+// kernel, so that the one analysing thread only walks them: the copy is about
+// a fifth of a single-threaded run.
+class ReadAheadThread {
+ public:
+  explicit ReadAheadThread(PcapBlockReader& blocks) : blocks_(blocks), thread_([this] { blocks_.ReadAhead(); }) {}
+  ~ReadAheadThread() {
+    blocks_.EndReadAhead();
+    thread_.join();
+  }
+  ReadAheadThread(const ReadAheadThread&) = delete;
+  ReadAheadThread& operator=(const ReadAheadThread&) = delete;
+
+ private:
+  PcapBlockReader& blocks_;
+  std::thread thread_;
+};
+
 // Reads every frame of `source` into one tracker; false when an input was
 // damaged or unreadable.
 template <typename Source>
 bool ReadAll(Source& source, Pipeline& pipeline, HostServices& services, ReadState& state) {
+  std::optional<ReadAheadThread> read_ahead;
+  if constexpr (std::is_same_v<Source, PcapBlockReader>) read_ahead.emplace(source);
   CapturedFrame frame;
   PcapBlock* block = nullptr;
   DecodedPacket packet;

@@ -78,7 +78,9 @@ void PcapBlockReader::CloseFile() {
     ahead_ready_.wait(lock, [this] { return reads_in_flight_ == 0; });
     for (const Ahead& ahead : ahead_) ahead.block->Unref();
     ahead_.clear();
+    ++walk_moves_;
   }
+  walk_moved_.notify_one();
   if (block_) block_->Unref();
   block_ = nullptr;
   if (fd >= 0) ::close(fd);
@@ -123,10 +125,14 @@ bool PcapBlockReader::OpenBlocks(const std::string& path) {
   block_offset_ = kPcapFileHeaderBytes;
   filled_ = 0;
   position_ = 0;
-  const std::lock_guard<std::mutex> lock(ahead_mutex_);
-  fd_ = fd;
-  next_unclaimed_ = kPcapFileHeaderBytes;
-  prefetch_end_ = static_cast<uint64_t>(info.st_size);
+  {
+    const std::lock_guard<std::mutex> lock(ahead_mutex_);
+    fd_ = fd;
+    next_unclaimed_ = kPcapFileHeaderBytes;
+    prefetch_end_ = static_cast<uint64_t>(info.st_size);
+    ++walk_moves_;
+  }
+  walk_moved_.notify_one();
   return true;
 }
 
@@ -174,6 +180,25 @@ bool PcapBlockReader::Prefetch() {
   return true;
 }
 
+void PcapBlockReader::ReadAhead() {
+  std::unique_lock<std::mutex> lock(ahead_mutex_);
+  while (!read_ahead_ended_) {
+    const uint64_t seen = walk_moves_;
+    lock.unlock();
+    const bool read = Prefetch();
+    lock.lock();
+    if (!read) walk_moved_.wait(lock, [&] { return read_ahead_ended_ || walk_moves_ != seen; });
+  }
+}
+
+void PcapBlockReader::EndReadAhead() {
+  {
+    const std::lock_guard<std::mutex> lock(ahead_mutex_);
+    read_ahead_ended_ = true;
+  }
+  walk_moved_.notify_one();
+}
+
 void PcapBlockReader::NextBlock() {
   const uint64_t offset = block_ ? block_offset_ + pool_->block_bytes() : kPcapFileHeaderBytes;
   if (block_) block_->Unref();
@@ -190,7 +215,9 @@ void PcapBlockReader::NextBlock() {
       next = ahead_.front();
       ahead_.pop_front();
     }
+    ++walk_moves_;
   }
+  walk_moved_.notify_one();
   if (!next.block) {
     next.block = pool_->Acquire();
     next.filled = ReadBlock(fd_, next.block, offset);

@@ -55,6 +55,13 @@ class PcapBlockReader {
   bool Prefetch();
   static constexpr size_t kMaxAhead = 4;
 
+  // On a thread of its own while one thread walks the frames: reads ahead
+  // until EndReadAhead, sleeping while there is nothing to read (the walk is
+  // kMaxAhead blocks behind, every block is in use, or no file is open).
+  // The pool needs kMaxAhead + 1 blocks for the walk never to wait on a read.
+  void ReadAhead();
+  void EndReadAhead();
+
   // From any thread or a signal handler: the next call of Next answers kEnd.
   void Stop() { stopped_ = true; }
 
@@ -128,6 +135,11 @@ class PcapBlockReader {
   uint64_t next_unclaimed_ = 0;  // offset of the first block nobody reads yet
   uint64_t prefetch_end_ = 0;    // the file's size when opened: read-ahead stops there
   unsigned reads_in_flight_ = 0;
+  // ReadAhead sleeps on `walk_moved_` until `walk_moves_` changes: the walk
+  // took a block, or a file was opened or closed.
+  std::condition_variable walk_moved_;
+  uint64_t walk_moves_ = 0;
+  bool read_ahead_ended_ = false;
 
   std::unique_ptr<CaptureSource> fallback_;
   int stdin_timeout_ms_ = 0;
