@@ -142,7 +142,7 @@ FlowTracker::Key FlowTracker::MakeKey(const DecodedPacket& packet) {
 void FlowTracker::OnPacket(const DecodedPacket& decoded, const uint8_t* frame, uint64_t packet_number,
                            uint64_t time_us) {
   ++counters_.packets;
-  ExpireIdle(time_us);
+  if (IdleExpired(time_us)) ExpireIdle(time_us);
   const uint16_t protocol = Classify(decoded);
   if (protocol == 0) {
     ++counters_.not_mail;
@@ -503,8 +503,12 @@ void FlowTracker::Touch(Flow& flow, uint64_t time_us) {
   if (!oldest_) oldest_ = &flow;
 }
 
+bool FlowTracker::IdleExpired(uint64_t time_us) const {
+  return oldest_ && time_us > oldest_->last_time_us && time_us - oldest_->last_time_us > options_.idle_timeout_us;
+}
+
 void FlowTracker::ExpireIdle(uint64_t time_us) {
-  while (oldest_ && time_us > oldest_->last_time_us && time_us - oldest_->last_time_us > options_.idle_timeout_us) {
+  while (IdleExpired(time_us)) {
     Flow& flow = *oldest_;
     if (flow.ended) {
       Erase(flow);

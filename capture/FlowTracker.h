@@ -163,6 +163,10 @@ class FlowTracker {
   void Erase(Flow& flow);
   void Touch(Flow& flow, uint64_t time_us);
   void Unlink(Flow& flow);
+  // Whether the least recently active entry has been silent too long: asked
+  // inline for every packet, so that ExpireIdle is called only when there is
+  // something to end.
+  bool IdleExpired(uint64_t time_us) const;
   void ExpireIdle(uint64_t time_us);
   void MakeRoom();
 
