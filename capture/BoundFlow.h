@@ -12,7 +12,6 @@
 #include "capture/MailObserver.h"
 #include "capture/Notices.h"
 #include "capture/RunDatabase.h"
-#include "host/PacketRecord.h"
 
 namespace pelka {
 
@@ -32,9 +31,8 @@ struct BoundFlow final : NoticeListener {
     notices.WriteNotice(flow.tracked(), kind, packet, time_us);
   }
   // The connection's own notices, once each: it began before the capture, it
-  // lost data.
-  void NoticeCapture(const PacketRecord& record) {
-    const uint64_t packet = GetPacketNumber(&record);
+  // lost data. `packet` is the number of the packet just handled.
+  void NoticeCapture(uint64_t packet) {
     if (!seen_packet && !flow.tracked().opened_by_syn()) OnNotice(NoticeKind::kMidstreamStart, packet);
     seen_packet = true;
     if (flow.tracked().gaps() > 0 && !gap_noticed) OnNotice(NoticeKind::kTcpGap, packet);

@@ -22,6 +22,16 @@ uint16_t Classify(const DecodedPacket& packet) {
   return 0;
 }
 
+// IpAddress's own == compares byte by byte through a library call; the
+// address as two 64-bit words and its version is a few instructions.
+bool SameAddress(const IpAddress& a, const IpAddress& b) {
+  uint64_t x[2];
+  uint64_t y[2];
+  std::memcpy(x, a.bytes.data(), sizeof x);
+  std::memcpy(y, b.bytes.data(), sizeof y);
+  return ((x[0] ^ y[0]) | (x[1] ^ y[1])) == 0 && a.version == b.version;
+}
+
 }  // namespace
 
 // A segment's bytes as needed to deliver it: the frame up to the end of the
@@ -132,7 +142,7 @@ FlowTracker::Key FlowTracker::MakeKey(const DecodedPacket& packet) {
 void FlowTracker::OnPacket(const DecodedPacket& decoded, const uint8_t* frame, uint64_t packet_number,
                            uint64_t time_us) {
   ++counters_.packets;
-  ExpireIdle(time_us);
+  if (IdleExpired(time_us)) ExpireIdle(time_us);
   const uint16_t protocol = Classify(decoded);
   if (protocol == 0) {
     ++counters_.not_mail;
@@ -140,12 +150,9 @@ void FlowTracker::OnPacket(const DecodedPacket& decoded, const uint8_t* frame, u
     return;
   }
 
-  const Key key = MakeKey(decoded);
   Packet packet{decoded, {frame, decoded.payload_offset, decoded.tcp_offset, decoded.payload_length, packet_number, time_us}, 0};
-  Flow* flow = Find(key);
+  Flow* flow = Find(decoded, &packet.side);
   if (flow) {
-    const FlowEndpoint& first = flow->view.sides_[0];
-    packet.side = first.address == decoded.source && first.port == decoded.source_port ? 0 : 1;
     if (StartsNewConnection(*flow, packet)) {
       if (!flow->ended) EndFlow(*flow, FlowEndReason::kReplaced);
       Erase(*flow);
@@ -161,7 +168,7 @@ void FlowTracker::OnPacket(const DecodedPacket& decoded, const uint8_t* frame, u
   if (flow) {
     Touch(*flow, time_us);
   } else {
-    flow = StartFlow(key, packet, protocol);
+    flow = StartFlow(MakeKey(decoded), packet, protocol);
   }
   HandlePacket(*flow, packet);
 }
@@ -441,15 +448,39 @@ void FlowTracker::ReleaseHeld(Stream& stream) {
   stream.held_bytes = 0;
 }
 
-FlowTracker::Flow* FlowTracker::Find(const Key& key) {
-  if (last_found_ && last_found_->key == key) return last_found_;
-  const auto found = flows_.find(key);
-  last_found_ = found == flows_.end() ? nullptr : found->second.get();
-  return last_found_;
+size_t FlowTracker::RecentSlot(const IpAddress& a, uint16_t a_port, const IpAddress& b, uint16_t b_port) {
+  // The same slot for both directions: ports and the addresses' last bytes
+  // (IPv4 and IPv6 alike) combined by xor.
+  const unsigned mix = a_port ^ b_port ^ a.bytes[3] ^ b.bytes[3] ^ a.bytes[15] ^ b.bytes[15];
+  return mix % kRecentSlots;
+}
+
+bool FlowTracker::SameConnection(const Flow& flow, const DecodedPacket& packet, int* side) {
+  const std::array<FlowEndpoint, 2>& sides = flow.view.sides_;
+  for (int from = 0; from < 2; ++from) {
+    if (sides[from].port == packet.source_port && sides[1 - from].port == packet.destination_port &&
+        SameAddress(sides[from].address, packet.source) && SameAddress(sides[1 - from].address, packet.destination)) {
+      *side = from;
+      return true;
+    }
+  }
+  return false;
+}
+
+FlowTracker::Flow* FlowTracker::Find(const DecodedPacket& packet, int* side) {
+  Flow*& recent = recent_[RecentSlot(packet.source, packet.source_port, packet.destination, packet.destination_port)];
+  if (recent && SameConnection(*recent, packet, side)) return recent;
+  const auto found = flows_.find(MakeKey(packet));
+  if (found == flows_.end()) return nullptr;
+  recent = found->second.get();
+  SameConnection(*recent, packet, side);
+  return recent;
 }
 
 void FlowTracker::Erase(Flow& flow) {
-  if (last_found_ == &flow) last_found_ = nullptr;
+  const std::array<FlowEndpoint, 2>& sides = flow.view.sides_;
+  Flow*& recent = recent_[RecentSlot(sides[0].address, sides[0].port, sides[1].address, sides[1].port)];
+  if (recent == &flow) recent = nullptr;
   for (Stream& stream : flow.streams) ReleaseHeld(stream);
   Unlink(flow);
   const Key key = flow.key;  // the flow, and its key, go with the entry
@@ -472,8 +503,12 @@ void FlowTracker::Touch(Flow& flow, uint64_t time_us) {
   if (!oldest_) oldest_ = &flow;
 }
 
+bool FlowTracker::IdleExpired(uint64_t time_us) const {
+  return oldest_ && time_us > oldest_->last_time_us && time_us - oldest_->last_time_us > options_.idle_timeout_us;
+}
+
 void FlowTracker::ExpireIdle(uint64_t time_us) {
-  while (oldest_ && time_us > oldest_->last_time_us && time_us - oldest_->last_time_us > options_.idle_timeout_us) {
+  while (IdleExpired(time_us)) {
     Flow& flow = *oldest_;
     if (flow.ended) {
       Erase(flow);

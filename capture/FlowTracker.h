@@ -133,9 +133,14 @@ class FlowTracker {
   };
 
   static Key MakeKey(const DecodedPacket& packet);
-  // The entry of `key`, or nullptr. Most packets belong to the connection of
-  // the packet before, so the last entry found is tried first.
-  Flow* Find(const Key& key);
+  // The entry of the packet's connection, or nullptr; sets `side` to the
+  // sender's index in the flow's sides. A small table of recently found
+  // entries, by a slot both directions share, is tried before a key is made
+  // and looked up: a capture interleaves few connections at a time.
+  Flow* Find(const DecodedPacket& packet, int* side);
+  static size_t RecentSlot(const IpAddress& a, uint16_t a_port, const IpAddress& b, uint16_t b_port);
+  // Whether the packet belongs to `flow`; sets `side` when it does.
+  static bool SameConnection(const Flow& flow, const DecodedPacket& packet, int* side);
   Flow* StartFlow(const Key& key, const Packet& packet, uint16_t protocol);
   bool StartsNewConnection(const Flow& flow, const Packet& packet) const;
   void HandlePacket(Flow& flow, const Packet& packet);
@@ -158,6 +163,10 @@ class FlowTracker {
   void Erase(Flow& flow);
   void Touch(Flow& flow, uint64_t time_us);
   void Unlink(Flow& flow);
+  // Whether the least recently active entry has been silent too long: asked
+  // inline for every packet, so that ExpireIdle is called only when there is
+  // something to end.
+  bool IdleExpired(uint64_t time_us) const;
   void ExpireIdle(uint64_t time_us);
   void MakeRoom();
 
@@ -165,7 +174,8 @@ class FlowTracker {
   Options options_;
   PacketRecordBuilder builder_;
   std::unordered_map<Key, std::unique_ptr<Flow>, KeyHash> flows_;
-  Flow* last_found_ = nullptr;
+  static constexpr size_t kRecentSlots = 64;
+  std::array<Flow*, kRecentSlots> recent_{};
   Flow* oldest_ = nullptr;  // least recently active entry
   Flow* newest_ = nullptr;
   uint64_t next_id_ = 1;

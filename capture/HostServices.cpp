@@ -251,7 +251,7 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
       from = cut;
     }
     Deliver(*bound, record, payload + from, length - from, direction);
-    bound->NoticeCapture(record);
+    bound->NoticeCapture(bound->packet);
     CheckWrites();
   }
 

@@ -236,7 +236,13 @@ bool IsSupportedLinkType(int link_type) {
 }
 
 DecodeStatus PacketDecoder::Decode(int link_type, const uint8_t* frame, size_t length, DecodedPacket* out) {
-  *out = empty_;
+  // A TCP segment sets every field but the link layer's, which only some
+  // link types fill: those alone are cleared (clearing the whole packet was
+  // a 100-byte copy per frame).
+  out->has_source_mac = false;
+  out->has_destination_mac = false;
+  out->source_mac = {};
+  out->destination_mac = {};
   const DecodeStatus status = frame == nullptr ? DecodeStatus::kTruncated : DecodeFrame(link_type, frame, length, out);
   Count(status, *out);
   return status;
