@@ -97,10 +97,18 @@ std::optional<std::wstring_view> TakePlainName(std::wstring_view text, std::wstr
 
 void SplitNameAndAddress(const SplitScratch& scratch, std::wstring_view value, std::wstring& display_name,
                          std::wstring& address) {
-  // A copy is made only for a value with line breaks, which few have.
+  // A copy is made only for a value with a line break before its last two
+  // characters: most values end with their line's own CR LF and hold no
+  // other, and without it they are the text as it is.
   std::wstring joined;
-  const std::wstring_view text =
-      value.find(L"\r\n"sv) == npos ? value : std::wstring_view(joined = WithoutLineBreaks(value));
+  std::wstring_view text = value;
+  if (const size_t first_break = value.find(L"\r\n"sv); first_break != npos) {
+    if (first_break + 2 == value.size()) {
+      text = value.substr(0, first_break);
+    } else {
+      text = joined = WithoutLineBreaks(value);
+    }
+  }
   const auto first = PrefixScanner<wchar_t, kPrefixes.size()>(text, kPrefixes).FindFrom(0);
   std::optional<std::wstring_view> rest;
   if (first) {
