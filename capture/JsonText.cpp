@@ -86,6 +86,15 @@ size_t PlainPrefixLength(std::string_view utf8) {
   return i;
 }
 
+// True when no byte of the text needs an escape.
+bool IsPlain(std::string_view text) {
+  for (size_t i = PlainPrefixLength(text); i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (byte < 0x80 && kJsonEscapes[byte] != 0) return false;
+  }
+  return true;
+}
+
 void AppendNumber(std::string& out, auto value) {
   char buffer[24];
   const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
@@ -153,9 +162,22 @@ void JsonObjectLine::Clear() {
 }
 
 void JsonObjectLine::Key(std::string_view key) {
-  if (text_.size() > 1) text_ += ", ";
-  AppendJsonString(text_, key);
-  text_ += ": ";
+  const std::string_view separator = text_.size() > 1 ? ", " : "";
+  if (!IsPlain(key)) {
+    text_ += separator;
+    AppendJsonString(text_, key);
+    text_ += ": ";
+    return;
+  }
+  // Keys are the program's own names, which need no escape: the separator,
+  // the quoted key and the colon go in with one resize, as every field of
+  // every line starts this way.
+  const size_t at = text_.size();
+  text_.resize(at + separator.size() + key.size() + 4);
+  char* out = std::copy(separator.begin(), separator.end(), text_.data() + at);
+  *out++ = '"';
+  out = std::copy(key.begin(), key.end(), out);
+  std::memcpy(out, "\": ", 3);
 }
 
 JsonObjectLine& JsonObjectLine::Text(std::string_view key, std::string_view utf8) {

@@ -62,5 +62,11 @@ TEST(JsonTextTest, EscapesEveryControlCharacterQuoteAndBackslash) {
   }
 }
 
+TEST(JsonTextTest, ObjectLineSeparatesFieldsAndEscapesKeysThatNeedIt) {
+  JsonObjectLine line;
+  line.Number("n", 7).Text("quote\"in the key", std::string_view("x")).Double("d", 0.5);
+  EXPECT_EQ(line.Finish(), "{\"n\": 7, \"quote\\\"in the key\": \"x\", \"d\": 0.5}");
+}
+
 }  // namespace
 }  // namespace pelka
