@@ -2,8 +2,9 @@
 // answers it, found faster in mail text.
 //
 // The search jumps with memchr between occurrences of the needle's rarest
-// byte in mail (a byte outside letters, digits, blanks, line ends and the
-// base64 alphabet when the needle has one) and compares the needle only
+// byte in mail (a byte outside letters, digits, blanks, line ends, dashes,
+// which MIME boundary lines are made of, and the base64 alphabet when the
+// needle has one) and compares the needle only
 // there. Base64 bodies, most of a message's bytes, then pass at memchr's
 // speed. Should a text hold that byte so often that comparing costs more than
 // the block's length, the rest of the block goes to memmem, so the
@@ -21,7 +22,7 @@ namespace byte_search_detail {
 // How common a byte is in mail text: lower is rarer.
 inline int Commonness(uint8_t byte) {
   if ((byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') || (byte >= '0' && byte <= '9')) return 3;
-  if (byte == '\r' || byte == '\n' || byte == ' ' || byte == '+' || byte == '/' || byte == '=') return 2;
+  if (byte == '\r' || byte == '\n' || byte == ' ' || byte == '+' || byte == '/' || byte == '=' || byte == '-') return 2;
   return 1;
 }
 
