@@ -11,6 +11,7 @@
 // time stays linear whatever the text.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -25,6 +26,11 @@ inline int Commonness(uint8_t byte) {
   if (byte == '\r' || byte == '\n' || byte == ' ' || byte == '+' || byte == '/' || byte == '=' || byte == '-') return 2;
   return 1;
 }
+
+// What a refused candidate costs, counted in bytes memchr passes in the same
+// time: the call and the comparison. Blocks whose candidates come closer
+// than this (text, when the anchor is a blank) go to memmem.
+constexpr size_t kCandidateCost = 32;
 
 inline size_t AnchorIndex(const uint8_t* needle, size_t needle_length) {
   size_t anchor = 0;
@@ -56,11 +62,12 @@ inline const uint8_t* FindSequence(const uint8_t* haystack, size_t length, const
       return candidate;
     }
     start = candidate + 1;
-    if (compare_budget < needle_length) {
+    const size_t cost = std::max(needle_length, byte_search_detail::kCandidateCost);
+    if (compare_budget < cost) {
       const size_t rest = static_cast<size_t>(haystack + length - start);
       return static_cast<const uint8_t*>(memmem(start, rest, needle, needle_length));
     }
-    compare_budget -= needle_length;
+    compare_budget -= cost;
   }
   return nullptr;
 }
