@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <unordered_map>
 
 namespace pelka {
@@ -276,10 +277,16 @@ void EncodeUtf8(std::wstring_view text, std::string& out) {
   while (next != end) {
     // Output lines are mostly ASCII: eight units at a time while all are.
     if (end - next >= 8) {
+      // Both loops work on copies: a store through `bytes` could alias the
+      // text, which would make every unit be read again after each store.
+      wchar_t block[8];
+      std::memcpy(block, next, sizeof block);
       uint32_t any = 0;
-      for (int i = 0; i < 8; ++i) any |= static_cast<uint32_t>(next[i]);
+      for (int i = 0; i < 8; ++i) any |= static_cast<uint32_t>(block[i]);
       if (any < 0x80) {
-        for (int i = 0; i < 8; ++i) bytes[i] = static_cast<char>(next[i]);
+        char narrowed[8];
+        for (int i = 0; i < 8; ++i) narrowed[i] = static_cast<char>(block[i]);
+        std::memcpy(bytes, narrowed, sizeof narrowed);
         bytes += 8;
         next += 8;
         continue;
