@@ -15,7 +15,10 @@ using namespace std::string_view_literals;
 
 constexpr std::array<std::wstring_view, 3> kPrefixes = {L"=?gb2312?b?"sv, L"=?gbk?b?"sv, L"=?gbk?q?"sv};
 constexpr size_t kQuotedPrintableKind = 2;
+constexpr std::wstring_view kWordStart = L"=?"sv;
 constexpr std::wstring_view kWordEnd = L"?="sv;
+static_assert(kPrefixes[0].starts_with(kWordStart) && kPrefixes[1].starts_with(kWordStart) &&
+              kPrefixes[2].starts_with(kWordStart));
 constexpr size_t npos = std::wstring_view::npos;
 
 std::wstring WithoutLineBreaks(std::wstring_view value) {
@@ -109,7 +112,10 @@ void SplitNameAndAddress(const SplitScratch& scratch, std::wstring_view value, s
       text = joined = WithoutLineBreaks(value);
     }
   }
-  const auto first = PrefixScanner<wchar_t, kPrefixes.size()>(text, kPrefixes).FindFrom(0);
+  // Every prefix starts with "=?": a value without it, as most are, holds no
+  // word, and is not searched once per prefix.
+  std::optional<PrefixScanner<wchar_t, kPrefixes.size()>::Match> first;
+  if (text.find(kWordStart) != npos) first = PrefixScanner<wchar_t, kPrefixes.size()>(text, kPrefixes).FindFrom(0);
   std::optional<std::wstring_view> rest;
   if (first) {
     if (text.find(kWordEnd) == npos) {
