@@ -4,6 +4,8 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 
 #include "host/CodePage.h"
 
@@ -62,6 +64,37 @@ void AppendUtf8(std::string& out, wchar_t wide) {
   out.append(bytes, length);
 }
 
+// Whether any of eight bytes needs an escape (below 0x20, 0x7F, '"' or '\\'):
+// a word at a time, since keys and texts are mostly long runs that need none.
+// Each test answers exactly whether some byte matches, never which one.
+bool NeedsEscape(uint64_t word) {
+  constexpr uint64_t kOnes = 0x0101010101010101;
+  constexpr uint64_t kHighs = 0x8080808080808080;
+  const auto has_below = [](uint64_t x, uint64_t n) { return (x - kOnes * n) & ~x & kHighs; };
+  const auto has_byte = [&](uint64_t x, uint8_t b) { return has_below(x ^ (kOnes * b), 1); };
+  return (has_below(word, 0x20) | has_byte(word, 0x7F) | has_byte(word, '"') | has_byte(word, '\\')) != 0;
+}
+
+// How many leading bytes, in whole words of eight, need no escape.
+size_t PlainPrefixLength(std::string_view utf8) {
+  size_t i = 0;
+  for (; utf8.size() - i >= 8; i += 8) {
+    uint64_t word;
+    std::memcpy(&word, utf8.data() + i, sizeof word);
+    if (NeedsEscape(word)) break;
+  }
+  return i;
+}
+
+// True when no byte of the text needs an escape.
+bool IsPlain(std::string_view text) {
+  for (size_t i = PlainPrefixLength(text); i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (byte < 0x80 && kJsonEscapes[byte] != 0) return false;
+  }
+  return true;
+}
+
 void AppendNumber(std::string& out, auto value) {
   char buffer[24];
   const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
@@ -73,7 +106,7 @@ void AppendNumber(std::string& out, auto value) {
 void AppendJsonString(std::string& out, std::string_view utf8) {
   out += '"';
   size_t plain = 0;  // start of the bytes not yet copied
-  for (size_t i = 0; i < utf8.size(); ++i) {
+  for (size_t i = PlainPrefixLength(utf8); i < utf8.size(); ++i) {
     const auto byte = static_cast<unsigned char>(utf8[i]);
     if (byte >= 0x80 || kJsonEscapes[byte] == 0) continue;
     out.append(utf8, plain, i - plain);
@@ -129,9 +162,22 @@ void JsonObjectLine::Clear() {
 }
 
 void JsonObjectLine::Key(std::string_view key) {
-  if (text_.size() > 1) text_ += ", ";
-  AppendJsonString(text_, key);
-  text_ += ": ";
+  const std::string_view separator = text_.size() > 1 ? ", " : "";
+  if (!IsPlain(key)) {
+    text_ += separator;
+    AppendJsonString(text_, key);
+    text_ += ": ";
+    return;
+  }
+  // Keys are the program's own names, which need no escape: the separator,
+  // the quoted key and the colon go in with one resize, as every field of
+  // every line starts this way.
+  const size_t at = text_.size();
+  text_.resize(at + separator.size() + key.size() + 4);
+  char* out = std::copy(separator.begin(), separator.end(), text_.data() + at);
+  *out++ = '"';
+  out = std::copy(key.begin(), key.end(), out);
+  std::memcpy(out, "\": ", 3);
 }
 
 JsonObjectLine& JsonObjectLine::Text(std::string_view key, std::string_view utf8) {

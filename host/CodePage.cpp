@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <unordered_map>
 
 namespace pelka {
@@ -271,7 +272,27 @@ void EncodeUtf8(std::wstring_view text, std::string& out) {
   const size_t start = out.size();
   out.resize(start + text.size() * 4);
   char* bytes = out.data() + start;
-  for (wchar_t wide : text) {
+  const wchar_t* next = text.data();
+  const wchar_t* const end = next + text.size();
+  while (next != end) {
+    // Output lines are mostly ASCII: eight units at a time while all are.
+    if (end - next >= 8) {
+      // Both loops work on copies: a store through `bytes` could alias the
+      // text, which would make every unit be read again after each store.
+      wchar_t block[8];
+      std::memcpy(block, next, sizeof block);
+      uint32_t any = 0;
+      for (int i = 0; i < 8; ++i) any |= static_cast<uint32_t>(block[i]);
+      if (any < 0x80) {
+        char narrowed[8];
+        for (int i = 0; i < 8; ++i) narrowed[i] = static_cast<char>(block[i]);
+        std::memcpy(bytes, narrowed, sizeof narrowed);
+        bytes += 8;
+        next += 8;
+        continue;
+      }
+    }
+    const wchar_t wide = *next++;
     const auto c = static_cast<uint32_t>(IsScalarValue(wide) ? wide : L'?');
     if (c < 0x80) {
       *bytes++ = static_cast<char>(c);
@@ -295,12 +316,13 @@ void EncodeUtf8(std::wstring_view text, std::string& out) {
 void WideToMultiByte(unsigned code_page, std::wstring_view text, std::string& out) {
   out.clear();
   if (text.empty()) return;
-  if (IsAscii(text)) {
-    out.assign(text.begin(), text.end());
-    return;
-  }
+  // The encoder keeps ASCII as it is: no test for it first.
   if (ResolveCodePage(code_page) == kCodePageUtf8) {
     EncodeUtf8(text, out);
+    return;
+  }
+  if (IsAscii(text)) {
+    out.assign(text.begin(), text.end());
     return;
   }
   iconv_t handle = ThreadConverter(ResolveCodePage(code_page), Direction::kFromWide);

@@ -16,22 +16,29 @@ bool ReadLittleEndian(const uint8_t* data, size_t length, size_t offset, T* valu
 
 uint16_t ReadBigEndian16(const uint8_t* p) { return static_cast<uint16_t>((p[0] << 8) | p[1]); }
 
+template <typename T>
+T ReadAt(const uint8_t* data, size_t offset) {
+  T value;
+  std::memcpy(&value, data + offset, sizeof(T));  // the platforms served are little-endian
+  return value;
+}
+
+// The fixed fields read below all lie in the record's first this many bytes.
+constexpr size_t kFixedFieldsEnd = kPacketVariableAreaField + sizeof(uint16_t);
+
 // Where the TCP header's first four bytes lie, or null when the record's
-// offsets point outside the record or the frame.
+// offsets point outside the record or the frame. Every packet asks, so each
+// range is checked once: the fixed fields together, and the layer table by
+// its last entry, the one read first and the furthest out.
 const uint8_t* LocateTcpHeader(const PacketRecord& packet) {
   const uint8_t* record = packet.record;
   const size_t length = packet.record_length;
-  uint8_t count_byte = 0;
-  uint32_t flags = 0;
-  uint16_t variable_offset = 0;
-  if (!ReadLittleEndian(record, length, kPacketLayerCountField, &count_byte) || !ReadLittleEndian(record, length, kPacketFlagsField, &flags) ||
-      !ReadLittleEndian(record, length, kPacketVariableAreaField, &variable_offset)) {
-    return nullptr;
-  }
-  const unsigned entries = count_byte & 0x0F;
+  if (length < kFixedFieldsEnd) return nullptr;
+  const unsigned entries = ReadAt<uint8_t>(record, kPacketLayerCountField) & 0x0F;
   if (entries == 0) return nullptr;
+  const auto flags = ReadAt<uint32_t>(record, kPacketFlagsField);
 
-  size_t variable_start = kPacketRecordFixedSize + variable_offset;
+  size_t variable_start = kPacketRecordFixedSize + ReadAt<uint16_t>(record, kPacketVariableAreaField);
   if (flags & kPacketFlagVariableAreaShift) variable_start += kPacketVariableShift;
 
   const bool indirect = (flags & kPacketFlagIndirectHeaders) != 0;
@@ -40,20 +47,15 @@ const uint8_t* LocateTcpHeader(const PacketRecord& packet) {
   if (indirect) {
     if (!ReadLittleEndian(record, length, variable_start, &header_base)) return nullptr;
   } else {
-    uint16_t table_offset = 0;
-    if (!ReadLittleEndian(record, length, kPacketLayerTableOffsetField, &table_offset)) return nullptr;
-    table_start = variable_start + table_offset;
+    table_start = variable_start + ReadAt<uint16_t>(record, kPacketLayerTableOffsetField);
   }
+  const size_t table_end = table_start + kPacketLayerEntrySize * size_t{entries};
+  if (table_end > length) return nullptr;
 
   for (unsigned i = entries; i-- > 0;) {
-    uint16_t protocol = 0;
-    uint16_t header_offset = 0;
     const size_t entry = table_start + kPacketLayerEntrySize * size_t{i};
-    if (!ReadLittleEndian(record, length, entry, &protocol) ||
-        !ReadLittleEndian(record, length, entry + 2, &header_offset)) {
-      return nullptr;
-    }
-    if (protocol != kProtocolTcp) continue;
+    if (ReadAt<uint16_t>(record, entry) != kProtocolTcp) continue;
+    const uint16_t header_offset = ReadAt<uint16_t>(record, entry + 2);
     if (!indirect) {
       const size_t at = variable_start + header_offset;
       if (at > length || length - at < 4) return nullptr;

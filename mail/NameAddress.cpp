@@ -15,7 +15,10 @@ using namespace std::string_view_literals;
 
 constexpr std::array<std::wstring_view, 3> kPrefixes = {L"=?gb2312?b?"sv, L"=?gbk?b?"sv, L"=?gbk?q?"sv};
 constexpr size_t kQuotedPrintableKind = 2;
+constexpr std::wstring_view kWordStart = L"=?"sv;
 constexpr std::wstring_view kWordEnd = L"?="sv;
+static_assert(kPrefixes[0].starts_with(kWordStart) && kPrefixes[1].starts_with(kWordStart) &&
+              kPrefixes[2].starts_with(kWordStart));
 constexpr size_t npos = std::wstring_view::npos;
 
 std::wstring WithoutLineBreaks(std::wstring_view value) {
@@ -97,11 +100,22 @@ std::optional<std::wstring_view> TakePlainName(std::wstring_view text, std::wstr
 
 void SplitNameAndAddress(const SplitScratch& scratch, std::wstring_view value, std::wstring& display_name,
                          std::wstring& address) {
-  // A copy is made only for a value with line breaks, which few have.
+  // A copy is made only for a value with a line break before its last two
+  // characters: most values end with their line's own CR LF and hold no
+  // other, and without it they are the text as it is.
   std::wstring joined;
-  const std::wstring_view text =
-      value.find(L"\r\n"sv) == npos ? value : std::wstring_view(joined = WithoutLineBreaks(value));
-  const auto first = PrefixScanner<wchar_t, kPrefixes.size()>(text, kPrefixes).FindFrom(0);
+  std::wstring_view text = value;
+  if (const size_t first_break = value.find(L"\r\n"sv); first_break != npos) {
+    if (first_break + 2 == value.size()) {
+      text = value.substr(0, first_break);
+    } else {
+      text = joined = WithoutLineBreaks(value);
+    }
+  }
+  // Every prefix starts with "=?": a value without it, as most are, holds no
+  // word, and is not searched once per prefix.
+  std::optional<PrefixScanner<wchar_t, kPrefixes.size()>::Match> first;
+  if (text.find(kWordStart) != npos) first = PrefixScanner<wchar_t, kPrefixes.size()>(text, kPrefixes).FindFrom(0);
   std::optional<std::wstring_view> rest;
   if (first) {
     if (text.find(kWordEnd) == npos) {

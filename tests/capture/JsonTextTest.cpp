@@ -33,6 +33,11 @@ const EscapeCase kEscapeCases[] = {
      "\\u0010\\u0011\\u0012\\u0013\\u0014\\u0015\\u0016\\u0017\\u0018\\u0019\\u001a\\u001b\\u001c\\u001d\\u001e"
      "\\u001f\\u007f"},
     {"printable ASCII around them is copied", " !#/[]~", " !#/[]~"},
+    // Long plain runs pass eight bytes at a time: each kind found behind them.
+    {"quote in a word behind two plain ones", "0123456789abcdef\"-------", "0123456789abcdef\\\"-------"},
+    {"backslash in a word behind two plain ones", "0123456789abcdef\\-------", "0123456789abcdef\\\\-------"},
+    {"control byte in a word behind two plain ones", "0123456789abcdef\x01-------", "0123456789abcdef\\u0001-------"},
+    {"DEL in a word behind two plain ones", "0123456789abcdef\x7f-------", "0123456789abcdef\\u007f-------"},
 };
 
 TEST(JsonTextTest, EscapesEveryControlCharacterQuoteAndBackslash) {
@@ -55,6 +60,12 @@ TEST(JsonTextTest, EscapesEveryControlCharacterQuoteAndBackslash) {
     EXPECT_EQ(fields.Text("n"), "7");
     EXPECT_EQ(fields.Text("m"), "8");
   }
+}
+
+TEST(JsonTextTest, ObjectLineSeparatesFieldsAndEscapesKeysThatNeedIt) {
+  JsonObjectLine line;
+  line.Number("n", 7).Text("quote\"in the key", std::string_view("x")).Double("d", 0.5);
+  EXPECT_EQ(line.Finish(), "{\"n\": 7, \"quote\\\"in the key\": \"x\", \"d\": 0.5}");
 }
 
 }  // namespace

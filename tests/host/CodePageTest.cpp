@@ -41,6 +41,9 @@ TEST(CodePageTest, WideToBytes) {
   const std::wstring not_a_character = std::wstring(L"a") + wchar_t(0x110000) + wchar_t(0xD800) + L"b";
   EXPECT_EQ(WideToMultiByte(kCodePageGbk, L"a\u0E01b"), "a?b");
   EXPECT_EQ(WideToMultiByte(kCodePageUtf8, not_a_character), "a??b");
+  // Runs of eight ASCII units pass whole; a unit above ASCII anywhere in one is encoded.
+  EXPECT_EQ(WideToMultiByte(kCodePageUtf8, L"abcdefghébcdefgh" + not_a_character + L"1234567"),
+            "abcdefgh\xC3\xA9" "bcdefgha??b1234567");
   EXPECT_EQ(WideToMultiByte(12345, L"a" + kChinese), "a??");
 }
 
