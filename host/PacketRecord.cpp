@@ -25,6 +25,8 @@ T ReadAt(const uint8_t* data, size_t offset) {
 
 // The fixed fields read below all lie in the record's first this many bytes.
 constexpr size_t kFixedFieldsEnd = kPacketVariableAreaField + sizeof(uint16_t);
+static_assert(kPacketLayerTableOffsetField + sizeof(uint16_t) <= kFixedFieldsEnd &&
+              kPacketLayerCountField < kFixedFieldsEnd && kPacketFlagsField + sizeof(uint32_t) <= kFixedFieldsEnd);
 
 // Where the TCP header's first four bytes lie, or null when the record's
 // offsets point outside the record or the frame. Every packet asks, so each
