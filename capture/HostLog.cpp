@@ -25,7 +25,10 @@ HostLog::HostLog(const LogOutputs& outputs, bool copies, const EmailConditions* 
       store_(copies || outputs.attachments ? store : nullptr),
       conditions_(conditions ? std::make_unique<RecordConditions>(*conditions) : nullptr),
       exporter_(outputs.csv, outputs.text),
-      batch_(exporter_.NewSet(columns_)) {}
+      batch_(exporter_.NewSet(columns_)) {
+  if (outputs.write_behind && !outputs.export_each_record)
+    writer_ = std::make_unique<BatchWriter>([this](std::unique_ptr<LogRecordSet> batch) { WriteBatch(std::move(batch)); });
+}
 
 HostLog::~HostLog() = default;
 
@@ -232,7 +235,7 @@ uint32_t HostLog::PostRecord(IPelkaLogRecord* handle) {
   if (store_) HandleCopy(*record);
   if (!record->TextAt(copy_path_column_).empty()) copies_written_.fetch_add(1, std::memory_order_relaxed);
   // The record is the caller's alone now: its line is built without a lock.
-  if (outputs_.records) WriteRecordLine(*record);
+  if (outputs_.records && !writer_) WriteRecordLine(*record);
   if (outputs_.sink) outputs_.sink->OnRecord(columns_, *record);
   std::unique_ptr<LogRecordSet> full;
   {
@@ -241,7 +244,11 @@ uint32_t HostLog::PostRecord(IPelkaLogRecord* handle) {
     if (batch_->GetRecordCount() < (outputs_.export_each_record ? 1 : kExportBatch)) return 0;
     full = TakeBatch();
   }
-  ExportBatch(std::move(full));
+  if (writer_) {
+    writer_->Hand(std::move(full));
+  } else {
+    ExportBatch(std::move(full));
+  }
   return 0;
 }
 
@@ -274,13 +281,24 @@ std::map<std::string, uint64_t> HostLog::records_by_protocol() const {
   return counts;
 }
 
+void HostLog::WriteBatch(std::unique_ptr<LogRecordSet> batch) {
+  if (outputs_.records)
+    for (const std::unique_ptr<LogRecord>& record : batch->records()) WriteRecordLine(*record);
+  ExportBatch(std::move(batch));
+}
+
 void HostLog::Finish() {
   std::unique_ptr<LogRecordSet> last;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     last = TakeBatch();
   }
-  ExportBatch(std::move(last));
+  if (!writer_) {
+    ExportBatch(std::move(last));
+    return;
+  }
+  writer_->Hand(std::move(last));
+  writer_->Drain();
 }
 
 }  // namespace pelka

@@ -32,6 +32,9 @@
 //   open records, the batch being filled, the export and the entry lines each
 //   have a lock of their own. With several threads, batches may be exported
 //   in another order than they filled; the header line is always first.
+// - Write-behind (LogOutputs::write_behind): the record line is built, and
+//   the batch exported, by the log's BatchWriter once the batch is full;
+//   Finish waits until every line is written.
 // - Cost: a record is made, filled and written without allocating once the
 //   log has run a while: records and batches are reused after their export,
 //   and lines are built in buffers the log keeps.
@@ -46,6 +49,7 @@
 #include <vector>
 
 #include "capture/AttachmentTaker.h"
+#include "capture/BatchWriter.h"
 #include "capture/CopyStore.h"
 #include "capture/EmailConditions.h"
 #include "capture/JsonText.h"
@@ -73,6 +77,10 @@ struct LogOutputs {
   // --attachments: each kept record's message is handed over from its copy
   // (the copies are then made even without `copies`, and dropped again).
   AttachmentTaker* attachments = nullptr;
+  // Build the record lines and export the full batches on a thread of their
+  // own (BatchWriter), in posting order: for a run with one analysing thread
+  // whose files nobody reads while they grow. Not with export_each_record.
+  bool write_behind = false;
 };
 
 class HostLog final : public IPelkaLog {
@@ -141,6 +149,8 @@ class HostLog final : public IPelkaLog {
   std::unique_ptr<LogRecordSet> TakeBatch();
   // Exports a batch taken out and keeps it for reuse.
   void ExportBatch(std::unique_ptr<LogRecordSet> batch);
+  // On the BatchWriter's thread: the batch's record lines, then its export.
+  void WriteBatch(std::unique_ptr<LogRecordSet> batch);
 
   LogOutputs outputs_;
   bool copies_;
@@ -177,6 +187,9 @@ class HostLog final : public IPelkaLog {
   std::atomic<uint64_t> posted_{0};
   std::atomic<uint64_t> entries_{0};
   std::atomic<uint64_t> copies_written_{0};
+
+  // Last: it is ended, after writing what it holds, before the rest goes.
+  std::unique_ptr<BatchWriter> writer_;  // null: the posting thread writes
 };
 
 }  // namespace pelka

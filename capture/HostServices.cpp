@@ -86,9 +86,10 @@ class HostServices::Impl final : public FlowSink, public NoticeWriter {
         !(attachments_ = AttachmentTaker::Open(root, options_.ioc_hashes.get(), open_database(), &problem)))
       return Fail(problem);
     if (attachments_) attachments_->file().WriteEachLine(options_.lines_at_once);
-    log_ = std::make_unique<HostLogService>(
-        LogOutputs{&records_file_, &entries_file_, &csv_file_, &text_file_, options_.lines_at_once, sink,
-                   attachments_.get()},
+    LogOutputs outputs{&records_file_, &entries_file_, &csv_file_, &text_file_, options_.lines_at_once, sink,
+                       attachments_.get()};
+    outputs.write_behind = options_.write_behind;
+    log_ = std::make_unique<HostLogService>(outputs,
         ModuleStorageRoot(root), options_.copies, options_.conditions ? &*options_.conditions : nullptr,
         copy_store_.get());
     host_ = HostObject({log_.get(), &diagnosis_, &statistics_, &icons_});

@@ -38,6 +38,7 @@ class LogRecordSet final : public IPelkaLogRecordSet {
   // Hands the records over for reuse and leaves the set empty.
   void Clear(std::vector<std::unique_ptr<LogRecord>>& spare);
   bool empty() const { return records_.empty(); }
+  const std::vector<std::unique_ptr<LogRecord>>& records() const { return records_; }
 
  private:
   LogColumns& columns_;
