@@ -22,16 +22,6 @@ uint16_t Classify(const DecodedPacket& packet) {
   return 0;
 }
 
-// IpAddress's own == compares byte by byte through a library call; the
-// address as two 64-bit words and its version is a few instructions.
-bool SameAddress(const IpAddress& a, const IpAddress& b) {
-  uint64_t x[2];
-  uint64_t y[2];
-  std::memcpy(x, a.bytes.data(), sizeof x);
-  std::memcpy(y, b.bytes.data(), sizeof y);
-  return ((x[0] ^ y[0]) | (x[1] ^ y[1])) == 0 && a.version == b.version;
-}
-
 }  // namespace
 
 // A segment's bytes as needed to deliver it: the frame up to the end of the
@@ -459,7 +449,7 @@ bool FlowTracker::SameConnection(const Flow& flow, const DecodedPacket& packet, 
   const std::array<FlowEndpoint, 2>& sides = flow.view.sides_;
   for (int from = 0; from < 2; ++from) {
     if (sides[from].port == packet.source_port && sides[1 - from].port == packet.destination_port &&
-        SameAddress(sides[from].address, packet.source) && SameAddress(sides[1 - from].address, packet.destination)) {
+        sides[from].address == packet.source && sides[1 - from].address == packet.destination) {
       *side = from;
       return true;
     }

@@ -16,6 +16,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace pelka {
 
@@ -42,7 +43,15 @@ struct IpAddress {
   // The IPv4 address as a number in host byte order; 0 for IPv6.
   uint32_t Ipv4HostOrder() const;
 
-  friend bool operator==(const IpAddress&, const IpAddress&) = default;
+  // Compared as two 64-bit words: connections are looked up by their
+  // addresses for every packet, and a byte-wise comparison is a library call.
+  friend bool operator==(const IpAddress& a, const IpAddress& b) {
+    uint64_t x[2];
+    uint64_t y[2];
+    std::memcpy(x, a.bytes.data(), sizeof x);
+    std::memcpy(y, b.bytes.data(), sizeof y);
+    return ((x[0] ^ y[0]) | (x[1] ^ y[1])) == 0 && a.version == b.version;
+  }
 };
 
 enum : uint8_t {

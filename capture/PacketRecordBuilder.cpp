@@ -36,17 +36,15 @@ const PacketRecord& PacketRecordBuilder::Build(uint64_t packet_number, uint64_t 
   const size_t table_offset = (size_t{header_length} + 3) & ~size_t{3};
   const bool fits = table_offset <= 0xFFFF && tcp_offset < header_length;
   const size_t variable_length = fits ? table_offset + kPacketLayerEntrySize : 0;
-  // Keeps the capacity once grown. Every byte is written below, the zeros
-  // with fixed-size stores: clearing the whole record first cost a library
-  // call per packet.
+  // Keeps the capacity once grown. Every byte is written below: the fixed
+  // part is cleared with one fixed-size store, the rest is copied or set;
+  // clearing the whole record first cost a library call per packet.
   buffer_.resize(kPacketRecordFixedSize + variable_length);
 
   uint8_t* record = buffer_.data();
   std::memset(record, 0, kPacketRecordFixedSize);
   PutU64(record + kPacketNumberField, packet_number);
   PutU64(record + kPacketTimeField, time_us);
-  PutU32(record + kPacketFlagsField, 0);
-  PutU16(record + kPacketVariableAreaField, 0);
   if (fits) {
     uint8_t* variable = record + kPacketRecordFixedSize;
     // The up to three bytes between the headers and the table are zero; the
