@@ -16,11 +16,13 @@ BatchWriter::~BatchWriter() {
   thread_.join();
 }
 
-void BatchWriter::Hand(std::unique_ptr<LogRecordSet> batch) {
+void BatchWriter::Hand(uint64_t sequence, std::unique_ptr<LogRecordSet> batch) {
   {
     std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return waiting_.size() < kMaxWaiting; });
-    waiting_.push_back(std::move(batch));
+    // Later batches may fill every place; the one the writer waits for
+    // must not wait for them.
+    changed_.wait(lock, [&] { return waiting_.size() < kMaxWaiting || sequence == next_; });
+    waiting_.emplace(sequence, std::move(batch));
   }
   changed_.notify_all();
 }
@@ -33,10 +35,12 @@ void BatchWriter::Drain() {
 void BatchWriter::Run() {
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    changed_.wait(lock, [this] { return !waiting_.empty() || ending_; });
-    if (waiting_.empty()) return;
-    std::unique_ptr<LogRecordSet> batch = std::move(waiting_.front());
-    waiting_.pop_front();
+    changed_.wait(lock, [this] { return waiting_.count(next_) != 0 || (ending_ && waiting_.empty()); });
+    const auto next = waiting_.find(next_);
+    if (next == waiting_.end()) return;
+    std::unique_ptr<LogRecordSet> batch = std::move(next->second);
+    waiting_.erase(next);
+    ++next_;
     writing_ = true;
     lock.unlock();
     changed_.notify_all();

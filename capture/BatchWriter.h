@@ -1,16 +1,21 @@
 // Writes a log's full batches of records on a thread of its own, in the order
-// they were handed over, so that the thread that posts them goes on with the
-// analysis meanwhile.
+// they were filled, so that the threads that post them go on with the analysis
+// meanwhile.
 //
-// At most kMaxWaiting batches wait: Hand waits for room beyond that, which
-// bounds the records held. Drain returns once every batch handed over has
-// been written; the destructor drains, then ends the thread.
+// Each batch comes with its sequence number, its place in the order the
+// batches were filled (0, 1, 2, ... without gaps). Several posting threads may
+// hand their batches over in another order than they filled them; the writer
+// still writes them by sequence. At most kMaxWaiting batches wait: Hand waits
+// for room beyond that, which bounds the records held, except for the batch
+// the writer needs next, which always gets in. Drain returns once every batch
+// handed over has been written; the destructor drains, then ends the thread.
 #pragma once
 
 #include <condition_variable>
 #include <cstddef>
-#include <deque>
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -29,7 +34,7 @@ class BatchWriter {
   BatchWriter(const BatchWriter&) = delete;
   BatchWriter& operator=(const BatchWriter&) = delete;
 
-  void Hand(std::unique_ptr<LogRecordSet> batch);
+  void Hand(uint64_t sequence, std::unique_ptr<LogRecordSet> batch);
   void Drain();
 
  private:
@@ -38,7 +43,8 @@ class BatchWriter {
   Write write_;
   std::mutex mutex_;
   std::condition_variable changed_;  // a batch was handed over or written, or the end is asked
-  std::deque<std::unique_ptr<LogRecordSet>> waiting_;
+  std::map<uint64_t, std::unique_ptr<LogRecordSet>> waiting_;  // by sequence
+  uint64_t next_ = 0;  // the sequence to write next
   bool writing_ = false;
   bool ending_ = false;
   std::thread thread_;  // last: it starts once the rest exists

@@ -97,7 +97,9 @@ HostOptions MakeHostOptions(const ProgramOptions& options, const std::string& li
   // Someone watching an interface or a pipe expects each message's lines as
   // it is found; files are read too fast for that to matter.
   host.lines_at_once = ReadsSlowInput(options);
-  host.write_behind = options.threads <= 1 && !host.lines_at_once;
+  // The workers of --threads gain most: a worker that formats lines under the
+  // export's lock and loses its core to another process holds up the others.
+  host.write_behind = !host.lines_at_once;
   host.conditions = options.conditions;
   host.database = options.database;
   host.rotate = options.rotate_seconds > 0;

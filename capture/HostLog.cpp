@@ -238,21 +238,23 @@ uint32_t HostLog::PostRecord(IPelkaLogRecord* handle) {
   if (outputs_.records && !writer_) WriteRecordLine(*record);
   if (outputs_.sink) outputs_.sink->OnRecord(columns_, *record);
   std::unique_ptr<LogRecordSet> full;
+  uint64_t sequence = 0;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     batch_->Add(std::move(record));
     if (batch_->GetRecordCount() < (outputs_.export_each_record ? 1 : kExportBatch)) return 0;
-    full = TakeBatch();
+    full = TakeBatch(&sequence);
   }
   if (writer_) {
-    writer_->Hand(std::move(full));
+    writer_->Hand(sequence, std::move(full));
   } else {
     ExportBatch(std::move(full));
   }
   return 0;
 }
 
-std::unique_ptr<LogRecordSet> HostLog::TakeBatch() {
+std::unique_ptr<LogRecordSet> HostLog::TakeBatch(uint64_t* sequence) {
+  *sequence = batches_taken_++;
   std::unique_ptr<LogRecordSet> taken;
   if (spare_batches_.empty()) {
     taken = exporter_.NewSet(columns_);
@@ -289,15 +291,16 @@ void HostLog::WriteBatch(std::unique_ptr<LogRecordSet> batch) {
 
 void HostLog::Finish() {
   std::unique_ptr<LogRecordSet> last;
+  uint64_t sequence = 0;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    last = TakeBatch();
+    last = TakeBatch(&sequence);
   }
   if (!writer_) {
     ExportBatch(std::move(last));
     return;
   }
-  writer_->Hand(std::move(last));
+  writer_->Hand(sequence, std::move(last));
   writer_->Drain();
 }
 

@@ -31,7 +31,8 @@
 //   record's line is built by the thread that posts it, without a lock; the
 //   open records, the batch being filled, the export and the entry lines each
 //   have a lock of their own. With several threads, batches may be exported
-//   in another order than they filled; the header line is always first.
+//   in another order than they filled, unless they are written behind; the
+//   header line is always first.
 // - Write-behind (LogOutputs::write_behind): the record line is built, and
 //   the batch exported, by the log's BatchWriter once the batch is full;
 //   Finish waits until every line is written.
@@ -145,8 +146,9 @@ class HostLog final : public IPelkaLog {
   // Reads the staged copy `staged` and queues it for the attachment taker.
   void QueueMessage(const LogRecord& record, const std::string& staged);
   void BuildRecordLine(const LogRecord& record, LineWriter& writer);
-  // With mutex_ held: the batch being filled, replaced by an empty one.
-  std::unique_ptr<LogRecordSet> TakeBatch();
+  // With mutex_ held: the batch being filled, replaced by an empty one, and
+  // its place in the order batches are taken (the BatchWriter's sequence).
+  std::unique_ptr<LogRecordSet> TakeBatch(uint64_t* sequence);
   // Exports a batch taken out and keeps it for reuse.
   void ExportBatch(std::unique_ptr<LogRecordSet> batch);
   // On the BatchWriter's thread: the batch's record lines, then its export.
@@ -176,6 +178,7 @@ class HostLog final : public IPelkaLog {
   std::mutex mutex_;  // guards the batch being filled and the spare ones
   std::unique_ptr<LogRecordSet> batch_;
   std::vector<std::unique_ptr<LogRecordSet>> spare_batches_;
+  uint64_t batches_taken_ = 0;
 
   std::mutex entry_mutex_;  // guards the buffers of the entry lines
   LocalTimeCache entry_times_;

@@ -68,8 +68,8 @@ struct HostOptions {
   // (input from an interface or a pipe) rather than in batches of up to a
   // second (capture files); the export files get their header line at once.
   bool lines_at_once = false;
-  // The record lines and export lines are written by a thread of their own
-  // (one analysing thread: the other cores have room for it).
+  // The record lines and export lines are written by a thread of their own,
+  // in the order their batches filled, while the analysing threads go on.
   bool write_behind = false;
   // The user's e-mail conditions: a message that does not meet them leaves
   // no record, no export line, no summary entry and no copy. Unset: every

@@ -4,11 +4,15 @@
 // and the single header line are counted by StopSignalTest and ProgramTest.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <ctime>
 #include <filesystem>
 #include <limits>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include "capture/BatchWriter.h"
 #include "capture/HostLogService.h"
 #include "capture/OutputFiles.h"
 #include "tests/support/FakeFlow.h"
@@ -219,6 +223,30 @@ TEST(HostLogTest, LinesWrittenBehindComeOutInPostingOrderByFinish) {
     for (OutputFile& file : files) file.Close();
     EXPECT_EQ(test::ReadWholeFile(records_path.path()), json) << (behind ? "behind" : "posting thread");
     EXPECT_EQ(test::ReadWholeFile(csv_path.path()), csv) << (behind ? "behind" : "posting thread");
+  }
+}
+
+// Posting threads may hand their batches over out of the order they filled
+// them, more of them than may wait; the writer still writes them in that
+// order, and the batch it needs next gets in even when later ones fill every
+// place.
+TEST(HostLogTest, BatchWriterWritesBatchesInTheOrderTheyFilled) {
+  LogColumns columns;
+  LocalTimeCache times;
+  std::vector<int32_t> written;  // each batch is told by its record count
+  {
+    BatchWriter writer([&](std::unique_ptr<LogRecordSet> batch) { written.push_back(batch->GetRecordCount()); });
+    const uint64_t handed[] = {3, 1, 2, 4, 0, 6, 5};
+    static_assert(std::size(handed) > BatchWriter::kMaxWaiting + 1);
+    for (const uint64_t sequence : handed) {
+      auto batch = std::make_unique<LogRecordSet>(columns, times);
+      for (uint64_t i = 0; i < sequence; ++i) batch->Add(std::make_unique<LogRecord>());
+      writer.Hand(sequence, std::move(batch));
+      // Time for the writer to take whatever it would take now.
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    writer.Drain();
+    EXPECT_EQ(written, (std::vector<int32_t>{0, 1, 2, 3, 4, 5, 6}));
   }
 }
 
