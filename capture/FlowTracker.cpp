@@ -3,16 +3,12 @@
 #include <algorithm>
 #include <cstring>
 
+#include "capture/FlowTrackerState.h"
 #include "host/Types.h"
 
 namespace pelka {
 
 namespace {
-
-constexpr size_t kMaxSpareBuffers = 256;
-
-// Sequence numbers wrap; the sign of the 32-bit difference tells the order.
-int32_t SeqDiff(uint32_t a, uint32_t b) { return static_cast<int32_t>(a - b); }
 
 uint16_t Classify(const DecodedPacket& packet) {
   auto either = [&](uint16_t port) { return packet.source_port == port || packet.destination_port == port; };
@@ -23,66 +19,6 @@ uint16_t Classify(const DecodedPacket& packet) {
 }
 
 }  // namespace
-
-// A segment's bytes as needed to deliver it: the frame up to the end of the
-// captured payload, where its headers end, and its place in the capture.
-struct FlowTracker::SegmentBytes {
-  const uint8_t* frame;
-  uint32_t header_length;
-  uint32_t tcp_offset;
-  uint32_t payload_length;
-  uint64_t number;
-  uint64_t time_us;
-};
-
-struct FlowTracker::Packet {
-  const DecodedPacket& decoded;
-  SegmentBytes bytes;
-  int side;  // index of the sender in TrackedFlow::sides_
-};
-
-struct FlowTracker::HeldSegment {
-  uint32_t start;           // sequence number of the first payload byte
-  uint32_t segment_length;  // payload bytes in sequence space
-  uint32_t header_length;
-  uint32_t tcp_offset;
-  uint32_t payload_length;  // captured payload bytes
-  uint64_t number;
-  uint64_t time_us;
-  uint64_t serial;  // order of holding, over all flows
-  std::vector<uint8_t> frame;
-
-  SegmentBytes Bytes() const { return {frame.data(), header_length, tcp_offset, payload_length, number, time_us}; }
-};
-
-struct FlowTracker::Stream {
-  bool started = false;
-  uint32_t next = 0;  // next expected sequence number
-  // Without a SYN, a packet without payload before the first data tells where
-  // the stream can begin: data more than one byte past its number lies beyond
-  // a gap and waits for its head (a keep-alive is sent one below the next byte).
-  bool bare_seen = false;
-  uint32_t bare_sequence = 0;
-  bool awaiting_head = false;
-  bool syn = false;
-  uint32_t syn_sequence = 0;
-  bool fin = false;
-  bool syn_ack = false;
-  uint32_t syn_ack_acknowledgement = 0;
-  std::vector<HeldSegment> held;  // ordered by start, capture order among equals
-  size_t held_bytes = 0;
-};
-
-struct FlowTracker::Flow {
-  Key key;
-  TrackedFlow view;
-  bool taken = false;
-  bool ended = false;
-  std::array<Stream, 2> streams;
-  uint64_t last_time_us = 0;
-  Flow* older = nullptr;
-  Flow* newer = nullptr;
-};
 
 size_t FlowTracker::KeyHash::operator()(const Key& key) const {
   // Multiply-xorshift over the key's 64-bit words: a few cycles per packet.
@@ -293,98 +229,7 @@ void FlowTracker::DeliverFrom(Flow& flow, Stream& stream, const Packet& packet, 
   Deliver(flow, packet.side, packet.bytes, stream.next - start);
   const uint32_t end = start + packet.decoded.segment_length;
   if (SeqDiff(end, stream.next) > 0) stream.next = end;
-  DrainHeld(flow, stream);
-}
-
-void FlowTracker::HoldSegment(Flow& flow, Stream& stream, const Packet& packet, uint32_t start) {
-  const DecodedPacket& d = packet.decoded;
-  HeldSegment segment{start, d.segment_length, packet.bytes.header_length, packet.bytes.tcp_offset,
-                      d.payload_length, packet.bytes.number, packet.bytes.time_us, next_serial_++, {}};
-  if (!spare_buffers_.empty()) {
-    segment.frame = std::move(spare_buffers_.back());
-    spare_buffers_.pop_back();
-  }
-  const size_t stored = size_t{packet.bytes.header_length} + d.payload_length;
-  segment.frame.assign(packet.bytes.frame, packet.bytes.frame + stored);
-  auto position = std::upper_bound(stream.held.begin(), stream.held.end(), start,
-                                   [](uint32_t value, const HeldSegment& held) { return SeqDiff(value, held.start) < 0; });
-  const int side = &stream == &flow.streams[0] ? 0 : 1;
-  tickets_.push_back({segment.serial, flow.key, side});
-  held_bytes_ += stored;
-  ++held_segments_;
-  stream.held.insert(position, std::move(segment));
-  stream.held_bytes += d.payload_length;
-  ++counters_.segments_held;
-  // Over the bound, the lowest held segment goes out after its gap, even the
-  // one that just came: bytes never delivered are never trimmed.
-  while (stream.held.size() > kMaxHeldSegments || stream.held_bytes > kMaxHeldBytes) {
-    ++counters_.gaps_skipped;
-    ++flow.view.gaps_;
-    stream.next = stream.held.front().start;
-    DrainHeld(flow, stream);
-  }
-  EnforceHoldLimit();
-  if (tickets_.size() > 2 * held_segments_ + 1024) DropStaleTickets();
-}
-
-// Over the bound of all flows, the segment held longest goes out after its
-// gap. Its direction may hold lower segments that came later: they go first,
-// as the per-direction bound sends them, so no byte is trimmed unseen.
-void FlowTracker::EnforceHoldLimit() {
-  while (held_bytes_ > options_.max_held_bytes && !tickets_.empty()) {
-    const auto [flow, stream] = Holder(tickets_.front());
-    if (!stream) {
-      tickets_.pop_front();
-      continue;
-    }
-    ++counters_.gaps_skipped;
-    ++counters_.hold_limit_gaps;
-    ++flow->view.gaps_;
-    stream->next = stream->held.front().start;
-    DrainHeld(*flow, *stream);
-  }
-}
-
-std::pair<FlowTracker::Flow*, FlowTracker::Stream*> FlowTracker::Holder(const HoldTicket& ticket) {
-  const auto found = flows_.find(ticket.key);
-  if (found == flows_.end()) return {nullptr, nullptr};
-  Flow& flow = *found->second;
-  Stream& stream = flow.streams[ticket.side];
-  const bool held = std::any_of(stream.held.begin(), stream.held.end(),
-                                [&](const HeldSegment& segment) { return segment.serial == ticket.serial; });
-  return held ? std::pair{&flow, &stream} : std::pair<Flow*, Stream*>{nullptr, nullptr};
-}
-
-// Tickets of delivered segments pile up behind one held for long; they are
-// dropped once they outnumber the held segments, at a cost shared by the
-// holds that made them.
-void FlowTracker::DropStaleTickets() {
-  std::erase_if(tickets_, [this](const HoldTicket& ticket) { return Holder(ticket).second == nullptr; });
-}
-
-FlowTracker::HeldSegment FlowTracker::TakeLowestHeld(Stream& stream) {
-  HeldSegment segment = std::move(stream.held.front());
-  stream.held.erase(stream.held.begin());
-  stream.held_bytes -= segment.payload_length;
-  held_bytes_ -= segment.frame.size();
-  --held_segments_;
-  return segment;
-}
-
-void FlowTracker::DrainHeld(Flow& flow, Stream& stream) {
-  while (!stream.held.empty() && SeqDiff(stream.held.front().start, stream.next) <= 0) {
-    HeldSegment segment = TakeLowestHeld(stream);
-    DeliverHeld(flow, stream, segment);
-  }
-}
-
-void FlowTracker::DeliverHeld(Flow& flow, Stream& stream, HeldSegment& segment) {
-  const int side = &stream == &flow.streams[0] ? 0 : 1;
-  stream.awaiting_head = false;
-  Deliver(flow, side, segment.Bytes(), stream.next - segment.start);
-  const uint32_t end = segment.start + segment.segment_length;
-  if (SeqDiff(end, stream.next) > 0) stream.next = end;
-  if (spare_buffers_.size() < kMaxSpareBuffers) spare_buffers_.push_back(std::move(segment.frame));
+  if (!stream.held.empty()) DrainHeld(flow, stream);
 }
 
 void FlowTracker::Deliver(Flow& flow, int side, const SegmentBytes& bytes, uint32_t skip) {
@@ -398,25 +243,6 @@ void FlowTracker::Deliver(Flow& flow, int side, const SegmentBytes& bytes, uint3
   sink_->OnFlowPacket(flow.view, record, payload, length, direction);
 }
 
-void FlowTracker::FlushHeld(Flow& flow) {
-  for (;;) {
-    // Of the two directions' lowest held segments, the one captured first.
-    Stream* pick = nullptr;
-    for (Stream& stream : flow.streams) {
-      if (stream.held.empty()) continue;
-      if (!pick || stream.held.front().number < pick->held.front().number) pick = &stream;
-    }
-    if (!pick) return;
-    if (SeqDiff(pick->held.front().start, pick->next) > 0) {
-      ++counters_.gaps_skipped;
-      ++flow.view.gaps_;
-      pick->next = pick->held.front().start;
-    }
-    HeldSegment segment = TakeLowestHeld(*pick);
-    DeliverHeld(flow, *pick, segment);
-  }
-}
-
 void FlowTracker::EndFlow(Flow& flow, FlowEndReason reason) {
   if (flow.ended) return;
   flow.ended = true;
@@ -425,17 +251,6 @@ void FlowTracker::EndFlow(Flow& flow, FlowEndReason reason) {
     sink_->OnFlowEnd(flow.view, reason);
   }
   for (Stream& stream : flow.streams) ReleaseHeld(stream);
-}
-
-void FlowTracker::ReleaseHeld(Stream& stream) {
-  for (HeldSegment& segment : stream.held) {
-    held_bytes_ -= segment.frame.size();
-    --held_segments_;
-    if (spare_buffers_.size() < kMaxSpareBuffers) spare_buffers_.push_back(std::move(segment.frame));
-  }
-  stream.held.clear();
-  stream.held.shrink_to_fit();
-  stream.held_bytes = 0;
 }
 
 size_t FlowTracker::RecentSlot(const IpAddress& a, uint16_t a_port, const IpAddress& b, uint16_t b_port) {
