@@ -230,6 +230,8 @@ class RunDatabase final : public RunSink, public AttachmentSink {
   void CommitLocked();
   bool Fail(const std::string& what);
   bool usable() const { return db_ != nullptr; }
+  // With mutex_ held: usable, or else the row about to be written is counted lost.
+  bool RowWritable();
 
   // The rows handed over and not yet written, and the writer's orders.
   std::mutex queue_mutex_;
