@@ -12,7 +12,9 @@
 # scale here for work that shares nothing, the yardstick for --threads 2.
 # A "busy machine" round runs one and two threads again while a CPU-bound
 # process (not pinned: the scheduler moves it and the workers around) takes a
-# core, and checks that two threads are not slower than one there.
+# core, and checks that --threads 2 is not slower than one thread there (it
+# starts no more workers than cores are free); busy-2t-exact shows what two
+# workers would do there all the same.
 #
 #   bench/run.sh            # ~1 GB mixed capture + 500 messages of 2 MiB
 #
@@ -172,7 +174,7 @@ run_all() {
       pelka_once "$capture" pelka-email "$round"
       pelka_once "$capture" pelka-email-no-db "$round" --no-db
       pelka_once "$capture" pelka-email-attach "$round" --attachments
-      pelka_once "$capture" pelka-email-2t "$round" --threads 2
+      pelka_once "$capture" pelka-email-2t "$round" --threads 2 --exact-threads
       pair_once "$capture"
     fi
   done
@@ -185,16 +187,21 @@ run_all() {
 }
 
 # busy_round CAPTURE: one and two threads, best of $repeat runs each, taking
-# turns, while a CPU-bound process runs unpinned; sets busy_single, busy_two.
+# turns, while a CPU-bound process runs unpinned; sets busy_single, busy_two,
+# and busy_fewer: the --threads 2 runs that found a core taken and started
+# fewer workers. busy-2t-exact starts both workers all the same.
 busy_round() {
   local capture=$1 round hog
   sh -c 'while :; do :; done' &
   hog=$!
   result_seconds=()
   result_rss=()
+  busy_fewer=0
   for ((round = 0; round < repeat; ++round)); do
     pelka_once "$capture" busy-1t 1
     pelka_once "$capture" busy-2t 1 --threads 2
+    if grep -q -- '--threads 2: only' "$cache/last.err" 2>/dev/null; then busy_fewer=$((busy_fewer + 1)); fi
+    pelka_once "$capture" busy-2t-exact 1 --threads 2 --exact-threads
   done
   kill "$hog"
   wait "$hog" 2>/dev/null || true
@@ -356,11 +363,12 @@ if [ -x "$pelka" ]; then
   busy_round "$mixed"
   if [ -n "$busy_single" ] && [ -n "$busy_two" ]; then
     printf '%-16s %9s %9s %10s\n' contender seconds MB/s "RSS MiB"
-    for name in busy-1t busy-2t; do
+    for name in busy-1t busy-2t busy-2t-exact; do
       printf '%-16s %9.2f %9.1f %10.1f\n' "$name" "${result_seconds[$name]}" \
         "$(echo "$(count "$mixed" file_bytes) / ${result_seconds[$name]} / 1000000" | bc -l)" \
         "$(echo "${result_rss[$name]} / 1024" | bc -l)"
     done
+    say "busy-2t: $busy_fewer of $repeat runs found a core taken and started one worker"
     check "busy machine: --threads 2 at least as fast as one thread" "$busy_single / $busy_two >= 1.0" \
       "$(echo "$busy_single / $busy_two" | bc -l | xargs printf '%.2f')x"
   fi

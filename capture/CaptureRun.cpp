@@ -13,6 +13,7 @@
 #include "capture/CapturePipeline.h"
 #include "capture/CaptureReading.h"
 #include "capture/FolderRotation.h"
+#include "capture/FreeCores.h"
 #include "capture/HostServices.h"
 #include "capture/HtmlReport.h"
 #include "capture/ModuleLoader.h"
@@ -192,10 +193,27 @@ MessageDigest ReadFoldersDigest(const std::vector<std::string>& folders) {
   return all;
 }
 
+// --threads starts no more workers than cores are free, and says so when
+// that is fewer than asked: the run's figures are read with it.
+ProgramOptions WithFreeCores(const ProgramOptions& requested, std::ostream& err) {
+  ProgramOptions options = requested;
+  if (options.threads <= 1 || options.exact_threads) return options;
+  const unsigned free = FreeCores();
+  if (free >= options.threads) return options;
+  options.threads = free;
+  err << kProgramName << ": --threads " << requested.threads << ": only " << free
+      << (free == 1 ? " core is" : " cores are") << " free (other processes keep the others busy), so "
+      << free << (free == 1 ? " thread analyses" : " threads analyse") << "; --exact-threads starts all "
+      << requested.threads << "\n";
+  return options;
+}
+
 }  // namespace
 
-int RunCapture(const ProgramOptions& options, std::ostream& out, std::ostream& err) {
+int RunCapture(const ProgramOptions& requested, std::ostream& out, std::ostream& err) {
   const auto started = std::chrono::steady_clock::now();
+  // Before any thread of this run exists, which the count would take for another process's.
+  const ProgramOptions options = WithFreeCores(requested, err);
   PrivilegeDrop drop(options.user, options.out_dir);
   if (std::string problem; !drop.Check(&problem)) {
     err << kProgramName << ": " << problem << "\n";

@@ -151,10 +151,14 @@ void AddAnalysisOptions(CLI::App& app, ProgramOptions& options, RawChoices& raw)
       ->check(CheckCodePage)
       ->group(group);
   app.add_option("--threads", options.threads,
-                 "workers that analyse the connections, 1 to 64; each connection stays with one worker")
+                 "workers that analyse the connections, 1 to 64; each connection stays with one worker. "
+                 "No more start than cores are free at the start: other processes' busy threads take theirs")
       ->type_name("N")
       ->capture_default_str()
       ->check(CLI::Range(1u, kMaxThreads).description(""))
+      ->group(group);
+  app.add_flag("--exact-threads", options.exact_threads,
+               "start all the --threads workers, however busy the cores are")
       ->group(group);
 }
 

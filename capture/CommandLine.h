@@ -72,7 +72,9 @@ struct ProgramOptions {
   bool diagnosis = true;
   bool quiet = false;
   // Workers that handle the flows; 1 handles them on the reading thread.
+  // At most as many as cores are free at the start, unless exact_threads.
   unsigned threads = 1;
+  bool exact_threads = false;
   // A connection silent for longer ends; its later packets start afresh.
   uint32_t idle_timeout_seconds = kDefaultIdleTimeoutSeconds;
   // Out-of-order data held back over all connections, in MiB.

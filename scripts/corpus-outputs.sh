@@ -21,7 +21,7 @@ export TZ=UTC
 for f in "$corpus"/*; do
   n=$(basename "$f")
   "$prog" -q --copies -o "$n" "$f" >"$n.stdout" 2>"$n.stderr"; echo "rc=$?" >>"$n.stdout"
-  "$prog" -q --threads 2 -o "$n.t2" "$f" >/dev/null 2>&1
+  "$prog" -q --threads 2 --exact-threads -o "$n.t2" "$f" >/dev/null 2>&1
   # record numbers follow posting order, which differs between threaded runs
   rm -f "$n.t2"/emails.sqlite* "$n.t2"/report.html
   for x in "$n.t2"/*; do [ -f "$x" ] && sed -E 's/"email_number": [0-9]+, //; s/^[0-9]+,//' "$x" | sort -o "$x"; done

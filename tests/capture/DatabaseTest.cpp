@@ -157,7 +157,7 @@ TEST(DatabaseTest, HoldsWhatTheJsonFilesHold) {
   };
   const Case cases[] = {
       {"one thread", {}, true},
-      {"two threads, attachments", {"--threads", "2", "--attachments"}, false},
+      {"two threads, attachments", {"--threads", "2", "--exact-threads", "--attachments"}, false},
   };
   std::vector<std::string> captures = PublicCaptures();
   captures.push_back(test::kSample.string());

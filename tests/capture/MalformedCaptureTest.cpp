@@ -173,16 +173,17 @@ const std::vector<MalformedCase>& Cases() {
 
 class MalformedCaptureTest : public ::testing::TestWithParam<MalformedCase> {};
 
-// Runs the case's capture with "-o DIR/out --quiet --threads N" and returns
+// Runs the case's capture with "-o DIR/out --quiet --threads N --exact-threads" and returns
 // what it gave; `input` is set to the name the messages must use for it.
 ProgramResult RunCase(const TempDir& dir, const MalformedCase& c, const char* threads, std::string* input) {
-  std::vector<std::string> args = {"-o", (dir / "out").string(), "--quiet", "--threads", threads};
+  std::vector<std::string> args = {"-o", (dir / "out").string(), "--quiet", "--threads", threads, "--exact-threads"};
+  const size_t first_file = args.size();
   for (size_t i = 0; i < c.files.size(); ++i) {
     const test::fs::path path = dir / ("capture" + std::to_string(i) + ".pcap");
     test::WriteWholeFile(path, c.files[i]);
     args.push_back(c.on_stdin ? "-" : path.string());
   }
-  *input = c.on_stdin ? "standard input" : args[5];
+  *input = c.on_stdin ? "standard input" : args[first_file];
   test::ProgramProcess process(args, c.on_stdin);
   if (c.on_stdin) {
     process.WriteStdin(c.files[0]);

@@ -4,14 +4,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <map>
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ProgramHarness.h"
+#include "capture/CommandLine.h"
 
 namespace pelka {
 namespace {
@@ -37,7 +40,8 @@ Outputs RunWithThreads(const fs::path& capture, unsigned threads, const std::vec
   static const TempDir dir;
   const fs::path out = dir / "out";
   fs::remove_all(out);
-  std::vector<std::string> args = {"-q", "--copies", "--threads", std::to_string(threads), "-o", out.string()};
+  std::vector<std::string> args = {"-q",         "--copies", "--threads", std::to_string(threads),
+                                   "--exact-threads", "-o",   out.string()};
   args.insert(args.end(), extra.begin(), extra.end());
   args.push_back(capture.string());
   const test::ProgramResult result = test::RunProgram(args);
@@ -151,11 +155,40 @@ TEST_F(ThreadsTest, TooManyOpenConnectionsAreReportedWithTheBoundReached) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.threads);
     const test::ProgramResult result = test::RunProgram(
-        {"-q", "--threads", std::to_string(c.threads), "-o", (dir / "out").string(), capture.string()});
+        {"-q", "--threads", std::to_string(c.threads), "--exact-threads", "-o", (dir / "out").string(), capture.string()});
     test::ExpectNoCrash(result);
     EXPECT_EQ(result.status, 0);
     EXPECT_THAT(result.err, ::testing::HasSubstr(c.warning));
   }
+}
+
+// Other processes' busy threads take their cores: --threads starts no more
+// workers than are left, and says so; --exact-threads starts them all.
+TEST_F(ThreadsTest, WorkersBeyondTheFreeCoresStartOnlyWhenAskedExactly) {
+  if (std::thread::hardware_concurrency() > kMaxThreads - 2) GTEST_SKIP() << "more cores than --threads takes";
+  std::atomic<bool> spin{true};
+  std::vector<std::thread> busy;
+  for (int i = 0; i < 2; ++i) {
+    busy.emplace_back([&spin] {
+      while (spin.load(std::memory_order_relaxed)) {
+      }
+    });
+  }
+  TempDir dir;
+  const auto run = [&](bool exact) {
+    std::vector<std::string> args = {"-q", "--threads", std::to_string(kMaxThreads), "-o", (dir / "out").string()};
+    if (exact) args.push_back("--exact-threads");
+    args.push_back(kSample.string());
+    return test::RunProgram(args);
+  };
+  const test::ProgramResult fewer = run(false);
+  const test::ProgramResult all = run(true);
+  spin = false;
+  for (std::thread& thread : busy) thread.join();
+  EXPECT_EQ(fewer.status, 0);
+  EXPECT_THAT(fewer.err, ::testing::HasSubstr(": --threads 64: only "));
+  EXPECT_EQ(all.status, 0);
+  EXPECT_EQ(all.err, "");
 }
 
 }  // namespace

@@ -157,7 +157,7 @@ TEST_P(StopSignalTest, StopsCleanlyKeepingWholeLines) {
   TempDir dir;
   const path out = dir / "out";
   const std::string input = c.from_pipe ? "-" : BigCapture();
-  test::ProgramProcess process({"--threads", c.threads, "-o", out.string(), input}, c.from_pipe);
+  test::ProgramProcess process({"--threads", c.threads, "--exact-threads", "-o", out.string(), input}, c.from_pipe);
   if (c.from_pipe) {
     // The export files show their header before any packet came.
     EXPECT_TRUE(test::WaitForLines(out / "email_log.csv", 1, std::chrono::seconds(10)));
