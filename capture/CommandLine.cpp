@@ -152,7 +152,7 @@ void AddAnalysisOptions(CLI::App& app, ProgramOptions& options, RawChoices& raw)
       ->group(group);
   app.add_option("--threads", options.threads,
                  "workers that analyse the connections, 1 to 64; each connection stays with one worker. "
-                 "No more start than cores are free at the start: other processes' busy threads take theirs")
+                 "No more start than cores are free when the run starts")
       ->type_name("N")
       ->capture_default_str()
       ->check(CLI::Range(1u, kMaxThreads).description(""))
