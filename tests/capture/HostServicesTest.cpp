@@ -154,7 +154,7 @@ TEST_F(HostServicesTest, OneSmtpMessageGivesItsRecordEntryExportLinesAndStatisti
 }
 
 // The report line as written; the threshold and the switch are ProgramTest's
-// (NoDiagnosisAndThresholdsDecideTheSlowReplyReport) and HostDiagnosis's, the
+// (ThresholdsSwitchAndLanguageDecideTheSlowReplyReport) and HostDiagnosis's, the
 // threshold's edge ResponseChecksTest's.
 TEST_F(HostServicesTest, ASlowReplyIsReportedInOneLine) {
   // The reply, packet 6, comes 450 ms after packet 5; the threshold is 200 ms.

@@ -126,7 +126,7 @@ TEST_F(OutputSafetyTest, UnsafeOutputsStopTheRunAndSayWhy) {
   const auto earlier_run = [&] { ASSERT_EQ(RunFor({"-q", "-o", out.string(), good}).status, kExitDone); };
   const auto make_out = [&] { fs::create_directories(out); };
   const Case cases[] = {
-      {"a mistyped input", earlier_run, {(dir_ / "typo.pcap").string()}, "cannot open", 3},
+      {"a mistyped input", earlier_run, {(dir_ / "typo.pcap").string()}, "typo.pcap: No such file", 3},
       {"another run holds the folder",
        [&] {
          earlier_run();

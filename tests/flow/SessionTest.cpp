@@ -163,20 +163,6 @@ TEST(SmtpAuthTest, PromptsAndLoginLines) {
   EXPECT_EQ(CollectedBytes(smtp.context()), "Ym9i\r\n");
 }
 
-TEST(Pop3ReplyTest, OnlyShortErrLinesRefuseARetrieval) {
-  const std::pair<const char*, bool> cases[] = {
-      {"-ERRx\r\n", true}, {"-ERR no such message\r\n", false}, {"+OK\r\n", false},
-  };
-  for (const auto& [reply, refused] : cases) {
-    Session pop3(110);
-    pop3.Client("RETR 9\r\n", 1);
-    EXPECT_EQ(pop3.Server(reply, 2), refused ? 1u : 0u) << reply;
-    EXPECT_EQ(CollectedBytes(pop3.context()), refused ? "" : reply) << reply;
-    EXPECT_EQ(pop3.context().reply_seen, refused ? 0u : 1u) << reply;
-    EXPECT_EQ(pop3.context().in_body, 1u) << reply;
-  }
-}
-
 TEST(Pop3ReplyTest, AnEndingCommandKeepsTheUnfinishedBytes) {
   Session pop3(110);
   pop3.Client("RETR 1\r\n", 1);

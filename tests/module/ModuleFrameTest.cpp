@@ -124,8 +124,14 @@ TEST(ModuleOptions, LoadReadsTheNumberLeniently) {
       {L"<options/>", 1, 0},
       {L"<options max_flow_length=\"-3\"/>", 1, 0},              // negative counts nothing
       {L"<options max_flow_length=\"5000\"/>", 1, 0xFFFFFFFFu},  // beyond 32 bits: the largest count
+      // Read whatever encoding the declaration names.
+      {L"<?xml version=\"1.0\" encoding=\"UTF-16\"?>\r\n<options max_flow_length=\"2\"/>", 1, 2 * 1048576},
+      {L"<?xml version=\"1.0\" encoding=\"UTF-8\"?><options max_flow_length='2'>\n</options> ", 1, 2 * 1048576},
       {L"<settings max_flow_length=\"5\"/>", 0, 42},
       {L"not xml", 0, 42},
+      {L"<options max_flow_length=\"5\"", 0, 42},
+      {L"<options max_flow_length=\"5\"></b>", 0, 42},
+      {L"<options max_flow_length=\"5\"/><options/>", 0, 42},  // two roots
       {L"", 0, 42},
       {nullptr, 0, 42},
   };

@@ -104,6 +104,7 @@ TEST_F(EmailCopyTest, NoCopyUnlessTheHostAsksForOne) {
     module.SaveEmailCopy(&context_, c.with_packet ? builder_.Build(1, kCompletedAt, 40001, 25) : nullptr);
     EXPECT_EQ(context_.copy_path, L"");
   }
+  module_.SaveEmailCopy(nullptr, builder_.Build(1, kCompletedAt, 40001, 25));  // no message to copy
   EXPECT_TRUE(fs::is_empty(root_));
 }
 

@@ -167,7 +167,6 @@ class InMemoryLog final : public IPelkaLog {
 class InMemoryLogService final : public IPelkaLogService {
  public:
   uint32_t CreateLog(const char*, const wchar_t* caption, uint32_t, int32_t icon, IPelkaLog** log) override {
-    if (create_status != 0) return create_status;
     logs.push_back(std::make_unique<InMemoryLog>(CopyText(caption), icon));
     logs.back()->refuse_key = refuse_key;
     if (log) *log = logs.back().get();
@@ -192,7 +191,6 @@ class InMemoryLogService final : public IPelkaLogService {
 
   std::vector<std::unique_ptr<InMemoryLog>> logs;
   std::wstring storage_root;
-  uint32_t create_status = 0;
   uint32_t root_status = 0;
   std::string refuse_key;  // handed to every log created from now on
 };
