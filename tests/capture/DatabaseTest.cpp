@@ -255,5 +255,13 @@ TEST(DatabaseTest, MergedFoldersGiveTheMergedDatabase) {
             Rows(db.get(), "SELECT email_number FROM messages WHERE email_subject = 'Quarterly report' ORDER BY id"));
 }
 
+TEST(DatabaseTest, NoDbWritesNone) {
+  REQUIRE_PROGRAM();
+  test::TempDir out;
+  test::ExpectNoCrash(test::RunProgram({"-q", "--no-db", "-o", out.path().string(), test::kSample.string()}));
+  EXPECT_TRUE(test::fs::exists(out.path() / "emails.jsonl"));
+  EXPECT_FALSE(test::fs::exists(out.path() / "emails.sqlite"));
+}
+
 }  // namespace
 }  // namespace pelka
