@@ -185,6 +185,17 @@ TEST(FlowTrackerTest, HeldSegmentsAreBoundedThenTheLowestGoesOutAfterItsGap) {
   }
 }
 
+// A segment below every held one is held too; over the bound it is the lowest
+// and goes out whole, before the others.
+TEST(FlowTrackerTest, ASegmentBelowEveryHeldOneGoesOutWholeWhenTheBoundIsReached) {
+  TrackerHarness harness;
+  harness.Feed({'c', 100, PA, "a"});
+  for (uint32_t i = 0; i < FlowTracker::kMaxHeldSegments; ++i) harness.Feed({'c', 300 + 2 * i, PA, "h"});
+  harness.Feed({'c', 150, PA, "below"});
+  ASSERT_EQ(harness.sink.events.size(), 3u);
+  EXPECT_EQ(harness.sink.events[2], "#66 1 below");
+}
+
 // Over all connections the held frames are bounded too: past the bound the
 // segment held longest goes out after its gap, whichever flow holds it.
 TEST(FlowTrackerTest, HoldBoundOverAllFlowsReleasesTheOldestHeldFirst) {
